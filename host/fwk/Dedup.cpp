@@ -1,0 +1,170 @@
+#include "host/fwk/Dedup.h"
+
+#include <bit>
+
+namespace Ovk {
+
+namespace {
+constexpr std::size_t kInitialSlots = 16;
+constexpr std::size_t kNone = ~std::size_t{0};
+} // namespace
+
+char const* toStrep(DedupHandleState s) {
+   switch (s) {
+    case DedupHandleState::neverDeduped: return "neverDeduped";
+    case DedupHandleState::deduped: return "deduped";
+    case DedupHandleState::orphan: return "orphan";
+   }
+   return "?";
+}
+
+void DedupHandle::assertIsDeduped() const { OVK_ASSERT(state_ == DedupHandleState::deduped); }
+
+void DedupHandle::orphanIs(Ptr<DedupHashTable const> const& table) {
+   OVK_ASSERT(state_ == DedupHandleState::neverDeduped);
+   OVK_ASSERT(table);
+   table->newRef(); // released in the destructor
+   table_ = table.ptr();
+   state_ = DedupHandleState::orphan;
+}
+
+DedupHandle::~DedupHandle() {
+   if (state_ == DedupHandleState::orphan && table_) table_->deleteRef();
+}
+
+void DedupHandle::onZeroReferences() {
+   if (state_ == DedupHandleState::deduped && table_) {
+      // Keep the object alive through the removal callbacks.
+      newRef();
+      table_->remove(this);
+      // Anything the notifiee held was anchored; what is left is our own reference.
+      OVK_ASSERT(references() == 1);
+      state_ = DedupHandleState::neverDeduped;
+      table_ = nullptr;
+   }
+   delete this;
+}
+
+void DedupHandle::onOnlyAnchoredReferences() {
+   if (state_ != DedupHandleState::deduped || !table_) return;
+   // Only the table's own bookkeeping holds this handle: leave the table. The notifiee's
+   // handleRemove lets go of the anchored references, and the last release deletes us.
+   Ptr<DedupHandle> self(this);
+   DedupHashTable const* table = table_;
+   table->newRef();
+   state_ = DedupHandleState::neverDeduped;
+   table_ = nullptr;
+   table->remove(this);
+   table->deleteRef();
+}
+
+DedupHashTable::DedupHashTable() : slots_(kInitialSlots, nullptr) {}
+
+DedupHashTable::~DedupHashTable() {
+   // Entries still referenced from outside outlive the table: detach them.
+   Ptr<DedupTableNotifiee> n = std::move(notifiee_);
+   for (DedupHandle*& h : slots_) {
+      if (!h) continue;
+      DedupHandle* e = h;
+      h = nullptr;
+      --size_;
+      e->table_ = nullptr;
+      if (n) {
+         Ptr<DedupHandle> keep(e);
+         n->handleRemove(e);
+      }
+   }
+}
+
+void DedupHashTable::notifieeIs(Ptr<DedupTableNotifiee> const& n) {
+   if (notifiee_ == n) return;
+   if (notifiee_) notifiee_->handleNotificationStop(Ptr<DedupHashTable const>(this));
+   notifiee_ = n;
+}
+
+std::size_t DedupHashTable::findSlot(DedupHandle const& probe, std::uint32_t hash) const {
+   std::size_t const mask = slots_.size() - 1;
+   for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
+      DedupHandle* h = slots_[i];
+      if (!h) return kNone;
+      if (h->hash_ == hash && h != &probe && h->compare(&probe)) return i;
+   }
+}
+
+Ptr<DedupHandle const> DedupHashTable::lookup(DedupHandle const& probe) const {
+   std::size_t const i = findSlot(probe, probe.hash());
+   if (i == kNone) return nullptr;
+   ++counters_.hits;
+   return Ptr<DedupHandle const>(slots_[i]);
+}
+
+Ptr<DedupHandle const> DedupHashTable::lookupOrInsert(Ptr<DedupHandle> const& handle) const {
+   OVK_ASSERT(handle);
+   OVK_ASSERT(handle->state_ == DedupHandleState::neverDeduped);
+   std::uint32_t const hash = handle->hash();
+   std::size_t const mask = slots_.size() - 1;
+   std::size_t i = hash & mask;
+   for (;; i = (i + 1) & mask) {
+      DedupHandle* h = slots_[i];
+      if (!h) break;
+      if (h->hash_ == hash && h->compare(handle.ptr())) {
+         ++counters_.hits;
+         return Ptr<DedupHandle const>(h);
+      }
+   }
+   // Grow at 3/4 load, then find the free slot again in the larger index.
+   if ((size_ + 1) * 4 > slots_.size() * 3) {
+      grow();
+      std::size_t const m = slots_.size() - 1;
+      for (i = hash & m; slots_[i]; i = (i + 1) & m) {}
+   }
+   slots_[i] = handle.ptr();
+   ++size_;
+   ++counters_.inserts;
+   handle->hash_ = hash;
+   handle->table_ = this;
+   handle->state_ = DedupHandleState::deduped;
+   if (notifiee_) notifiee_->handleInsert(handle);
+   return handle;
+}
+
+void DedupHashTable::grow() const {
+   std::vector<DedupHandle*> old(slots_.size() * 2, nullptr);
+   old.swap(slots_);
+   std::size_t const mask = slots_.size() - 1;
+   for (DedupHandle* h : old) {
+      if (!h) continue;
+      std::size_t i = h->hash_ & mask;
+      while (slots_[i]) i = (i + 1) & mask;
+      slots_[i] = h;
+   }
+}
+
+void DedupHashTable::remove(DedupHandle* h) const {
+   std::size_t const mask = slots_.size() - 1;
+   std::size_t i = h->hash_ & mask;
+   while (slots_[i] != h) {
+      OVK_ASSERT(slots_[i] != nullptr);
+      i = (i + 1) & mask;
+   }
+   // Backward-shift deletion keeps every probe chain unbroken without tombstones.
+   std::size_t j = i;
+   for (;;) {
+      j = (j + 1) & mask;
+      DedupHandle* e = slots_[j];
+      if (!e) break;
+      std::size_t const home = e->hash_ & mask;
+      // Move e into the hole when its home is not cyclically in (i, j].
+      bool const between = (i <= j) ? (home > i && home <= j) : (home > i || home <= j);
+      if (!between) {
+         slots_[i] = e;
+         i = j;
+      }
+   }
+   slots_[i] = nullptr;
+   --size_;
+   ++counters_.removes;
+   if (notifiee_) notifiee_->handleRemove(h);
+}
+
+} // namespace Ovk

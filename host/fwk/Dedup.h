@@ -1,0 +1,134 @@
+// Dedup handles and dedup hash tables.
+//
+// A dedup handle is an immutable shared value (a route key, a next hop) that is interned in
+// a dedup table so that every distinct value exists once. A handle is in one of three
+// states:
+//   never deduplicated - just built and being filled; not in any table;
+//   deduplicated       - the canonical instance, entered in its table;
+//   orphan             - tied to a table (it holds a reference to it) but never entered;
+//                        made for a lookup or a display only.
+// The table finds equal values through the handle's hash() and compare(). It holds its
+// entries weakly: when the last outside reference to a deduplicated handle goes, the handle
+// leaves its table (and its table's notifiee hears handleRemove) before it is deleted.
+// Deduplicated handles point back at their table without keeping it alive; a table that
+// dies first detaches its remaining entries, so handles and tables may die in either order.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "host/fwk/Ptr.h"
+
+namespace Ovk {
+
+class DedupHashTable;
+
+enum class DedupHandleState : std::uint8_t { neverDeduped = 0, deduped = 1, orphan = 2 };
+
+constexpr DedupHandleState dedupHandleStateNeverDeduped() { return DedupHandleState::neverDeduped; }
+constexpr DedupHandleState dedupHandleStateDeduped() { return DedupHandleState::deduped; }
+constexpr DedupHandleState dedupHandleStateOrphan() { return DedupHandleState::orphan; }
+char const* toStrep(DedupHandleState s);
+
+class DedupHandle : public PtrInterface {
+ public:
+   DedupHandleState dedupState() const { return state_; }
+   bool isDeduped() const { return state_ == DedupHandleState::deduped; }
+   void assertIsDeduped() const;
+   // The table this handle belongs to (deduplicated or orphan); null when never
+   // deduplicated, or when its table has died.
+   DedupHashTable const* dedupTable() const { return table_; }
+   // The hash stored when the handle entered its table.
+   std::uint32_t storedHash() const { return hash_; }
+
+   // The value's hash and equality. compare() is called only with handles of one table.
+   virtual std::uint32_t hash() const = 0;
+   virtual bool compare(DedupHandle const* other) const = 0;
+
+   // Makes this never-deduplicated handle an orphan of `table`: it holds a reference to the
+   // table but is not entered in it.
+   void orphanIs(Ptr<DedupHashTable const> const& table);
+
+ protected:
+   DedupHandle() = default;
+   DedupHandle(DedupHandle const&) = delete;
+   DedupHandle& operator=(DedupHandle const&) = delete;
+   ~DedupHandle() override;
+   void onZeroReferences() override;
+   void onOnlyAnchoredReferences() override;
+
+ private:
+   friend class DedupHashTable;
+   DedupHashTable const* table_ = nullptr;
+   std::uint32_t hash_ = 0;
+   DedupHandleState state_ = DedupHandleState::neverDeduped;
+};
+
+// Hears a table's inserts and removes, one for one.
+class DedupTableNotifiee : public PtrInterface {
+ public:
+   // A handle entered the table (it is deduplicated already).
+   virtual void handleInsert(Ptr<DedupHandle> const& handle) = 0;
+   // A handle left the table: its last outside reference went, or the table died.
+   virtual void handleRemove(DedupHandle* handle) = 0;
+   // The table stops notifying this notifiee: another notifiee replaced it. (A dying table
+   // sends handleRemove for each entry it still holds instead.)
+   virtual void handleNotificationStop(Ptr<DedupHashTable const> const& table) = 0;
+
+ protected:
+   ~DedupTableNotifiee() override = default;
+};
+
+class DedupHashTable : public PtrInterface {
+ public:
+   // Returns the table's instance equal to `handle`, or enters `handle` (which must be
+   // never deduplicated) and returns it.
+   Ptr<DedupHandle const> lookupOrInsert(Ptr<DedupHandle> const& handle) const;
+   // The table's instance equal to `probe`, or empty.
+   Ptr<DedupHandle const> lookup(DedupHandle const& probe) const;
+
+   std::size_t size() const { return size_; }
+   std::size_t capacity() const { return slots_.size(); }
+   // Bytes of the table's own index (the entries themselves are counted by their owners).
+   std::size_t indexBytes() const { return slots_.capacity() * sizeof(DedupHandle*); }
+
+   struct Counters {
+      std::uint64_t inserts = 0;
+      std::uint64_t removes = 0;
+      std::uint64_t hits = 0;
+   };
+   Counters const& counters() const { return counters_; }
+
+   Ptr<DedupTableNotifiee> notifiee() const { return notifiee_; }
+   void notifieeIs(Ptr<DedupTableNotifiee> const& n);
+
+   // Calls f(handle) for every entry, in no particular order. f must not change the table.
+   template <class F> void forEach(F&& f) const {
+      for (DedupHandle* h : slots_) if (h) f(h);
+   }
+
+ protected:
+   DedupHashTable();
+   ~DedupHashTable() override;
+
+ private:
+   friend class DedupHandle;
+   void remove(DedupHandle* h) const;
+   std::size_t findSlot(DedupHandle const& probe, std::uint32_t hash) const;
+   void grow() const;
+
+   mutable std::vector<DedupHandle*> slots_;
+   mutable std::size_t size_ = 0;
+   mutable Counters counters_;
+   Ptr<DedupTableNotifiee> notifiee_;
+};
+
+// A plain table of one handle type, for users with nothing to add.
+class SimpleDedupHashTable : public DedupHashTable {
+ public:
+   static Ptr<SimpleDedupHashTable> create() { return makePtr<SimpleDedupHashTable>(); }
+};
+
+} // namespace Ovk

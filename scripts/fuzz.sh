@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Runs every fuzz target of the fuzz build for a bounded time, seeded from its corpus
+# folder (fuzz/corpus/<target>) when there is one. FUZZ_SECONDS sets the time per target.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds="${FUZZ_SECONDS:-30}"
+shopt -s nullglob
+ran=0
+for bin in build/fuzz/fuzz/*Fuzz; do
+  name="$(basename "$bin")"
+  work="build/fuzz/corpus-$name"
+  mkdir -p "$work"
+  seeds=()
+  [ -d "fuzz/corpus/$name" ] && seeds+=("fuzz/corpus/$name")
+  echo "fuzz: $name for ${seconds}s"
+  "$bin" -max_total_time="$seconds" -print_final_stats=1 "$work" "${seeds[@]}" >"build/fuzz/$name.log" 2>&1 || {
+    tail -n 60 "build/fuzz/$name.log"
+    echo "fuzz: $name failed"
+    exit 1
+  }
+  grep -E 'stat::number_of_executed_units' "build/fuzz/$name.log" || true
+  ran=$((ran + 1))
+done
+echo "fuzz: $ran targets clean"

@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Installs every Debian package the project needs to build and test, skipping what is
+# installed already. Safe to run again. Needs root (or sudo) only when something is missing.
+set -euo pipefail
+
+PACKAGES=(
+  # toolchain and build
+  g++ cmake ninja-build clang libclang-rt-14-dev
+  # tests and benchmarks
+  googletest libgtest-dev libgmock-dev libbenchmark-dev
+)
+# Extra packages may be named in the environment (space separated).
+PACKAGES+=(${EXTRA_PACKAGES:-})
+
+missing=()
+for p in "${PACKAGES[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  echo "setup: all ${#PACKAGES[@]} packages are installed"
+  exit 0
+fi
+
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+echo "setup: installing ${missing[*]}"
+# Package scripts must not start daemons on this machine: the tests start their own.
+policy_created=0
+if [ ! -e /usr/sbin/policy-rc.d ]; then
+  printf '#!/bin/sh\nexit 101\n' | $SUDO tee /usr/sbin/policy-rc.d >/dev/null
+  $SUDO chmod +x /usr/sbin/policy-rc.d
+  policy_created=1
+fi
+trap '[ $policy_created -eq 1 ] && $SUDO rm -f /usr/sbin/policy-rc.d' EXIT
+$SUDO apt-get update
+DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y --no-install-recommends "${missing[@]}"
