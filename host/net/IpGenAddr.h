@@ -90,7 +90,7 @@ class IpGenPrefix {
  private:
    IpGenAddr addr_;
    std::uint8_t len_;
-   std::uint8_t pad_[3];
+   [[maybe_unused]] std::uint8_t pad_[3]; // always zero
 };
 static_assert(sizeof(IpGenPrefix) == 24);
 
