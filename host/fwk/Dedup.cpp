@@ -60,7 +60,14 @@ void DedupHandle::onOnlyAnchoredReferences() {
 
 DedupHashTable::DedupHashTable() : slots_(kInitialSlots, nullptr) {}
 
-DedupHashTable::~DedupHashTable() {
+DedupHashTable::~DedupHashTable() { detachEntries(); }
+
+void DedupHashTable::onZeroReferences() {
+   detachEntries();
+   delete this;
+}
+
+void DedupHashTable::detachEntries() {
    // Entries still referenced from outside outlive the table: detach them.
    Ptr<DedupTableNotifiee> n = std::move(notifiee_);
    for (DedupHandle*& h : slots_) {

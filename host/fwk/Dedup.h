@@ -112,9 +112,15 @@ class DedupHashTable : public PtrInterface {
  protected:
    DedupHashTable();
    ~DedupHashTable() override;
+   // The last reference went: detach every entry (the notifiee hears handleRemove for each)
+   // before any destructor runs, so that tables of derived types may keep entries of their
+   // own (singletons) and release them in their destructors without touching the table.
+   // Notifiees must not take references to the dying table.
+   void onZeroReferences() override;
 
  private:
    friend class DedupHandle;
+   void detachEntries();
    void remove(DedupHandle* h) const;
    std::size_t findSlot(DedupHandle const& probe, std::uint32_t hash) const;
    void grow() const;

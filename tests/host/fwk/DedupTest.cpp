@@ -129,6 +129,26 @@ TEST_F(DedupTest, TableDyingFirstDetachesItsEntries) {
    survivor = nullptr; // must not touch the dead table
 }
 
+// A table that keeps one of its own entries (a singleton) while a notifiee anchors it: the
+// table's last release must not reach the dying table through the entry's release.
+struct TableWithSingleton : Ovk::SimpleDedupHashTable {
+   Ptr<Value const> singleton;
+};
+
+TEST_F(DedupTest, TableKeepingItsOwnAnchoredEntryDiesCleanly) {
+   auto t = Ovk::makePtr<TableWithSingleton>();
+   auto rec = Ovk::makePtr<Recorder>();
+   t->notifieeIs(rec);
+   t->singleton = Ovk::ptrCast<Value const>(t->lookupOrInsert(Ovk::makePtr<Value>(1)));
+   auto outside = dedup(t, 2);
+   t = nullptr;
+   // Both entries heard their removal; the singleton died with the table, the other lives on.
+   EXPECT_EQ(rec->removes.size(), 2u);
+   EXPECT_TRUE(rec->held.empty());
+   EXPECT_EQ(liveValues, 1);
+   EXPECT_EQ(outside->dedupTable(), nullptr);
+}
+
 TEST_F(DedupTest, CollidingHashesAndRandomLifetimesKeepTheTableConsistent) {
    std::mt19937 rng(7);
    auto t = Ovk::SimpleDedupHashTable::create();
