@@ -18,6 +18,15 @@ Ovk::Ptr<T> activated(Ovk::Ptr<T> p) {
    return p;
 }
 
+// A marker next hop has only its family to restore.
+template <class Marker>
+Ovk::Ptr<Marker> dehoardMarker(void const* image, Ovk::Ptr<Hoard::StoreManager> const& storeManager) {
+   auto const view = storeManager->translate<Marker>(image);
+   auto nh = Ovk::makePtr<Marker>(view->afi());
+   storeManager->validateAnchor(view.anchor());
+   return nh;
+}
+
 } // namespace
 
 // ---- FlowspecGenNexthop ----
@@ -117,10 +126,7 @@ Ovk::FwkType const& FlowspecPolicyRejectNexthop::fwkType() const { return classF
 
 Ovk::Ptr<FlowspecPolicyRejectNexthop> FlowspecPolicyRejectNexthop::dehoard(
     void const* image, Ovk::Ptr<Hoard::StoreManager> const& storeManager) {
-   auto const view = storeManager->translate<FlowspecPolicyRejectNexthop>(image);
-   auto nh = Ovk::makePtr<FlowspecPolicyRejectNexthop>(view->afi());
-   storeManager->validateAnchor(view.anchor());
-   return nh;
+   return dehoardMarker<FlowspecPolicyRejectNexthop>(image, storeManager);
 }
 
 // ---- FlowspecNexthopSelf ----
@@ -138,10 +144,7 @@ Ovk::FwkType const& FlowspecNexthopSelf::fwkType() const { return classFwkType()
 
 Ovk::Ptr<FlowspecNexthopSelf> FlowspecNexthopSelf::dehoard(void const* image,
                                                            Ovk::Ptr<Hoard::StoreManager> const& storeManager) {
-   auto const view = storeManager->translate<FlowspecNexthopSelf>(image);
-   auto nh = Ovk::makePtr<FlowspecNexthopSelf>(view->afi());
-   storeManager->validateAnchor(view.anchor());
-   return nh;
+   return dehoardMarker<FlowspecNexthopSelf>(image, storeManager);
 }
 
 // ---- FlowspecGenNexthopDedupTable ----

@@ -1,6 +1,5 @@
 #include "BgpFlowspec/FlowspecPluginHoardReaders.h"
 
-#include "BgpFlowspec/FlowspecNexthop.h"
 #include "host/hoard/AttributeCache.h"
 
 namespace Routing::Bgp::FlowspecPlugin {
@@ -16,13 +15,6 @@ Ovk::FwkType const& FlowspecGenNexthopHoardReader::classFwkType() {
 
 Ovk::FwkType const& FlowspecGenNexthopHoardReader::fwkType() const { return classFwkType(); }
 
-std::string_view FlowspecGenNexthopHoardReader::typeName() const { return FlowspecGenNexthop::classFwkType().name(); }
-
-Ovk::Ptr<GenNexthop> FlowspecGenNexthopHoardReader::dehoard(void const* image,
-                                                            Ovk::Ptr<Hoard::StoreManager> const& storeManager) const {
-   return FlowspecGenNexthop::dehoard(image, storeManager);
-}
-
 // ---- FlowspecPolicyRejectNexthopHoardReader ----
 
 FlowspecPolicyRejectNexthopHoardReader::~FlowspecPolicyRejectNexthopHoardReader() = default;
@@ -34,15 +26,6 @@ Ovk::FwkType const& FlowspecPolicyRejectNexthopHoardReader::classFwkType() {
 
 Ovk::FwkType const& FlowspecPolicyRejectNexthopHoardReader::fwkType() const { return classFwkType(); }
 
-std::string_view FlowspecPolicyRejectNexthopHoardReader::typeName() const {
-   return FlowspecPolicyRejectNexthop::classFwkType().name();
-}
-
-Ovk::Ptr<GenNexthop> FlowspecPolicyRejectNexthopHoardReader::dehoard(
-    void const* image, Ovk::Ptr<Hoard::StoreManager> const& storeManager) const {
-   return FlowspecPolicyRejectNexthop::dehoard(image, storeManager);
-}
-
 // ---- FlowspecNexthopSelfHoardReader ----
 
 FlowspecNexthopSelfHoardReader::~FlowspecNexthopSelfHoardReader() = default;
@@ -53,13 +36,6 @@ Ovk::FwkType const& FlowspecNexthopSelfHoardReader::classFwkType() {
 }
 
 Ovk::FwkType const& FlowspecNexthopSelfHoardReader::fwkType() const { return classFwkType(); }
-
-std::string_view FlowspecNexthopSelfHoardReader::typeName() const { return FlowspecNexthopSelf::classFwkType().name(); }
-
-Ovk::Ptr<GenNexthop> FlowspecNexthopSelfHoardReader::dehoard(void const* image,
-                                                             Ovk::Ptr<Hoard::StoreManager> const& storeManager) const {
-   return FlowspecNexthopSelf::dehoard(image, storeManager);
-}
 
 // ---- FlowspecOrreryInitializer ----
 

@@ -7,38 +7,47 @@
 
 #include <string_view>
 
+#include "BgpFlowspec/FlowspecNexthop.h"
 #include "host/bgp/GenNexthopHoardReader.h"
 
 namespace Routing::Bgp::FlowspecPlugin {
 
-class FlowspecGenNexthopHoardReader : public GenNexthopHoardReader {
+// The reader of next-hop type T: its name is T's type name, and it rebuilds through
+// T::dehoard.
+template <class T>
+class FlowspecNexthopHoardReaderOf : public GenNexthopHoardReader {
+ public:
+   std::string_view typeName() const override { return T::classFwkType().name(); }
+   Ovk::Ptr<GenNexthop> dehoard(void const* image, Ovk::Ptr<Hoard::StoreManager> const& storeManager) const override {
+      return T::dehoard(image, storeManager);
+   }
+
+ protected:
+   ~FlowspecNexthopHoardReaderOf() override = default;
+};
+
+class FlowspecGenNexthopHoardReader : public FlowspecNexthopHoardReaderOf<FlowspecGenNexthop> {
  public:
    static Ovk::FwkType const& classFwkType();
    Ovk::FwkType const& fwkType() const override;
-   std::string_view typeName() const override;
-   Ovk::Ptr<GenNexthop> dehoard(void const* image, Ovk::Ptr<Hoard::StoreManager> const& storeManager) const override;
 
  protected:
    ~FlowspecGenNexthopHoardReader() override;
 };
 
-class FlowspecPolicyRejectNexthopHoardReader : public GenNexthopHoardReader {
+class FlowspecPolicyRejectNexthopHoardReader : public FlowspecNexthopHoardReaderOf<FlowspecPolicyRejectNexthop> {
  public:
    static Ovk::FwkType const& classFwkType();
    Ovk::FwkType const& fwkType() const override;
-   std::string_view typeName() const override;
-   Ovk::Ptr<GenNexthop> dehoard(void const* image, Ovk::Ptr<Hoard::StoreManager> const& storeManager) const override;
 
  protected:
    ~FlowspecPolicyRejectNexthopHoardReader() override;
 };
 
-class FlowspecNexthopSelfHoardReader : public GenNexthopHoardReader {
+class FlowspecNexthopSelfHoardReader : public FlowspecNexthopHoardReaderOf<FlowspecNexthopSelf> {
  public:
    static Ovk::FwkType const& classFwkType();
    Ovk::FwkType const& fwkType() const override;
-   std::string_view typeName() const override;
-   Ovk::Ptr<GenNexthop> dehoard(void const* image, Ovk::Ptr<Hoard::StoreManager> const& storeManager) const override;
 
  protected:
    ~FlowspecNexthopSelfHoardReader() override;
