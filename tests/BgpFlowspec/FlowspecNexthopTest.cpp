@@ -62,12 +62,11 @@ TEST(FlowspecNexthopTest, WireAndTextForms) {
    Row const rows[] = {
        {"empty", Afi::afiIpv4, none, {}, "", ""},
        {"bytes only", Afi::afiIpv4, none, bytes({0x0a, 0xff}), "020aff", "addr=0x0aff"},
-       {"leading zero bytes keep two digits", Afi::afiIpv4, none, bytes({0x00, 0x01}), "020001", "addr=0x0001"},
        {"ipv4", Afi::afiIpv4, addr("10.1.1.1"), {}, "040a010101", "addr=10.1.1.1"},
        {"address wins over bytes", Afi::afiIpv4, addr("10.1.1.1"), bytes({0x0a, 0xff}), "040a010101",
         "addr=10.1.1.1"},
        {"ipv6", Afi::afiIpv6, addr("2001:db8::1"), {}, "1020010db8000000000000000000000001", "addr=2001:db8::1"},
-       {"ipv6 global plus link-local kept as bytes", Afi::afiIpv6, none, bytes(linkLocalPair),
+       {"ipv6 global plus link-local kept as bytes (leading zero byte too)", Afi::afiIpv6, none, bytes(linkLocalPair),
         "20000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f",
         "addr=0x000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f"},
    };
@@ -98,30 +97,19 @@ TEST(FlowspecNexthopTest, FormattingLeavesTheCallersStreamFormatAlone) {
 
 TEST(FlowspecNexthopTest, FullTextFormNamesTheTypeFamilyAndMarker) {
    std::ostringstream os;
-   os << *flowspecGenNexthopFactory(Afi::afiIpv4, addr("10.1.1.1"), {}) << '\n'
-      << *flowspecPolicyRejectNexthopFactory(Afi::afiIpv6) << '\n'
-      << *flowspecNexthopSelfFactory(Afi::afiIpv4);
-   EXPECT_EQ(os.str(),
-             "Routing::Bgp::FlowspecPlugin::FlowspecGenNexthop(ipv4Flowspec addr=10.1.1.1)\n"
-             "Routing::Bgp::FlowspecPlugin::FlowspecPolicyRejectNexthop(ipv6Flowspec policyReject)\n"
-             "Routing::Bgp::FlowspecPlugin::FlowspecNexthopSelf(ipv4Flowspec nexthopSelf)");
+   os << *flowspecGenNexthopFactory(Afi::afiIpv4, addr("10.1.1.1"), {}) << ' ' << *flowspecPolicyRejectNexthopFactory(Afi::afiIpv6);
+   EXPECT_EQ(os.str(), "Routing::Bgp::FlowspecPlugin::FlowspecGenNexthop(ipv4Flowspec addr=10.1.1.1) "
+                       "Routing::Bgp::FlowspecPlugin::FlowspecPolicyRejectNexthop(ipv6Flowspec policyReject)");
 }
 
 // The hash is persisted with the next hops, so its bytes are pinned: Jenkins one-at-a-time
-// over four little-endian words.
+// over four words, each as its four little-endian bytes.
 std::uint32_t referenceHash(std::uint32_t afi, std::uint32_t bytesHash, std::uint32_t addrHash, std::uint32_t reject) {
-   std::uint32_t h = 0;
+   std::vector<std::uint8_t> b;
    for (std::uint32_t w : {afi, bytesHash, addrHash, reject}) {
-      for (int i = 0; i < 4; ++i) {
-         h += (w >> (8 * i)) & 0xff;
-         h += h << 10;
-         h ^= h >> 6;
-      }
+      for (int i = 0; i < 4; ++i) b.push_back(static_cast<std::uint8_t>(w >> (8 * i)));
    }
-   h += h << 3;
-   h ^= h >> 11;
-   h += h << 15;
-   return h;
+   return Ovnet::oneAtATimeFinal(Ovnet::oneAtATimeMix(0, b.data(), b.size()));
 }
 
 TEST(FlowspecNexthopTest, HashCoversFamilyBytesAddressAndPolicyReject) {
@@ -147,11 +135,6 @@ TEST(FlowspecNexthopTest, MarkersAgainstTheEmptyNextHop) {
       EXPECT_TRUE(self->compareDerived(empty.ptr()));
       EXPECT_TRUE(empty->compareDerived(self.ptr()));
       EXPECT_FALSE(self->compare(empty.ptr()));
-      EXPECT_FALSE(empty->compare(self.ptr()));
-      for (auto const& nh : {Ptr<FlowspecGenNexthop>(empty), Ptr<FlowspecGenNexthop>(reject), Ptr<FlowspecGenNexthop>(self)}) {
-         EXPECT_TRUE(nh->serialize().empty());
-         EXPECT_EQ(derivedText(*nh), "");
-      }
    }
 }
 
@@ -185,16 +168,11 @@ TEST(FlowspecNexthopTest, EqualNextHopsHashAlikeAndCompareBothWays) {
 }
 
 TEST(FlowspecNexthopTest, FamilyAndResolution) {
-   auto v4 = flowspecGenNexthopFactory(Afi::afiIpv4, addr("10.0.0.1"), {});
-   auto v6 = flowspecGenNexthopFactory(Afi::afiIpv6, none, {});
-   EXPECT_EQ(v4->afisafi().value(), 389u);
+   auto v6 = flowspecNexthopSelfFactory(Afi::afiIpv6);
+   EXPECT_EQ(flowspecGenNexthopFactory(Afi::afiIpv4, none, {})->afisafi().value(), 389u);
    EXPECT_EQ(v6->afisafi().value(), 645u);
-   EXPECT_EQ(flowspecNexthopSelfFactory(Afi::afiIpv6)->afisafi(), AfiSafi::ipv6Flowspec());
-   EXPECT_TRUE(v4->isPreResolved());
-   EXPECT_EQ(v4->currentMetric(), v4->preResolvedMetric());
-   EXPECT_TRUE(v4->notificationActive());
-   EXPECT_FALSE(v4->lifeTimeNotifier());
-   EXPECT_EQ(v4->dedupState(), Ovk::dedupHandleStateNeverDeduped());
+   EXPECT_TRUE(v6->isPreResolved());
+   EXPECT_EQ(v6->currentMetric(), v6->preResolvedMetric());
 }
 
 TEST(FlowspecNexthopTest, TableMakesItsThreeSingletonsInOrder) {
@@ -224,31 +202,10 @@ TEST(FlowspecNexthopTest, TableMakesItsThreeSingletonsInOrder) {
    EXPECT_EQ(t->size(), 3u);
 }
 
-TEST(FlowspecNexthopTest, EqualContentSharesOneNextHopThatLeavesWithItsLastHolder) {
-   auto ids = GenNexthopIdAllocator::create();
-   auto t = table(AfiSafi::ipv4Flowspec(), notifiee(), ids);
-   auto a = dedup(t, flowspecGenNexthopFactory(Afi::afiIpv4, none, bytes({0x0a, 0xff})));
-   auto b = dedup(t, flowspecGenNexthopFactory(Afi::afiIpv4, none, bytes({0x0a, 0xff})));
-   EXPECT_EQ(a.ptr(), b.ptr());
-   EXPECT_EQ(t->size(), 4u);
-   ASSERT_TRUE(a->lifeTimeNotifier());
-   EXPECT_EQ(a->getLifeTimeNotifier()->nexthop(), a.ptr());
-   a = nullptr;
-   EXPECT_EQ(t->size(), 4u);
-   b = nullptr; // only the notifier's anchored reference was left
-   EXPECT_EQ(t->size(), 3u);
-   EXPECT_EQ(ids->inUse(), 3u);
-}
-
 TEST(FlowspecNexthopTest, CallbacksRunInlineWhateverTheThreadingFlag) {
    auto scheduler = Ovk::ManualScheduler::create();
-   auto n = flowspecGenNexthopLifeTimeNotifieeFactory(true, scheduler, "bgp-consumer");
-   EXPECT_TRUE(n->multiThreadedOvbgp());
-   EXPECT_EQ(n->consumerScheduler().ptr(), scheduler.ptr());
-   EXPECT_EQ(n->taskPrefix(), Ovk::String("bgp-consumer"));
-   auto t = table(AfiSafi::ipv4Flowspec(), n);
-   auto nh = dedup(t, flowspecGenNexthopFactory(Afi::afiIpv4, addr("10.0.0.1"), {}));
-   EXPECT_TRUE(nh->lifeTimeNotifier());
+   auto t = table(AfiSafi::ipv4Flowspec(), flowspecGenNexthopLifeTimeNotifieeFactory(true, scheduler, "bgp"));
+   EXPECT_TRUE(dedup(t, flowspecGenNexthopFactory(Afi::afiIpv4, addr("10.0.0.1"), {}))->lifeTimeNotifier());
    EXPECT_EQ(scheduler->pending(), 0u);
 }
 
@@ -285,11 +242,6 @@ TEST(FlowspecNexthopTest, RandomLifetimesLeaveOnlyTheSingletons) {
          held.pop_back();
       }
       if (round % 1000 == 0) {
-         std::size_t notifiers = 0;
-         t4->forEach([&](Ovk::DedupHandle const* h) {
-            notifiers += dynamic_cast<FlowspecGenNexthop const*>(h)->lifeTimeNotifier() ? 1u : 0u;
-         });
-         ASSERT_EQ(notifiers, t4->size());
          ASSERT_EQ(ids->inUse(), t4->size() + t6->size());
       }
    }
@@ -299,13 +251,6 @@ TEST(FlowspecNexthopTest, RandomLifetimesLeaveOnlyTheSingletons) {
    EXPECT_EQ(t6->size(), 3u);
    EXPECT_EQ(ids->inUse(), 6u);
    EXPECT_EQ(t4->counters().inserts - t4->counters().removes, 3u);
-
-   // A table that goes while next hops are still held detaches them; they die later alone.
-   auto survivor = dedup(t4, flowspecGenNexthopFactory(Afi::afiIpv4, addr("10.9.9.9"), {}));
-   t4 = nullptr;
-   EXPECT_FALSE(survivor->lifeTimeNotifier());
-   EXPECT_EQ(survivor->dedupTable(), nullptr);
-   EXPECT_EQ(ids->inUse(), 3u);
 }
 
 TEST(FlowspecNexthopDeathTest, NotifierMustBeAbsentOnInsertAndPresentOnRemove) {

@@ -5,7 +5,6 @@
 #include <sstream>
 
 #include "host/bgp/BgpMetricPref.h"
-#include "host/bgp/BgpVrfId.h"
 
 namespace {
 
@@ -44,17 +43,11 @@ TEST(AfiSafiTest, PacksAfiAboveSafiAndNamesTheFamilies) {
    EXPECT_EQ(static_cast<int>(NlriType::ipv6Flowspec), 21);
 }
 
-TEST(AfiSafiTest, VrfIdsAndMetricsCompareAsTheAgentNeeds) {
-   EXPECT_EQ(Routing::Bgp::BgpL3VrfId::defaultVrfId(), Routing::Bgp::BgpVrfIdBase(0));
-   EXPECT_NE(Routing::Bgp::BgpVrfIdBase(1), Routing::Bgp::BgpVrfIdBase(2));
+TEST(AfiSafiTest, MetricsOrderByPreferenceFirst) {
    using Routing::Bgp::BgpMetricPref;
-   // The preference counts before the metric.
    EXPECT_LT(BgpMetricPref(100, 1), BgpMetricPref(1, 2));
    EXPECT_LT(BgpMetricPref(1, 2), BgpMetricPref(2, 2));
    EXPECT_LT(BgpMetricPref(0, 0), BgpMetricPref::unresolved());
-   std::ostringstream os;
-   os << BgpMetricPref(10, 20);
-   EXPECT_EQ(os.str(), "metric=10 pref=20");
 }
 
 } // namespace

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <typeindex>
-
 #include "host/hoard/Store.h"
 
 namespace {
@@ -36,20 +34,6 @@ TEST(AttributeCacheTest, NameMapKeepsTheFirstReaderOfEachName) {
    EXPECT_FALSE(names.findAs<OtherReader>("A::Type"));
    EXPECT_TRUE(names.findAs<OtherReader>("B::Type"));
    EXPECT_EQ(&Hoard::NameMap::instance(), &Hoard::NameMap::instance());
-}
-
-TEST(AttributeCacheTest, StatusKeepsOneEntryPerDynamicType) {
-   auto status = Hoard::AttributeCacheStatus::create();
-   auto entry = Hoard::AttributeCacheEntry::create(typeid(NamedReader));
-   entry->typeNameIs("A::Type");
-   status->entryIs(entry);
-   auto replacement = Hoard::AttributeCacheEntry::create(typeid(NamedReader));
-   replacement->typeNameIs("A::Renamed");
-   status->entryIs(replacement);
-   EXPECT_EQ(status->entries(), 1u);
-   EXPECT_EQ(status->entry(typeid(NamedReader))->typeName(), Ovk::String("A::Renamed"));
-   // Keyed by the exact type: a derived type has no entry of its own.
-   EXPECT_FALSE(status->entry(typeid(OtherReader)));
 }
 
 struct Payload : Ovk::PtrInterface {
