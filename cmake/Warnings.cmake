@@ -8,7 +8,9 @@ endfunction()
 # A library of the project: warnings on, includes from the source root.
 function(fs_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
-  add_library(${name} STATIC ${ARG_SOURCES})
+  # Shared, so that the agent and the plugin it loads at run time share one copy of the host
+  # (one plugin loader, one attribute-cache name map, one set of trace facilities).
+  add_library(${name} SHARED ${ARG_SOURCES})
   fs_target_warnings(${name})
   target_link_libraries(${name} PUBLIC ${ARG_DEPS})
 endfunction()
