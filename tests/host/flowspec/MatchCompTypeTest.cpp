@@ -1,0 +1,46 @@
+#include "host/flowspec/MatchCompType.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+
+#include "host/fwk/ValueText.h"
+
+namespace {
+
+using namespace Flowspec;
+
+TEST(MatchCompTypeTest, EveryTypePrintsAndParsesBack) {
+   for (std::uint32_t n = 0; n <= maxMatchCompType; ++n) {
+      auto const t = static_cast<MatchCompType>(n);
+      std::ostringstream os;
+      os << t;
+      std::string const text = os.str() + "', more";
+      char const* pos = text.data();
+      EXPECT_EQ(parseMatchCompType(pos, text.data() + text.size()), t) << text;
+      EXPECT_EQ(std::string(pos), "', more") << "the parser stops right after the name";
+      EXPECT_EQ(matchCompTypeFromName(os.str()), t);
+   }
+}
+
+TEST(MatchCompTypeTest, NamesAreTheStandardsAndSharedStartsTakeTheLongest) {
+   EXPECT_EQ(toStrep(destPort_), "Destination Port");
+   EXPECT_EQ(toStrep(destPrefix_), "Destination Prefix");
+   EXPECT_EQ(toStrep(none_), "none");
+   std::string const text = "Destination Prefix";
+   char const* pos = text.data();
+   EXPECT_EQ(parseMatchCompType(pos, text.data() + text.size()), destPrefix_);
+}
+
+TEST(MatchCompTypeTest, UnknownTextIsARangeErrorAndUnknownNumbersPrintAsSuch) {
+   for (std::string text : {"", "Destination", "port", "Flowlabel"}) {
+      char const* pos = text.data();
+      EXPECT_THROW(parseMatchCompType(pos, text.data() + text.size()), Ovk::RangeError) << text;
+      EXPECT_FALSE(matchCompTypeFromName(text));
+   }
+   EXPECT_EQ(toStrep(static_cast<MatchCompType>(14)), "unknown(14)");
+   EXPECT_FALSE(matchCompTypeFromName("unknown(14)"));
+}
+
+} // namespace
