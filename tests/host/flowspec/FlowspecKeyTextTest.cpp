@@ -52,6 +52,33 @@ std::string componentsHex(FlowspecKey const& k) {
    return out;
 }
 
+// Every component of a key as NLRI bytes in hex, prefixes first: "01 18 0a 00 00 03 81 06".
+std::string wireBytes(FlowspecKey const& k) {
+   std::vector<unsigned> b;
+   int type = 1;
+   for (auto const* p : {&k.destPrefix(), &k.srcPrefix()}) {
+      if (!p->isUnset()) {
+         b.push_back(static_cast<unsigned>(type));
+         b.push_back(p->len());
+         if (p->af() == AddressFamily::ipv6) b.push_back(0);
+         for (unsigned i = 0; i < (p->len() + 7u) / 8u; ++i) b.push_back(p->addr().storage()[i]);
+      }
+      ++type;
+   }
+   std::string out;
+   for (unsigned x : b) {
+      char buf[4];
+      std::snprintf(buf, sizeof buf, "%02x", x);
+      out += (out.empty() ? "" : " ") + std::string(buf);
+   }
+   std::string const c = componentsHex(k);
+   for (std::size_t i = 0; i < c.size(); i += 2) {
+      if (c[i] == ' ') ++i;
+      out += (out.empty() ? "" : " ") + c.substr(i, 2);
+   }
+   return out;
+}
+
 struct ValidRow {
    char const* text;
    char const* printed;  // toStrepCli of the result
@@ -239,6 +266,35 @@ TEST(FlowspecKeyTextTest, DetailShowsFamilyAndWireBytes) {
    EXPECT_EQ(k.toStrepCliDetail(),
              "family ipv4; destination 10.1.2.0/24; source *; protocol =6 (81 06); "
              "port =80 >=1024&<=2048 (01 50 13 04 00 d5 08 00)");
+}
+
+// The grammar document's table of one example per component type is checked here, so that
+// what users read stays true.
+TEST(FlowspecKeyTextTest, TheGrammarDocumentsExamplesHold) {
+   std::ifstream in(FS_DOCS_DIR "/rule-grammar.md");
+   ASSERT_TRUE(in) << "missing docs/rule-grammar.md";
+   std::string line;
+   int rows = 0;
+   while (std::getline(in, line)) {
+      // | `text` | `printed` | `bytes` |
+      std::vector<std::string> cells;
+      for (std::size_t at = 0; (at = line.find('`', at)) != std::string::npos;) {
+         std::size_t const end = line.find('`', at + 1);
+         if (end == std::string::npos) break;
+         cells.push_back(line.substr(at + 1, end - at - 1));
+         at = end + 1;
+      }
+      if (!line.starts_with("| `") || cells.size() != 3 || cells[1].find(';') == std::string::npos) continue;
+      std::string text = cells[0];
+      for (std::size_t i; (i = text.find("\\|")) != std::string::npos;) text.erase(i, 1);
+      SCOPED_TRACE(text);
+      FlowspecKey k;
+      ASSERT_TRUE(k.copyInStrCli(text));
+      EXPECT_EQ(k.toStrepCli(), cells[1]);
+      EXPECT_EQ(wireBytes(k), cells[2]);
+      ++rows;
+   }
+   EXPECT_EQ(rows, 13) << "one example per component type";
 }
 
 // Every key the NLRI parser can build prints as text that reads back as the same key.
