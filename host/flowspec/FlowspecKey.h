@@ -156,9 +156,6 @@ class FlowspecKey {
    };
    static constexpr std::uint16_t kInlineEntries = 2;
 
-   friend class FlowspecSlateKey;
-   friend class KeyTextPrinter;
-
    bool isHeap() const noexcept { return capacity_ > kInlineEntries; }
    Entry* entries() noexcept { return isHeap() ? heap_ : inline_; }
    Entry const* entries() const noexcept { return isHeap() ? heap_ : inline_; }

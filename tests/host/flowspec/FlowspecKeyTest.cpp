@@ -3,12 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "tests/host/flowspec/KeyGenerator.h"
+#include "tests/host/flowspec/KeyTestHelpers.h"
 
 namespace {
 
@@ -22,17 +21,7 @@ IpGenPrefix P(char const* s) {
    return p.value_or(IpGenPrefix());
 }
 
-// "index:type:op(hex):value" for every pair, in walk order.
-std::string walk(FlowspecKey const& k) {
-   std::string out;
-   for (auto r = k.getOptVal(0); !r.atEnd(); r = k.getOptVal(r.nextIndex())) {
-      char buf[48];
-      std::snprintf(buf, sizeof buf, "%s%u:%u:%02x:%u", out.empty() ? "" : " ", r.index(), r.type(), r.op(),
-                    r.value());
-      out += buf;
-   }
-   return out;
-}
+std::string walk(FlowspecKey const& k) { return Gen::pairsText(k, true); }
 
 TEST(FlowspecKeyTest, DefaultKeyHasNothingSet) {
    FlowspecKey k;

@@ -1,16 +1,33 @@
-// Random flowspec keys of the shapes an NLRI parser builds, for property tests and the fuzz
-// target: components in ascending type order (a type may repeat), one to four pairs each,
+// Helpers of the forwarding-library tests: a readable dump of a key's pairs, and random keys
+// of the shapes an NLRI parser builds: components in ascending type order (a type may repeat), one to four pairs each,
 // the end-of-list bit on the last pair of each component and nowhere else, value lengths up
 // to the type's limit (often longer than the value needs), the AND and reserved bits and all
 // eight comparison codes at random.
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <random>
+#include <string>
 
 #include "host/flowspec/FlowspecKey.h"
 
 namespace Flowspec::Gen {
+
+// The pairs in walk order as "type:op:value" (op in hex), or "index:type:op:value".
+inline std::string pairsText(FlowspecKey const& k, bool withIndex = false) {
+   std::string out;
+   for (auto r = k.getOptVal(0); !r.atEnd(); r = k.getOptVal(r.nextIndex())) {
+      char buf[48];
+      if (withIndex) {
+         std::snprintf(buf, sizeof buf, "%s%u:%u:%02x:%u", out.empty() ? "" : " ", r.index(), r.type(), r.op(), r.value());
+      } else {
+         std::snprintf(buf, sizeof buf, "%s%u:%02x:%u", out.empty() ? "" : " ", r.type(), r.op(), r.value());
+      }
+      out += buf;
+   }
+   return out;
+}
 
 inline unsigned draw(std::mt19937& rng) { return static_cast<unsigned>(rng()); }
 
