@@ -8,6 +8,8 @@ PACKAGES=(
   g++ cmake ninja-build clang libclang-rt-14-dev
   # tests and benchmarks
   googletest libgtest-dev libgmock-dev libbenchmark-dev
+  # capture files
+  libpcap-dev
 )
 # Extra packages may be named in the environment (space separated).
 PACKAGES+=(${EXTRA_PACKAGES:-})

@@ -1,0 +1,422 @@
+#include "tools/capture/BgpCapture.h"
+
+#include <pcap/pcap.h>
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <map>
+
+namespace BgpCapture {
+
+namespace {
+
+// A bounds-checked reader over bytes: reads advance only on success.
+class Cursor {
+ public:
+   explicit Cursor(std::span<std::uint8_t const> d) : d_(d) {}
+   std::size_t left() const { return d_.size() - pos_; }
+   bool skip(std::size_t n) {
+      if (left() < n) return false;
+      pos_ += n;
+      return true;
+   }
+   bool u8(std::uint8_t& v) {
+      if (left() < 1) return false;
+      v = d_[pos_++];
+      return true;
+   }
+   bool u16(std::uint16_t& v) {
+      if (left() < 2) return false;
+      v = static_cast<std::uint16_t>((d_[pos_] << 8) | d_[pos_ + 1]);
+      pos_ += 2;
+      return true;
+   }
+   bool u32(std::uint32_t& v) {
+      if (left() < 4) return false;
+      v = (std::uint32_t{d_[pos_]} << 24) | (std::uint32_t{d_[pos_ + 1]} << 16) | (std::uint32_t{d_[pos_ + 2]} << 8) |
+          std::uint32_t{d_[pos_ + 3]};
+      pos_ += 4;
+      return true;
+   }
+   bool bytes(std::size_t n, std::span<std::uint8_t const>& out) {
+      if (left() < n) return false;
+      out = d_.subspan(pos_, n);
+      pos_ += n;
+      return true;
+   }
+   bool addr(std::uint16_t afi, Ovnet::IpGenAddr& a) {
+      std::span<std::uint8_t const> b;
+      if (afi == 1) {
+         if (!bytes(4, b)) return false;
+         a = Ovnet::IpGenAddr::ipv4(b.first<4>());
+         return true;
+      }
+      if (afi == 2) {
+         if (!bytes(16, b)) return false;
+         a = Ovnet::IpGenAddr::ipv6(b.first<16>());
+         return true;
+      }
+      return false;
+   }
+   std::span<std::uint8_t const> rest() const { return d_.subspan(pos_); }
+
+ private:
+   std::span<std::uint8_t const> d_;
+   std::size_t pos_ = 0;
+};
+
+// MRT types and BGP4MP subtypes (RFC 6396 section 4.4, RFC 8050 for the ADD-PATH ones).
+constexpr std::uint16_t kBgp4mp = 16;
+constexpr std::uint16_t kBgp4mpEt = 17;
+
+struct SubtypeShape {
+   bool message; // carries a BGP message (not a state change)
+   bool as4;
+};
+
+bool subtypeShape(std::uint16_t subtype, SubtypeShape& s) {
+   switch (subtype) {
+    case 1: case 6: case 8: case 10: s = {true, false}; return true;   // MESSAGE, _LOCAL, _ADDPATH
+    case 4: case 7: case 9: case 11: s = {true, true}; return true;    // MESSAGE_AS4 and friends
+    default: return false;
+   }
+}
+
+bool isBgpMessage(std::span<std::uint8_t const> m) {
+   if (m.size() < kHeaderSize) return false;
+   for (std::size_t i = 0; i < 16; ++i) {
+      if (m[i] != 0xff) return false;
+   }
+   std::size_t const len = (std::size_t{m[16]} << 8) | m[17];
+   return len == m.size();
+}
+
+} // namespace
+
+std::string Endpoint::str() const {
+   if (addr.isIpv6()) return "[" + addr.str() + "]:" + std::to_string(port);
+   return addr.str() + ":" + std::to_string(port);
+}
+
+void readMrt(std::span<std::uint8_t const> data, MessageSink const& sink, Stats& stats) {
+   Cursor c(data);
+   while (c.left() > 0) {
+      std::uint32_t seconds = 0, length = 0;
+      std::uint16_t type = 0, subtype = 0;
+      std::span<std::uint8_t const> body;
+      if (!c.u32(seconds) || !c.u16(type) || !c.u16(subtype) || !c.u32(length) || !c.bytes(length, body)) {
+         ++stats.malformed; // a truncated last record: nothing after it can be framed
+         return;
+      }
+      ++stats.records;
+      SubtypeShape shape{};
+      if ((type != kBgp4mp && type != kBgp4mpEt) || !subtypeShape(subtype, shape)) {
+         ++stats.skipped;
+         continue;
+      }
+      Cursor r(body);
+      Message m;
+      m.timestamp = seconds;
+      if (type == kBgp4mpEt) {
+         std::uint32_t micro = 0;
+         if (!r.u32(micro)) {
+            ++stats.malformed;
+            continue;
+         }
+         m.timestamp += micro / 1e6;
+      }
+      std::uint16_t ifIndex = 0, afi = 0;
+      bool ok = true;
+      if (shape.as4) {
+         ok = r.u32(m.peerAs) && r.u32(m.localAs);
+      } else {
+         std::uint16_t p = 0, l = 0;
+         ok = r.u16(p) && r.u16(l);
+         m.peerAs = p;
+         m.localAs = l;
+      }
+      ok = ok && r.u16(ifIndex) && r.u16(afi) && r.addr(afi, m.from.addr) && r.addr(afi, m.to.addr);
+      if (!ok || !isBgpMessage(r.rest())) {
+         ++stats.malformed;
+         continue;
+      }
+      m.bytes = r.rest();
+      ++stats.messages;
+      sink(m);
+   }
+}
+
+bool readMrtFile(std::string const& path, MessageSink const& sink, Stats& stats, std::string& error) {
+   std::ifstream in(path, std::ios::binary);
+   if (!in) {
+      error = "cannot open " + path;
+      return false;
+   }
+   std::vector<std::uint8_t> data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+   if (in.bad()) {
+      error = "cannot read " + path;
+      return false;
+   }
+   readMrt(data, sink, stats);
+   return true;
+}
+
+struct StreamAssembler::Stream {
+   Endpoint from, to;
+   bool started = false;
+   bool dead = false;              // desynchronised: ignore the rest of the stream
+   std::uint32_t nextSeq = 0;      // sequence number of the next byte expected
+   std::vector<std::uint8_t> buf;  // contiguous bytes not yet cut into messages
+   std::map<std::uint32_t, std::vector<std::uint8_t>> pending; // early segments, by seq
+};
+
+StreamAssembler::StreamAssembler(MessageSink sink, Stats& stats) : sink_(std::move(sink)), stats_(stats) {}
+StreamAssembler::~StreamAssembler() = default;
+
+StreamAssembler::Stream& StreamAssembler::stream(Endpoint const& from, Endpoint const& to) {
+   for (auto& s : streams_) {
+      if (s->from.port == from.port && s->to.port == to.port && s->from.addr == from.addr && s->to.addr == to.addr) {
+         return *s;
+      }
+   }
+   streams_.push_back(std::make_unique<Stream>());
+   streams_.back()->from = from;
+   streams_.back()->to = to;
+   return *streams_.back();
+}
+
+void StreamAssembler::segment(Endpoint const& from, Endpoint const& to, std::uint32_t seq, bool syn, bool fin,
+                              std::span<std::uint8_t const> payload, double timestamp) {
+   Stream& s = stream(from, to);
+   if (syn) {
+      // A new connection on the same ports starts a new stream.
+      s.started = true;
+      s.dead = false;
+      s.nextSeq = seq + 1;
+      s.buf.clear();
+      s.pending.clear();
+      return;
+   }
+   if (s.dead || payload.empty()) {
+      (void)fin;
+      return;
+   }
+   if (!s.started) {
+      // The capture began mid-stream: take the first data segment seen as the start.
+      s.started = true;
+      s.nextSeq = seq;
+   }
+   // Signed distance handles sequence-number wrap-around.
+   auto const ahead = static_cast<std::int32_t>(seq - s.nextSeq);
+   if (ahead > 0) {
+      if (s.pending.size() < 4096) s.pending[seq].assign(payload.begin(), payload.end());
+      return;
+   }
+   auto const overlap = static_cast<std::size_t>(-static_cast<std::int64_t>(ahead));
+   if (overlap < payload.size()) {
+      s.buf.insert(s.buf.end(), payload.begin() + static_cast<std::ptrdiff_t>(overlap), payload.end());
+      s.nextSeq += static_cast<std::uint32_t>(payload.size() - overlap);
+   }
+   // Segments that were early may fit now.
+   for (auto it = s.pending.begin(); it != s.pending.end();) {
+      auto const d = static_cast<std::int32_t>(it->first - s.nextSeq);
+      if (d > 0) {
+         ++it;
+         continue;
+      }
+      auto const skip = static_cast<std::size_t>(-static_cast<std::int64_t>(d));
+      if (skip < it->second.size()) {
+         s.buf.insert(s.buf.end(), it->second.begin() + static_cast<std::ptrdiff_t>(skip), it->second.end());
+         s.nextSeq += static_cast<std::uint32_t>(it->second.size() - skip);
+      }
+      it = s.pending.erase(it);
+      it = s.pending.begin();
+   }
+   drain(s, from, to, timestamp);
+}
+
+void StreamAssembler::finish() {
+   for (auto& s : streams_) {
+      if (!s->pending.empty()) ++stats_.gaps;
+      s->pending.clear();
+   }
+}
+
+void StreamAssembler::drain(Stream& s, Endpoint const& from, Endpoint const& to, double timestamp) {
+   std::size_t used = 0;
+   while (s.buf.size() - used >= kHeaderSize) {
+      std::span<std::uint8_t const> head(s.buf.data() + used, kHeaderSize);
+      bool marker = std::all_of(head.begin(), head.begin() + 16, [](std::uint8_t b) { return b == 0xff; });
+      std::size_t const len = (std::size_t{head[16]} << 8) | head[17];
+      if (!marker || len < kHeaderSize) {
+         ++stats_.desynchronised;
+         s.dead = true;
+         s.buf.clear();
+         s.pending.clear();
+         return;
+      }
+      if (s.buf.size() - used < len) break;
+      Message m;
+      m.timestamp = timestamp;
+      m.from = from;
+      m.to = to;
+      m.bytes = std::span<std::uint8_t const>(s.buf.data() + used, len);
+      ++stats_.messages;
+      sink_(m);
+      used += len;
+   }
+   s.buf.erase(s.buf.begin(), s.buf.begin() + static_cast<std::ptrdiff_t>(used));
+}
+
+namespace {
+
+// Finds the IP packet inside one captured frame; false for frames that carry no IP.
+bool ipPayload(int linkType, Cursor& c, std::uint16_t& etherType) {
+   switch (linkType) {
+    case DLT_EN10MB: {
+       if (!c.skip(12) || !c.u16(etherType)) return false;
+       while (etherType == 0x8100 || etherType == 0x88a8) { // VLAN tags
+          if (!c.skip(2) || !c.u16(etherType)) return false;
+       }
+       return true;
+    }
+    case DLT_LINUX_SLL:
+       return c.skip(14) && c.u16(etherType);
+    case DLT_LINUX_SLL2:
+       return c.u16(etherType) && c.skip(18);
+    case DLT_NULL:
+    case DLT_LOOP: {
+       std::span<std::uint8_t const> fam;
+       if (!c.bytes(4, fam)) return false;
+       // Host byte order for DLT_NULL, network order for DLT_LOOP; IPv6 has several values.
+       std::uint32_t const le = std::uint32_t{fam[0]} | (std::uint32_t{fam[3]} << 24);
+       std::uint32_t const be = std::uint32_t{fam[3]} | (std::uint32_t{fam[0]} << 24);
+       std::uint32_t const v = le < 256 ? le : be;
+       etherType = v == 2 ? 0x0800 : (v == 24 || v == 28 || v == 30) ? 0x86dd : 0;
+       return etherType != 0;
+    }
+    case DLT_RAW: {
+       std::span<std::uint8_t const> rest = c.rest();
+       if (rest.empty()) return false;
+       etherType = (rest[0] >> 4) == 6 ? 0x86dd : 0x0800;
+       return true;
+    }
+    default:
+       return false;
+   }
+}
+
+} // namespace
+
+bool readPcapFile(std::string const& path, MessageSink const& sink, Stats& stats, std::string& error) {
+   char errbuf[PCAP_ERRBUF_SIZE] = {};
+   pcap_t* p = pcap_open_offline(path.c_str(), errbuf);
+   if (!p) {
+      error = std::string("cannot read capture ") + path + ": " + errbuf;
+      return false;
+   }
+   int const linkType = pcap_datalink(p);
+   if (linkType != DLT_EN10MB && linkType != DLT_LINUX_SLL && linkType != DLT_LINUX_SLL2 && linkType != DLT_NULL &&
+       linkType != DLT_LOOP && linkType != DLT_RAW) {
+      error = "unsupported link type " + std::to_string(linkType) + " in " + path;
+      pcap_close(p);
+      return false;
+   }
+   StreamAssembler assembler(sink, stats);
+   pcap_pkthdr* hdr = nullptr;
+   u_char const* data = nullptr;
+   int rc = 0;
+   while ((rc = pcap_next_ex(p, &hdr, &data)) == 1) {
+      ++stats.records;
+      Cursor c(std::span<std::uint8_t const>(data, hdr->caplen));
+      double const ts = static_cast<double>(hdr->ts.tv_sec) + static_cast<double>(hdr->ts.tv_usec) / 1e6;
+      std::uint16_t etherType = 0;
+      if (!ipPayload(linkType, c, etherType) || (etherType != 0x0800 && etherType != 0x86dd)) {
+         ++stats.skipped;
+         continue;
+      }
+      Endpoint from, to;
+      std::uint8_t proto = 0;
+      std::span<std::uint8_t const> segment;
+      if (etherType == 0x0800) {
+         std::uint8_t vihl = 0, tos = 0, ttl = 0;
+         std::uint16_t total = 0, id = 0, frag = 0, csum = 0;
+         std::span<std::uint8_t const> src, dst;
+         if (!c.u8(vihl) || !c.u8(tos) || !c.u16(total) || !c.u16(id) || !c.u16(frag) || !c.u8(ttl) ||
+             !c.u8(proto) || !c.u16(csum) || !c.bytes(4, src) || !c.bytes(4, dst)) {
+            ++stats.malformed;
+            continue;
+         }
+         std::size_t const ihl = std::size_t{vihl & 0x0fu} * 4;
+         if ((vihl >> 4) != 4 || ihl < 20 || total < ihl || !c.skip(ihl - 20)) {
+            ++stats.malformed;
+            continue;
+         }
+         if ((frag & 0x3fff) != 0) { // fragments are not reassembled
+            ++stats.skipped;
+            continue;
+         }
+         from.addr = Ovnet::IpGenAddr::ipv4(src.first<4>());
+         to.addr = Ovnet::IpGenAddr::ipv4(dst.first<4>());
+         if (!c.bytes(std::min<std::size_t>(total - ihl, c.left()), segment)) continue;
+      } else {
+         std::uint32_t vtcfl = 0;
+         std::uint16_t payloadLen = 0;
+         std::uint8_t hop = 0;
+         std::span<std::uint8_t const> src, dst;
+         if (!c.u32(vtcfl) || !c.u16(payloadLen) || !c.u8(proto) || !c.u8(hop) || !c.bytes(16, src) ||
+             !c.bytes(16, dst)) {
+            ++stats.malformed;
+            continue;
+         }
+         from.addr = Ovnet::IpGenAddr::ipv6(src.first<16>());
+         to.addr = Ovnet::IpGenAddr::ipv6(dst.first<16>());
+         Cursor body(c.rest().first(std::min<std::size_t>(payloadLen, c.left())));
+         // Hop-by-hop, routing and destination options headers precede TCP.
+         bool ok = true;
+         while (ok && (proto == 0 || proto == 43 || proto == 60)) {
+            std::uint8_t next = 0, len = 0;
+            ok = body.u8(next) && body.u8(len) && body.skip(std::size_t{len} * 8 + 6);
+            proto = next;
+         }
+         if (!ok) {
+            ++stats.malformed;
+            continue;
+         }
+         segment = body.rest();
+      }
+      if (proto != 6) {
+         ++stats.skipped;
+         continue;
+      }
+      Cursor t(segment);
+      std::uint16_t sport = 0, dport = 0, flagsWord = 0;
+      std::uint32_t seq = 0, ack = 0;
+      if (!t.u16(sport) || !t.u16(dport) || !t.u32(seq) || !t.u32(ack) || !t.u16(flagsWord)) {
+         ++stats.malformed;
+         continue;
+      }
+      std::size_t const off = std::size_t{static_cast<unsigned>(flagsWord >> 12)} * 4;
+      if (off < 20 || !t.skip(off - 14)) {
+         ++stats.malformed;
+         continue;
+      }
+      from.port = sport;
+      to.port = dport;
+      bool const syn = flagsWord & 0x02;
+      bool const fin = flagsWord & 0x01;
+      assembler.segment(from, to, seq, syn, fin, t.rest(), ts);
+   }
+   assembler.finish();
+   if (rc == PCAP_ERROR) {
+      error = std::string("error reading ") + path + ": " + pcap_geterr(p);
+      pcap_close(p);
+      return false;
+   }
+   pcap_close(p);
+   return true;
+}
+
+} // namespace BgpCapture
