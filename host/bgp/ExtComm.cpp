@@ -1,0 +1,239 @@
+#include "host/bgp/ExtComm.h"
+
+#include "host/fwk/String.h"
+
+#include <bit>
+#include <cstdio>
+#include <cstring>
+#include <ostream>
+
+namespace Routing::Bgp {
+
+namespace {
+
+std::string hex64(std::uint64_t v) {
+   char b[19];
+   std::snprintf(b, sizeof b, "0x%016llx", static_cast<unsigned long long>(v));
+   return b;
+}
+
+ExtCommField num(char const* name, std::uint64_t v) { return {name, std::to_string(v), true}; }
+ExtCommField text(char const* name, std::string v) { return {name, std::move(v), false}; }
+ExtCommField flag(char const* name, bool v) { return {name, v ? "true" : "false", true}; }
+
+Ovnet::IpGenAddr ipv4At(std::uint64_t value, unsigned shift) {
+   return Ovnet::IpGenAddr::ipv4(static_cast<std::uint32_t>(value >> shift));
+}
+
+std::string formatRate(float r) {
+   char b[48];
+   std::snprintf(b, sizeof b, "%.9g", static_cast<double>(r));
+   return b;
+}
+
+} // namespace
+
+char const* toStrep(ExtCommClassification c) {
+   switch (c) {
+    case ExtCommClassification::other: return "other";
+    case ExtCommClassification::routeTarget: return "routeTarget";
+    case ExtCommClassification::routeOrigin: return "routeOrigin";
+    case ExtCommClassification::flowspec: return "flowspec";
+    case ExtCommClassification::flowspecUnsupported: return "flowspecUnsupported";
+   }
+   return "?";
+}
+
+Ovk::Ptr<ExtComm> ExtComm::create(std::uint64_t v) {
+   auto const typeSub = static_cast<std::uint16_t>(v >> 48);
+   switch (typeSub) {
+    case 0x0002: case 0x0102: case 0x0202: return Ovk::makePtr<ExtCommRouteTarget>(v);
+    case 0x8006: return Ovk::makePtr<FlowspecExtCommTrafficRate>(v);
+    case 0x8007: return Ovk::makePtr<FlowspecExtCommTrafficAction>(v);
+    case 0x8009: return Ovk::makePtr<FlowspecExtCommTrafficMarking>(v);
+    case 0x8008: case 0x8208: return Ovk::makePtr<FlowspecExtCommRedirectVrfRdAs>(v);
+    case 0x8108: return Ovk::makePtr<FlowspecExtCommRedirectVrfRdIpv4>(v);
+    case 0x010c: return Ovk::makePtr<FlowspecExtCommRedirectIpv4>(v);
+    case 0x0800: return Ovk::makePtr<FlowspecExtCommRedirectNexthop>(v);
+    case 0x800c: return Ovk::makePtr<FlowspecExtCommUnsupported>(v);
+    default: return Ovk::makePtr<ExtComm>(v);
+   }
+}
+
+Ovk::Ptr<ExtComm> ExtComm::create(std::span<std::uint8_t const, 8> b) {
+   std::uint64_t v = 0;
+   for (std::uint8_t x : b) v = (v << 8) | x;
+   return create(v);
+}
+
+std::array<std::uint8_t, 8> ExtComm::bytes() const noexcept {
+   std::array<std::uint8_t, 8> b{};
+   for (unsigned i = 0; i < 8; ++i) b[i] = static_cast<std::uint8_t>(value_ >> (56 - 8 * i));
+   return b;
+}
+
+void ExtComm::fields(std::vector<ExtCommField>& out) const {
+   out.push_back(num("type", type()));
+   out.push_back(num("subtype", subtype()));
+}
+
+std::string ExtComm::toStrep() const {
+   std::vector<ExtCommField> f;
+   fields(f);
+   std::string s = kindName();
+   s += '(';
+   for (std::size_t i = 0; i < f.size(); ++i) {
+      if (i) s += ", ";
+      s += f[i].name + "=" + f[i].value;
+   }
+   return s + ")";
+}
+
+std::uint32_t ExtComm::hash() const {
+   std::uint64_t const h = value_ * 0x9e3779b97f4a7c15ull;
+   return static_cast<std::uint32_t>(h >> 32);
+}
+
+bool ExtComm::compare(Ovk::DedupHandle const* other) const {
+   auto const* o = dynamic_cast<ExtComm const*>(other);
+   return o && o->value_ == value_;
+}
+
+void ExtCommRouteTarget::fields(std::vector<ExtCommField>& out) const {
+   switch (type()) {
+    case 0x00:
+       out.push_back(num("as", (value() >> 32) & 0xffff));
+       out.push_back(num("local", value() & 0xffffffffu));
+       break;
+    case 0x01:
+       out.push_back(text("address", ipv4At(value(), 16).str()));
+       out.push_back(num("local", value() & 0xffff));
+       break;
+    default:
+       out.push_back(num("as", (value() >> 16) & 0xffffffffu));
+       out.push_back(num("local", value() & 0xffff));
+   }
+}
+
+float FlowspecExtCommTrafficRate::rateBytesPerSec() const noexcept {
+   return std::bit_cast<float>(static_cast<std::uint32_t>(value()));
+}
+
+void FlowspecExtCommTrafficRate::fields(std::vector<ExtCommField>& out) const {
+   out.push_back(num("as", asn()));
+   float const r = rateBytesPerSec();
+   // NaN and infinities are not JSON numbers: give them as text.
+   out.push_back({"rateBytesPerSec", formatRate(r), r == r && r - r == 0.0f});
+}
+
+void FlowspecExtCommTrafficAction::fields(std::vector<ExtCommField>& out) const {
+   out.push_back(flag("sample", actionFlags() & sampleFlag));
+   out.push_back(flag("terminal", actionFlags() & terminalFlag));
+}
+
+void FlowspecExtCommTrafficMarking::fields(std::vector<ExtCommField>& out) const {
+   out.push_back(num("dscp", dscp() & 0x3f));
+}
+
+Ovnet::IpGenAddr FlowspecExtCommRedirectIpv4::address() const noexcept { return ipv4At(value(), 16); }
+
+void FlowspecExtCommRedirectIpv4::fields(std::vector<ExtCommField>& out) const {
+   out.push_back(text("address", address().str()));
+   out.push_back(flag("copy", copy()));
+}
+
+void FlowspecExtCommRedirectNexthop::fields(std::vector<ExtCommField>& out) const {
+   out.push_back(flag("copy", copy()));
+}
+
+std::uint32_t FlowspecExtCommRedirectVrfRdAs::asn() const noexcept {
+   return isAs4() ? static_cast<std::uint32_t>(value() >> 16) : static_cast<std::uint32_t>((value() >> 32) & 0xffff);
+}
+
+std::uint32_t FlowspecExtCommRedirectVrfRdAs::localAdmin() const noexcept {
+   return isAs4() ? static_cast<std::uint32_t>(value() & 0xffff) : static_cast<std::uint32_t>(value());
+}
+
+void FlowspecExtCommRedirectVrfRdAs::fields(std::vector<ExtCommField>& out) const {
+   out.push_back(text("routeTarget", std::to_string(asn()) + (isAs4() ? ".4:" : ":") + std::to_string(localAdmin())));
+   out.push_back(num("as", asn()));
+   out.push_back(num("local", localAdmin()));
+   out.push_back(flag("as4", isAs4()));
+}
+
+Ovnet::IpGenAddr FlowspecExtCommRedirectVrfRdIpv4::address() const noexcept { return ipv4At(value(), 16); }
+
+void FlowspecExtCommRedirectVrfRdIpv4::fields(std::vector<ExtCommField>& out) const {
+   out.push_back(text("routeTarget", address().str() + ":" + std::to_string(localAdmin())));
+   out.push_back(text("address", address().str()));
+   out.push_back(num("local", localAdmin()));
+}
+
+char const* FlowspecExtCommUnsupported::kindName() const noexcept {
+   return subtype() == 0x0c ? "traffic-rate-packets" : "flowspec-unsupported";
+}
+
+void FlowspecExtCommUnsupported::fields(std::vector<ExtCommField>& out) const {
+   if (subtype() == 0x0c) {
+      out.push_back(num("as", (value() >> 32) & 0xffff));
+      out.push_back({"ratePacketsPerSec", formatRate(std::bit_cast<float>(static_cast<std::uint32_t>(value()))), true});
+      return;
+   }
+   out.push_back(text("value", hex64(value())));
+}
+
+ExtCommIp6::ExtCommIp6(std::span<std::uint8_t const, kSize> b) noexcept { std::memcpy(bytes_.data(), b.data(), kSize); }
+
+Ovk::Ptr<ExtCommIp6> ExtCommIp6::create(std::span<std::uint8_t const, kSize> b) {
+   auto const typeSub = static_cast<std::uint16_t>((b[0] << 8) | b[1]);
+   switch (typeSub) {
+    case 0x000c: return Ovk::makePtr<FlowspecExtCommRedirectIpv6>(b);
+    case 0x000d: case 0x800b: return Ovk::makePtr<FlowspecExtCommRedirectVrfIpv6>(b);
+    default: return Ovk::makePtr<ExtCommIp6>(b);
+   }
+}
+
+Ovnet::IpGenAddr ExtCommIp6::address() const noexcept {
+   return Ovnet::IpGenAddr::ipv6(std::span<std::uint8_t const, 16>(bytes_.data() + 2, 16));
+}
+
+void ExtCommIp6::fields(std::vector<ExtCommField>& out) const {
+   out.push_back(num("type", type()));
+   out.push_back(num("subtype", subtype()));
+   out.push_back(text("address", address().str()));
+   out.push_back(num("local", localAdmin()));
+}
+
+std::string ExtCommIp6::toStrep() const {
+   std::vector<ExtCommField> f;
+   fields(f);
+   std::string s = kindName();
+   s += '(';
+   for (std::size_t i = 0; i < f.size(); ++i) {
+      if (i) s += ", ";
+      s += f[i].name + "=" + f[i].value;
+   }
+   return s + ")";
+}
+
+std::uint32_t ExtCommIp6::hash() const { return Ovk::String::hashBytes(bytes_.data(), kSize); }
+
+bool ExtCommIp6::compare(Ovk::DedupHandle const* other) const {
+   auto const* o = dynamic_cast<ExtCommIp6 const*>(other);
+   return o && o->bytes_ == bytes_;
+}
+
+void FlowspecExtCommRedirectIpv6::fields(std::vector<ExtCommField>& out) const {
+   out.push_back(text("address", address().str()));
+   out.push_back(flag("copy", copy()));
+}
+
+void FlowspecExtCommRedirectVrfIpv6::fields(std::vector<ExtCommField>& out) const {
+   out.push_back(text("routeTarget", address().str() + ":" + std::to_string(localAdmin())));
+   out.push_back(num("typeCode", (std::uint32_t{type()} << 8) | subtype()));
+}
+
+std::ostream& operator<<(std::ostream& os, ExtComm const& c) { return os << c.toStrep(); }
+std::ostream& operator<<(std::ostream& os, ExtCommIp6 const& c) { return os << c.toStrep(); }
+
+} // namespace Routing::Bgp
