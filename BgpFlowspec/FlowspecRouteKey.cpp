@@ -395,15 +395,18 @@ bool FlowspecRouteKey::compare(Ovk::DedupHandle const* other) const {
 bool FlowspecRouteKey::lessThan(Ovk::Ptr<RouteKeyBase const> const& other) const {
    // The host compares keys of one table only: no type check.
    auto const& o = static_cast<FlowspecRouteKey const&>(*other);
-   if (int const c = Flowspec::FlowspecKey::cmpPrefix(destPrefix(), o.destPrefix()); c != 0) return c < 0;
-   if (int const c = Flowspec::FlowspecKey::cmpPrefix(srcPrefix(), o.srcPrefix()); c != 0) return c < 0;
+   auto cmpPrefix = [&](std::uint8_t type) {
+      return Flowspec::FlowspecKey::cmpPrefix(prefixEntry(type).prefix(isV6()), o.prefixEntry(type).prefix(o.isV6()));
+   };
+   if (int const c = cmpPrefix(kTagDestPrefix); c != 0) return c < 0;
+   if (int const c = cmpPrefix(kTagSrcPrefix); c != 0) return c < 0;
 
    std::uint8_t const* const data = storedData();
    std::uint8_t const* const otherData = o.storedData();
-   FlowspecOpValComponentIterator a(data + componentsBegin(), data + storedSize());
-   FlowspecOpValComponentIterator b(otherData + o.componentsBegin(), otherData + o.storedSize());
    std::size_t aPos = componentsBegin();
    std::size_t bPos = o.componentsBegin();
+   FlowspecOpValComponentIterator a(data + aPos, data + storedSize());
+   FlowspecOpValComponentIterator b(otherData + bPos, otherData + o.storedSize());
    for (;; ++a, ++b) {
       bool const aDone = a == std::default_sentinel;
       bool const bDone = b == std::default_sentinel;
