@@ -1,0 +1,612 @@
+#include "BgpFlowspec/FlowspecRouteKey.h"
+
+#include <algorithm>
+#include <cstring>
+#include <ios>
+#include <ostream>
+#include <vector>
+
+#include "host/fwk/Assert.h"
+#include "host/fwk/Trace.h"
+
+namespace Routing::Bgp::FlowspecPlugin {
+
+// The stored encoding: entries one after another, in this order, each opened by a tag byte.
+//
+//   destination prefix   01 mask [offset, IPv6 only] pattern   (the NLRI component itself)
+//   source prefix        02 mask [offset, IPv6 only] pattern
+//   components           TT pairs...                           TT = type 3..0x7f whose pairs
+//                                                              are well formed: each pair's
+//                                                              length is its operator's, and
+//                                                              the end-of-list bit is on the
+//                                                              last pair and only there (the
+//                                                              NLRI component itself)
+//                        80 type(4, LE) size(2, LE) bytes      any other component
+//   tail                 ff bytes                              to the end
+//
+// The encoding is canonical: the pattern holds ceil((mask - offset) / 8) bytes with the bits
+// beyond (mask - offset) cleared, and the form of a component follows from its type and bytes
+// alone. Two keys with equal fields therefore store equal bytes, and a key whose components
+// all came off the wire stores exactly its NLRI body (after the length field).
+
+namespace {
+
+constexpr std::uint8_t kTagDestPrefix = 1;
+constexpr std::uint8_t kTagSrcPrefix = 2;
+constexpr std::uint8_t kTagFirstShort = 3;
+constexpr std::uint8_t kTagLastShort = 0x7f;
+constexpr std::uint8_t kTagRaw = 0x80;
+constexpr std::uint8_t kTagTail = 0xff;
+constexpr std::size_t kRawHeader = 7;
+
+// Length in bytes of the well-formed pair list at `p`; the list is trusted.
+std::size_t shortPairsSize(std::uint8_t const* p) noexcept {
+   std::size_t i = 0;
+   for (;;) {
+      std::uint8_t const op = p[i];
+      i += 1 + Flowspec::opValueBytes(op);
+      if (op & Flowspec::opEndOfList) return i;
+   }
+}
+
+// True when `bytes` is one list of whole pairs that ends with the first end-of-list bit.
+bool wellFormedPairs(std::span<std::uint8_t const> bytes) noexcept {
+   std::size_t i = 0;
+   while (i < bytes.size()) {
+      std::uint8_t const op = bytes[i];
+      i += 1 + Flowspec::opValueBytes(op);
+      if (op & Flowspec::opEndOfList) return i == bytes.size();
+   }
+   return false;
+}
+
+std::size_t patternBytes(unsigned mask, unsigned offset) noexcept { return (mask - offset + 7) / 8; }
+
+void putLe(std::uint8_t* out, std::uint32_t v, std::size_t n) noexcept {
+   for (std::size_t i = 0; i < n; ++i) out[i] = static_cast<std::uint8_t>(v >> (8 * i));
+}
+
+std::uint32_t getLe(std::uint8_t const* in, std::size_t n) noexcept {
+   std::uint32_t v = 0;
+   for (std::size_t i = 0; i < n; ++i) v |= static_cast<std::uint32_t>(in[i]) << (8 * i);
+   return v;
+}
+
+// Jenkins one-at-a-time mixing (as Ovnet::oneAtATimeMix), here so that it inlines: the hash
+// is one long dependency chain and most of its bytes are zero.
+inline std::uint32_t mixByte(std::uint32_t h, std::uint8_t b) noexcept {
+   h += b;
+   h += h << 10;
+   h ^= h >> 6;
+   return h;
+}
+
+std::uint32_t mixBytes(std::uint32_t h, std::uint8_t const* p, std::size_t n) noexcept {
+   for (std::size_t i = 0; i < n; ++i) h = mixByte(h, p[i]);
+   return h;
+}
+
+std::uint32_t mixLe32(std::uint32_t h, std::uint32_t v) noexcept {
+   for (int i = 0; i < 4; ++i) h = mixByte(h, static_cast<std::uint8_t>(v >> (8 * i)));
+   return h;
+}
+
+// Mixes the bytes of a prefix value as they lie in memory.
+std::uint32_t mixPrefix(std::uint32_t h, Ovnet::IpGenPrefix const& p) noexcept {
+   static_assert(sizeof(Ovnet::IpGenPrefix) == 24);
+   return mixBytes(h, reinterpret_cast<std::uint8_t const*>(&p), sizeof(p));
+}
+
+} // namespace
+
+void FlowspecOpValComponentIterator::load() {
+   if (pos_ == end_) return;
+   std::uint8_t const tag = *pos_;
+   if (tag == kTagTail) {
+      pos_ = end_;
+      return;
+   }
+   if (tag == kTagRaw) {
+      std::size_t const n = getLe(pos_ + 5, 2);
+      current_ = {static_cast<Flowspec::MatchCompType>(getLe(pos_ + 1, 4)), {pos_ + kRawHeader, n}};
+      currentSize_ = kRawHeader + n;
+   } else {
+      std::size_t const n = shortPairsSize(pos_ + 1);
+      current_ = {static_cast<Flowspec::MatchCompType>(tag), {pos_ + 1, n}};
+      currentSize_ = 1 + n;
+   }
+}
+
+int flowspecMemcmp(std::span<std::uint8_t const> a, std::span<std::uint8_t const> b) noexcept {
+   if (!a.empty() && !b.empty()) {
+      if (int const c = std::memcmp(a.data(), b.data(), std::min(a.size(), b.size())); c != 0) return c;
+   }
+   if (a.size() == b.size()) return 0;
+   // Where one is a prefix of the other, the longer (more specific) one sorts first.
+   return a.size() > b.size() ? -1 : 1;
+}
+
+// ---- Stored prefixes ----
+
+struct FlowspecRouteKey::PrefixEntry {
+   std::size_t pos = 0;  // where the entry starts
+   std::size_t size = 0; // its stored size; 0 when the key has no such prefix
+   std::uint8_t mask = 0;
+   std::uint8_t offset = 0;
+   std::uint8_t const* pattern = nullptr;
+
+   bool present() const noexcept { return size != 0; }
+   Ovnet::IpGenPrefix prefix(bool v6) const noexcept {
+      if (!present()) return {};
+      std::uint8_t addr[16] = {};
+      std::memcpy(addr, pattern, patternBytes(mask, offset));
+      Ovnet::IpGenAddr const a = v6 ? Ovnet::IpGenAddr::ipv6(std::span<std::uint8_t const, 16>(addr, 16))
+                                    : Ovnet::IpGenAddr::ipv4(std::span<std::uint8_t const, 4>(addr, 4));
+      return Ovnet::IpGenPrefix(a, mask);
+   }
+};
+
+FlowspecRouteKey::PrefixEntry FlowspecRouteKey::prefixEntry(std::uint8_t type) const {
+   std::uint8_t const* const data = storedData();
+   std::size_t const size = storedSize();
+   std::size_t const header = isV6() ? 3 : 2;
+   PrefixEntry e;
+   for (std::size_t pos = 0; pos < size;) {
+      std::uint8_t const tag = data[pos];
+      if (tag != kTagDestPrefix && tag != kTagSrcPrefix) break;
+      std::uint8_t const mask = data[pos + 1];
+      std::uint8_t const offset = isV6() ? data[pos + 2] : 0;
+      std::size_t const entrySize = header + patternBytes(mask, offset);
+      if (tag == type) return {pos, entrySize, mask, offset, data + pos + header};
+      // An absent destination prefix would go first, an absent source prefix after the
+      // destination prefix.
+      if (tag > type) break;
+      pos += entrySize;
+      e.pos = pos;
+   }
+   return e;
+}
+
+std::size_t FlowspecRouteKey::componentsBegin() const {
+   PrefixEntry const src = prefixEntry(kTagSrcPrefix);
+   return src.pos + src.size;
+}
+
+std::size_t FlowspecRouteKey::tailBegin() const {
+   // The walk over the components stops at the tail's tag, or at the end.
+   std::uint8_t const* const data = storedData();
+   std::size_t pos = componentsBegin();
+   for (FlowspecOpValComponentIterator c(data + pos, data + storedSize()); c != std::default_sentinel; ++c) {
+      pos += c.currentSize_;
+   }
+   return pos;
+}
+
+void FlowspecRouteKey::prefixIs(std::uint8_t type, Ovnet::IpGenPrefix const& prefix, std::uint8_t offset) {
+   assertFillable();
+   PrefixEntry const old = prefixEntry(type);
+   if (prefix.isUnset()) {
+      OVK_ASSERT(offset == 0);
+      storedReplace(old.pos, old.size, nullptr, 0);
+      return;
+   }
+   OVK_ASSERT(prefix.af() == slateKeyAf());
+   OVK_ASSERT(prefix.len() >= offset);
+   OVK_ASSERT(offset == 0 || isV6());
+   std::uint8_t entry[3 + 16];
+   std::size_t n = 0;
+   entry[n++] = type;
+   entry[n++] = prefix.len();
+   if (isV6()) entry[n++] = offset;
+   unsigned const bits = static_cast<unsigned>(prefix.len() - offset);
+   std::size_t const pattern = patternBytes(prefix.len(), offset);
+   std::memcpy(entry + n, prefix.addr().storage().data(), pattern);
+   if (bits % 8 != 0) entry[n + pattern - 1] &= static_cast<std::uint8_t>(0xffu << (8 - bits % 8));
+   storedReplace(old.pos, old.size, entry, n + pattern);
+}
+
+void FlowspecRouteKey::destPrefixIs(Ovnet::IpGenPrefix const& prefix, std::uint8_t offset) {
+   prefixIs(kTagDestPrefix, prefix, offset);
+}
+
+void FlowspecRouteKey::srcPrefixIs(Ovnet::IpGenPrefix const& prefix, std::uint8_t offset) {
+   prefixIs(kTagSrcPrefix, prefix, offset);
+}
+
+Ovnet::IpGenPrefix FlowspecRouteKey::destPrefix() const { return prefixEntry(kTagDestPrefix).prefix(isV6()); }
+Ovnet::IpGenPrefix FlowspecRouteKey::srcPrefix() const { return prefixEntry(kTagSrcPrefix).prefix(isV6()); }
+std::uint8_t FlowspecRouteKey::destPrefixOffset() const { return prefixEntry(kTagDestPrefix).offset; }
+std::uint8_t FlowspecRouteKey::srcPrefixOffset() const { return prefixEntry(kTagSrcPrefix).offset; }
+
+// ---- Stored components and tail ----
+
+void FlowspecRouteKey::addOpValComponent(Flowspec::MatchCompType type, std::span<std::uint8_t const> opValuePairs) {
+   assertFillable();
+   OVK_ASSERT(opValuePairs.size() <= 0xffff);
+   std::size_t const at = tailBegin();
+   if (type >= kTagFirstShort && type <= kTagLastShort && wellFormedPairs(opValuePairs)) {
+      // Tag and bytes in one piece, so the buffer moves once.
+      std::uint8_t local[64];
+      std::vector<std::uint8_t> big;
+      std::uint8_t* entry = local;
+      if (opValuePairs.size() + 1 > sizeof(local)) {
+         big.resize(opValuePairs.size() + 1);
+         entry = big.data();
+      }
+      entry[0] = static_cast<std::uint8_t>(type);
+      std::memcpy(entry + 1, opValuePairs.data(), opValuePairs.size());
+      storedReplace(at, 0, entry, opValuePairs.size() + 1);
+      return;
+   }
+   std::vector<std::uint8_t> entry(kRawHeader + opValuePairs.size());
+   entry[0] = kTagRaw;
+   putLe(entry.data() + 1, type, 4);
+   putLe(entry.data() + 5, static_cast<std::uint32_t>(opValuePairs.size()), 2);
+   if (!opValuePairs.empty()) std::memcpy(entry.data() + kRawHeader, opValuePairs.data(), opValuePairs.size());
+   storedReplace(at, 0, entry.data(), entry.size());
+}
+
+FlowspecOpValComponentRange FlowspecRouteKey::opValComponents() const {
+   std::uint8_t const* const data = storedData();
+   return {FlowspecOpValComponentIterator(data + componentsBegin(), data + storedSize())};
+}
+
+std::size_t FlowspecRouteKey::opValComponentCount() const {
+   std::size_t n = 0;
+   for ([[maybe_unused]] FlowspecOpValComponentView c : opValComponents()) ++n;
+   return n;
+}
+
+std::span<std::uint8_t const> FlowspecRouteKey::unrecognizedTail() const {
+   std::size_t const at = tailBegin();
+   std::size_t const size = storedSize();
+   if (at == size) return {};
+   return {storedData() + at + 1, size - at - 1};
+}
+
+void FlowspecRouteKey::unrecognizedTailIs(std::span<std::uint8_t const> tail) {
+   assertFillable();
+   std::size_t const at = tailBegin();
+   std::size_t const old = storedSize() - at;
+   if (tail.empty()) {
+      storedReplace(at, old, nullptr, 0);
+      return;
+   }
+   std::vector<std::uint8_t> entry(1 + tail.size());
+   entry[0] = kTagTail;
+   std::memcpy(entry.data() + 1, tail.data(), tail.size());
+   storedReplace(at, old, entry.data(), entry.size());
+}
+
+void FlowspecRouteKey::wontExportReasonIs(FlowspecWontExportReason reason) {
+   assertFillable();
+   wontExportReason_ = static_cast<std::uint8_t>(reason.value());
+}
+
+void FlowspecRouteKey::assertFillable() const { OVK_ASSERT(dedupState() == Ovk::dedupHandleStateNeverDeduped()); }
+
+// ---- Buffer ----
+
+FlowspecRouteKey::~FlowspecRouteKey() {
+   if (onHeap()) delete[] stored_.heap.data;
+}
+
+void FlowspecRouteKey::storedReplace(std::size_t pos, std::size_t oldSize, std::uint8_t const* bytes, std::size_t n) {
+   std::size_t const size = storedSize();
+   OVK_ASSERT(pos + oldSize <= size);
+   std::size_t const newSize = size - oldSize + n;
+   std::size_t const after = size - pos - oldSize;
+   if (!onHeap() && newSize <= kInlineBytes) {
+      std::memmove(stored_.inlineBytes + pos + n, stored_.inlineBytes + pos + oldSize, after);
+      if (n) std::memcpy(stored_.inlineBytes + pos, bytes, n);
+      inlineSize_ = static_cast<std::uint8_t>(newSize);
+      return;
+   }
+   if (onHeap() && newSize <= stored_.heap.capacity) {
+      std::uint8_t* const d = stored_.heap.data;
+      std::memmove(d + pos + n, d + pos + oldSize, after);
+      if (n) std::memcpy(d + pos, bytes, n);
+      stored_.heap.size = static_cast<std::uint32_t>(newSize);
+      return;
+   }
+   // Grow geometrically while the key is being filled; shrinkToFit trims it afterwards.
+   OVK_ASSERT(newSize <= 0xffffffffu / 2);
+   std::size_t const capacity = std::max({newSize, 2 * size, 2 * kInlineBytes});
+   auto* const d = new std::uint8_t[capacity];
+   std::uint8_t const* const old = storedData();
+   std::memcpy(d, old, pos);
+   if (n) std::memcpy(d + pos, bytes, n);
+   std::memcpy(d + pos + n, old + pos + oldSize, after);
+   if (onHeap()) delete[] stored_.heap.data;
+   stored_.heap.data = d;
+   stored_.heap.size = static_cast<std::uint32_t>(newSize);
+   stored_.heap.capacity = static_cast<std::uint32_t>(capacity);
+   inlineSize_ = kOnHeap;
+}
+
+void FlowspecRouteKey::shrinkToFit() {
+   if (!onHeap()) return;
+   std::uint8_t* const old = stored_.heap.data;
+   std::size_t const size = stored_.heap.size;
+   if (size <= kInlineBytes) {
+      std::memcpy(stored_.inlineBytes, old, size);
+      inlineSize_ = static_cast<std::uint8_t>(size);
+      delete[] old;
+      return;
+   }
+   if (stored_.heap.capacity == size) return;
+   auto* const d = new std::uint8_t[size];
+   std::memcpy(d, old, size);
+   delete[] old;
+   stored_.heap.data = d;
+   stored_.heap.capacity = static_cast<std::uint32_t>(size);
+}
+
+// ---- Identity ----
+
+Ovk::FwkType const& FlowspecRouteKey::classFwkType() {
+   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecRouteKey");
+   return type;
+}
+
+Ovk::FwkType const& FlowspecRouteKey::fwkType() const { return classFwkType(); }
+
+std::uint32_t FlowspecRouteKey::hash() const {
+   PrefixEntry const dest = prefixEntry(kTagDestPrefix);
+   PrefixEntry const src = prefixEntry(kTagSrcPrefix);
+   Ovnet::IpGenPrefix const destPrefix = dest.prefix(isV6());
+   Ovnet::IpGenPrefix const srcPrefix = src.prefix(isV6());
+
+   std::uint32_t h = mixLe32(0, wontExportReason_);
+   h = mixPrefix(h, destPrefix);
+   h = mixPrefix(h, srcPrefix);
+   h = mixByte(h, dest.offset);
+   h = mixByte(h, src.offset);
+
+   std::uint8_t const* const data = storedData();
+   std::size_t const size = storedSize();
+   FlowspecOpValComponentIterator it(data + src.pos + src.size, data + size);
+   std::size_t pos = src.pos + src.size;
+   for (; it != std::default_sentinel; ++it) {
+      FlowspecOpValComponentView const c = *it;
+      h = mixLe32(h, c.type);
+      // The component's bytes are folded in through their own hash, not mixed byte by byte.
+      if (!c.opValuePairsNbo.empty()) h ^= Ovk::String::hashBytes(c.opValuePairsNbo.data(), c.opValuePairsNbo.size());
+      pos += it.currentSize_;
+   }
+   if (pos < size) h ^= Ovk::String::hashBytes(data + pos + 1, size - pos - 1);
+   return Ovnet::oneAtATimeFinal(h);
+}
+
+bool FlowspecRouteKey::compare(Ovk::DedupHandle const* other) const {
+   auto const* const o = dynamic_cast<FlowspecRouteKey const*>(other);
+   OVK_ASSERT_MSG(o != nullptr, "other");
+   if (wontExportReason_ != o->wontExportReason_) return false;
+   // The encoding is canonical, so equal fields are equal bytes. A prefix decodes in the
+   // key's family, so keys of two families that hold prefixes differ whatever their bytes.
+   std::size_t const size = storedSize();
+   if (size != o->storedSize()) return false;
+   if (size == 0) return true;
+   std::uint8_t const* const data = storedData();
+   if (std::memcmp(data, o->storedData(), size) != 0) return false;
+   return slateKeyAf_ == o->slateKeyAf_ || (data[0] != kTagDestPrefix && data[0] != kTagSrcPrefix);
+}
+
+bool FlowspecRouteKey::lessThan(Ovk::Ptr<RouteKeyBase const> const& other) const {
+   // The host compares keys of one table only: no type check.
+   auto const& o = static_cast<FlowspecRouteKey const&>(*other);
+   auto cmpPrefix = [&](std::uint8_t type) {
+      return Flowspec::FlowspecKey::cmpPrefix(prefixEntry(type).prefix(isV6()), o.prefixEntry(type).prefix(o.isV6()));
+   };
+   if (int const c = cmpPrefix(kTagDestPrefix); c != 0) return c < 0;
+   if (int const c = cmpPrefix(kTagSrcPrefix); c != 0) return c < 0;
+
+   std::uint8_t const* const data = storedData();
+   std::uint8_t const* const otherData = o.storedData();
+   std::size_t aPos = componentsBegin();
+   std::size_t bPos = o.componentsBegin();
+   FlowspecOpValComponentIterator a(data + aPos, data + storedSize());
+   FlowspecOpValComponentIterator b(otherData + bPos, otherData + o.storedSize());
+   for (;; ++a, ++b) {
+      bool const aDone = a == std::default_sentinel;
+      bool const bDone = b == std::default_sentinel;
+      if (aDone && bDone) break;
+      // The rule with more components sorts first.
+      if (aDone) return false;
+      if (bDone) return true;
+      FlowspecOpValComponentView const x = *a;
+      FlowspecOpValComponentView const y = *b;
+      if (x.type != y.type) return static_cast<std::int32_t>(x.type) < static_cast<std::int32_t>(y.type);
+      if (int const c = flowspecMemcmp(x.opValuePairsNbo, y.opValuePairsNbo); c != 0) return c < 0;
+      aPos += a.currentSize_;
+      bPos += b.currentSize_;
+   }
+   auto tailAt = [](std::uint8_t const* d, std::size_t pos, std::size_t size) -> std::span<std::uint8_t const> {
+      return pos < size ? std::span<std::uint8_t const>(d + pos + 1, size - pos - 1) : std::span<std::uint8_t const>();
+   };
+   if (int const c = flowspecMemcmp(tailAt(data, aPos, storedSize()), tailAt(otherData, bPos, o.storedSize())); c != 0) {
+      return c < 0;
+   }
+   // Equal keys: true, deliberately (callers that need a strict order wrap this).
+   OVK_TRACE(flowspecTraceFacility(), 8, *this << " is equal to " << o);
+   return true;
+}
+
+std::uintptr_t FlowspecRouteKey::ruleId() const {
+   OVK_ASSERT_MSG(dedupState() != Ovk::dedupHandleStateNeverDeduped(),
+                  "__null == ( this ) || ( this )->dedupState() != Ovk::dedupHandleStateNeverDeduped()");
+   return isDeduped() ? reinterpret_cast<std::uintptr_t>(this) : 0;
+}
+
+void FlowspecRouteKey::formatBody(std::ostream& os) const {
+   std::ios saved(nullptr);
+   saved.copyfmt(os);
+   os << ";ruleId=" << ruleId() << ";" << slateKey();
+   os.copyfmt(saved);
+}
+
+void FlowspecRouteKey::formatDerivedType(std::ostream& os) const {
+   os << "Flowspec";
+   formatBody(os);
+}
+
+void FlowspecRouteKey::formatWithoutVrf(std::ostream& os) const { formatBody(os); }
+
+void FlowspecRouteKey::blinkPut(Ovk::Blink& blink) const {
+   std::uint32_t const words[2] = {static_cast<std::uint32_t>(ruleId()), 0};
+   blink.put(words, sizeof(words));
+}
+
+Ovk::Ptr<RouteKey const> FlowspecRouteKey::dedupRouteKey(RouteKeyDedupTableBase const* table) {
+   shrinkToFit();
+   return RouteKey::dedupRouteKey(table);
+}
+
+void FlowspecRouteKey::postConstructor() { slateKeyAfIs(Ovnet::AddressFamily::unspecified); }
+
+// ---- Text ----
+
+Flowspec::FlowspecKey FlowspecRouteKey::slateKey() const {
+   Flowspec::FlowspecKey k;
+   k.afIs(slateKeyAf());
+   k.destPrefixIs(destPrefix());
+   k.srcPrefixIs(srcPrefix());
+   Flowspec::MatchOpValIndex index = 0;
+   for (FlowspecOpValComponentView const c : opValComponents()) {
+      // Only operator/value types have a place in the library's map; the parse rule and
+      // the text never build others.
+      if (!Flowspec::isOpValType(c.type)) continue;
+      auto const bytes = c.opValuePairsNbo;
+      for (std::size_t i = 0; i < bytes.size();) {
+         std::uint8_t const op = bytes[i];
+         std::size_t const n = Flowspec::opValueBytes(op);
+         if (i + 1 + n > bytes.size() || index >= Flowspec::maxMatchOpValIndex) break;
+         std::uint64_t v = 0;
+         for (std::size_t j = 0; j < n; ++j) v = v << 8 | bytes[i + 1 + j];
+         // The map holds 32-bit values, as the parse rule enters them.
+         index = k.setOpVal(index, c.type, op, static_cast<std::uint32_t>(v));
+         i += 1 + n;
+      }
+   }
+   return k;
+}
+
+bool FlowspecRouteKey::copyInStrCli(std::string_view text) {
+   assertFillable();
+   Flowspec::FlowspecKey slate;
+   slate.afIs(slateKeyAf());
+   if (!slate.copyInStrCli(text)) return false;
+   copyInFlowspecKey(slate);
+   return true;
+}
+
+void FlowspecRouteKey::copyInFlowspecKey(Flowspec::FlowspecKey const& slate) {
+   assertFillable();
+   slateKeyAfIs(slate.af());
+   destPrefixIs(slate.destPrefix());
+   srcPrefixIs(slate.srcPrefix());
+   std::vector<std::uint8_t> buffer;
+   Flowspec::MatchCompType building = Flowspec::none_;
+   bool any = false;
+   for (auto r = slate.getOptVal(0); !r.atEnd(); r = slate.getOptVal(r.nextIndex())) {
+      if (any && r.type() != building) {
+         addOpValComponent(building, buffer);
+         buffer.clear();
+      }
+      building = r.type();
+      any = true;
+      // The library has set the operator's end-of-list bit, length code and comparison.
+      std::uint8_t const op = r.op();
+      buffer.push_back(op);
+      std::uint32_t const v = r.value();
+      switch (Flowspec::opLengthCode(op)) {
+       case 0: buffer.push_back(static_cast<std::uint8_t>(v)); break;
+       case 1:
+         buffer.push_back(static_cast<std::uint8_t>(v >> 8));
+         buffer.push_back(static_cast<std::uint8_t>(v));
+         break;
+       case 2:
+         for (int shift = 24; shift >= 0; shift -= 8) buffer.push_back(static_cast<std::uint8_t>(v >> shift));
+         break;
+       default:
+         // Eight-byte values are never produced.
+         OVK_ASSERT(false);
+      }
+   }
+   if (any) addOpValComponent(building, buffer);
+   shrinkToFit();
+}
+
+std::string FlowspecRouteKey::toStrepCli() const { return slateKey().toStrepCli(); }
+
+std::string FlowspecRouteKey::toStrepCliDetail() const { return slateKey().toStrepCliDetail(); }
+
+// ---- Concrete kinds ----
+
+Ovk::FwkType const& FlowspecV4RouteKey::classFwkType() {
+   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecV4RouteKey");
+   return type;
+}
+
+Ovk::FwkType const& FlowspecV4RouteKey::fwkType() const { return classFwkType(); }
+
+void FlowspecV4RouteKey::postConstructor() {
+   FlowspecRouteKey::postConstructor();
+   slateKeyAfIs(Ovnet::AddressFamily::ipv4);
+}
+
+Ovk::FwkType const& FlowspecV6RouteKey::classFwkType() {
+   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecV6RouteKey");
+   return type;
+}
+
+Ovk::FwkType const& FlowspecV6RouteKey::fwkType() const { return classFwkType(); }
+
+void FlowspecV6RouteKey::postConstructor() {
+   FlowspecRouteKey::postConstructor();
+   slateKeyAfIs(Ovnet::AddressFamily::ipv6);
+}
+
+// The three flag bytes sit in the dedup handle's tail padding and the buffer fills the rest
+// of the allocator's 64-byte block.
+static_assert(sizeof(Ovk::DedupHandle) == 32);
+static_assert(sizeof(FlowspecV4RouteKey) == 56);
+static_assert(sizeof(FlowspecV6RouteKey) == 56);
+
+Ovk::Ptr<FlowspecV4RouteKey> flowspecV4RouteKeyFactory() { return newRouteKey<FlowspecV4RouteKey>(); }
+
+Ovk::Ptr<FlowspecV6RouteKey> flowspecV6RouteKeyFactory() { return newRouteKey<FlowspecV6RouteKey>(); }
+
+FlowspecRouteKey::Ptr flowspecRouteKeyFactory(Afi afi) {
+   if (afi == Afi::afiIpv4) return flowspecV4RouteKeyFactory();
+   return flowspecV6RouteKeyFactory();
+}
+
+// ---- Dedup table ----
+
+Ovk::FwkType const& FlowspecRouteKeyDedupTable::classFwkType() {
+   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecRouteKeyDedupTable");
+   return type;
+}
+
+Ovk::FwkType const& FlowspecRouteKeyDedupTable::fwkType() const { return classFwkType(); }
+
+FlowspecRouteKey::PtrConst FlowspecRouteKeyDedupTable::lookupOrCreateOrphanFromRkAttrs(std::string_view text) const {
+   FlowspecRouteKey::Ptr key = flowspecRouteKeyFactory(afiSafi().afi());
+   if (!key->copyInStrCli(text)) {
+      // Lenient on purpose: the caller gets the key of what could be read (nothing).
+      OVK_TRACE(flowspecTraceFacility(), 3, *this << " Could not instantiate rk from " << text);
+   }
+   if (Ovk::Ptr<RouteKey const> found = lookupRouteKey(*key)) {
+      return FlowspecRouteKey::PtrConst(static_cast<FlowspecRouteKey const*>(found.ptr()));
+   }
+   key->orphanIs(Ovk::Ptr<Ovk::DedupHashTable const>(this));
+   OVK_TRACE(flowspecTraceFacility(), 8, *this << " Created rk:" << *key);
+   return key;
+}
+
+Ovk::Ptr<FlowspecRouteKeyDedupTable> flowspecRouteKeyDedupTableFactory(AfiSafi afiSafi, BgpVrfIdBase vrfId) {
+   return Ovk::makePtr<FlowspecRouteKeyDedupTable>(afiSafi, vrfId);
+}
+
+} // namespace Routing::Bgp::FlowspecPlugin

@@ -1,0 +1,109 @@
+#include "host/bgp/RouteKey.h"
+
+#include <ostream>
+#include <sstream>
+
+#include "host/bgp/BgpTrace.h"
+#include "host/fwk/Assert.h"
+
+namespace Routing::Bgp {
+
+namespace {
+constexpr char const* kMustOverride = "Must override in derived class";
+} // namespace
+
+// ---- RouteKeyBase ----
+
+Ovk::FwkType const& RouteKeyBase::classFwkType() {
+   static constexpr Ovk::FwkType type("Routing::Bgp::RouteKeyBase");
+   return type;
+}
+
+Ovk::FwkType const& RouteKeyBase::fwkType() const { return classFwkType(); }
+
+bool RouteKeyBase::compareByContent(RouteKeyBase const* other) const { return compare(other); }
+
+Afi RouteKeyBase::afi() const { OVK_FATAL(kMustOverride); }
+
+std::uint8_t RouteKeyBase::safi() const { OVK_FATAL(kMustOverride); }
+
+NlriType RouteKeyBase::nlriType() const { OVK_FATAL(kMustOverride); }
+
+void RouteKeyBase::formatDerivedType(std::ostream& os) const { os << fwkType().name(); }
+
+void RouteKeyBase::formatWithoutVrf(std::ostream& os) const { formatDerivedType(os); }
+
+std::string RouteKeyBase::toStrepImpl() const {
+   std::ostringstream os;
+   formatDerivedType(os);
+   return std::move(os).str();
+}
+
+void RouteKeyBase::blinkPut(Ovk::Blink& blink) const {
+   std::uint32_t const h = hash();
+   blink.put(&h, sizeof(h));
+}
+
+bool RouteKeyBase::lessThan(Ovk::Ptr<RouteKeyBase const> const&) const { OVK_FATAL(kMustOverride); }
+
+Ovk::TraceFacility& RouteKeyBase::traceFacility() const { return bgpTraceFacility(); }
+
+bool RouteKeyBase::isOverlapping(RouteKeyBase const&) const { OVK_FATAL(kMustOverride); }
+
+bool RouteKeyBase::isMoreSpecific(RouteKeyBase const&) const { OVK_FATAL(kMustOverride); }
+
+Ovk::Ptr<RouteKeyBase const> RouteKeyBase::getOneBitShorterMaskRouteKey() const { OVK_FATAL(kMustOverride); }
+
+void RouteKeyBase::formatAdditionalDetail(std::ostream&) const {}
+
+std::ostream& operator<<(std::ostream& os, RouteKeyBase const& key) {
+   key.formatDerivedType(os);
+   return os;
+}
+
+// ---- RouteKey ----
+
+Ovk::FwkType const& RouteKey::classFwkType() {
+   static constexpr Ovk::FwkType type("Routing::Bgp::RouteKey");
+   return type;
+}
+
+Ovk::FwkType const& RouteKey::fwkType() const { return classFwkType(); }
+
+Ovk::Ptr<RouteKey const> RouteKey::dedupRouteKey(RouteKeyDedupTableBase const* table) {
+   OVK_ASSERT(table != nullptr);
+   Ovk::Ptr<Ovk::DedupHandle const> const canonical = table->lookupOrInsert(Ovk::Ptr<Ovk::DedupHandle>(this));
+   // Every entry of a route-key table is a route key.
+   return Ovk::Ptr<RouteKey const>(static_cast<RouteKey const*>(canonical.ptr()));
+}
+
+// ---- RouteKeyDedupTableBase ----
+
+Ovk::FwkType const& RouteKeyDedupTableBase::classFwkType() {
+   static constexpr Ovk::FwkType type("Routing::Bgp::RouteKeyDedupTableBase");
+   return type;
+}
+
+Ovk::FwkType const& RouteKeyDedupTableBase::fwkType() const { return classFwkType(); }
+
+Ovk::Ptr<RouteKey const> RouteKeyDedupTableBase::lookupRouteKey(RouteKey const& probe) const {
+   Ovk::Ptr<Ovk::DedupHandle const> const found = lookup(probe);
+   return Ovk::Ptr<RouteKey const>(static_cast<RouteKey const*>(found.ptr()));
+}
+
+Ovk::Ptr<RouteKey const> RouteKeyDedupTableBase::dedupFromCommandParams(std::string const&) const {
+   OVK_FATAL(kMustOverride);
+}
+
+Ovk::FwkType const& RouteKeyDedupTable::classFwkType() {
+   static constexpr Ovk::FwkType type("Routing::Bgp::RouteKeyDedupTable");
+   return type;
+}
+
+Ovk::FwkType const& RouteKeyDedupTable::fwkType() const { return classFwkType(); }
+
+std::ostream& operator<<(std::ostream& os, RouteKeyDedupTableBase const& table) {
+   return os << table.fwkType().name() << '(' << table.afiSafi() << " vrf=" << table.vrfId() << ')';
+}
+
+} // namespace Routing::Bgp

@@ -1,0 +1,165 @@
+// Route keys and their dedup tables.
+//
+// A route key names one route of an address family: the key under which the RIBs file its
+// paths, the show tables its rows, and the adj-RIB-out its advertisement. Keys are dedup
+// handles (host/fwk/Dedup.h): built and filled once (never deduplicated), then interned in
+// the route-key dedup table of their VRF and address family, after which the one canonical
+// instance is shared, immutable, through Ptr. An orphan key belongs to a table without being
+// in it; lookups and displays make them.
+//
+// Each address family derives its own key type and overrides what its keys answer. The
+// defaults below are what a key that does not override an operation gets: the questions
+// every key must answer (its address family, its order) and the questions only keys of
+// prefix families can answer (overlap, specificity) stop the process on the assertion
+// "Must override in derived class" when a derived class has not answered them.
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <utility>
+
+#include "host/bgp/AfiSafi.h"
+#include "host/bgp/BgpVrfId.h"
+#include "host/fwk/Dedup.h"
+#include "host/fwk/FwkType.h"
+#include "host/fwk/Ptr.h"
+#include "host/fwk/Trace.h"
+
+namespace Routing::Bgp {
+
+class RouteKey;
+class RouteKeyDedupTableBase;
+
+class RouteKeyBase : public Ovk::DedupHandle {
+ public:
+   static Ovk::FwkType const& classFwkType();
+   // The record of the concrete type.
+   virtual Ovk::FwkType const& fwkType() const;
+
+   // Equality of content for callers outside a dedup table (the RIB's checks of a key it
+   // already holds). By default the dedup equality, compare().
+   virtual bool compareByContent(RouteKeyBase const* other) const;
+
+   // The key's address family. Every concrete key type answers these; the defaults abort.
+   virtual Afi afi() const;
+   virtual std::uint8_t safi() const;
+   virtual NlriType nlriType() const;
+   AfiSafi afiSafi() const { return {afi(), safi()}; }
+
+   // Display: the key's own text (formatDerivedType), and the same as shown where the VRF is
+   // implied (formatWithoutVrf). Both leave the stream's format state as they found it. By
+   // default the type's name, and formatDerivedType.
+   virtual void formatDerivedType(std::ostream& os) const;
+   virtual void formatWithoutVrf(std::ostream& os) const;
+   // formatDerivedType as a string.
+   virtual std::string toStrepImpl() const;
+
+   // Writes the key into the compact trace ring's current record (Ovk::Blink::begin has been
+   // called). By default the key's 32-bit hash.
+   virtual void blinkPut(Ovk::Blink& blink) const;
+
+   // The family's route order: true when this key sorts before `other`, a key of the same
+   // family and table. Every concrete key type answers; the default aborts.
+   virtual bool lessThan(Ovk::Ptr<RouteKeyBase const> const& other) const;
+
+   // The facility the host traces this key's table operations on.
+   virtual Ovk::TraceFacility& traceFacility() const;
+
+   // Questions of prefix families. Keys without a longest-prefix relation keep the defaults:
+   // no overlapping keys, no default prefix, no local label, every filter matches what
+   // compare() finds equal.
+   virtual bool overlappingRouteKeysSupported() const { return false; }
+   virtual bool isDefaultPrefix() const { return false; }
+   static constexpr std::uint32_t kNoLocalLabel = 0;
+   virtual std::uint32_t getLocalLabelForRkPartitionThread() const { return kNoLocalLabel; }
+   virtual bool isValidLocalLabel(std::uint32_t label) const { return label != kNoLocalLabel; }
+   virtual bool matchesFilter(RouteKeyBase const& filter) const { return compare(&filter); }
+   // Overlap and specificity exist only for prefix families: the defaults abort, and the
+   // host never asks a key whose overlappingRouteKeysSupported() is false.
+   virtual bool isOverlapping(RouteKeyBase const& other) const;
+   virtual bool isMoreSpecific(RouteKeyBase const& other) const;
+   virtual Ovk::Ptr<RouteKeyBase const> getOneBitShorterMaskRouteKey() const;
+
+   // Detail display and comparison for the show commands; by default nothing more, and
+   // compare().
+   virtual void formatAdditionalDetail(std::ostream& os) const;
+   virtual bool compareDetail(RouteKeyBase const* other) const { return compare(other); }
+   // The next-hop dependency this key's routes hold on the IGP; none by default.
+   virtual Ovk::Ptr<Ovk::PtrInterface const> iarNhlDependencyLink() const { return nullptr; }
+   // True for the key of the end-of-RIB marker route; false by default.
+   virtual bool isEorReadySignal() const { return false; }
+
+   // Runs once, right after construction, before the key is filled (newRouteKey below).
+   virtual void postConstructor() {}
+
+ protected:
+   RouteKeyBase() = default;
+   ~RouteKeyBase() override = default;
+};
+
+class RouteKey : public RouteKeyBase {
+ public:
+   static Ovk::FwkType const& classFwkType();
+   Ovk::FwkType const& fwkType() const override;
+
+   // Interns this never-deduplicated key in `table` (not null): returns the table's equal
+   // key, or enters this one and returns it. The caller holds a reference to this key.
+   virtual Ovk::Ptr<RouteKey const> dedupRouteKey(RouteKeyDedupTableBase const* table);
+
+ protected:
+   RouteKey() = default;
+   ~RouteKey() override = default;
+};
+
+// Constructs a key and runs its postConstructor.
+template <class T, class... Args>
+Ovk::Ptr<T> newRouteKey(Args&&... args) {
+   Ovk::Ptr<T> key = Ovk::makePtr<T>(std::forward<Args>(args)...);
+   key->postConstructor();
+   return key;
+}
+
+// The key's formatDerivedType.
+std::ostream& operator<<(std::ostream& os, RouteKeyBase const& key);
+
+// The route-key dedup table of one VRF and address family.
+class RouteKeyDedupTableBase : public Ovk::DedupHashTable {
+ public:
+   static Ovk::FwkType const& classFwkType();
+   virtual Ovk::FwkType const& fwkType() const;
+
+   AfiSafi afiSafi() const { return afiSafi_; }
+   BgpVrfIdBase vrfId() const { return vrfId_; }
+
+   // The table's key equal to `probe`, or empty.
+   Ovk::Ptr<RouteKey const> lookupRouteKey(RouteKey const& probe) const;
+
+   // Builds the key that the parameters of a show command name and interns it. Families
+   // whose commands name keys override this; the default aborts.
+   virtual Ovk::Ptr<RouteKey const> dedupFromCommandParams(std::string const& params) const;
+
+ protected:
+   RouteKeyDedupTableBase(AfiSafi afiSafi, BgpVrfIdBase vrfId) : afiSafi_(afiSafi), vrfId_(vrfId) {}
+   ~RouteKeyDedupTableBase() override = default;
+
+ private:
+   AfiSafi afiSafi_;
+   BgpVrfIdBase vrfId_;
+};
+
+// The table address families derive theirs from.
+class RouteKeyDedupTable : public RouteKeyDedupTableBase {
+ public:
+   static Ovk::FwkType const& classFwkType();
+   Ovk::FwkType const& fwkType() const override;
+
+ protected:
+   RouteKeyDedupTable(AfiSafi afiSafi, BgpVrfIdBase vrfId) : RouteKeyDedupTableBase(afiSafi, vrfId) {}
+   ~RouteKeyDedupTable() override = default;
+};
+
+// "<type name>(<afi-safi> vrf=<id>)".
+std::ostream& operator<<(std::ostream& os, RouteKeyDedupTableBase const& table);
+
+} // namespace Routing::Bgp
