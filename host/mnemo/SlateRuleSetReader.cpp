@@ -169,7 +169,7 @@ void SlateRuleSetReader::forEachRule(std::function<bool(Flowspec::Rule const&)> 
    }
 }
 
-SlateSnapshot SlateRuleSetReader::snapshot(unsigned maxAttempts) {
+SlateSnapshot SlateRuleSetReader::snapshot(unsigned maxAttempts, SnapshotOrder order) {
    Header const& h = hdr();
    SlateSnapshot s;
    // Copy the raw records first and decode after the generation check: the pass the writer
@@ -217,7 +217,10 @@ SlateSnapshot SlateRuleSetReader::snapshot(unsigned maxAttempts) {
          ++stats_.damaged;
       }
    }
-   std::sort(s.rules.begin(), s.rules.end(), [](Flowspec::Rule const& a, Flowspec::Rule const& b) { return a.key < b.key; });
+   if (order == SnapshotOrder::keyOrder) {
+      std::sort(s.rules.begin(), s.rules.end(),
+                [](Flowspec::Rule const& a, Flowspec::Rule const& b) { return a.key < b.key; });
+   }
    return s;
 }
 

@@ -36,12 +36,17 @@ enum class SnapshotStatus : std::uint8_t {
 };
 char const* toStrep(SnapshotStatus s);
 
+enum class SnapshotOrder : std::uint8_t {
+   keyOrder,   // FlowspecSlateKey::cmp: rule precedence, as RuleSet::forEachRule visits
+   slotOrder,  // as the rules lie in the segment; saves the sort (most of a large snapshot's cost)
+};
+
 struct SlateSnapshot {
    std::uint64_t generation = 0;
    SnapshotStatus status = SnapshotStatus::unsettled;
    std::uint32_t ruleCount = 0;  // the header's count, read with the rules
    SlateCounters counters;
-   std::vector<Flowspec::Rule> rules;  // in key order (FlowspecSlateKey::cmp)
+   std::vector<Flowspec::Rule> rules;  // in the order asked for
 };
 
 struct SlateReadStats {
@@ -79,8 +84,9 @@ class SlateRuleSetReader {
    // Each rule in slot order, each whole, until `visit` returns false. Not a snapshot: rules
    // changed during the walk may be seen old or new.
    void forEachRule(std::function<bool(Flowspec::Rule const&)> const& visit);
-   // The whole table at one generation; see SnapshotStatus.
-   SlateSnapshot snapshot(unsigned maxAttempts = 100);
+   // The whole table at one generation; see SnapshotStatus. Only the copy of the records
+   // needs the writer to hold still; decoding and sorting come after.
+   SlateSnapshot snapshot(unsigned maxAttempts = 100, SnapshotOrder order = SnapshotOrder::keyOrder);
 
    SlateReadStats const& stats() const { return stats_; }
 
