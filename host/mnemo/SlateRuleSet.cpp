@@ -100,8 +100,9 @@ Ovk::Result<Ovk::Ptr<SlateRuleSet>, SlateError> SlateRuleSet::attach(std::string
          }
       }
       if (!fresh) {
+         // Our own process id counts too: another SlateRuleSet of this process writes there.
          std::uint32_t const pid = h->writerPid.load(std::memory_order_acquire);
-         if (pid != 0 && pid != selfPid() && processAlive(pid)) return Ovk::failure(SlateError::writerActive);
+         if (pid != 0 && processAlive(pid)) return Ovk::failure(SlateError::writerActive);
       }
       Ovk::Ptr<SlateRuleSet> set(new SlateRuleSet(segmentName, std::move(*m)));
       if (fresh) {
@@ -110,7 +111,8 @@ Ovk::Result<Ovk::Ptr<SlateRuleSet>, SlateError> SlateRuleSet::attach(std::string
       }
       // Claim the writer's place; a process that claims it between our check and here wins.
       std::uint32_t expected = set->hdr_->writerPid.load(std::memory_order_acquire);
-      if (expected != 0 && expected != selfPid() && processAlive(expected)) {
+      if (expected != 0 && processAlive(expected)) {
+         set->detached_ = true;
          return Ovk::failure(SlateError::writerActive);
       }
       if (!set->hdr_->writerPid.compare_exchange_strong(expected, selfPid(), std::memory_order_acq_rel)) {

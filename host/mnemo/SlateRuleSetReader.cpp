@@ -176,18 +176,19 @@ SlateSnapshot SlateRuleSetReader::snapshot(unsigned maxAttempts, SnapshotOrder o
    // must leave alone is as short as it can be.
    std::vector<std::uint32_t> words;
    std::vector<std::size_t> starts;
-   for (unsigned attempt = 0; attempt < std::max(maxAttempts, 1u); ++attempt) {
+   unsigned const attempts = std::max(maxAttempts, 1u);
+   for (unsigned attempt = 0; attempt < attempts; ++attempt) {
       std::uint64_t const before = h.generation.load(std::memory_order_acquire);
-      bool writerGone = false;
-      if ((before & 1) != 0) {
-         if (writerAlive()) {
-            s.generation = before;
-            ++stats_.snapshotRetries;
-            std::this_thread::yield();
-            continue;
-         }
-         writerGone = true;
+      s.generation = before;
+      bool const midChange = (before & 1) != 0;
+      bool const writerGone = midChange && !writerAlive();
+      bool const lastAttempt = attempt + 1 == attempts;
+      if (midChange && !writerGone && !lastAttempt) {
+         ++stats_.snapshotRetries;
+         std::this_thread::yield();
+         continue;
       }
+      // (The last attempt copies in any case, so that an unsettled snapshot still has rules.)
       words.clear();
       starts.clear();
       s.counters = countersOf(h);
@@ -200,8 +201,7 @@ SlateSnapshot SlateRuleSetReader::snapshot(unsigned maxAttempts, SnapshotOrder o
          if (r == SlotRead::unsettled) settled = false;
       }
       std::atomic_thread_fence(std::memory_order_acquire);
-      s.generation = before;
-      if (h.generation.load(std::memory_order_relaxed) == before && settled) {
+      if (h.generation.load(std::memory_order_relaxed) == before && settled && (!midChange || writerGone)) {
          s.status = writerGone ? SnapshotStatus::writerGone : SnapshotStatus::consistent;
          break;
       }

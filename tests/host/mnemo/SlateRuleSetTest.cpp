@@ -350,6 +350,27 @@ TEST(SlateRuleSetTest, OneWriterAtATime) {
    int status = 0;
    ASSERT_EQ(::waitpid(child, &status, 0), child);
    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+   // Nor a second writer in the same process.
+   EXPECT_EQ(SlateRuleSet::attach(seg.name(), 8).reason(), SlateError::writerActive);
+   EXPECT_EQ(set->ruleIs(testRule(1)), RuleIsResult::added);
+}
+
+TEST(SlateRuleSetTest, AChangeUnderWayIsNeverASnapshot) {
+   // A live writer that stays inside a change: the snapshot gives up, says so, and still
+   // hands out the whole rules it found.
+   ScopedSegment seg("underway");
+   auto set = writer(seg, 8);
+   ASSERT_TRUE(set);
+   for (std::uint32_t i = 0; i < 3; ++i) ASSERT_EQ(set->ruleIs(testRule(i)), RuleIsResult::added);
+   RawSegment raw(seg.name());
+   raw.header().generation.fetch_add(1);
+   auto rd = reader(seg);
+   auto const s = rd.snapshot(3);
+   EXPECT_EQ(s.status, SnapshotStatus::unsettled);
+   EXPECT_EQ(s.rules.size(), 3u);
+   EXPECT_EQ(rd.stats().snapshotRetries, 3u);
+   raw.header().generation.fetch_add(1);
+   EXPECT_EQ(rd.snapshot(3).status, SnapshotStatus::consistent);
 }
 
 TEST(SlateRuleSetTest, ASegmentOfAnotherCapacityIsRetiredAndReplaced) {
