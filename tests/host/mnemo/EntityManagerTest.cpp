@@ -95,14 +95,4 @@ TEST(EntityManagerTest, MountsThatCannotBeMadeLeaveNothingMounted) {
    EXPECT_EQ(em.mountCount(fsibPath), 1u);
 }
 
-TEST(EntityManagerTest, MountInfoCollections) {
-   MountInfo info;
-   info.collectionIs("rule", 10).collectionIs("other", 2).collectionIs("rule", 12);
-   EXPECT_EQ(info.collections().size(), 2u);
-   EXPECT_EQ(info.collectionSize("rule"), 12u);
-   EXPECT_FALSE(info.collectionSize("none"));
-   EXPECT_EQ(info, MountInfo().collectionIs("other", 2).collectionIs("rule", 12));
-   EXPECT_FALSE(info == MountInfo().collectionIs("rule", 12));
-}
-
 } // namespace
