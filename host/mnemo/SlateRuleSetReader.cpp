@@ -36,8 +36,11 @@ char const* toStrep(SnapshotStatus s) {
 
 SlateRuleSetReader::SlateRuleSetReader(std::string name, SlateMapping mapping)
    : name_(std::move(name)), map_(std::move(mapping)) {
-   capacity_ = hdr().capacity;
-   slots_ = reinterpret_cast<std::uint64_t const*>(map_.base() + hdr().slotsOffset);
+   // The geometry as checked at open; the header's copy is not read again, so damage to it
+   // cannot lead the reader outside the mapping.
+   geometry_ = SlateLayout::geometryFor(hdr().capacity);
+   capacity_ = geometry_.capacity;
+   slots_ = reinterpret_cast<std::uint64_t const*>(map_.base() + geometry_.slotsOffset);
 }
 
 Ovk::Result<SlateRuleSetReader, SlateError> SlateRuleSetReader::open(std::string const& segmentName) {
@@ -85,7 +88,7 @@ bool SlateRuleSetReader::within(std::uint64_t end) {
 }
 
 bool SlateRuleSetReader::copyBlock(std::uint64_t offset, std::vector<std::uint32_t>& out) {
-   if (offset < hdr().heapOffset || !within(offset + recordBytes(0))) return false;
+   if (offset < geometry_.heapOffset || !within(offset + recordBytes(0))) return false;
    auto const* b = reinterpret_cast<std::uint32_t const*>(map_.base() + offset);
    std::uint32_t const blockBytes = loadWord(b + wordBlockBytes);
    std::uint32_t const keyWords = loadWord(b + wordKeyWords);
@@ -132,10 +135,10 @@ std::optional<Flowspec::Rule> SlateRuleSetReader::rule(Flowspec::FlowspecSlateKe
    auto const words = key.words();
    std::uint32_t const hash = key.hash();
    Header const& h = hdr();
-   std::uint32_t const mask = h.indexBuckets - 1;
+   std::uint32_t const mask = geometry_.indexBuckets - 1;
    for (unsigned attempt = 0; attempt < maxLookupAttempts; ++attempt) {
       std::uint64_t const epoch = h.indexEpoch.load(std::memory_order_acquire);
-      auto const* buckets = reinterpret_cast<std::uint64_t const*>(map_.base() + h.indexOffset[epoch & 1]);
+      auto const* buckets = reinterpret_cast<std::uint64_t const*>(map_.base() + geometry_.indexOffset[epoch & 1]);
       std::uint32_t i = hash & mask;
       for (std::uint32_t n = 0; n <= mask; ++n, i = (i + 1) & mask) {
          std::uint64_t const b = loadAcquire(buckets + i);

@@ -101,6 +101,7 @@ class SlateRuleSetReader {
 
    std::string name_;
    SlateMapping map_;
+   SlateLayout::Geometry geometry_{};
    std::uint32_t capacity_ = 0;
    std::uint64_t const* slots_ = nullptr;
    std::uint64_t knownBytes_ = 0;  // how much of the segment is safe to touch
