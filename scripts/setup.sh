@@ -10,6 +10,8 @@ PACKAGES=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   # capture files
   libpcap-dev
+  # the tools: JSON output and command lines
+  nlohmann-json3-dev libcli11-dev
 )
 # Extra packages may be named in the environment (space separated).
 PACKAGES+=(${EXTRA_PACKAGES:-})

@@ -1,0 +1,106 @@
+#include "host/mnemo/EntityManager.h"
+
+#include "host/flowspec/RuleSet.h"
+#include "host/mnemo/SlateRuleSet.h"
+
+namespace Mnemo {
+
+MountInfo& MountInfo::collectionIs(std::string name, std::uint32_t size) {
+   for (auto& c : collections_) {
+      if (c.name == name) {
+         c.size = size;
+         return *this;
+      }
+   }
+   collections_.push_back(Collection{std::move(name), size});
+   return *this;
+}
+
+std::optional<std::uint32_t> MountInfo::collectionSize(std::string_view name) const {
+   for (auto const& c : collections_) {
+      if (c.name == name) return c.size;
+   }
+   return std::nullopt;
+}
+
+bool operator==(MountInfo const& a, MountInfo const& b) {
+   if (a.collections_.size() != b.collections_.size()) return false;
+   for (auto const& c : a.collections_) {
+      if (b.collectionSize(c.name) != c.size) return false;
+   }
+   return true;
+}
+
+char const* toStrep(MountStatus s) {
+   switch (s) {
+    case MountStatus::mounted: return "mounted";
+    case MountStatus::alreadyMounted: return "alreadyMounted";
+    case MountStatus::badPath: return "badPath";
+    case MountStatus::unknownType: return "unknownType";
+    case MountStatus::badCollections: return "badCollections";
+    case MountStatus::conflict: return "conflict";
+    case MountStatus::segmentError: return "segmentError";
+   }
+   return "?";
+}
+
+EntityManager::EntityManager(std::string slatePrefix) : prefix_(std::move(slatePrefix)) {}
+
+std::optional<std::string> EntityManager::segmentName(std::string_view path) const {
+   return slateSegmentName(prefix_, path);
+}
+
+MountStatus EntityManager::doMount(std::string const& path, std::string const& type, MountInfo const& info) {
+   auto const failed = [&](MountStatus s) {
+      OVK_TRACE(mnemoTrace(), 3, "cannot mount " << path << " of type " << type << ": " << toStrep(s));
+      return s;
+   };
+   if (auto it = mounts_.find(path); it != mounts_.end()) {
+      if (it->second.type != type || !(it->second.info == info)) return failed(MountStatus::conflict);
+      ++it->second.count;
+      return MountStatus::alreadyMounted;
+   }
+   std::optional<std::string> const name = segmentName(path);
+   if (!name) return failed(MountStatus::badPath);
+   if (type != fsibType) return failed(MountStatus::unknownType);
+   // A rule set has exactly one collection, its rules.
+   std::optional<std::uint32_t> const size = info.collectionSize(fsibCollection);
+   if (info.collections().size() != 1 || !size || *size == 0) return failed(MountStatus::badCollections);
+   auto set = SlateRuleSet::attach(*name, *size);
+   if (!set) {
+      OVK_TRACE(mnemoTrace(), 3, "cannot attach " << *name << ": " << toStrep(set.reason()));
+      return failed(MountStatus::segmentError);
+   }
+   Ovk::Ptr<Flowspec::RuleSet> entity = set.value();
+   mounts_.emplace(path, Mount{type, info, entity, 1});
+   OVK_TRACE(mnemoTrace(), 5, "mounted " << path << " as " << *name);
+   return MountStatus::mounted;
+}
+
+Ovk::Ptr<Ovk::PtrInterface> EntityManager::getEntity(std::string const& path) const {
+   auto it = mounts_.find(path);
+   return it == mounts_.end() ? nullptr : it->second.entity;
+}
+
+void EntityManager::cleanup(std::string const& path) {
+   auto it = mounts_.find(path);
+   if (it == mounts_.end() || it->second.count != 1) return;
+   if (auto set = Ovk::ptrCast<Flowspec::RuleSet>(it->second.entity)) set->detach();
+}
+
+bool EntityManager::doUnmount(std::string const& path) {
+   auto it = mounts_.find(path);
+   if (it == mounts_.end()) return false;
+   if (--it->second.count == 0) {
+      mounts_.erase(it);
+      OVK_TRACE(mnemoTrace(), 5, "unmounted " << path);
+   }
+   return true;
+}
+
+unsigned EntityManager::mountCount(std::string const& path) const {
+   auto it = mounts_.find(path);
+   return it == mounts_.end() ? 0 : it->second.count;
+}
+
+} // namespace Mnemo

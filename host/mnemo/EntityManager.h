@@ -1,0 +1,104 @@
+// Mnemo, the state database: entities mounted by path.
+//
+// A mount names a path ("routing/bgp/flowspec"), the type of entity to find there
+// ("Flowspec::RuleSet") and mount information: the named collections of the entity and how
+// many entries each holds. Entities of the Slate kind live in POSIX shared memory, one
+// segment per path, named after the path under the manager's prefix (slateSegmentName), so
+// that other processes can read them and several managers on one machine (tests, or several
+// agents) each have their own.
+//
+// Known types:
+//   "Flowspec::RuleSet"  one collection "rule" (its size is the rule capacity); the entity is
+//                        a Flowspec::RuleSet backed by a SlateRuleSet this process writes.
+//
+// Several users may mount the same path (every VRF's export mounts the FSIB): the first mount
+// attaches, later ones of the same type share the entity, and the entity goes when the last
+// of them unmounts. The segment stays after the unmount, for the readers; a writer that
+// mounts it again attaches to it.
+//
+// Used on one thread (the agent's task thread).
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/fwk/Ptr.h"
+#include "host/mnemo/SlateSegment.h"
+
+namespace Mnemo {
+
+// The prefix of the agent's segments when nothing else is configured.
+inline constexpr char const* defaultSlatePrefix = "flowspecd";
+// The FSIB: its path, entity type, collection and size.
+inline constexpr char const* fsibPath = "routing/bgp/flowspec";
+inline constexpr char const* fsibType = "Flowspec::RuleSet";
+inline constexpr char const* fsibCollection = "rule";
+inline constexpr std::uint32_t fsibRuleCount = 12288;
+
+// Mount information of the default kind: named collections with their sizes.
+class MountInfo {
+ public:
+   struct Collection {
+      std::string name;
+      std::uint32_t size = 0;
+   };
+   // Adds collection `name` of `size` entries, or sets the size of the one of that name.
+   MountInfo& collectionIs(std::string name, std::uint32_t size);
+   // The size of collection `name`, or empty.
+   std::optional<std::uint32_t> collectionSize(std::string_view name) const;
+   std::vector<Collection> const& collections() const { return collections_; }
+   friend bool operator==(MountInfo const& a, MountInfo const& b);
+
+ private:
+   std::vector<Collection> collections_;
+};
+
+enum class MountStatus : std::uint8_t {
+   mounted,         // attached; the entity is at the path
+   alreadyMounted,  // the path was mounted with the same type and information; shared
+   badPath,         // the path cannot name a segment under the prefix
+   unknownType,     // no entity of that type can be mounted
+   badCollections,  // the information does not describe the type's collections
+   conflict,        // the path is mounted with another type or other information
+   segmentError,    // the shared-memory segment could not be attached (see the trace)
+};
+char const* toStrep(MountStatus s);
+
+class EntityManager : public Ovk::PtrInterface {
+ public:
+   explicit EntityManager(std::string slatePrefix = defaultSlatePrefix);
+
+   std::string const& slatePrefix() const { return prefix_; }
+   // The name of the segment that holds the entity at `path`; empty as for slateSegmentName.
+   std::optional<std::string> segmentName(std::string_view path) const;
+
+   // Mounts `path`. Failures are traced (facility "Mnemo", level 3) and leave nothing mounted.
+   MountStatus doMount(std::string const& path, std::string const& type, MountInfo const& info);
+   // The entity at `path`, or empty when the path is not mounted.
+   Ovk::Ptr<Ovk::PtrInterface> getEntity(std::string const& path) const;
+   // Before the last unmount of `path`: the entity stops writing (a rule set detaches, so a
+   // reference kept elsewhere can no longer change the table) and the segment is free for
+   // another writer. Does nothing while other mounts of the path remain, or when the path is
+   // not mounted.
+   void cleanup(std::string const& path);
+   // Drops one mount of `path`; the last one releases the entity. False when not mounted.
+   bool doUnmount(std::string const& path);
+   // How many mounts of `path` are held.
+   unsigned mountCount(std::string const& path) const;
+
+ private:
+   struct Mount {
+      std::string type;
+      MountInfo info;
+      Ovk::Ptr<Ovk::PtrInterface> entity;
+      unsigned count = 0;
+   };
+   std::string prefix_;
+   std::map<std::string, Mount, std::less<>> mounts_;
+};
+
+} // namespace Mnemo
