@@ -25,6 +25,17 @@ Ovnet::IpGenAddr ipv4At(std::uint64_t value, unsigned shift) {
    return Ovnet::IpGenAddr::ipv4(static_cast<std::uint32_t>(value >> shift));
 }
 
+// "kind(field=value, ...)".
+std::string kindText(char const* kind, std::vector<ExtCommField> const& f) {
+   std::string s = kind;
+   s += '(';
+   for (std::size_t i = 0; i < f.size(); ++i) {
+      if (i) s += ", ";
+      s += f[i].name + "=" + f[i].value;
+   }
+   return s + ")";
+}
+
 std::string formatRate(float r) {
    char b[48];
    std::snprintf(b, sizeof b, "%.9g", static_cast<double>(r));
@@ -80,13 +91,7 @@ void ExtComm::fields(std::vector<ExtCommField>& out) const {
 std::string ExtComm::toStrep() const {
    std::vector<ExtCommField> f;
    fields(f);
-   std::string s = kindName();
-   s += '(';
-   for (std::size_t i = 0; i < f.size(); ++i) {
-      if (i) s += ", ";
-      s += f[i].name + "=" + f[i].value;
-   }
-   return s + ")";
+   return kindText(kindName(), f);
 }
 
 std::uint32_t ExtComm::hash() const {
@@ -207,13 +212,7 @@ void ExtCommIp6::fields(std::vector<ExtCommField>& out) const {
 std::string ExtCommIp6::toStrep() const {
    std::vector<ExtCommField> f;
    fields(f);
-   std::string s = kindName();
-   s += '(';
-   for (std::size_t i = 0; i < f.size(); ++i) {
-      if (i) s += ", ";
-      s += f[i].name + "=" + f[i].value;
-   }
-   return s + ")";
+   return kindText(kindName(), f);
 }
 
 std::uint32_t ExtCommIp6::hash() const { return Ovk::String::hashBytes(bytes_.data(), kSize); }
