@@ -1,0 +1,422 @@
+#!/usr/bin/env python3
+"""Interoperability tests of flowspecd with real BGP speakers on loopback.
+
+  interop.py --flowspecd BIN --flowspec BIN peer NAME DIRECTION
+        NAME: gobgp, bird, exabgp, frr; DIRECTION: we-connect, they-connect
+  interop.py --flowspecd BIN --flowspec BIN faults
+
+A peer test runs one flowspecd and one peer daemon, each on a 127.0.x.y address of its own
+(and both on ::1 for the IPv6 session, with ports of their own), with two sessions: one
+over IPv4 and one over IPv6 transport. In "we-connect" the peer is passive and flowspecd
+connects; in "they-connect" flowspecd is passive. Each test checks, in order:
+  1. both sessions reach Established with ipv4-flowspec and ipv6-flowspec negotiated;
+  2. keepalives keep them up past one hold time (3 seconds);
+  3. the peer's flowspec UPDATEs arrive and are counted per family;
+  4. after the peer restarts, each session comes up again (a new session);
+  5. flowspecd's shutdown (SIGTERM) reaches the peer as a Cease.
+The fault test runs flowspecd with one good peer (BIRD) and several misbehaving fake
+peers, and checks each fault gets its NOTIFICATION while the good session stays up.
+
+Every process is started here, bounded in time, and stopped by its PID. Exit status 0 when
+every check passed; the last lines say what failed and where the logs are.
+"""
+import argparse
+import json
+import os
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+HOLD = 3
+LOCAL_AS = 65001
+PEER_AS = 65002
+
+
+class Fail(Exception):
+    pass
+
+
+def log(msg):
+    print(time.strftime("%H:%M:%S"), msg, flush=True)
+
+
+def wait_until(what, pred, timeout):
+    """Polls pred() until it returns something true; fails after timeout seconds."""
+    deadline = time.monotonic() + timeout
+    last = None
+    while time.monotonic() < deadline:
+        try:
+            value = pred()
+            last = value
+            if value:
+                return value
+        except Fail:
+            raise
+        except Exception as e:  # a tool failing while its daemon starts up
+            last = e
+        time.sleep(0.2)
+    raise Fail(f"timed out after {timeout}s waiting for {what} (last: {last!r})")
+
+
+def free_port(*addresses):
+    """A TCP port free on every address given."""
+    for _ in range(50):
+        probe = socket.socket(socket.AF_INET6 if ":" in addresses[0] else socket.AF_INET)
+        probe.bind((addresses[0], 0))
+        port = probe.getsockname()[1]
+        probe.close()
+        ok = True
+        for a in addresses[1:]:
+            s = socket.socket(socket.AF_INET6 if ":" in a else socket.AF_INET)
+            try:
+                s.bind((a, port))
+            except OSError:
+                ok = False
+            finally:
+                s.close()
+        if ok:
+            return port
+    raise Fail("no free port")
+
+
+class Process:
+    """A daemon started here and stopped by its PID."""
+
+    def __init__(self, name, argv, workdir, env=None, stdin=None):
+        self.name = name
+        self.logpath = os.path.join(workdir, name + ".log")
+        self.logfile = open(self.logpath, "ab")
+        self.popen = subprocess.Popen(argv, stdout=self.logfile, stderr=subprocess.STDOUT, cwd=workdir,
+                                      env=env, stdin=stdin if stdin is not None else subprocess.DEVNULL,
+                                      start_new_session=True)
+        log(f"started {name} (pid {self.popen.pid}): {' '.join(argv)}")
+
+    def alive(self):
+        return self.popen.poll() is None
+
+    def stop(self, sig=signal.SIGTERM, timeout=10):
+        """Sends sig to the process (its own group: helpers it forked go too), waits, kills if needed."""
+        if self.popen.poll() is None:
+            try:
+                os.killpg(self.popen.pid, sig)
+            except ProcessLookupError:
+                pass
+            try:
+                self.popen.wait(timeout)
+            except subprocess.TimeoutExpired:
+                log(f"{self.name} ignored {sig!s}; killing it")
+                os.killpg(self.popen.pid, signal.SIGKILL)
+                self.popen.wait(5)
+        self.logfile.close()
+        return self.popen.returncode
+
+    def log_text(self):
+        try:
+            with open(self.logpath, "r", errors="replace") as f:
+                return f.read()
+        except OSError:
+            return ""
+
+
+class Agent:
+    """flowspecd under test."""
+
+    def __init__(self, bins, workdir, address, port, neighbors, router_id=None):
+        self.flowspecd, self.flowspec = bins
+        self.workdir = workdir
+        self.socket = os.path.join(workdir, "flowspecd.sock")
+        self.config = os.path.join(workdir, "flowspecd.toml")
+        lines = [f'router-id = "{router_id or address}"', f"local-as = {LOCAL_AS}",
+                 f'listen = ["{address}:{port}", "[::1]:{port}"]', f'control-socket = "{self.socket}"']
+        for n in neighbors:
+            lines += ["", "[[neighbor]]"]
+            for k, v in n.items():
+                lines.append(f"{k} = {json.dumps(v)}")
+        with open(self.config, "w") as f:
+            f.write("\n".join(lines) + "\n")
+        self.proc = None
+
+    def start(self):
+        check = subprocess.run([self.flowspecd, "--check", self.config],
+                               capture_output=True, text=True, timeout=10)
+        if check.returncode != 0:
+            raise Fail("flowspecd --check refused the test configuration:\n" + check.stderr)
+        self.proc = Process("flowspecd", [self.flowspecd, "--config", self.config],
+                            self.workdir)
+
+    def neighbors(self):
+        r = subprocess.run([self.flowspec, "--socket", self.socket, "show", "neighbors",
+                            "--json"], capture_output=True, text=True, timeout=10)
+        if r.returncode != 0:
+            raise RuntimeError(r.stderr.strip())
+        return {n["address"]: n for n in json.loads(r.stdout)["neighbors"]}
+
+    def neighbor(self, address):
+        if not self.proc.alive():
+            raise Fail("flowspecd exited with status %s" % self.proc.popen.returncode)
+        return self.neighbors()[address]
+
+    def wait_state(self, address, state, timeout=30, extra=None):
+        def ok():
+            n = self.neighbor(address)
+            return n if n["state"] == state and (extra is None or extra(n)) else None
+        return wait_until(f"neighbor {address} {state}", ok, timeout)
+
+    def stop(self):
+        return self.proc.stop() if self.proc else None
+
+
+# ----------------------------------------------------------------------------------------
+# Peers. Each writes its configuration for both sessions (IPv4 from its own address to the
+# agent's, IPv6 between ::1 ports), starts, announces flowspec rules, and tells whether it
+# saw the agent's Cease.
+
+
+class Peer:
+    name = "?"
+
+    def __init__(self, workdir, address, port, agent_address, agent_port, passive):
+        self.workdir = workdir
+        self.address = address
+        self.port = port
+        self.agent_address = agent_address
+        self.agent_port = agent_port
+        self.passive = passive
+        self.proc = None
+
+    def sessions(self):
+        """(our neighbor address as the agent sees it, the peer's local address, agent address)"""
+        return [(self.address, self.address, self.agent_address), ("::1", "::1", "::1")]
+
+    def announce(self):
+        pass
+
+    def stop(self):
+        return self.proc.stop() if self.proc else None
+
+    def event_log(self):
+        """Where the peer logs session events."""
+        return self.proc.logpath
+
+    def mark(self):
+        """Remembers how far the event log goes, so saw_cease() reads only what follows."""
+        self.marked = os.path.getsize(self.event_log()) if os.path.exists(self.event_log()) else 0
+
+    def new_log_text(self):
+        try:
+            with open(self.event_log(), "rb") as f:
+                f.seek(self.marked)
+                return f.read().decode(errors="replace")
+        except OSError:
+            return ""
+
+    def saw_cease(self):
+        """True when the event log, since mark(), shows a Cease (Administrative Shutdown)
+        received on every session."""
+        text = self.new_log_text()
+        return all(self.cease_logged(text, agent) for _, _, agent in self.sessions())
+
+
+class GoBgp(Peer):
+    name = "gobgp"
+
+    def start(self):
+        self.api = free_port(self.address)
+        cfg = os.path.join(self.workdir, "gobgpd.toml")
+        lines = ["[global.config]", f"  as = {PEER_AS}", f'  router-id = "{self.address}"', f"  port = {self.port}",
+                 f'  local-address-list = ["{self.address}", "::1"]']
+        for _, local, remote in self.sessions():
+            lines += ["[[neighbors]]", "  [neighbors.config]", f'    neighbor-address = "{remote}"',
+                      f"    peer-as = {LOCAL_AS}", "  [neighbors.timers.config]", f"    hold-time = {HOLD}",
+                      "    keepalive-interval = 1", "    connect-retry = 1", "  [neighbors.transport.config]",
+                      f'    local-address = "{local}"', f"    remote-port = {self.agent_port}",
+                      f"    passive-mode = {'true' if self.passive else 'false'}",
+                      "  [neighbors.ebgp-multihop.config]", "    enabled = true", "    multihop-ttl = 2"]
+            for fam in ("ipv4-flowspec", "ipv6-flowspec"):
+                lines += ["  [[neighbors.afi-safis]]", "    [neighbors.afi-safis.config]",
+                          f'      afi-safi-name = "{fam}"']
+        with open(cfg, "w") as f:
+            f.write("\n".join(lines) + "\n")
+        self.proc = Process("gobgpd", ["gobgpd", "-f", cfg, "--api-hosts", f"{self.address}:{self.api}", "-p",
+                                       "--pprof-disable", "-l", "info"], self.workdir)
+
+    def gobgp(self, *args):
+        r = subprocess.run(["gobgp", "-u", self.address, "-p", str(self.api)] + list(args), capture_output=True,
+                           text=True, timeout=10)
+        if r.returncode != 0:
+            raise RuntimeError(f"gobgp {' '.join(args)}: {r.stderr.strip()}")
+        return r.stdout
+
+    def announce(self):
+        wait_until("gobgp API", lambda: self.gobgp("global") is not None, 15)
+        self.gobgp("global", "rib", "-a", "ipv4-flowspec", "add", "match", "destination", "10.0.0.0/24",
+                   "protocol", "tcp", "destination-port", "==80", "then", "discard")
+        self.gobgp("global", "rib", "-a", "ipv6-flowspec", "add", "match", "destination", "2001:db8::/32",
+                   "then", "rate-limit", "1000")
+
+    def cease_logged(self, text, agent):
+        key = f'Key="{agent}"' if ":" in agent else f"Key={agent}"
+        return any("received notification" in line and "Code=6" in line and "Subcode=2" in line and key in line
+                   for line in text.splitlines())
+
+
+class Bird(Peer):
+    name = "bird"
+
+    def start(self):
+        cfg = os.path.join(self.workdir, "bird.conf")
+        self.ctl = os.path.join(self.workdir, "bird.ctl")
+        lines = [f"router id {self.address};", f'log "{os.path.join(self.workdir, "bird-events.log")}" all;',
+                 "flow4 table ft4;", "flow6 table ft6;",
+                 "protocol static { flow4 { table ft4; };",
+                 "  route flow4 { dst 10.1.0.0/24; proto 6; dport 80, 443; }"
+                 " { bgp_ext_community.add((generic, 0x80060000, 0)); }; }",
+                 "protocol static { flow6 { table ft6; };",
+                 "  route flow6 { dst 2001:db8:1::/48; next header 17; }"
+                 " { bgp_ext_community.add((generic, 0x80060000, 0)); }; }"]
+        for i, (_, local, remote) in enumerate(self.sessions()):
+            lines += [f"protocol bgp agent{i} {{", f"  local {local} port {self.port} as {PEER_AS};",
+                      f"  neighbor {remote} port {self.agent_port} as {LOCAL_AS};", "  multihop 2;",
+                      f"  hold time {HOLD}; keepalive time 1; connect retry time 1; connect delay time 1;",
+                      "  error wait time 1, 2;",
+                      f"  passive {'on' if self.passive else 'off'};",
+                      "  flow4 { table ft4; import all; export all; };",
+                      "  flow6 { table ft6; import all; export all; };", "}"]
+        with open(cfg, "w") as f:
+            f.write("\n".join(lines) + "\n")
+        self.proc = Process("bird", ["bird", "-f", "-c", cfg, "-s", self.ctl, "-P",
+                                     os.path.join(self.workdir, "bird.pid")], self.workdir)
+
+    def event_log(self):
+        return os.path.join(self.workdir, "bird-events.log")
+
+    def cease_logged(self, text, agent):
+        i = [s[2] for s in self.sessions()].index(agent)
+        return any(f"agent{i}: Received: Administrative shutdown" in line for line in text.splitlines())
+
+
+PEERS = {"gobgp": GoBgp, "bird": Bird}
+
+
+def peer_test(bins, workdir, name, direction):
+    base = {"gobgp": 10, "bird": 12, "exabgp": 14, "frr": 16}[name] + (0 if direction == "we-connect" else 1)
+    agent_address, peer_address = f"127.0.{base}.1", f"127.0.{base}.2"
+    agent_port = free_port(agent_address, "::1")
+    peer_port = free_port(peer_address, "::1")
+    we_connect = direction == "we-connect"
+    peer = PEERS[name](workdir, peer_address, peer_port, agent_address, agent_port, passive=we_connect)
+    neighbors = []
+    for seen_as, _, _ in peer.sessions():
+        neighbors.append({"address": seen_as, "port": peer_port, "remote-as": PEER_AS, "passive": not we_connect,
+                          "hold-time": HOLD, "connect-retry": 1, "families": ["ipv4-flowspec", "ipv6-flowspec"],
+                          "description": f"{name} over {'IPv6' if ':' in seen_as else 'IPv4'}"})
+    agent = Agent(bins, workdir, agent_address, agent_port, neighbors)
+    addresses = [n["address"] for n in neighbors]
+    both = ["ipv4-flowspec", "ipv6-flowspec"]
+    results = {}
+    try:
+        peer.start()
+        agent.start()
+        first = {}
+        for a in addresses:
+            n = agent.wait_state(a, "Established", 40, lambda n: sorted(n["families"]) == both)
+            first[a] = n
+            log(f"{a}: Established, families {n['families']}, hold time {n['holdTime']}")
+            if n["holdTime"] != HOLD:
+                raise Fail(f"{a}: negotiated hold time {n['holdTime']}, wanted {HOLD}")
+        results["established"] = "ok"
+
+        time.sleep(HOLD + 1.5)
+        for a in addresses:
+            n = agent.neighbor(a)
+            if n["state"] != "Established" or n["establishedTransitions"] != first[a]["establishedTransitions"]:
+                raise Fail(f"{a}: did not stay up past one hold time: {n['state']}, last error {n['lastError']!r}")
+            if n["keepalivesIn"] <= first[a]["keepalivesIn"]:
+                raise Fail(f"{a}: no keepalives received in {HOLD + 1.5}s")
+        log(f"sessions stayed up past the hold time of {HOLD}s")
+        results["keepalives"] = "ok"
+
+        peer.announce()
+        for a in addresses:
+            n = wait_until(f"{a}: flowspec UPDATEs of both families", lambda a=a: (
+                lambda n: n if all(n["familyUpdatesIn"].get(f, 0) > 0 for f in both) else None)(agent.neighbor(a)), 20)
+            log(f"{a}: UPDATEs in {n['updatesIn']}, per family {n['familyUpdatesIn']}, End-of-RIB {n['endOfRibIn']}")
+        results["updates"] = "ok"
+
+        before = {a: agent.neighbor(a)["establishedTransitions"] for a in addresses}
+        peer.stop()
+        for a in addresses:
+            agent.wait_state(a, "Active", 15, lambda n: True) if not we_connect else wait_until(
+                f"{a}: session down", lambda a=a: agent.neighbor(a)["state"] != "Established", 15)
+        log("peer stopped: sessions down; restarting it")
+        peer.start()
+        for a in addresses:
+            n = agent.wait_state(a, "Established", 40,
+                                 lambda n, a=a: n["establishedTransitions"] == before[a] + 1)
+            log(f"{a}: new session after the peer's restart (establishedTransitions {n['establishedTransitions']})")
+        results["restart"] = "ok"
+
+        peer.mark()
+        status = agent.stop()
+        if status != 0:
+            raise Fail(f"flowspecd exited with status {status} on SIGTERM")
+        wait_until(f"{name} to log the Cease", peer.saw_cease, 10)
+        log(f"{name} received our Cease (Administrative Shutdown)")
+        results["cease"] = "ok"
+    finally:
+        agent.stop()
+        peer.stop()
+    return results
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    ap.add_argument("--flowspecd", required=True, help="the agent binary")
+    ap.add_argument("--flowspec", required=True, help="the command-line tool binary")
+    ap.add_argument("--work", help="folder for configurations and logs (default: a new temporary one)")
+    sub = ap.add_subparsers(dest="what", required=True)
+    p = sub.add_parser("peer")
+    p.add_argument("name", choices=sorted(["gobgp", "bird", "exabgp", "frr"]))
+    p.add_argument("direction", choices=["we-connect", "they-connect"])
+    sub.add_parser("faults")
+    args = ap.parse_args()
+
+    label = f"{args.name}-{args.direction}" if args.what == "peer" else "faults"
+    if args.work:
+        workdir = os.path.join(args.work, label)
+        shutil.rmtree(workdir, ignore_errors=True)
+        os.makedirs(workdir)
+    else:
+        workdir = tempfile.mkdtemp(prefix=f"flowspecd-interop-{label}-")
+    os.chmod(workdir, 0o755)  # daemons that drop privileges read their files here
+    started = time.monotonic()
+    bins = (os.path.abspath(args.flowspecd), os.path.abspath(args.flowspec))
+    try:
+        if args.what == "peer":
+            results = peer_test(bins, workdir, args.name, args.direction)
+        else:
+            results = fault_test(bins, workdir)
+    except Exception as e:  # Fail, or a tool that broke: both fail the test with the logs
+        log(f"FAILED {label}: {e}")
+        log(f"logs and configurations: {workdir}")
+        for name in sorted(os.listdir(workdir)):
+            if name.endswith(".log"):
+                with open(os.path.join(workdir, name), errors="replace") as f:
+                    tail = f.read().splitlines()[-25:]
+                print(f"---- {name} (last lines)\n" + "\n".join(tail))
+        print("0 passed, 1 failed")
+        return 1
+    log(f"{label}: " + ", ".join(f"{k} {v}" for k, v in results.items()) +
+        f" ({time.monotonic() - started:.1f}s)")
+    print("1 passed, 0 failed")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
