@@ -50,7 +50,9 @@ void Agent::stop() {
       control_->close();
       control_ = nullptr;
    }
-   auto const cease = ceaseWithMessage(CeaseSubcode::administrativeShutdown, kShutdownMessage);
+   // No RFC 8203 shutdown communication: ExaBGP 4.2 fails to decode one and takes the whole
+   // NOTIFICATION for garbage.
+   Notification const cease{ErrorCode::cease, CeaseSubcode::administrativeShutdown, {}};
    for (auto const& n : neighbors_) n->stop(cease);
 }
 

@@ -17,9 +17,6 @@ namespace Flowspecd {
 
 class Agent : public Ovk::PtrInterface {
  public:
-   // The shutdown communication (RFC 8203) of the Cease sent on stop().
-   static constexpr char const* kShutdownMessage = "flowspecd shutting down";
-
    Agent(asio::io_context& io, AgentConfig config, Logger& logger);
    ~Agent() override;
 

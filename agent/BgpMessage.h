@@ -84,7 +84,7 @@ struct Notification {
 // "Cease/Administrative Shutdown (6/2)", followed by the shutdown communication of RFC 8203
 // in double quotes when a Cease carries one.
 std::string notificationText(Notification const& n);
-// A Cease with an RFC 8203 shutdown communication (cut to 255 bytes).
+// A Cease with an RFC 8203 shutdown communication (cut to 255 bytes), as peers send them.
 Notification ceaseWithMessage(std::uint8_t subcode, std::string_view message);
 
 // The fixed header. `length` covers the whole message, header included.

@@ -301,7 +301,57 @@ class Bird(Peer):
         return any(f"agent{i}: Received: Administrative shutdown" in line for line in text.splitlines())
 
 
-PEERS = {"gobgp": GoBgp, "bird": Bird}
+class ExaBgp(Peer):
+    name = "exabgp"
+
+    def start(self):
+        cfg = os.path.join(self.workdir, "exabgp.conf")
+        # ExaBGP logs no received NOTIFICATION; an API process writes what it hears as JSON.
+        events = os.path.join(self.workdir, "exabgp-events.log")
+        helper = os.path.join(self.workdir, "exabgp-events.sh")
+        with open(helper, "w") as f:
+            # The shell keeps standard output open: ExaBGP takes its end for the helper's.
+            f.write(f"#!/bin/sh\ncat >> '{events}'\n")
+        os.chmod(helper, 0o755)
+        lines = ["process events {", f"  run {helper};", "  encoder json;", "}"]
+        for _, local, remote in self.sessions():
+            lines += [f"neighbor {remote} {{", f"  router-id {self.address};", f"  local-address {local};",
+                      f"  local-as {PEER_AS};", f"  peer-as {LOCAL_AS};", f"  hold-time {HOLD};",
+                      f"  connect {self.agent_port};", f"  passive {'true' if self.passive else 'false'};",
+                      "  family { ipv4 flow; ipv6 flow; }",
+                      "  api { processes [ events ]; neighbor-changes; receive { parsed; notification; } }",
+                      "  flow {",
+                      "    route web { match { destination 10.2.0.0/24; protocol tcp; destination-port =80; }"
+                      " then { discard; } }",
+                      "    route v6 { match { destination 2001:db8:2::/48/0; next-header udp; }"
+                      " then { rate-limit 9600; } }",
+                      "  }", "}"]
+        with open(cfg, "w") as f:
+            f.write("\n".join(lines) + "\n")
+        env = dict(os.environ)
+        env.update({"exabgp.tcp.bind": f"{self.address} ::1", "exabgp.tcp.port": str(self.port),
+                    "exabgp.daemon.user": "root", "exabgp.daemon.drop": "false",
+                    "exabgp.daemon.daemonize": "false", "exabgp.api.cli": "false",
+                    "exabgp.log.destination": "stdout", "exabgp.log.level": "INFO"})
+        self.proc = Process("exabgp", ["exabgp", cfg], self.workdir, env=env)
+
+    def event_log(self):
+        return os.path.join(self.workdir, "exabgp-events.log")
+
+    def cease_logged(self, text, agent):
+        for line in text.splitlines():
+            try:
+                event = json.loads(line)
+            except ValueError:
+                continue
+            n = event.get("neighbor", {})
+            if event.get("type") == "notification" and n.get("address", {}).get("peer") == agent:
+                if n.get("notification", {}).get("code") == 6 and n["notification"].get("subcode") == 2:
+                    return True
+        return False
+
+
+PEERS = {"gobgp": GoBgp, "bird": Bird, "exabgp": ExaBgp}
 
 
 def peer_test(bins, workdir, name, direction):
