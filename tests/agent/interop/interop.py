@@ -172,6 +172,130 @@ class Agent:
         return self.proc.stop() if self.proc else None
 
 
+
+# ----------------------------------------------------------------------------------------
+# A minimal BGP speaker written here: it feeds FRR the flowspec rules FRR cannot originate,
+# and plays the misbehaving peers of the fault test.
+
+MARKER = b"\xff" * 16
+OPEN, UPDATE, NOTIFICATION, KEEPALIVE = 1, 2, 3, 4
+
+
+def message(kind, body, marker=MARKER, length=None):
+    return marker + struct.pack("!HB", 19 + len(body) if length is None else length, kind) + body
+
+
+def open_body(asn, hold, bgp_id, families=((1, 133), (2, 133)), version=4):
+    caps = b"".join(bytes([1, 4]) + struct.pack("!HBB", afi, 0, safi) for afi, safi in families)
+    caps += bytes([2, 0]) + bytes([65, 4]) + struct.pack("!I", asn)
+    params = bytes([2, len(caps)]) + caps
+    two_octet = asn if asn < 65536 else 23456
+    return struct.pack("!BHHIB", version, two_octet, hold, bgp_id, len(params)) + params
+
+
+def ip_id(address):
+    return struct.unpack("!I", socket.inet_aton(address))[0]
+
+
+def flowspec_update(asn, afi, nlri):
+    """An UPDATE announcing one flowspec NLRI with a traffic-rate 0 (discard) community."""
+    attrs = bytes([0x40, 1, 1, 0])                                      # ORIGIN IGP
+    attrs += bytes([0x40, 2, 6, 2, 1]) + struct.pack("!I", asn)         # AS_PATH, 4-octet ASes
+    attrs += bytes([0xC0, 16, 8, 0x80, 0x06, 0, 0, 0, 0, 0, 0])         # traffic-rate 0
+    reach = struct.pack("!HBBB", afi, 133, 0, 0) + bytes([len(nlri)]) + nlri
+    attrs += bytes([0x90, 14]) + struct.pack("!H", len(reach)) + reach  # MP_REACH_NLRI
+    return message(UPDATE, struct.pack("!H", 0) + struct.pack("!H", len(attrs)) + attrs)
+
+
+# Destination 10.3.0.0/24; destination 2001:db8:3::/48 (offset 0).
+FLOW4 = bytes([1, 24, 10, 3, 0])
+FLOW6 = bytes([1, 48, 0, 0x20, 0x01, 0x0d, 0xb8, 0x00, 0x03])
+
+
+class Speaker:
+    """One TCP connection to a BGP speaker, driven by hand."""
+
+    def __init__(self, local, remote, port, timeout=10):
+        family = socket.AF_INET6 if ":" in remote else socket.AF_INET
+        self.sock = socket.socket(family, socket.SOCK_STREAM)
+        self.sock.settimeout(timeout)
+        self.sock.bind((local, 0))
+        self.sock.connect((remote, port))
+        self.buffer = b""
+        self.lock = threading.Lock()
+        self.stopping = threading.Event()
+
+    def send(self, data):
+        with self.lock:
+            self.sock.sendall(data)
+
+    def read(self, timeout):
+        """The next message as (type, body); None when the peer closed the connection."""
+        deadline = time.monotonic() + timeout
+        while True:
+            if len(self.buffer) >= 19:
+                length = struct.unpack("!H", self.buffer[16:18])[0]
+                if len(self.buffer) >= length:
+                    kind, body = self.buffer[18], self.buffer[19:length]
+                    self.buffer = self.buffer[length:]
+                    return kind, body
+            left = deadline - time.monotonic()
+            if left <= 0:
+                raise Fail("no message from the agent in time")
+            self.sock.settimeout(left)
+            try:
+                chunk = self.sock.recv(4096)
+            except (ConnectionResetError, socket.timeout) as e:
+                if isinstance(e, socket.timeout):
+                    raise Fail("no message from the agent in time")
+                return None
+            if not chunk:
+                return None
+            self.buffer += chunk
+
+    def expect(self, kind, timeout=10):
+        m = self.read(timeout)
+        if m is None or m[0] != kind:
+            raise Fail(f"expected message type {kind}, got {m!r}")
+        return m[1]
+
+    def notification(self, timeout):
+        """Reads until a NOTIFICATION (code, subcode, data) or the end of the connection (None)."""
+        while True:
+            m = self.read(timeout)
+            if m is None:
+                return None
+            if m[0] == NOTIFICATION:
+                return m[1][0], m[1][1], m[1][2:]
+
+    def closed_after(self, timeout):
+        """True when the other side closes the connection within timeout."""
+        try:
+            while self.read(timeout) is not None:
+                pass
+            return True
+        except Fail:
+            return False
+
+    def establish(self, asn, bgp_id, hold):
+        self.expect(OPEN)
+        self.send(message(OPEN, open_body(asn, hold, bgp_id)))
+        self.expect(KEEPALIVE)
+        self.send(message(KEEPALIVE, b""))
+
+    def keep_alive(self, interval):
+        def run():
+            while not self.stopping.wait(interval):
+                try:
+                    self.send(message(KEEPALIVE, b""))
+                except OSError:
+                    return
+        threading.Thread(target=run, daemon=True).start()
+
+    def close(self):
+        self.stopping.set()
+        self.sock.close()
+
 # ----------------------------------------------------------------------------------------
 # Peers. Each writes its configuration for both sessions (IPv4 from its own address to the
 # agent's, IPv6 between ::1 ports), starts, announces flowspec rules, and tells whether it
@@ -351,7 +475,66 @@ class ExaBgp(Peer):
         return False
 
 
-PEERS = {"gobgp": GoBgp, "bird": Bird, "exabgp": ExaBgp}
+class Frr(Peer):
+    """FRR's bgpd without zebra. It cannot originate flowspec rules from its configuration,
+    so a speaker written here (AS 65099) feeds it rules, which it passes on to the agent."""
+    name = "frr"
+    FEEDER_AS = 65099
+
+    def start(self):
+        self.feeder_address = self.address[:self.address.rindex(".")] + ".3"
+        cfg = os.path.join(self.workdir, "frr.conf")
+        vty = os.path.join(self.workdir, "frr-vty")
+        os.makedirs(vty, exist_ok=True)
+        lines = ["hostname interop-frr", "debug bgp neighbor-events", "router bgp %d" % PEER_AS,
+                 f" bgp router-id {self.address}", " bgp log-neighbor-changes",
+                 " no bgp ebgp-requires-policy", " no bgp default ipv4-unicast", " no bgp network import-check",
+                 f" timers bgp 1 {HOLD}"]
+        peers = [(remote, local, LOCAL_AS, self.agent_port, self.passive) for _, local, remote in self.sessions()]
+        peers.append((self.feeder_address, self.address, self.FEEDER_AS, None, True))
+        for remote, local, asn, port, passive in peers:
+            lines += [f" neighbor {remote} remote-as {asn}", f" neighbor {remote} update-source {local}",
+                      f" neighbor {remote} disable-connected-check", f" neighbor {remote} timers connect 1",
+                      f" neighbor {remote} timers 1 {HOLD}"]
+            if port:
+                lines.append(f" neighbor {remote} port {port}")
+            if passive:
+                lines.append(f" neighbor {remote} passive")
+        for fam in ("ipv4", "ipv6"):
+            lines.append(f" address-family {fam} flowspec")
+            lines += [f"  neighbor {p[0]} activate" for p in peers]
+            lines.append(" exit-address-family")
+        with open(cfg, "w") as f:
+            f.write("\n".join(lines) + "\n")
+        self.proc = Process("frr-bgpd", ["/usr/lib/frr/bgpd", "-S", "-Z", "-n", "-p", str(self.port), "-l", self.address,
+                                         "-l", "::1", "-P", "0", "-f", cfg, "-i", os.path.join(self.workdir, "bgpd.pid"),
+                                         "--vty_socket", vty, "--log", "stdout", "--log-level", "debug"],
+                            self.workdir)
+        self.feeder = None
+
+    def announce(self):
+        # The feeder connects to FRR (which waits for it) and announces one rule per family.
+        def connect():
+            self.feeder = Speaker(self.feeder_address, self.address, self.port)
+            return True
+        wait_until("FRR to accept the feeder", connect, 20)
+        self.feeder.establish(self.FEEDER_AS, ip_id(self.feeder_address), HOLD)
+        self.feeder.keep_alive(1)
+        self.feeder.send(flowspec_update(self.FEEDER_AS, 1, FLOW4))
+        self.feeder.send(flowspec_update(self.FEEDER_AS, 2, FLOW6))
+
+    def stop(self):
+        if self.feeder:
+            self.feeder.close()
+            self.feeder = None
+        return super().stop()
+
+    def cease_logged(self, text, agent):
+        return any("received from neighbor" in line.lower() and agent in line and "6/2" in line
+                   for line in text.splitlines())
+
+
+PEERS = {"gobgp": GoBgp, "bird": Bird, "exabgp": ExaBgp, "frr": Frr}
 
 
 def peer_test(bins, workdir, name, direction):
@@ -377,7 +560,12 @@ def peer_test(bins, workdir, name, direction):
         for a in addresses:
             n = agent.wait_state(a, "Established", 40, lambda n: sorted(n["families"]) == both)
             first[a] = n
-            log(f"{a}: Established, families {n['families']}, hold time {n['holdTime']}")
+            log(f"{a}: Established, families {n['families']}, hold time {n['holdTime']}, "
+                f"local {n['localEndpoint']}, remote {n['remoteEndpoint']}")
+            # The direction shows in the ports: the side that connected uses an ephemeral one.
+            connected_out = n["remoteEndpoint"].endswith(f":{peer_port}")
+            if connected_out != we_connect:
+                raise Fail(f"{a}: session in the wrong direction ({n['localEndpoint']} -> {n['remoteEndpoint']})")
             if n["holdTime"] != HOLD:
                 raise Fail(f"{a}: negotiated hold time {n['holdTime']}, wanted {HOLD}")
         results["established"] = "ok"
@@ -424,6 +612,103 @@ def peer_test(bins, workdir, name, direction):
         peer.stop()
     return results
 
+# ----------------------------------------------------------------------------------------
+# Faults: misbehaving peers, each with its own address, against one agent that also peers
+# with BIRD. Each fault must end in its NOTIFICATION while the BIRD sessions stay up.
+
+
+def fault_cases(agent_as):
+    good_open = message(OPEN, open_body(PEER_AS, HOLD, ip_id("10.9.9.9")))
+    return [
+        # name, what the peer sends after the agent's OPEN, expected (code, subcode, data)
+        ("garbage", b"\x5a" * 40, (1, 1, b"")),
+        ("truncated OPEN", message(OPEN, b"\x04\xfd\xea\x00\x03\x0a", length=25), (1, 2, b"\x00\x19")),
+        ("wrong marker", b"\x00" + good_open[1:], (1, 1, b"")),
+        ("OPEN version 3", message(OPEN, open_body(PEER_AS, HOLD, ip_id("10.9.9.9"), version=3)), (2, 1, b"\x00\x04")),
+        ("OPEN from the wrong AS", message(OPEN, open_body(PEER_AS + 100, HOLD, ip_id("10.9.9.9"))), (2, 2, b"")),
+        ("hold timer expiry", None, (4, 0, b"")),
+    ]
+
+
+def fault_test(bins, workdir):
+    agent_address, bird_address = "127.0.20.1", "127.0.20.2"
+    agent_port = free_port(agent_address, "::1")
+    bird_port = free_port(bird_address, "::1")
+    bird = Bird(workdir, bird_address, bird_port, agent_address, agent_port, passive=True)
+    cases = fault_cases(LOCAL_AS)
+    fault_addresses = [f"127.0.20.{10 + i}" for i in range(len(cases))]
+    neighbors = [{"address": a, "port": bird_port, "remote-as": PEER_AS, "hold-time": HOLD, "connect-retry": 1,
+                  "description": "BIRD"} for a, _, _ in bird.sessions()]
+    neighbors += [{"address": a, "remote-as": PEER_AS, "passive": True, "hold-time": HOLD, "description": c[0]}
+                  for a, c in zip(fault_addresses, cases)]
+    agent = Agent(bins, workdir, agent_address, agent_port, neighbors)
+    results = {}
+    try:
+        bird.start()
+        agent.start()
+        good = [a for a, _, _ in bird.sessions()]
+        for a in good:
+            agent.wait_state(a, "Established", 40)
+        log("BIRD sessions Established; starting the faulty peers")
+        for a in fault_addresses:
+            agent.wait_state(a, "Active", 10)
+
+        outcomes = {}
+
+        def run(address, case):
+            name, payload, _ = case
+            peer = None
+            try:
+                peer = Speaker(address, agent_address, agent_port)
+                if payload is None:
+                    # A well-behaved start, then silence: the agent's hold timer must expire.
+                    peer.establish(PEER_AS, ip_id(address), HOLD)
+                else:
+                    peer.expect(OPEN)
+                    peer.send(payload)
+                got = peer.notification(HOLD + 5)
+                closed = got is not None and peer.closed_after(5)
+                outcomes[name] = (got, closed)
+            except Exception as e:
+                outcomes[name] = (e, False)
+            finally:
+                if peer:
+                    peer.close()
+
+        threads = [threading.Thread(target=run, args=(a, c)) for a, c in zip(fault_addresses, cases)]
+        for t in threads:
+            t.start()
+        for t in threads:
+            t.join(30)
+        failures = []
+        for address, (name, _, expected) in zip(fault_addresses, cases):
+            got, closed = outcomes.get(name, (None, False))
+            n = agent.neighbor(address)
+            wanted = f"({expected[0]}/{expected[1]})"
+            if got != expected:
+                failures.append(f"{name}: expected NOTIFICATION {expected}, got {got!r}")
+            elif not closed:
+                failures.append(f"{name}: the agent did not close the connection after its NOTIFICATION")
+            elif not n["lastError"].startswith("sent NOTIFICATION") or wanted not in n["lastError"]:
+                failures.append(f"{name}: last error {n['lastError']!r}")
+            else:
+                log(f"{name}: NOTIFICATION {expected[0]}/{expected[1]} and close; last error {n['lastError']!r}")
+                results[name] = "ok"
+        if failures:
+            raise Fail("; ".join(failures))
+        for a in good:
+            n = agent.neighbor(a)
+            if n["state"] != "Established" or n["establishedTransitions"] != 1:
+                raise Fail(f"the BIRD session {a} did not stay up: {n['state']}, {n['lastError']!r}")
+        log("the BIRD sessions stayed Established throughout")
+        results["others stay up"] = "ok"
+        if agent.stop() != 0:
+            raise Fail("flowspecd did not exit cleanly")
+    finally:
+        agent.stop()
+        bird.stop()
+    return results
+
 
 def main():
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -448,6 +733,11 @@ def main():
     started = time.monotonic()
     bins = (os.path.abspath(args.flowspecd), os.path.abspath(args.flowspec))
     try:
+        needed = {"gobgp": ["gobgpd", "gobgp"], "bird": ["bird"], "exabgp": ["exabgp"],
+                  "frr": ["/usr/lib/frr/bgpd"]}[args.name] if args.what == "peer" else ["bird"]
+        for program in needed:
+            if not shutil.which(program):
+                raise Fail(f"{program} is not installed (scripts/setup.sh installs the BGP speakers)")
         if args.what == "peer":
             results = peer_test(bins, workdir, args.name, args.direction)
         else:
