@@ -10,8 +10,8 @@
 
 namespace {
 
-std::string uptimeText(std::uint64_t s) {
-   if (s == 0) return "-";
+std::string uptimeText(bool established, std::uint64_t s) {
+   if (!established) return "-";
    std::ostringstream os;
    os << s / 3600 << ':' << std::setw(2) << std::setfill('0') << (s / 60) % 60 << ':' << std::setw(2)
       << std::setfill('0') << s % 60;
@@ -36,7 +36,7 @@ void printTable(nlohmann::json const& answer, std::ostream& os) {
                                   : address + ":" + std::to_string(n.at("port").get<int>());
       os << std::left << std::setw(26) << name << std::setw(11) << n.at("remoteAs").get<std::uint64_t>()
          << std::setw(12) << n.at("state").get<std::string>() << std::setw(10)
-         << uptimeText(n.at("uptimeSeconds").get<std::uint64_t>()) << std::right << std::setw(8)
+         << uptimeText(n.at("state") == "Established", n.at("uptimeSeconds").get<std::uint64_t>()) << std::right << std::setw(8)
          << n.at("messagesIn").get<std::uint64_t>() << std::setw(8) << n.at("messagesOut").get<std::uint64_t>()
          << std::setw(8) << n.at("updatesIn").get<std::uint64_t>() << std::setw(8)
          << n.at("updatesOut").get<std::uint64_t>() << "  " << std::left << joined(n.at("families")) << '\n';

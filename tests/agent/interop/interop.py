@@ -406,7 +406,7 @@ class Bird(Peer):
                  " { bgp_ext_community.add((generic, 0x80060000, 0)); }; }"]
         for i, (_, local, remote) in enumerate(self.sessions()):
             lines += [f"protocol bgp agent{i} {{", f"  local {local} port {self.port} as {PEER_AS};",
-                      f"  neighbor {remote} port {self.agent_port} as {LOCAL_AS};", "  multihop 2;",
+                      f"  neighbor {remote} port {self.agent_port} as {LOCAL_AS};", "  multihop 2; strict bind on;",
                       f"  hold time {HOLD}; keepalive time 1; connect retry time 1; connect delay time 1;",
                       "  error wait time 1, 2;",
                       f"  passive {'on' if self.passive else 'off'};",
