@@ -72,7 +72,7 @@ bool answers(std::string const& path) {
 } // namespace
 
 ControlServer::ControlServer(asio::io_context& io, std::string path, Handler handler)
-    : io_(io), acceptor_(io), path_(std::move(path)), handler_(std::move(handler)) {}
+    : acceptor_(io), path_(std::move(path)), handler_(std::move(handler)) {}
 
 ControlServer::~ControlServer() { close(); }
 

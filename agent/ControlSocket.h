@@ -33,7 +33,6 @@ class ControlServer : public Ovk::PtrInterface {
 
  private:
    void acceptNext();
-   asio::io_context& io_;
    asio::local::stream_protocol::acceptor acceptor_;
    std::string path_;
    Handler handler_;

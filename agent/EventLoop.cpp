@@ -2,7 +2,7 @@
 
 namespace Flowspecd {
 
-EventLoopScheduler::EventLoopScheduler(asio::io_context& io) : io_(io), timer_(io) {}
+EventLoopScheduler::EventLoopScheduler(asio::io_context& io) : timer_(io) {}
 
 EventLoopScheduler::~EventLoopScheduler() {
    *alive_ = false;

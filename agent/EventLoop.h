@@ -42,7 +42,6 @@ class EventLoopScheduler : public Ovk::TaskScheduler {
    void arm();
    void runDue();
 
-   asio::io_context& io_;
    asio::steady_timer timer_;
    std::map<Key, Entry> queue_;
    std::map<Ovk::TaskId, Key> byId_;
