@@ -221,6 +221,19 @@ OpenMessage localOpen(std::uint32_t as, std::uint16_t holdTime, std::uint32_t bg
    return o;
 }
 
+Bytes multiprotocolCapabilities(std::vector<AfiSafi> const& families) {
+   Bytes caps;
+   ByteWriter c(caps);
+   for (AfiSafi const f : families) {
+      c.u8(kCapMultiprotocol);
+      c.u8(4);
+      c.u16(f.afi);
+      c.u8(0);
+      c.u8(f.safi);
+   }
+   return caps;
+}
+
 Bytes encodeOpen(OpenMessage const& open) {
    Bytes out;
    ByteWriter w = startMessage(out, MessageType::open);
@@ -230,15 +243,8 @@ Bytes encodeOpen(OpenMessage const& open) {
    w.u32(open.bgpId);
    std::size_t const optLenAt = w.size();
    w.u8(0);
-   Bytes caps;
+   Bytes caps = multiprotocolCapabilities(open.families);
    ByteWriter c(caps);
-   for (AfiSafi const f : open.families) {
-      c.u8(kCapMultiprotocol);
-      c.u8(4);
-      c.u16(f.afi);
-      c.u8(0);
-      c.u8(f.safi);
-   }
    if (open.routeRefresh) {
       c.u8(kCapRouteRefresh);
       c.u8(0);

@@ -138,6 +138,8 @@ struct OpenMessage {
 OpenMessage localOpen(std::uint32_t as, std::uint16_t holdTime, std::uint32_t bgpId,
                       std::vector<AfiSafi> families);
 Bytes encodeOpen(OpenMessage const& open);
+// One multiprotocol capability (code, length, value) per family, as OPEN carries them.
+Bytes multiprotocolCapabilities(std::vector<AfiSafi> const& families);
 // Reads an OPEN body (the bytes after the header). Checks the structure and the version
 // (2/1, data: the version we speak); checkOpen judges the values.
 Ovk::Result<OpenMessage, Notification> parseOpen(ByteView body);

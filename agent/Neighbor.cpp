@@ -334,16 +334,8 @@ void Neighbor::handleOpen(Connection& c, Message const& m) {
    Negotiated neg = negotiate(localOpen_, remote);
    if (neg.families.empty()) {
       // RFC 5492 section 5: the data lists the capabilities the session cannot do without.
-      Bytes caps;
-      ByteWriter w(caps);
-      for (auto const f : localOpen_.families) {
-         w.u8(1);
-         w.u8(4);
-         w.u16(f.afi);
-         w.u8(0);
-         w.u8(f.safi);
-      }
-      drop(c, Notification{ErrorCode::open, OpenSubcode::unsupportedCapability, caps}, "");
+      drop(c, Notification{ErrorCode::open, OpenSubcode::unsupportedCapability,
+                           multiprotocolCapabilities(localOpen_.families)}, "");
       return;
    }
    // RFC 4271 section 6.8: of two connections with the same peer, the one started by the
