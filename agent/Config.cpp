@@ -37,7 +37,11 @@ class Checker {
    void error(toml::node const& at, std::string text) { error(lineOf(at), std::move(text)); }
    void error(std::uint32_t line, std::string text) { errors_.push_back({file_, line, std::move(text)}); }
    static std::uint32_t lineOf(toml::node const& n) { return n.source().begin.line; }
-   ConfigErrors take() { return std::move(errors_); }
+   // The mistakes in the order of their lines.
+   ConfigErrors take() {
+      std::stable_sort(errors_.begin(), errors_.end(), [](auto const& a, auto const& b) { return a.line < b.line; });
+      return std::move(errors_);
+   }
    bool clean() const { return errors_.empty(); }
 
    // Reports keys of `t` that are not in `known`.
@@ -234,9 +238,10 @@ Ovk::Result<AgentConfig, ConfigErrors> parseConfig(std::string_view text, std::s
    check.onlyKeys(root, {"router-id", "local-as", "listen", "control-socket", "neighbor"}, "");
 
    if (auto const* v = root.get("router-id")) {
-      if (auto a = check.address(*v, "router-id")) {
-         if (!a->isIpv4() || a->ipv4HostOrder() == 0) {
-            check.error(*v, "router-id must be a non-zero IPv4 address, not " + a->str());
+      if (auto id = check.string(*v, "router-id")) {
+         auto a = Ovnet::IpGenAddr::parse(*id);
+         if (!a || !a->isIpv4() || a->ipv4HostOrder() == 0) {
+            check.error(*v, "router-id must be a non-zero IPv4 address such as \"192.0.2.1\", not \"" + *id + "\"");
          } else {
             config.routerId = a->ipv4HostOrder();
          }
