@@ -72,19 +72,28 @@ void AsioTransport::receiverIs(Receiver* r) {
 }
 
 void AsioTransport::readMore() {
+   reading_ = true;
    socket_.async_read_some(asio::buffer(readBuffer_), [self = Ovk::Ptr<AsioTransport>(this)](std::error_code const& ec, std::size_t n) {
-      if (!self->receiver_) return; // closed meanwhile
+      self->reading_ = false;
+      if (self->closed_) return;
       if (ec) {
-         self->fail(ec == asio::error::eof ? std::string("end of stream") : ec.message());
+         if (self->receiver_) {
+            self->fail(ec == asio::error::eof ? std::string("end of stream") : ec.message());
+         } else {
+            self->finishClose(); // closing: the peer has closed its side too
+         }
          return;
       }
-      self->receiver_->handleBytes(ByteView(self->readBuffer_.data(), n));
-      if (self->receiver_) self->readMore();
+      // While closing, what the peer still sends is read and dropped: closing a socket
+      // with unread bytes would reset the connection, and the peer could lose our last
+      // message with it.
+      if (self->receiver_) self->receiver_->handleBytes(ByteView(self->readBuffer_.data(), n));
+      if (!self->closed_) self->readMore();
    });
 }
 
 void AsioTransport::send(Bytes bytes) {
-   if (closed_) return;
+   if (closing_ || closed_) return;
    queue_.push_back(std::move(bytes));
    if (!writing_) writeNext();
 }
@@ -107,7 +116,7 @@ void AsioTransport::writeNext() {
       if (!self->queue_.empty()) {
          self->writeNext();
       } else if (self->closing_) {
-         self->finishClose();
+         self->halfClose();
       }
    });
 }
@@ -124,14 +133,23 @@ void AsioTransport::close() {
    receiver_ = nullptr;
    if (closing_ || closed_) return;
    closing_ = true;
-   if (!writing_) {
-      finishClose();
-      return;
-   }
    lingerTimer_.expires_after(kCloseLinger);
    lingerTimer_.async_wait([self = Ovk::Ptr<AsioTransport>(this)](std::error_code const& ec) {
       if (!ec) self->finishClose();
    });
+   if (!writing_) halfClose();
+}
+
+void AsioTransport::halfClose() {
+   // Our side is done: FIN after the queued bytes; the socket closes when the peer closes its
+   // side or the linger time ends.
+   std::error_code ec;
+   socket_.shutdown(asio::ip::tcp::socket::shutdown_send, ec);
+   if (ec) {
+      finishClose();
+   } else if (!reading_) {
+      readMore();
+   }
 }
 
 void AsioTransport::finishClose() {

@@ -22,7 +22,7 @@ Ovnet::IpGenAddr fromAsio(asio::ip::address const& a);
 
 class AsioTransport : public Transport {
  public:
-   // How long close() waits for queued bytes to be written.
+   // How long close() waits for queued bytes to be written and for the peer to close its side.
    static constexpr std::chrono::seconds kCloseLinger{2};
 
    explicit AsioTransport(asio::ip::tcp::socket socket);
@@ -39,6 +39,7 @@ class AsioTransport : public Transport {
    void readMore();
    void writeNext();
    void fail(std::string const& reason);
+   void halfClose();
    void finishClose();
 
    asio::ip::tcp::socket socket_;
@@ -49,6 +50,7 @@ class AsioTransport : public Transport {
    std::array<std::uint8_t, 8192> readBuffer_{};
    std::deque<Bytes> queue_;
    bool writing_ = false;
+   bool reading_ = false;
    bool closing_ = false;
    bool closed_ = false;
 };

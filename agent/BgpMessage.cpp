@@ -115,7 +115,7 @@ char const* messageTypeName(MessageType t) {
 std::string familyName(AfiSafi f) {
    if (f == kIpv4Flowspec) return "ipv4-flowspec";
    if (f == kIpv6Flowspec) return "ipv6-flowspec";
-   return std::to_string(f.afi) + "/" + std::to_string(f.safi);
+   return std::to_string(afiNumber(f)) + "/" + std::to_string(f.safi());
 }
 
 std::optional<AfiSafi> familyFromName(std::string_view name) {
@@ -227,9 +227,9 @@ Bytes multiprotocolCapabilities(std::vector<AfiSafi> const& families) {
    for (AfiSafi const f : families) {
       c.u8(kCapMultiprotocol);
       c.u8(4);
-      c.u16(f.afi);
+      c.u16(afiNumber(f));
       c.u8(0);
-      c.u8(f.safi);
+      c.u8(f.safi());
    }
    return caps;
 }
@@ -293,11 +293,12 @@ Ovk::Result<OpenMessage, Notification> parseOpen(ByteView body) {
          if (!value.u8(code) || !value.u8(capLen) || !value.sub(capLen, cap)) return Ovk::failure(unspecific);
          switch (code) {
          case kCapMultiprotocol: {
-            AfiSafi f;
-            std::uint8_t reserved = 0;
-            if (capLen != 4 || !cap.u16(f.afi) || !cap.u8(reserved) || !cap.u8(f.safi)) {
+            std::uint16_t afi = 0;
+            std::uint8_t reserved = 0, safi = 0;
+            if (capLen != 4 || !cap.u16(afi) || !cap.u8(reserved) || !cap.u8(safi)) {
                return Ovk::failure(unspecific);
             }
+            AfiSafi const f = afiSafi(afi, safi);
             if (std::find(o.families.begin(), o.families.end(), f) == o.families.end()) o.families.push_back(f);
             break;
          }
@@ -390,26 +391,26 @@ Ovk::Result<Notification, Notification> parseNotification(ByteView body) {
 Bytes encodeRouteRefresh(AfiSafi family) {
    Bytes out;
    ByteWriter w = startMessage(out, MessageType::routeRefresh);
-   w.u16(family.afi);
+   w.u16(afiNumber(family));
    w.u8(0);
-   w.u8(family.safi);
+   w.u8(family.safi());
    finish(w);
    return out;
 }
 
 Ovk::Result<AfiSafi, Notification> parseRouteRefresh(ByteView body) {
    ByteCursor c(body);
-   AfiSafi f;
-   std::uint8_t reserved = 0;
-   if (!c.u16(f.afi) || !c.u8(reserved) || !c.u8(f.safi) || !c.empty()) {
+   std::uint16_t afi = 0;
+   std::uint8_t reserved = 0, safi = 0;
+   if (!c.u16(afi) || !c.u8(reserved) || !c.u8(safi) || !c.empty()) {
       return Ovk::failure(notify(ErrorCode::routeRefresh, 1));
    }
-   return f;
+   return afiSafi(afi, safi);
 }
 
 std::optional<AfiSafi> UpdateSummary::endOfRib() const {
    if (withdrawnBytes != 0 || nlriBytes != 0) return std::nullopt;
-   if (attributeCount == 0) return AfiSafi{1, 1};
+   if (attributeCount == 0) return kIpv4Unicast;
    if (attributeCount == 1 && parts.size() == 1 && !parts[0].reach && parts[0].nlriBytes == 0) {
       return parts[0].family;
    }
@@ -452,7 +453,10 @@ Ovk::Result<UpdateSummary, Notification> summarizeUpdate(ByteView body) {
       seen = true;
       UpdateSummary::Part part;
       part.reach = type == kAttrMpReach;
-      if (!value.u16(part.family.afi) || !value.u8(part.family.safi)) return Ovk::failure(optionalError);
+      std::uint16_t afi = 0;
+      std::uint8_t safi = 0;
+      if (!value.u16(afi) || !value.u8(safi)) return Ovk::failure(optionalError);
+      part.family = afiSafi(afi, safi);
       if (part.reach) {
          std::uint8_t nextHopLen = 0, reserved = 0;
          if (!value.u8(nextHopLen) || !value.skip(nextHopLen) || !value.u8(reserved)) {
@@ -473,8 +477,8 @@ Bytes encodeEndOfRib(AfiSafi family) {
    w.u8(kAttrFlagOptional);
    w.u8(kAttrMpUnreach);
    w.u8(3);
-   w.u16(family.afi);
-   w.u8(family.safi);
+   w.u16(afiNumber(family));
+   w.u8(family.safi());
    finish(w);
    return out;
 }

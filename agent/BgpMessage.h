@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "agent/ByteCursor.h"
+#include "host/bgp/AfiSafi.h"
 #include "host/fwk/Result.h"
 
 namespace Flowspecd {
@@ -36,14 +37,16 @@ enum class MessageType : std::uint8_t {
 // "OPEN", "UPDATE", ...
 char const* messageTypeName(MessageType t);
 
-// An address family as negotiated: AFI and SAFI.
-struct AfiSafi {
-   std::uint16_t afi = 0;
-   std::uint8_t safi = 0;
-   friend auto operator<=>(AfiSafi const&, AfiSafi const&) = default;
-};
-constexpr AfiSafi kIpv4Flowspec{1, 133};
-constexpr AfiSafi kIpv6Flowspec{2, 133};
+// Address families are the host's packed AFI/SAFI pairs.
+using Routing::Bgp::AfiSafi;
+// The pair from its wire numbers, and back.
+constexpr AfiSafi afiSafi(std::uint16_t afi, std::uint8_t safi) {
+   return AfiSafi(static_cast<Routing::Bgp::Afi>(afi), safi);
+}
+constexpr std::uint16_t afiNumber(AfiSafi f) { return static_cast<std::uint16_t>(f.afi()); }
+inline constexpr AfiSafi kIpv4Flowspec = AfiSafi::ipv4Flowspec();
+inline constexpr AfiSafi kIpv6Flowspec = AfiSafi::ipv6Flowspec();
+inline constexpr AfiSafi kIpv4Unicast = afiSafi(1, Routing::Bgp::Safi::unicast);
 // "ipv4-flowspec", "ipv6-flowspec"; other families as "afi/safi" numbers ("1/1").
 std::string familyName(AfiSafi f);
 // The flowspec family of a configuration name; nothing for any other text.

@@ -393,7 +393,7 @@ void Neighbor::handleUpdate(Connection& c, Message const& m) {
       log("End-of-RIB received for " + familyName(*eor));
    } else {
       std::vector<AfiSafi> families;
-      if (s.withdrawnBytes || s.nlriBytes) families.push_back(AfiSafi{1, 1});
+      if (s.withdrawnBytes || s.nlriBytes) families.push_back(kIpv4Unicast);
       for (auto const& p : s.parts) {
          if (p.nlriBytes && std::find(families.begin(), families.end(), p.family) == families.end()) {
             families.push_back(p.family);

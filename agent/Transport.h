@@ -31,8 +31,8 @@ class Transport : public Ovk::PtrInterface {
    virtual void receiverIs(Receiver* r) = 0;
    // Queues bytes; they are written in order.
    virtual void send(Bytes bytes) = 0;
-   // Writes what is queued (for a bounded time), then closes. The receiver hears nothing
-   // more after this call.
+   // Writes what is queued, then closes our side and waits for the peer to close its own
+   // (both bounded in time). The receiver hears nothing more after this call.
    virtual void close() = 0;
    virtual Endpoint local() const = 0;
    virtual Endpoint remote() const = 0;

@@ -215,7 +215,7 @@ TEST(BgpMessage, OpenValueChecks) {
 
 TEST(BgpMessage, NegotiationTakesTheSmallerHoldTimeAndCommonFamilies) {
    OpenMessage const local = localOpen(65001, 90, 1, {kIpv4Flowspec, kIpv6Flowspec});
-   OpenMessage remote = localOpen(65002, 3, 2, {AfiSafi{1, 1}, kIpv6Flowspec});
+   OpenMessage remote = localOpen(65002, 3, 2, {kIpv4Unicast, kIpv6Flowspec});
    remote.routeRefresh = false;
    Negotiated const n = negotiate(local, remote);
    EXPECT_EQ(n.holdTime, 3);
@@ -275,7 +275,7 @@ TEST(BgpMessage, UpdateSummaryOfRealUpdates) {
        {Part{kIpv4Flowspec, false, 14}}, std::nullopt},
       {"ipv6 End-of-RIB", "ffffffffffffffffffffffffffffffff001d0200000006800f03000285", {Part{kIpv6Flowspec, false, 0}},
        kIpv6Flowspec},
-      {"ipv4 unicast End-of-RIB", "ffffffffffffffffffffffffffffffff00170200000000", {}, AfiSafi{1, 1}},
+      {"ipv4 unicast End-of-RIB", "ffffffffffffffffffffffffffffffff00170200000000", {}, kIpv4Unicast},
    };
    for (auto const& c : cases) {
       SCOPED_TRACE(c.name);
@@ -319,7 +319,7 @@ TEST(BgpMessage, UpdateFramingErrors) {
 TEST(BgpMessage, FamilyNames) {
    EXPECT_EQ(familyName(kIpv4Flowspec), "ipv4-flowspec");
    EXPECT_EQ(familyName(kIpv6Flowspec), "ipv6-flowspec");
-   EXPECT_EQ(familyName(AfiSafi{1, 1}), "1/1");
+   EXPECT_EQ(familyName(kIpv4Unicast), "1/1");
    EXPECT_EQ(familyFromName("ipv6-flowspec"), kIpv6Flowspec);
    EXPECT_FALSE(familyFromName("ipv4-unicast"));
 }

@@ -272,7 +272,7 @@ TEST_F(NeighborTest, EveryMessageErrorSendsItsNotification) {
       {"OPEN from the wrong AS", false, peerOpen(65099), {2, 2, {}}},
       {"OPEN with identifier 0", false, peerOpen(65002, 0), {2, 3, {}}},
       {"OPEN with hold time 2", false, peerOpen(65002, kPeerId, 2), {2, 6, {}}},
-      {"OPEN without a flowspec family", false, peerOpen(65002, kPeerId, 9, {AfiSafi{1, 1}}),
+      {"OPEN without a flowspec family", false, peerOpen(65002, kPeerId, 9, {kIpv4Unicast}),
        {2, 7, hex("010400010085010400020085")}},
       {"KEEPALIVE before OPEN", false, encodeKeepalive(), {5, 1, {}}},
       {"UPDATE before OPEN", false, encodeEndOfRib(kIpv4Flowspec), {5, 1, {}}},
