@@ -1,7 +1,70 @@
 #!/usr/bin/env bash
-# Installs what is needed, builds, and runs the main job on its embedded default.
+# Installs what is needed, builds, and runs the main jobs on their embedded defaults:
+#  1. the platform demo on its built-in sample;
+#  2. the agent flowspecd on its built-in configuration (loopback, port 1179, one passive
+#     neighbor 127.0.0.2), with a second flowspecd as that neighbor, for DEMO_SECONDS
+#     (default 20) or until Ctrl-C; `flowspec show neighbors` shows the session.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 scripts/build.sh default
-exec build/default/tools/flowspec-demo "$@"
+
+echo "== platform demo"
+build/default/tools/flowspec-demo "$@"
+
+echo
+echo "== flowspecd on its built-in configuration"
+bin=build/default
+seconds="${DEMO_SECONDS:-20}"
+work="$(mktemp -d)"
+agent=""
+peer=""
+stop() {
+  for pid in $agent $peer; do kill -TERM "$pid" 2>/dev/null || true; done
+  for pid in $agent $peer; do wait "$pid" 2>/dev/null || true; done
+  peer=""
+  agent=""
+}
+trap 'stop; rm -rf "$work"' EXIT
+trap 'echo; echo "stopping (Ctrl-C)"; stop; exit 0' INT TERM
+
+"$bin/agent/flowspecd" --control-socket "$work/flowspecd.sock" 2>"$work/flowspecd.log" &
+agent=$!
+# The neighbor the built-in configuration waits for: 127.0.0.2, AS 65002.
+cat >"$work/peer.toml" <<'TOML'
+router-id = "127.0.0.2"
+local-as = 65002
+listen = ["127.0.0.2:1180"]
+[[neighbor]]
+address = "127.0.0.1"
+port = 1179
+remote-as = 65001
+hold-time = 9
+connect-retry = 1
+TOML
+"$bin/agent/flowspecd" --config "$work/peer.toml" --control-socket "$work/peer.sock" 2>"$work/peer.log" &
+peer=$!
+
+show() {
+  echo "\$ flowspec --socket $work/flowspecd.sock show neighbors"
+  "$bin/tools/flowspec/flowspec" --socket "$work/flowspecd.sock" show neighbors
+}
+for _ in $(seq 50); do
+  if "$bin/tools/flowspec/flowspec" --socket "$work/flowspecd.sock" show neighbors 2>/dev/null | grep -q Established; then
+    break
+  fi
+  sleep 0.2
+done
+show
+echo
+echo "\$ flowspec --socket $work/flowspecd.sock show neighbors --json"
+"$bin/tools/flowspec/flowspec" --socket "$work/flowspecd.sock" show neighbors --json
+echo
+echo "running for ${seconds}s (Ctrl-C stops sooner) ..."
+sleep "$seconds" &
+wait $! || true
+show
+stop
+echo
+echo "== flowspecd's log (standard error)"
+cat "$work/flowspecd.log"

@@ -10,8 +10,10 @@ PACKAGES=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   # capture files
   libpcap-dev
-  # the tools: JSON output and command lines
-  nlohmann-json3-dev libcli11-dev
+  # the agent and the tools: event loop and sockets, configuration, JSON, command lines
+  libasio-dev libtomlplusplus-dev nlohmann-json3-dev libcli11-dev
+  # BGP speakers the interoperability tests peer with
+  gobgpd bird2 exabgp frr
 )
 # Extra packages may be named in the environment (space separated).
 PACKAGES+=(${EXTRA_PACKAGES:-})

@@ -1,9 +1,10 @@
-// flowspec: the command-line tool of the flowspec system. Subcommands register themselves
+// flowspec: the command-line tool of the flowspec agent. Subcommands register themselves
 // (see Subcommand.h); this file only parses the common options and dispatches.
 #include <algorithm>
 #include <iostream>
 #include <string_view>
 
+#include "agent/Config.h"
 #include "tools/flowspec/Subcommand.h"
 
 namespace FlowspecTool {
@@ -28,8 +29,10 @@ std::vector<RegisteredSubcommand> registeredSubcommands() {
 } // namespace FlowspecTool
 
 int main(int argc, char** argv) {
-   CLI::App app{"flowspec: work with flowspec data"};
+   CLI::App app{"flowspec: talk to the flowspec agent and work with flowspec data"};
    FlowspecTool::Options options;
+   options.socketPath = Flowspecd::kDefaultControlSocket;
+   app.add_option("--socket", options.socketPath, "the agent's control socket")->capture_default_str();
    app.require_subcommand(1);
    for (auto const& s : FlowspecTool::registeredSubcommands()) s.add(app, options);
    CLI11_PARSE(app, argc, argv);

@@ -1,0 +1,84 @@
+// TCP for BGP sessions on the Asio event loop: connections, outgoing attempts, listeners.
+// Every completion runs on the thread that runs the io_context (the task thread).
+#pragma once
+
+#include <asio/io_context.hpp>
+#include <asio/ip/address.hpp>
+#include <asio/ip/tcp.hpp>
+#include <asio/steady_timer.hpp>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "agent/Transport.h"
+#include "host/fwk/Result.h"
+
+namespace Flowspecd {
+
+asio::ip::address toAsio(Ovnet::IpGenAddr const& a);
+// IPv4-mapped IPv6 addresses come back as IPv4.
+Ovnet::IpGenAddr fromAsio(asio::ip::address const& a);
+
+class AsioTransport : public Transport {
+ public:
+   // How long close() waits for queued bytes to be written and for the peer to close its side.
+   static constexpr std::chrono::seconds kCloseLinger{2};
+
+   explicit AsioTransport(asio::ip::tcp::socket socket);
+
+   void receiverIs(Receiver* r) override;
+   void send(Bytes bytes) override;
+   void close() override;
+   Endpoint local() const override { return local_; }
+   Endpoint remote() const override { return remote_; }
+   // True once the socket is closed (after close() has written what was queued).
+   bool closed() const { return closed_; }
+
+ private:
+   void readMore();
+   void writeNext();
+   void fail(std::string const& reason);
+   void halfClose();
+   void finishClose();
+
+   asio::ip::tcp::socket socket_;
+   asio::steady_timer lingerTimer_;
+   Endpoint local_;
+   Endpoint remote_;
+   Receiver* receiver_ = nullptr;
+   std::array<std::uint8_t, 8192> readBuffer_{};
+   std::deque<Bytes> queue_;
+   bool writing_ = false;
+   bool reading_ = false;
+   bool closing_ = false;
+   bool closed_ = false;
+};
+
+class AsioConnector : public Connector {
+ public:
+   explicit AsioConnector(asio::io_context& io) : io_(io) {}
+   Ovk::Ptr<ConnectAttempt> connect(Endpoint const& remote, std::optional<Ovnet::IpGenAddr> local, Done done) override;
+
+ private:
+   asio::io_context& io_;
+};
+
+// Accepts TCP connections on one address and port and hands each one on.
+class AsioListener : public Ovk::PtrInterface {
+ public:
+   using Accept = std::function<void(Ovk::Ptr<Transport>)>;
+   // Binds and listens (IPv6 sockets only for IPv6); the reason when that fails.
+   static Ovk::Result<Ovk::Ptr<AsioListener>, std::string> create(asio::io_context& io, Endpoint const& at, Accept accept);
+   AsioListener(asio::io_context& io, Accept accept) : acceptor_(io), accept_(std::move(accept)) {}
+   void close();
+   Endpoint endpoint() const { return at_; }
+
+ private:
+   void acceptNext();
+   asio::ip::tcp::acceptor acceptor_;
+   Accept accept_;
+   Endpoint at_;
+};
+
+} // namespace Flowspecd

@@ -1,0 +1,335 @@
+#include "agent/Config.h"
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+
+// The TOML library is used header-only and without exceptions: a syntax error comes back
+// as a value like every other mistake in the file.
+#define TOML_HEADER_ONLY 1
+#define TOML_EXCEPTIONS 0
+#include <toml++/toml.h>
+
+namespace Flowspecd {
+
+namespace {
+
+constexpr std::string_view kDefaultConfig = R"(# flowspecd's built-in configuration: listen on loopback and wait for one neighbor.
+router-id = "127.0.0.1"
+local-as = 65001
+listen = ["127.0.0.1:1179", "[::1]:1179"]
+control-socket = "/tmp/flowspecd.sock"
+
+[[neighbor]]
+address = "127.0.0.2"
+remote-as = 65002
+passive = true
+hold-time = 90
+families = ["ipv4-flowspec", "ipv6-flowspec"]
+description = "example peer: a BGP speaker at 127.0.0.2, AS 65002, connecting to 127.0.0.1 port 1179"
+)";
+
+// Collects the mistakes of one file.
+class Checker {
+ public:
+   explicit Checker(std::string file) : file_(std::move(file)) {}
+
+   void error(toml::node const& at, std::string text) { error(lineOf(at), std::move(text)); }
+   void error(std::uint32_t line, std::string text) { errors_.push_back({file_, line, std::move(text)}); }
+   static std::uint32_t lineOf(toml::node const& n) { return n.source().begin.line; }
+   // The mistakes in the order of their lines.
+   ConfigErrors take() {
+      std::stable_sort(errors_.begin(), errors_.end(), [](auto const& a, auto const& b) { return a.line < b.line; });
+      return std::move(errors_);
+   }
+   bool clean() const { return errors_.empty(); }
+
+   // Reports keys of `t` that are not in `known`.
+   void onlyKeys(toml::table const& t, std::vector<std::string_view> const& known, std::string_view where) {
+      for (auto const& [key, node] : t) {
+         if (std::find(known.begin(), known.end(), key.str()) != known.end()) continue;
+         std::string text = "unknown key '" + std::string(key.str()) + "'";
+         if (!where.empty()) text += " in " + std::string(where);
+         text += " (known keys:";
+         for (auto k : known) text += " " + std::string(k);
+         text += ")";
+         error(key.source().begin.line ? key.source().begin.line : lineOf(node), std::move(text));
+      }
+   }
+
+   // An integer in [lo, hi]; reports and yields nothing otherwise.
+   std::optional<std::int64_t> integer(toml::node const& n, std::string_view key, std::int64_t lo, std::int64_t hi) {
+      auto const v = n.value_exact<std::int64_t>();
+      if (!v) {
+         error(n, std::string(key) + " must be an integer");
+         return std::nullopt;
+      }
+      if (*v < lo || *v > hi) {
+         error(n, std::string(key) + " must be between " + std::to_string(lo) + " and " + std::to_string(hi) +
+                     ", not " + std::to_string(*v));
+         return std::nullopt;
+      }
+      return v;
+   }
+
+   std::optional<std::string> string(toml::node const& n, std::string_view key) {
+      auto const v = n.value_exact<std::string>();
+      if (!v) error(n, std::string(key) + " must be a string");
+      return v;
+   }
+
+   std::optional<Ovnet::IpGenAddr> address(toml::node const& n, std::string_view key) {
+      auto const s = string(n, key);
+      if (!s) return std::nullopt;
+      auto a = Ovnet::IpGenAddr::parse(*s);
+      if (!a) error(n, std::string(key) + " must be an IPv4 or IPv6 address, not \"" + *s + "\"");
+      return a;
+   }
+
+ private:
+   std::string file_;
+   ConfigErrors errors_;
+};
+
+std::optional<std::uint16_t> parsePort(std::string_view text) {
+   if (text.empty() || text.size() > 5) return std::nullopt;
+   std::uint32_t v = 0;
+   for (char const c : text) {
+      if (c < '0' || c > '9') return std::nullopt;
+      v = v * 10 + static_cast<std::uint32_t>(c - '0');
+   }
+   if (v == 0 || v > 65535) return std::nullopt;
+   return static_cast<std::uint16_t>(v);
+}
+
+void readNeighbor(Checker& check, toml::table const& t, NeighborConfig& n) {
+   static std::vector<std::string_view> const known{"address", "port", "remote-as", "passive",
+                                                     "hold-time", "families", "description",
+                                                     "local-address", "connect-retry"};
+   check.onlyKeys(t, known, "[[neighbor]]");
+   n.line = Checker::lineOf(t);
+   if (auto const* v = t.get("address")) {
+      if (auto a = check.address(*v, "address")) n.address = *a;
+   } else {
+      check.error(t, "neighbor has no address");
+   }
+   if (auto const* v = t.get("port")) {
+      if (auto p = check.integer(*v, "port", 1, 65535)) n.port = static_cast<std::uint16_t>(*p);
+   }
+   if (auto const* v = t.get("remote-as")) {
+      if (auto as = check.integer(*v, "remote-as", 1, 4294967295)) {
+         if (*as == kAsTrans) check.error(*v, "remote-as must not be 23456 (AS_TRANS)");
+         n.remoteAs = static_cast<std::uint32_t>(*as);
+      }
+   } else {
+      check.error(t, "neighbor has no remote-as");
+   }
+   if (auto const* v = t.get("passive")) {
+      if (auto b = v->value_exact<bool>()) {
+         n.passive = *b;
+      } else {
+         check.error(*v, "passive must be true or false");
+      }
+   }
+   if (auto const* v = t.get("hold-time")) {
+      // RFC 4271 section 4.2: zero, or at least three seconds.
+      if (auto h = check.integer(*v, "hold-time", 0, 65535)) {
+         if (*h == 1 || *h == 2) {
+            check.error(*v, "hold-time must be 0 or at least 3 seconds, not " + std::to_string(*h));
+         } else {
+            n.holdTime = static_cast<std::uint16_t>(*h);
+         }
+      }
+   }
+   if (auto const* v = t.get("families")) {
+      if (auto const* list = v->as_array()) {
+         n.families.clear();
+         for (auto const& item : *list) {
+            auto const name = item.value_exact<std::string>();
+            auto const f = name ? familyFromName(*name) : std::nullopt;
+            if (!f) {
+               check.error(item.source().begin.line ? Checker::lineOf(item) : Checker::lineOf(*v),
+                           "families may hold \"ipv4-flowspec\" and \"ipv6-flowspec\", not " +
+                              (name ? "\"" + *name + "\"" : std::string("a value of another type")));
+            } else if (std::find(n.families.begin(), n.families.end(), *f) != n.families.end()) {
+               check.error(*v, "family \"" + *name + "\" is listed twice");
+            } else {
+               n.families.push_back(*f);
+            }
+         }
+         if (list->empty()) check.error(*v, "families must name at least one family");
+      } else {
+         check.error(*v, "families must be a list such as [\"ipv4-flowspec\", \"ipv6-flowspec\"]");
+      }
+   }
+   if (auto const* v = t.get("description")) {
+      if (auto s = check.string(*v, "description")) n.description = *s;
+   }
+   if (auto const* v = t.get("local-address")) {
+      if (auto a = check.address(*v, "local-address")) {
+         n.localAddress = *a;
+         if (!n.address.isUnspecified() && a->af() != n.address.af()) {
+            check.error(*v, "local-address " + a->str() + " is not of the family of address " + n.address.str());
+         }
+      }
+   }
+   if (auto const* v = t.get("connect-retry")) {
+      if (auto s = check.integer(*v, "connect-retry", 1, 65535)) n.connectRetrySeconds = static_cast<std::uint16_t>(*s);
+   }
+}
+
+} // namespace
+
+std::string Endpoint::str() const {
+   if (address.isIpv6()) return "[" + address.str() + "]:" + std::to_string(port);
+   return address.str() + ":" + std::to_string(port);
+}
+
+std::optional<Endpoint> parseEndpoint(std::string_view text, std::uint16_t defaultPort) {
+   Endpoint e;
+   e.port = defaultPort;
+   std::string_view addr = text;
+   if (!text.empty() && text.front() == '[') {
+      auto const close = text.find(']');
+      if (close == std::string_view::npos) return std::nullopt;
+      addr = text.substr(1, close - 1);
+      std::string_view const rest = text.substr(close + 1);
+      if (!rest.empty()) {
+         if (rest.front() != ':') return std::nullopt;
+         auto p = parsePort(rest.substr(1));
+         if (!p) return std::nullopt;
+         e.port = *p;
+      }
+      auto a = Ovnet::IpGenAddr::parse(addr);
+      if (!a || !a->isIpv6()) return std::nullopt;
+      e.address = *a;
+      return e;
+   }
+   auto const colon = text.find(':');
+   if (colon != std::string_view::npos && text.find(':', colon + 1) == std::string_view::npos) {
+      addr = text.substr(0, colon);
+      auto p = parsePort(text.substr(colon + 1));
+      if (!p) return std::nullopt;
+      e.port = *p;
+   }
+   auto a = Ovnet::IpGenAddr::parse(addr);
+   if (!a) return std::nullopt;
+   e.address = *a;
+   return e;
+}
+
+std::string ConfigError::str() const {
+   if (line == 0) return file + ": " + text;
+   return file + ":" + std::to_string(line) + ": " + text;
+}
+
+Ovk::Result<AgentConfig, ConfigErrors> parseConfig(std::string_view text, std::string const& fileName) {
+   Checker check(fileName);
+   toml::parse_result parsed = toml::parse(text, fileName);
+   if (!parsed) {
+      auto const& e = parsed.error();
+      check.error(e.source().begin.line, "TOML syntax error at column " + std::to_string(e.source().begin.column) +
+                                            ": " + std::string(e.description()));
+      return Ovk::failure(check.take());
+   }
+   toml::table const& root = parsed.table();
+   AgentConfig config;
+   config.source = fileName;
+   check.onlyKeys(root, {"router-id", "local-as", "listen", "control-socket", "neighbor"}, "");
+
+   if (auto const* v = root.get("router-id")) {
+      if (auto id = check.string(*v, "router-id")) {
+         auto a = Ovnet::IpGenAddr::parse(*id);
+         if (!a || !a->isIpv4() || a->ipv4HostOrder() == 0) {
+            check.error(*v, "router-id must be a non-zero IPv4 address such as \"192.0.2.1\", not \"" + *id + "\"");
+         } else {
+            config.routerId = a->ipv4HostOrder();
+         }
+      }
+   } else {
+      check.error(1, "missing router-id (a non-zero IPv4 address such as \"192.0.2.1\")");
+   }
+   if (auto const* v = root.get("local-as")) {
+      if (auto as = check.integer(*v, "local-as", 1, 4294967295)) {
+         if (*as == kAsTrans) check.error(*v, "local-as must not be 23456 (AS_TRANS)");
+         config.localAs = static_cast<std::uint32_t>(*as);
+      }
+   } else {
+      check.error(1, "missing local-as (an AS number from 1 to 4294967295)");
+   }
+   if (auto const* v = root.get("listen")) {
+      if (auto const* list = v->as_array()) {
+         for (auto const& item : *list) {
+            std::uint32_t const line = item.source().begin.line ? Checker::lineOf(item) : Checker::lineOf(*v);
+            auto const s = item.value_exact<std::string>();
+            auto const e = s ? parseEndpoint(*s) : std::nullopt;
+            if (!e) {
+               check.error(line, "listen entries must be \"ADDR:PORT\" strings such as \"127.0.0.1:179\" or "
+                                 "\"[::1]:179\", not " + (s ? "\"" + *s + "\"" : std::string("a value of another type")));
+            } else if (std::find(config.listen.begin(), config.listen.end(), *e) != config.listen.end()) {
+               check.error(line, "listen address " + e->str() + " is listed twice");
+            } else {
+               config.listen.push_back(*e);
+            }
+         }
+      } else {
+         check.error(*v, "listen must be a list of \"ADDR:PORT\" strings");
+      }
+   } else {
+      config.listen = {*parseEndpoint("0.0.0.0"), *parseEndpoint("[::]")};
+   }
+   if (auto const* v = root.get("control-socket")) {
+      if (auto s = check.string(*v, "control-socket")) {
+         if (s->empty()) {
+            check.error(*v, "control-socket must not be empty");
+         } else {
+            config.controlSocket = *s;
+         }
+      }
+   }
+   if (auto const* v = root.get("neighbor")) {
+      auto const* list = v->as_array();
+      if (!list || !list->is_array_of_tables()) {
+         check.error(*v, "neighbors are written as [[neighbor]] tables");
+      } else {
+         for (auto const& item : *list) {
+            NeighborConfig n;
+            readNeighbor(check, *item.as_table(), n);
+            for (auto const& other : config.neighbors) {
+               if (!n.address.isUnspecified() && other.address == n.address) {
+                  check.error(n.line, "neighbor " + n.address.str() + " is already defined on line " +
+                                         std::to_string(other.line));
+               }
+            }
+            config.neighbors.push_back(std::move(n));
+         }
+      }
+   }
+   if (!check.clean()) return Ovk::failure(check.take());
+   return config;
+}
+
+Ovk::Result<AgentConfig, ConfigErrors> loadConfigFile(std::string const& path) {
+   std::ifstream in(path, std::ios::binary);
+   std::ostringstream text;
+   if (in) text << in.rdbuf();
+   if (!in || in.bad()) {
+      return Ovk::failure(ConfigErrors{{path, 0, "cannot read the file"}});
+   }
+   return parseConfig(text.str(), path);
+}
+
+std::string_view embeddedDefaultConfig() { return kDefaultConfig; }
+
+std::optional<Ovnet::IpGenAddr> sourceAddress(AgentConfig const& config, NeighborConfig const& n) {
+   if (n.localAddress) return n.localAddress;
+   for (auto const& e : config.listen) {
+      if (e.address.af() != n.address.af()) continue;
+      bool const wildcard = std::all_of(e.address.bytes().begin(), e.address.bytes().end(),
+                                        [](std::uint8_t b) { return b == 0; });
+      if (!wildcard) return e.address;
+   }
+   return std::nullopt;
+}
+
+} // namespace Flowspecd

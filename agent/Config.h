@@ -1,0 +1,92 @@
+// The agent's configuration: a TOML file.
+//
+//   router-id = "192.0.2.1"            # BGP identifier (IPv4 address form), required
+//   local-as = 65001                   # 1 to 4294967295, not 23456, required
+//   listen = ["127.0.0.1:1179", "[::1]:1179"]   # "ADDR[:PORT]", port 179 when left out
+//   control-socket = "/tmp/flowspecd.sock"
+//
+//   [[neighbor]]
+//   address = "127.0.0.2"              # IPv4 or IPv6, required, unique
+//   port = 179                         # the peer's port we connect to
+//   remote-as = 65002                  # required
+//   passive = false                    # true: never connect, only accept
+//   hold-time = 90                     # 0 (no keepalives) or 3 to 65535 seconds
+//   families = ["ipv4-flowspec", "ipv6-flowspec"]
+//   description = "edge router"
+//   local-address = "127.0.0.1"        # source of our connections; see sourceAddress()
+//   connect-retry = 10                 # seconds between connection attempts, 1 to 65535
+//
+// parseConfig reports every mistake it finds, each with the file, the line and what is
+// wrong, and yields no configuration when there is any.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "agent/BgpMessage.h"
+#include "host/fwk/Result.h"
+#include "host/net/IpGenAddr.h"
+
+namespace Flowspecd {
+
+constexpr std::uint16_t kBgpPort = 179;
+constexpr char const* kDefaultControlSocket = "/tmp/flowspecd.sock";
+
+struct Endpoint {
+   Ovnet::IpGenAddr address;
+   std::uint16_t port = kBgpPort;
+   // "127.0.0.1:179", "[::1]:179".
+   std::string str() const;
+   friend bool operator==(Endpoint const&, Endpoint const&) = default;
+};
+// "ADDR", "ADDR:PORT", "[V6ADDR]" or "[V6ADDR]:PORT"; a bare IPv6 address takes no port.
+std::optional<Endpoint> parseEndpoint(std::string_view text, std::uint16_t defaultPort = kBgpPort);
+
+struct NeighborConfig {
+   Ovnet::IpGenAddr address;
+   std::uint16_t port = kBgpPort;
+   std::uint32_t remoteAs = 0;
+   bool passive = false;
+   std::uint16_t holdTime = 90;
+   std::vector<AfiSafi> families{kIpv4Flowspec, kIpv6Flowspec};
+   std::string description;
+   std::optional<Ovnet::IpGenAddr> localAddress;
+   std::uint16_t connectRetrySeconds = 10;
+   std::uint32_t line = 0; // where its table starts
+};
+
+struct AgentConfig {
+   std::string source; // file name, or "<built-in>"
+   std::uint32_t routerId = 0;
+   std::uint32_t localAs = 0;
+   std::vector<Endpoint> listen;
+   std::string controlSocket = kDefaultControlSocket;
+   std::vector<NeighborConfig> neighbors;
+};
+
+struct ConfigError {
+   std::string file;
+   std::uint32_t line = 0; // 0: the file as a whole
+   std::string text;
+   // "file:line: text" ("file: text" without a line).
+   std::string str() const;
+};
+using ConfigErrors = std::vector<ConfigError>;
+
+Ovk::Result<AgentConfig, ConfigErrors> parseConfig(std::string_view text, std::string const& fileName);
+// Reads and parses a file; a file that cannot be read is one error without a line.
+Ovk::Result<AgentConfig, ConfigErrors> loadConfigFile(std::string const& path);
+
+// The configuration the agent runs on when given no file: it listens on loopback port 1179
+// and waits, passively, for one neighbor.
+std::string_view embeddedDefaultConfig();
+inline constexpr char const* kEmbeddedConfigName = "<built-in>";
+
+// The local address our connections to `n` start from: its local-address, else the first
+// listen address of the same family that is not a wildcard; nothing lets the kernel choose.
+std::optional<Ovnet::IpGenAddr> sourceAddress(AgentConfig const& config, NeighborConfig const& n);
+
+} // namespace Flowspecd

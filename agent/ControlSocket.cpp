@@ -1,0 +1,172 @@
+#include "agent/ControlSocket.h"
+
+#include <asio/read_until.hpp>
+#include <asio/steady_timer.hpp>
+#include <asio/write.hpp>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace Flowspecd {
+
+namespace {
+
+// One client: read a line, answer, close; bounded in time.
+struct ControlClient : std::enable_shared_from_this<ControlClient> {
+   ControlClient(asio::local::stream_protocol::socket s, ControlServer::Handler const& h)
+       : socket(std::move(s)), timer(socket.get_executor()), handler(h) {}
+
+   void start() {
+      auto self = shared_from_this();
+      timer.expires_after(ControlServer::kClientTimeout);
+      timer.async_wait([self](std::error_code const& ec) {
+         if (ec) return;
+         std::error_code ignored;
+         self->socket.close(ignored);
+      });
+      asio::async_read_until(socket, asio::dynamic_buffer(request, ControlServer::kMaxRequest), '\n',
+                             [self](std::error_code const& ec, std::size_t n) {
+                                // A request without its newline counts when the client ends its side.
+                                if (ec && !(ec == asio::error::eof && !self->request.empty())) {
+                                   self->finish();
+                                   return;
+                                }
+                                std::string_view line(self->request.data(), ec ? self->request.size() : n);
+                                while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
+                                self->answer = self->handler(line) + "\n";
+                                asio::async_write(self->socket, asio::buffer(self->answer),
+                                                  [self](std::error_code const&, std::size_t) { self->finish(); });
+                             });
+   }
+   void finish() {
+      std::error_code ignored;
+      timer.cancel();
+      socket.shutdown(asio::local::stream_protocol::socket::shutdown_both, ignored);
+      socket.close(ignored);
+   }
+
+   asio::local::stream_protocol::socket socket;
+   asio::steady_timer timer;
+   ControlServer::Handler handler;
+   std::string request;
+   std::string answer;
+};
+
+// True when something accepts connections at `path`.
+bool answers(std::string const& path) {
+   int const fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+   if (fd < 0) return false;
+   sockaddr_un addr{};
+   addr.sun_family = AF_UNIX;
+   std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+   bool const ok = ::connect(fd, reinterpret_cast<sockaddr const*>(&addr), sizeof(addr)) == 0;
+   ::close(fd);
+   return ok;
+}
+
+} // namespace
+
+ControlServer::ControlServer(asio::io_context& io, std::string path, Handler handler)
+    : acceptor_(io), path_(std::move(path)), handler_(std::move(handler)) {}
+
+ControlServer::~ControlServer() { close(); }
+
+Ovk::Result<Ovk::Ptr<ControlServer>, std::string> ControlServer::create(asio::io_context& io, std::string path, Handler handler) {
+   sockaddr_un probe{};
+   if (path.size() >= sizeof(probe.sun_path)) {
+      return Ovk::failure("control socket path " + path + " is too long");
+   }
+   struct stat st{};
+   if (::lstat(path.c_str(), &st) == 0) {
+      if (!S_ISSOCK(st.st_mode)) return Ovk::failure("control socket path " + path + " exists and is not a socket");
+      if (answers(path)) return Ovk::failure("control socket " + path + " is in use by another running agent");
+      ::unlink(path.c_str());
+   }
+   auto server = Ovk::makePtr<ControlServer>(io, path, std::move(handler));
+   std::error_code ec;
+   asio::local::stream_protocol::endpoint const ep(path);
+   server->acceptor_.open(ep.protocol(), ec);
+   if (!ec) {
+      // Owner only, from the moment the file exists.
+      mode_t const old = ::umask(0177);
+      server->acceptor_.bind(ep, ec);
+      ::umask(old);
+   }
+   if (!ec) {
+      server->bound_ = true;
+      if (::chmod(path.c_str(), 0600) != 0) ec = std::error_code(errno, std::generic_category());
+   }
+   if (!ec) server->acceptor_.listen(asio::socket_base::max_listen_connections, ec);
+   if (ec) return Ovk::failure("cannot create control socket " + path + ": " + ec.message());
+   server->acceptNext();
+   return server;
+}
+
+void ControlServer::acceptNext() {
+   acceptor_.async_accept([self = Ovk::Ptr<ControlServer>(this)](std::error_code const& ec,
+                                                                 asio::local::stream_protocol::socket s) {
+      if (!self->acceptor_.is_open()) return;
+      if (!ec) std::make_shared<ControlClient>(std::move(s), self->handler_)->start();
+      self->acceptNext();
+   });
+}
+
+void ControlServer::close() {
+   std::error_code ec;
+   if (acceptor_.is_open()) acceptor_.close(ec);
+   if (bound_) {
+      ::unlink(path_.c_str());
+      bound_ = false;
+   }
+}
+
+Ovk::Result<std::string, std::string> controlRequest(std::string const& path, std::string_view request,
+                                                     std::chrono::milliseconds timeout) {
+   sockaddr_un addr{};
+   if (path.size() >= sizeof(addr.sun_path)) return Ovk::failure("control socket path " + path + " is too long");
+   int const fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+   if (fd < 0) return Ovk::failure(std::string("socket: ") + std::strerror(errno));
+   struct Closer {
+      int fd;
+      ~Closer() { ::close(fd); }
+   } const closer{fd};
+   addr.sun_family = AF_UNIX;
+   std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+   if (::connect(fd, reinterpret_cast<sockaddr const*>(&addr), sizeof(addr)) != 0) {
+      return Ovk::failure("cannot reach the agent at " + path + ": " + std::strerror(errno));
+   }
+   std::string out(request);
+   out += '\n';
+   std::size_t sent = 0;
+   while (sent < out.size()) {
+      ssize_t const n = ::send(fd, out.data() + sent, out.size() - sent, MSG_NOSIGNAL);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return Ovk::failure(std::string("cannot send the request: ") + std::strerror(errno));
+      sent += static_cast<std::size_t>(n);
+   }
+   std::string answer;
+   auto const deadline = std::chrono::steady_clock::now() + timeout;
+   char buf[4096];
+   for (;;) {
+      auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      if (left.count() <= 0) return Ovk::failure("no answer from the agent at " + path + " in time");
+      pollfd p{fd, POLLIN, 0};
+      int const r = ::poll(&p, 1, static_cast<int>(left.count()));
+      if (r < 0 && errno == EINTR) continue;
+      if (r <= 0) continue;
+      ssize_t const n = ::recv(fd, buf, sizeof(buf), 0);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) return Ovk::failure(std::string("cannot read the answer: ") + std::strerror(errno));
+      if (n == 0) break;
+      answer.append(buf, static_cast<std::size_t>(n));
+   }
+   if (!answer.empty() && answer.back() == '\n') answer.pop_back();
+   return answer;
+}
+
+} // namespace Flowspecd

@@ -1,0 +1,82 @@
+// flowspecd: the BGP flowspec agent.
+//
+//   flowspecd [--config FILE] [--control-socket PATH]   runs in the foreground
+//   flowspecd --check FILE                              validates a configuration only
+//   flowspecd --print-default-config                    shows the built-in configuration
+//
+// Without --config the agent runs on its built-in configuration. SIGTERM and SIGINT send a
+// Cease to every peer and end the agent.
+#include <asio/io_context.hpp>
+#include <asio/signal_set.hpp>
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <iostream>
+
+#include "agent/Agent.h"
+
+namespace {
+
+void printErrors(Flowspecd::ConfigErrors const& errors) {
+   for (auto const& e : errors) std::cerr << e.str() << '\n';
+   std::cerr << errors.size() << (errors.size() == 1 ? " mistake" : " mistakes") << " in the configuration\n";
+}
+
+Ovk::Result<Flowspecd::AgentConfig, Flowspecd::ConfigErrors> load(std::string const& file) {
+   if (file.empty()) return Flowspecd::parseConfig(Flowspecd::embeddedDefaultConfig(), Flowspecd::kEmbeddedConfigName);
+   return Flowspecd::loadConfigFile(file);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+   CLI::App app{"flowspecd: BGP flowspec agent"};
+   std::string configFile;
+   std::string controlSocket;
+   std::string checkFile;
+   bool printDefault = false;
+   app.add_option("--config", configFile, "configuration file (TOML); the built-in one when left out");
+   app.add_option("--control-socket", controlSocket, "control socket path (overrides the configuration)");
+   app.add_option("--check", checkFile, "validate this configuration file and exit");
+   app.add_flag("--print-default-config", printDefault, "print the built-in configuration and exit");
+   CLI11_PARSE(app, argc, argv);
+
+   if (printDefault) {
+      std::cout << Flowspecd::embeddedDefaultConfig();
+      return 0;
+   }
+   if (!checkFile.empty()) {
+      auto config = Flowspecd::loadConfigFile(checkFile);
+      if (!config) {
+         printErrors(config.reason());
+         return 1;
+      }
+      std::cout << checkFile << ": valid, " << config.value().neighbors.size() << " neighbor(s)\n";
+      return 0;
+   }
+
+   auto config = load(configFile);
+   if (!config) {
+      printErrors(config.reason());
+      return 1;
+   }
+   if (!controlSocket.empty()) config.value().controlSocket = controlSocket;
+
+   std::signal(SIGPIPE, SIG_IGN);
+   asio::io_context io;
+   Flowspecd::StderrLogger logger;
+   auto agent = Ovk::makePtr<Flowspecd::Agent>(io, std::move(config.value()), logger);
+   logger.log("-", "starting on configuration " + agent->config().source);
+   if (auto started = agent->start(); !started) {
+      logger.log("-", started.reason());
+      return 1;
+   }
+   asio::signal_set signals(io, SIGINT, SIGTERM);
+   signals.async_wait([&](std::error_code const& ec, int signo) {
+      if (ec) return;
+      logger.log("-", std::string("signal ") + (signo == SIGINT ? "SIGINT" : "SIGTERM") + ": sending Cease to every peer");
+      agent->stop();
+   });
+   io.run();
+   logger.log("-", "stopped");
+   return 0;
+}

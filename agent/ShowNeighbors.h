@@ -1,0 +1,27 @@
+// The answer to "show neighbors": one JSON object {"neighbors": [...]}, an entry per
+// configured neighbor in configuration order. Every entry carries
+//   "address", "port", "remoteAs", "description", "passive",
+//   "state" (RFC 4271 name), "uptimeSeconds" (0 unless Established),
+//   "lastError" ("" until something went wrong),
+//   "messagesIn", "messagesOut", "updatesIn", "updatesOut", "keepalivesIn",
+//   "keepalivesOut", "notificationsIn", "notificationsOut", "routeRefreshesIn",
+//   "establishedTransitions",
+//   "families" (negotiated: "ipv4-flowspec", "ipv6-flowspec"), "configuredFamilies",
+//   "capabilities" (negotiated: "multiprotocol", "route-refresh", "four-octet-as"),
+//   "holdTime", "keepaliveTime" (negotiated; 0 unless Established),
+//   "remoteRouterId" ("" unless Established), "localEndpoint", "remoteEndpoint"
+//   ("ADDR:PORT" of the current connection, or null),
+//   "familyUpdatesIn" and "endOfRibIn" (objects from family name to count).
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <vector>
+
+#include "agent/Neighbor.h"
+
+namespace Flowspecd {
+
+nlohmann::json neighborJson(NeighborStatus const& s);
+nlohmann::json neighborsJson(std::vector<NeighborStatus> const& all);
+
+} // namespace Flowspecd

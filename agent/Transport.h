@@ -1,0 +1,66 @@
+// What a BGP session needs from TCP: a connection that delivers bytes and takes bytes, and
+// a way to open one. The event-loop implementation is in AsioTransport.h; unit tests use
+// fakes.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "agent/ByteCursor.h"
+#include "agent/Config.h"
+#include "host/fwk/Ptr.h"
+#include "host/net/IpGenAddr.h"
+
+namespace Flowspecd {
+
+class Transport : public Ovk::PtrInterface {
+ public:
+   // Gets what the connection delivers, on the task thread.
+   class Receiver {
+    public:
+      virtual void handleBytes(ByteView bytes) = 0;
+      // The connection failed or the peer closed it; nothing more will be delivered.
+      virtual void handleClosed(std::string const& reason) = 0;
+
+    protected:
+      ~Receiver() = default;
+   };
+
+   // Starts delivering to `r`, which must stay valid until close() or handleClosed().
+   virtual void receiverIs(Receiver* r) = 0;
+   // Queues bytes; they are written in order.
+   virtual void send(Bytes bytes) = 0;
+   // Writes what is queued, then closes our side and waits for the peer to close its own
+   // (both bounded in time). The receiver hears nothing more after this call.
+   virtual void close() = 0;
+   virtual Endpoint local() const = 0;
+   virtual Endpoint remote() const = 0;
+
+ protected:
+   ~Transport() override = default;
+};
+
+// A connection attempt in progress.
+class ConnectAttempt : public Ovk::PtrInterface {
+ public:
+   // Abandons the attempt: its completion callback will not run.
+   virtual void cancel() = 0;
+
+ protected:
+   ~ConnectAttempt() override = default;
+};
+
+class Connector : public Ovk::PtrInterface {
+ public:
+   // Runs once on the task thread: a transport, or none and the reason.
+   using Done = std::function<void(Ovk::Ptr<Transport>, std::string const& error)>;
+   // Opens a TCP connection to `remote`, from `local` when given.
+   virtual Ovk::Ptr<ConnectAttempt> connect(Endpoint const& remote, std::optional<Ovnet::IpGenAddr> local,
+                                            Done done) = 0;
+
+ protected:
+   ~Connector() override = default;
+};
+
+} // namespace Flowspecd

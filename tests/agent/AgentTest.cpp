@@ -1,0 +1,155 @@
+// Two agents in one process, peering over loopback with real sockets, read through their
+// control sockets.
+#include "agent/Agent.h"
+
+#include <gtest/gtest.h>
+
+#include <asio/post.hpp>
+#include <nlohmann/json.hpp>
+#include <sys/stat.h>
+#include <fstream>
+#include <thread>
+
+namespace Flowspecd {
+namespace {
+
+using namespace std::chrono_literals;
+
+class QuietLogger : public Logger {
+ public:
+   void log(std::string_view, std::string_view) override {}
+};
+
+std::uint16_t freePort(char const* address) {
+   asio::io_context io;
+   asio::ip::tcp::acceptor a(io, asio::ip::tcp::endpoint(asio::ip::make_address(address), 0));
+   return a.local_endpoint().port();
+}
+
+AgentConfig config(std::string const& self, std::uint16_t port, std::string const& peer, std::uint16_t peerPort,
+                   std::uint32_t as, std::uint32_t peerAs, bool passive, std::string const& socket) {
+   std::string const text = "router-id = \"" + self + "\"\nlocal-as = " + std::to_string(as) + "\nlisten = [\"" + self +
+                            ":" + std::to_string(port) + "\"]\ncontrol-socket = \"" + socket +
+                            "\"\n[[neighbor]]\naddress = \"" + peer + "\"\nport = " + std::to_string(peerPort) +
+                            "\nremote-as = " + std::to_string(peerAs) + "\nhold-time = 3\nconnect-retry = 1\npassive = " +
+                            (passive ? "true" : "false") + "\n";
+   auto r = parseConfig(text, "test");
+   EXPECT_TRUE(r.ok());
+   return r.value();
+}
+
+nlohmann::json show(std::string const& socket) {
+   auto answer = controlRequest(socket, "show neighbors", 2s);
+   if (!answer) return nlohmann::json();
+   return nlohmann::json::parse(answer.value(), nullptr, false);
+}
+
+// Polls until `pred` holds for the first neighbor of the agent at `socket`.
+template <class Pred>
+bool waitFor(std::string const& socket, Pred pred) {
+   for (int i = 0; i < 100; ++i) {
+      auto const j = show(socket);
+      if (j.is_object() && !j["neighbors"].empty() && pred(j["neighbors"][0])) return true;
+      std::this_thread::sleep_for(50ms);
+   }
+   return false;
+}
+
+TEST(Agent, TwoAgentsPeerAndShowTheirSessions) {
+   std::string const dir = testing::TempDir();
+   std::string const sockA = dir + "/flowspecd-agent-test-a.sock";
+   std::string const sockB = dir + "/flowspecd-agent-test-b.sock";
+   std::uint16_t const portA = freePort("127.0.0.31");
+   std::uint16_t const portB = freePort("127.0.0.32");
+   asio::io_context io;
+   QuietLogger logger;
+   auto a = Ovk::makePtr<Agent>(io, config("127.0.0.31", portA, "127.0.0.32", portB, 65031, 65032, false, sockA), logger);
+   auto b = Ovk::makePtr<Agent>(io, config("127.0.0.32", portB, "127.0.0.31", portA, 65032, 65031, true, sockB), logger);
+   ASSERT_TRUE(b->start().ok());
+   ASSERT_TRUE(a->start().ok());
+   std::thread loop([&] { io.run(); });
+
+   struct stat st{};
+   ASSERT_EQ(::stat(sockA.c_str(), &st), 0);
+   EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+   EXPECT_TRUE(waitFor(sockA, [](auto const& n) { return n["state"] == "Established"; }));
+   auto const j = show(sockB);
+   ASSERT_TRUE(j.is_object());
+   ASSERT_EQ(j.size(), 1u);
+   auto const& n = j["neighbors"][0];
+   EXPECT_EQ(n["address"], "127.0.0.31");
+   EXPECT_EQ(n["port"], portA);
+   EXPECT_EQ(n["remoteAs"], 65031);
+   EXPECT_EQ(n["state"], "Established");
+   EXPECT_EQ(n["families"], nlohmann::json({"ipv4-flowspec", "ipv6-flowspec"}));
+   EXPECT_EQ(n["updatesOut"], 2); // End-of-RIB for each family
+   EXPECT_EQ(n["updatesIn"], 2);
+   EXPECT_EQ(n["lastError"], "");
+   EXPECT_TRUE(n["uptimeSeconds"].is_number_unsigned());
+   EXPECT_EQ(n["remoteRouterId"], "127.0.0.31");
+
+   auto const unknown = controlRequest(sockA, "show everything", 2s);
+   ASSERT_TRUE(unknown.ok());
+   EXPECT_EQ(nlohmann::json::parse(unknown.value())["error"], "unknown request: show everything");
+
+   // A stops: B hears a Cease and waits for A again.
+   asio::post(io, [&] { a->stop(); });
+   EXPECT_TRUE(waitFor(sockB, [](auto const& m) {
+      return m["state"] == "Active" &&
+             m["lastError"] == "received NOTIFICATION Cease/Administrative Shutdown (6/2)";
+   }));
+   EXPECT_NE(::stat(sockA.c_str(), &st), 0); // A removed its control socket
+
+   asio::post(io, [&] { b->stop(); });
+   loop.join(); // the loop runs out of work once both agents are stopped
+   EXPECT_FALSE(controlRequest(sockB, "show neighbors", 1s).ok());
+}
+
+TEST(Agent, ListenFailureIsReported) {
+   asio::io_context io;
+   QuietLogger logger;
+   std::uint16_t const port = freePort("127.0.0.33");
+   asio::ip::tcp::acceptor busy(io, asio::ip::tcp::endpoint(asio::ip::make_address("127.0.0.33"), port));
+   auto a = Ovk::makePtr<Agent>(io, config("127.0.0.33", port, "127.0.0.34", 179, 1, 2, true,
+                                           testing::TempDir() + "/flowspecd-agent-test-c.sock"), logger);
+   auto r = a->start();
+   ASSERT_FALSE(r.ok());
+   EXPECT_NE(r.reason().find("cannot listen on 127.0.0.33:" + std::to_string(port)), std::string::npos) << r.reason();
+}
+
+TEST(ControlSocket, StaleFileIsReplacedButOthersAreKept) {
+   asio::io_context io;
+   std::string const path = testing::TempDir() + "/flowspecd-control-test.sock";
+   auto handler = [](std::string_view r) { return "echo " + std::string(r); };
+   {
+      auto first = ControlServer::create(io, path, handler);
+      ASSERT_TRUE(first.ok());
+      // A second server on a live socket is refused.
+      auto second = ControlServer::create(io, path, handler);
+      ASSERT_FALSE(second.ok());
+      EXPECT_NE(second.reason().find("in use"), std::string::npos);
+      std::thread loop([&] { io.run_for(1s); });
+      auto answer = controlRequest(path, "hello", 2s);
+      loop.join();
+      ASSERT_TRUE(answer.ok()) << answer.reason();
+      EXPECT_EQ(answer.value(), "echo hello");
+      // Leave the socket file behind, as a crashed agent would.
+      first.value()->close();
+      asio::local::stream_protocol::acceptor stale(io, asio::local::stream_protocol::endpoint(path));
+   }
+   io.restart();
+   auto again = ControlServer::create(io, path, handler);
+   ASSERT_TRUE(again.ok()) << again.reason();
+   again.value()->close();
+
+   std::string const file = testing::TempDir() + "/flowspecd-control-test.txt";
+   { std::ofstream(file) << "data"; }
+   auto onFile = ControlServer::create(io, file, handler);
+   ASSERT_FALSE(onFile.ok());
+   EXPECT_NE(onFile.reason().find("is not a socket"), std::string::npos);
+   std::remove(file.c_str());
+}
+
+} // namespace
+} // namespace Flowspecd

@@ -1,0 +1,195 @@
+#include "agent/Config.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+
+namespace Flowspecd {
+namespace {
+
+constexpr char const* kGood = R"(router-id = "192.0.2.1"
+local-as = 4200000001
+listen = ["127.0.0.10:1179", "[::1]:1179", "127.0.0.11"]
+control-socket = "/tmp/x.sock"
+
+[[neighbor]]
+address = "127.0.0.20"
+port = 1790
+remote-as = 65020
+passive = true
+hold-time = 3
+families = ["ipv4-flowspec"]
+description = "GoBGP"
+connect-retry = 1
+
+[[neighbor]]
+address = "::1"
+remote-as = 65021
+local-address = "::1"
+)";
+
+TEST(Config, ReadsEveryKey) {
+   auto r = parseConfig(kGood, "good.toml");
+   ASSERT_TRUE(r.ok()) << r.reason().front().str();
+   AgentConfig const& c = r.value();
+   EXPECT_EQ(c.routerId, 0xc0000201u);
+   EXPECT_EQ(c.localAs, 4200000001u);
+   ASSERT_EQ(c.listen.size(), 3u);
+   EXPECT_EQ(c.listen[0].str(), "127.0.0.10:1179");
+   EXPECT_EQ(c.listen[1].str(), "[::1]:1179");
+   EXPECT_EQ(c.listen[2].str(), "127.0.0.11:179");
+   EXPECT_EQ(c.controlSocket, "/tmp/x.sock");
+   ASSERT_EQ(c.neighbors.size(), 2u);
+   NeighborConfig const& a = c.neighbors[0];
+   EXPECT_EQ(a.address.str(), "127.0.0.20");
+   EXPECT_EQ(a.port, 1790);
+   EXPECT_EQ(a.remoteAs, 65020u);
+   EXPECT_TRUE(a.passive);
+   EXPECT_EQ(a.holdTime, 3);
+   EXPECT_EQ(a.families, std::vector<AfiSafi>{kIpv4Flowspec});
+   EXPECT_EQ(a.description, "GoBGP");
+   EXPECT_EQ(a.connectRetrySeconds, 1);
+   EXPECT_EQ(a.line, 6u);
+   NeighborConfig const& b = c.neighbors[1];
+   EXPECT_EQ(b.port, kBgpPort);
+   EXPECT_FALSE(b.passive);
+   EXPECT_EQ(b.holdTime, 90);
+   EXPECT_EQ(b.families, (std::vector<AfiSafi>{kIpv4Flowspec, kIpv6Flowspec}));
+   // Sources: the first non-wildcard listen address of the family, or local-address.
+   EXPECT_EQ(sourceAddress(c, a)->str(), "127.0.0.10");
+   EXPECT_EQ(sourceAddress(c, b)->str(), "::1");
+}
+
+TEST(Config, DefaultsWithoutOptionalKeys) {
+   auto r = parseConfig("router-id = \"1.2.3.4\"\nlocal-as = 1\n", "min.toml");
+   ASSERT_TRUE(r.ok());
+   EXPECT_EQ(r.value().controlSocket, kDefaultControlSocket);
+   ASSERT_EQ(r.value().listen.size(), 2u);
+   EXPECT_EQ(r.value().listen[0].str(), "0.0.0.0:179");
+   EXPECT_EQ(r.value().listen[1].str(), "[::]:179");
+   NeighborConfig n;
+   n.address = *Ovnet::IpGenAddr::parse("10.0.0.1");
+   EXPECT_FALSE(sourceAddress(r.value(), n)); // only wildcards: the kernel chooses
+}
+
+TEST(Config, EmbeddedDefaultIsValidPassiveAndOnLoopback) {
+   auto r = parseConfig(embeddedDefaultConfig(), kEmbeddedConfigName);
+   ASSERT_TRUE(r.ok()) << r.reason().front().str();
+   for (auto const& l : r.value().listen) {
+      EXPECT_TRUE(l.address.str() == "127.0.0.1" || l.address.str() == "::1") << l.str();
+   }
+   ASSERT_FALSE(r.value().neighbors.empty());
+   for (auto const& n : r.value().neighbors) EXPECT_TRUE(n.passive);
+}
+
+struct BadCase {
+   char const* name;
+   char const* text;
+   std::uint32_t line;
+   char const* says;
+};
+
+TEST(Config, EveryMistakeNamesFileLineAndWhat) {
+   std::string const head = "router-id = \"1.2.3.4\"\nlocal-as = 65001\n"; // lines 1-2
+   std::vector<BadCase> const cases{
+      {"syntax", "router-id = \"1.2.3.4\"\nlocal-as = = 3\n", 2, "TOML syntax error"},
+      {"unknown top-level key", "router-id = \"1.2.3.4\"\nlocal-as = 1\nlisten-port = 3\n", 3, "unknown key 'listen-port'"},
+      {"missing router-id", "local-as = 1\n", 1, "missing router-id"},
+      {"missing local-as", "router-id = \"1.2.3.4\"\n", 1, "missing local-as"},
+      {"router-id not IPv4", "router-id = \"::1\"\nlocal-as = 1\n", 1, "router-id must be a non-zero IPv4 address"},
+      {"router-id zero", "router-id = \"0.0.0.0\"\nlocal-as = 1\n", 1, "router-id must be a non-zero IPv4 address"},
+      {"router-id a number", "router-id = 5\nlocal-as = 1\n", 1, "router-id must be a string"},
+      {"local-as zero", "router-id = \"1.2.3.4\"\nlocal-as = 0\n", 2, "local-as must be between 1 and 4294967295, not 0"},
+      {"local-as too big", "router-id = \"1.2.3.4\"\nlocal-as = 4294967296\n", 2, "local-as must be between"},
+      {"local-as AS_TRANS", "router-id = \"1.2.3.4\"\nlocal-as = 23456\n", 2, "AS_TRANS"},
+      {"local-as as text", "router-id = \"1.2.3.4\"\nlocal-as = \"65001\"\n", 2, "local-as must be an integer"},
+      {"listen not a list", "listen = \"127.0.0.1:179\"\n", 3, "listen must be a list"},
+      {"listen bad port", "listen = [\n\"127.0.0.1:99999\"]\n", 4, "listen entries must be \"ADDR:PORT\""},
+      {"listen unbracketed v6 port", "listen = [\"::1:179\", \"[::1]:0\"]\n", 3, "[::1]:0"},
+      {"listen twice", "listen = [\"127.0.0.1:1\", \"127.0.0.1:1\"]\n", 3, "listed twice"},
+      {"control-socket empty", "control-socket = \"\"\n", 3, "control-socket must not be empty"},
+      {"neighbor as a table", "[neighbor]\naddress = \"1.1.1.1\"\n", 3, "[[neighbor]] tables"},
+      {"neighbor without address", "[[neighbor]]\nremote-as = 2\n", 3, "neighbor has no address"},
+      {"neighbor without remote-as", "[[neighbor]]\naddress = \"1.1.1.1\"\n", 3, "neighbor has no remote-as"},
+      {"neighbor bad address", "[[neighbor]]\naddress = \"1.1.1\"\nremote-as = 2\n", 4, "address must be an IPv4 or IPv6 address, not \"1.1.1\""},
+      {"neighbor typo", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nhold_time = 3\n", 6, "unknown key 'hold_time' in [[neighbor]]"},
+      {"port zero", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nport = 0\n", 6, "port must be between 1 and 65535"},
+      {"passive as text", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\npassive = \"yes\"\n", 6, "passive must be true or false"},
+      {"hold-time 2", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nhold-time = 2\n", 6, "hold-time must be 0 or at least 3"},
+      {"hold-time too big", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nhold-time = 70000\n", 6, "hold-time must be between 0 and 65535"},
+      {"unknown family", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nfamilies = [\"ipv4-unicast\"]\n", 6, "not \"ipv4-unicast\""},
+      {"family twice", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nfamilies = [\"ipv4-flowspec\", \"ipv4-flowspec\"]\n", 6, "listed twice"},
+      {"no family", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nfamilies = []\n", 6, "at least one family"},
+      {"local-address of the other family", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nlocal-address = \"::1\"\n", 6, "not of the family"},
+      {"connect-retry zero", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nconnect-retry = 0\n", 6, "connect-retry must be between 1"},
+      {"duplicate neighbor", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\n[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 3\n", 6, "neighbor 1.1.1.1 is already defined on line 3"},
+   };
+   for (auto const& c : cases) {
+      SCOPED_TRACE(c.name);
+      std::string text = c.text;
+      // Cases that only concern later keys get the required head.
+      if (text.find("router-id") == std::string::npos && text.find("local-as") == std::string::npos) text = head + text;
+      auto r = parseConfig(text, "bad.toml");
+      ASSERT_FALSE(r.ok());
+      auto const& errors = r.reason();
+      bool found = false;
+      for (auto const& e : errors) {
+         EXPECT_EQ(e.file, "bad.toml");
+         if (e.line == c.line && e.text.find(c.says) != std::string::npos) found = true;
+      }
+      std::string all;
+      for (auto const& e : errors) all += e.str() + "\n";
+      EXPECT_TRUE(found) << "wanted line " << c.line << ": " << c.says << "\ngot:\n" << all;
+   }
+}
+
+TEST(Config, ReportsAllMistakesAtOnce) {
+   auto r = parseConfig("router-id = 1\nlocal-as = 0\n[[neighbor]]\naddress = \"x\"\nremote-as = -1\n", "f.toml");
+   ASSERT_FALSE(r.ok());
+   EXPECT_EQ(r.reason().size(), 4u);
+   EXPECT_EQ(r.reason()[0].str().substr(0, 9), "f.toml:1:");
+}
+
+TEST(Config, UnreadableFileIsOneErrorWithoutLine) {
+   auto r = loadConfigFile("/nonexistent/flowspecd.toml");
+   ASSERT_FALSE(r.ok());
+   ASSERT_EQ(r.reason().size(), 1u);
+   EXPECT_EQ(r.reason()[0].str(), "/nonexistent/flowspecd.toml: cannot read the file");
+}
+
+TEST(Config, LoadsAFile) {
+   std::string const path = testing::TempDir() + "/flowspecd-config-test.toml";
+   std::ofstream(path) << kGood;
+   auto r = loadConfigFile(path);
+   std::remove(path.c_str());
+   ASSERT_TRUE(r.ok());
+   EXPECT_EQ(r.value().source, path);
+}
+
+TEST(Config, Endpoints) {
+   struct Case {
+      char const* text;
+      char const* expect; // nullptr: rejected
+   };
+   std::vector<Case> const cases{
+      {"10.0.0.1", "10.0.0.1:179"},     {"10.0.0.1:1", "10.0.0.1:1"},   {"[::1]", "[::1]:179"},
+      {"[2001:db8::1]:65535", "[2001:db8::1]:65535"}, {"::", "[::]:179"}, {"10.0.0.1:0", nullptr},
+      {"10.0.0.1:", nullptr},           {"10.0.0.1:x", nullptr},        {"[10.0.0.1]:5", nullptr},
+      {"[::1", nullptr},                {"[::1]x", nullptr},            {"", nullptr},
+      {"host:179", nullptr},            {"10.0.0.1:123456", nullptr},
+   };
+   for (auto const& c : cases) {
+      SCOPED_TRACE(c.text);
+      auto e = parseEndpoint(c.text);
+      if (!c.expect) {
+         EXPECT_FALSE(e);
+      } else {
+         ASSERT_TRUE(e);
+         EXPECT_EQ(e->str(), c.expect);
+      }
+   }
+}
+
+} // namespace
+} // namespace Flowspecd

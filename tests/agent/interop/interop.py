@@ -1,0 +1,762 @@
+#!/usr/bin/env python3
+"""Interoperability tests of flowspecd with real BGP speakers on loopback.
+
+  interop.py --flowspecd BIN --flowspec BIN peer NAME DIRECTION
+        NAME: gobgp, bird, exabgp, frr; DIRECTION: we-connect, they-connect
+  interop.py --flowspecd BIN --flowspec BIN faults
+
+A peer test runs one flowspecd and one peer daemon, each on a 127.0.x.y address of its own
+(and both on ::1 for the IPv6 session, with ports of their own), with two sessions: one
+over IPv4 and one over IPv6 transport. In "we-connect" the peer is passive and flowspecd
+connects; in "they-connect" flowspecd is passive. Each test checks, in order:
+  1. both sessions reach Established with ipv4-flowspec and ipv6-flowspec negotiated;
+  2. keepalives keep them up past one hold time (3 seconds);
+  3. the peer's flowspec UPDATEs arrive and are counted per family;
+  4. after the peer restarts, each session comes up again (a new session);
+  5. flowspecd's shutdown (SIGTERM) reaches the peer as a Cease.
+The fault test runs flowspecd with one good peer (BIRD) and several misbehaving fake
+peers, and checks each fault gets its NOTIFICATION while the good session stays up.
+
+Every process is started here, bounded in time, and stopped by its PID. Exit status 0 when
+every check passed; the last lines say what failed and where the logs are.
+"""
+import argparse
+import json
+import os
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+HOLD = 3
+LOCAL_AS = 65001
+PEER_AS = 65002
+
+
+class Fail(Exception):
+    pass
+
+
+def log(msg):
+    print(time.strftime("%H:%M:%S"), msg, flush=True)
+
+
+def wait_until(what, pred, timeout):
+    """Polls pred() until it returns something true; fails after timeout seconds."""
+    deadline = time.monotonic() + timeout
+    last = None
+    while time.monotonic() < deadline:
+        try:
+            value = pred()
+            last = value
+            if value:
+                return value
+        except Fail:
+            raise
+        except Exception as e:  # a tool failing while its daemon starts up
+            last = e
+        time.sleep(0.2)
+    raise Fail(f"timed out after {timeout}s waiting for {what} (last: {last!r})")
+
+
+def free_port(*addresses):
+    """A TCP port free on every address given."""
+    for _ in range(50):
+        probe = socket.socket(socket.AF_INET6 if ":" in addresses[0] else socket.AF_INET)
+        probe.bind((addresses[0], 0))
+        port = probe.getsockname()[1]
+        probe.close()
+        ok = True
+        for a in addresses[1:]:
+            s = socket.socket(socket.AF_INET6 if ":" in a else socket.AF_INET)
+            try:
+                s.bind((a, port))
+            except OSError:
+                ok = False
+            finally:
+                s.close()
+        if ok:
+            return port
+    raise Fail("no free port")
+
+
+class Process:
+    """A daemon started here and stopped by its PID."""
+
+    def __init__(self, name, argv, workdir, env=None, stdin=None):
+        self.name = name
+        self.logpath = os.path.join(workdir, name + ".log")
+        self.logfile = open(self.logpath, "ab")
+        self.popen = subprocess.Popen(argv, stdout=self.logfile, stderr=subprocess.STDOUT, cwd=workdir,
+                                      env=env, stdin=stdin if stdin is not None else subprocess.DEVNULL,
+                                      start_new_session=True)
+        log(f"started {name} (pid {self.popen.pid}): {' '.join(argv)}")
+
+    def alive(self):
+        return self.popen.poll() is None
+
+    def stop(self, sig=signal.SIGTERM, timeout=10):
+        """Sends sig to the process (its own group: helpers it forked go too), waits, kills if needed."""
+        if self.popen.poll() is None:
+            try:
+                os.killpg(self.popen.pid, sig)
+            except ProcessLookupError:
+                pass
+            try:
+                self.popen.wait(timeout)
+            except subprocess.TimeoutExpired:
+                log(f"{self.name} ignored {sig!s}; killing it")
+                os.killpg(self.popen.pid, signal.SIGKILL)
+                self.popen.wait(5)
+        self.logfile.close()
+        return self.popen.returncode
+
+    def log_text(self):
+        try:
+            with open(self.logpath, "r", errors="replace") as f:
+                return f.read()
+        except OSError:
+            return ""
+
+
+class Agent:
+    """flowspecd under test."""
+
+    def __init__(self, bins, workdir, address, port, neighbors, router_id=None):
+        self.flowspecd, self.flowspec = bins
+        self.workdir = workdir
+        self.socket = os.path.join(workdir, "flowspecd.sock")
+        self.config = os.path.join(workdir, "flowspecd.toml")
+        lines = [f'router-id = "{router_id or address}"', f"local-as = {LOCAL_AS}",
+                 f'listen = ["{address}:{port}", "[::1]:{port}"]', f'control-socket = "{self.socket}"']
+        for n in neighbors:
+            lines += ["", "[[neighbor]]"]
+            for k, v in n.items():
+                lines.append(f"{k} = {json.dumps(v)}")
+        with open(self.config, "w") as f:
+            f.write("\n".join(lines) + "\n")
+        self.proc = None
+
+    def start(self):
+        check = subprocess.run([self.flowspecd, "--check", self.config],
+                               capture_output=True, text=True, timeout=10)
+        if check.returncode != 0:
+            raise Fail("flowspecd --check refused the test configuration:\n" + check.stderr)
+        self.proc = Process("flowspecd", [self.flowspecd, "--config", self.config],
+                            self.workdir)
+
+    def neighbors(self):
+        r = subprocess.run([self.flowspec, "--socket", self.socket, "show", "neighbors",
+                            "--json"], capture_output=True, text=True, timeout=10)
+        if r.returncode != 0:
+            raise RuntimeError(r.stderr.strip())
+        return {n["address"]: n for n in json.loads(r.stdout)["neighbors"]}
+
+    def neighbor(self, address):
+        if not self.proc.alive():
+            raise Fail("flowspecd exited with status %s" % self.proc.popen.returncode)
+        return self.neighbors()[address]
+
+    def wait_state(self, address, state, timeout=30, extra=None):
+        def ok():
+            n = self.neighbor(address)
+            return n if n["state"] == state and (extra is None or extra(n)) else None
+        return wait_until(f"neighbor {address} {state}", ok, timeout)
+
+    def stop(self):
+        return self.proc.stop() if self.proc else None
+
+
+
+# ----------------------------------------------------------------------------------------
+# A minimal BGP speaker written here: it feeds FRR the flowspec rules FRR cannot originate,
+# and plays the misbehaving peers of the fault test.
+
+MARKER = b"\xff" * 16
+OPEN, UPDATE, NOTIFICATION, KEEPALIVE = 1, 2, 3, 4
+
+
+def message(kind, body, marker=MARKER, length=None):
+    return marker + struct.pack("!HB", 19 + len(body) if length is None else length, kind) + body
+
+
+def open_body(asn, hold, bgp_id, families=((1, 133), (2, 133)), version=4):
+    caps = b"".join(bytes([1, 4]) + struct.pack("!HBB", afi, 0, safi) for afi, safi in families)
+    caps += bytes([2, 0]) + bytes([65, 4]) + struct.pack("!I", asn)
+    params = bytes([2, len(caps)]) + caps
+    two_octet = asn if asn < 65536 else 23456
+    return struct.pack("!BHHIB", version, two_octet, hold, bgp_id, len(params)) + params
+
+
+def ip_id(address):
+    return struct.unpack("!I", socket.inet_aton(address))[0]
+
+
+def flowspec_update(asn, afi, nlri):
+    """An UPDATE announcing one flowspec NLRI with a traffic-rate 0 (discard) community."""
+    attrs = bytes([0x40, 1, 1, 0])                                      # ORIGIN IGP
+    attrs += bytes([0x40, 2, 6, 2, 1]) + struct.pack("!I", asn)         # AS_PATH, 4-octet ASes
+    attrs += bytes([0xC0, 16, 8, 0x80, 0x06, 0, 0, 0, 0, 0, 0])         # traffic-rate 0
+    reach = struct.pack("!HBBB", afi, 133, 0, 0) + bytes([len(nlri)]) + nlri
+    attrs += bytes([0x90, 14]) + struct.pack("!H", len(reach)) + reach  # MP_REACH_NLRI
+    return message(UPDATE, struct.pack("!H", 0) + struct.pack("!H", len(attrs)) + attrs)
+
+
+# Destination 10.3.0.0/24; destination 2001:db8:3::/48 (offset 0).
+FLOW4 = bytes([1, 24, 10, 3, 0])
+FLOW6 = bytes([1, 48, 0, 0x20, 0x01, 0x0d, 0xb8, 0x00, 0x03])
+
+
+class Speaker:
+    """One TCP connection to a BGP speaker, driven by hand."""
+
+    def __init__(self, local, remote, port, timeout=10):
+        family = socket.AF_INET6 if ":" in remote else socket.AF_INET
+        self.sock = socket.socket(family, socket.SOCK_STREAM)
+        self.sock.settimeout(timeout)
+        self.sock.bind((local, 0))
+        self.sock.connect((remote, port))
+        self.buffer = b""
+        self.lock = threading.Lock()
+        self.stopping = threading.Event()
+
+    def send(self, data):
+        with self.lock:
+            self.sock.sendall(data)
+
+    def read(self, timeout):
+        """The next message as (type, body); None when the peer closed the connection."""
+        deadline = time.monotonic() + timeout
+        while True:
+            if len(self.buffer) >= 19:
+                length = struct.unpack("!H", self.buffer[16:18])[0]
+                if len(self.buffer) >= length:
+                    kind, body = self.buffer[18], self.buffer[19:length]
+                    self.buffer = self.buffer[length:]
+                    return kind, body
+            left = deadline - time.monotonic()
+            if left <= 0:
+                raise Fail("no message from the agent in time")
+            self.sock.settimeout(left)
+            try:
+                chunk = self.sock.recv(4096)
+            except (ConnectionResetError, socket.timeout) as e:
+                if isinstance(e, socket.timeout):
+                    raise Fail("no message from the agent in time")
+                return None
+            if not chunk:
+                return None
+            self.buffer += chunk
+
+    def expect(self, kind, timeout=10):
+        m = self.read(timeout)
+        if m is None or m[0] != kind:
+            raise Fail(f"expected message type {kind}, got {m!r}")
+        return m[1]
+
+    def notification(self, timeout):
+        """Reads until a NOTIFICATION (code, subcode, data) or the end of the connection (None)."""
+        while True:
+            m = self.read(timeout)
+            if m is None:
+                return None
+            if m[0] == NOTIFICATION:
+                return m[1][0], m[1][1], m[1][2:]
+
+    def closed_after(self, timeout):
+        """True when the other side closes the connection within timeout."""
+        try:
+            while self.read(timeout) is not None:
+                pass
+            return True
+        except Fail:
+            return False
+
+    def establish(self, asn, bgp_id, hold):
+        self.expect(OPEN)
+        self.send(message(OPEN, open_body(asn, hold, bgp_id)))
+        self.expect(KEEPALIVE)
+        self.send(message(KEEPALIVE, b""))
+
+    def keep_alive(self, interval):
+        def run():
+            while not self.stopping.wait(interval):
+                try:
+                    self.send(message(KEEPALIVE, b""))
+                except OSError:
+                    return
+        threading.Thread(target=run, daemon=True).start()
+
+    def close(self):
+        self.stopping.set()
+        self.sock.close()
+
+# ----------------------------------------------------------------------------------------
+# Peers. Each writes its configuration for both sessions (IPv4 from its own address to the
+# agent's, IPv6 between ::1 ports), starts, announces flowspec rules, and tells whether it
+# saw the agent's Cease.
+
+
+class Peer:
+    name = "?"
+
+    def __init__(self, workdir, address, port, agent_address, agent_port, passive):
+        self.workdir = workdir
+        self.address = address
+        self.port = port
+        self.agent_address = agent_address
+        self.agent_port = agent_port
+        self.passive = passive
+        self.proc = None
+
+    def sessions(self):
+        """(our neighbor address as the agent sees it, the peer's local address, agent address)"""
+        return [(self.address, self.address, self.agent_address), ("::1", "::1", "::1")]
+
+    def announce(self):
+        pass
+
+    def stop(self):
+        return self.proc.stop() if self.proc else None
+
+    def event_log(self):
+        """Where the peer logs session events."""
+        return self.proc.logpath
+
+    def mark(self):
+        """Remembers how far the event log goes, so saw_cease() reads only what follows."""
+        self.marked = os.path.getsize(self.event_log()) if os.path.exists(self.event_log()) else 0
+
+    def new_log_text(self):
+        try:
+            with open(self.event_log(), "rb") as f:
+                f.seek(self.marked)
+                return f.read().decode(errors="replace")
+        except OSError:
+            return ""
+
+    def saw_cease(self):
+        """True when the event log, since mark(), shows a Cease (Administrative Shutdown)
+        received on every session."""
+        text = self.new_log_text()
+        return all(self.cease_logged(text, agent) for _, _, agent in self.sessions())
+
+
+class GoBgp(Peer):
+    name = "gobgp"
+
+    def start(self):
+        self.api = free_port(self.address)
+        cfg = os.path.join(self.workdir, "gobgpd.toml")
+        lines = ["[global.config]", f"  as = {PEER_AS}", f'  router-id = "{self.address}"', f"  port = {self.port}",
+                 f'  local-address-list = ["{self.address}", "::1"]']
+        for _, local, remote in self.sessions():
+            lines += ["[[neighbors]]", "  [neighbors.config]", f'    neighbor-address = "{remote}"',
+                      f"    peer-as = {LOCAL_AS}", "  [neighbors.timers.config]", f"    hold-time = {HOLD}",
+                      "    keepalive-interval = 1", "    connect-retry = 1", "  [neighbors.transport.config]",
+                      f'    local-address = "{local}"', f"    remote-port = {self.agent_port}",
+                      f"    passive-mode = {'true' if self.passive else 'false'}",
+                      "  [neighbors.ebgp-multihop.config]", "    enabled = true", "    multihop-ttl = 2"]
+            for fam in ("ipv4-flowspec", "ipv6-flowspec"):
+                lines += ["  [[neighbors.afi-safis]]", "    [neighbors.afi-safis.config]",
+                          f'      afi-safi-name = "{fam}"']
+        with open(cfg, "w") as f:
+            f.write("\n".join(lines) + "\n")
+        self.proc = Process("gobgpd", ["gobgpd", "-f", cfg, "--api-hosts", f"{self.address}:{self.api}", "-p",
+                                       "--pprof-disable", "-l", "info"], self.workdir)
+
+    def gobgp(self, *args):
+        r = subprocess.run(["gobgp", "-u", self.address, "-p", str(self.api)] + list(args), capture_output=True,
+                           text=True, timeout=10)
+        if r.returncode != 0:
+            raise RuntimeError(f"gobgp {' '.join(args)}: {r.stderr.strip()}")
+        return r.stdout
+
+    def announce(self):
+        wait_until("gobgp API", lambda: self.gobgp("global") is not None, 15)
+        self.gobgp("global", "rib", "-a", "ipv4-flowspec", "add", "match", "destination", "10.0.0.0/24",
+                   "protocol", "tcp", "destination-port", "==80", "then", "discard")
+        self.gobgp("global", "rib", "-a", "ipv6-flowspec", "add", "match", "destination", "2001:db8::/32",
+                   "then", "rate-limit", "1000")
+
+    def cease_logged(self, text, agent):
+        key = f'Key="{agent}"' if ":" in agent else f"Key={agent}"
+        return any("received notification" in line and "Code=6" in line and "Subcode=2" in line and key in line
+                   for line in text.splitlines())
+
+
+class Bird(Peer):
+    name = "bird"
+
+    def start(self):
+        cfg = os.path.join(self.workdir, "bird.conf")
+        self.ctl = os.path.join(self.workdir, "bird.ctl")
+        lines = [f"router id {self.address};", f'log "{os.path.join(self.workdir, "bird-events.log")}" all;',
+                 "flow4 table ft4;", "flow6 table ft6;",
+                 "protocol static { flow4 { table ft4; };",
+                 "  route flow4 { dst 10.1.0.0/24; proto 6; dport 80, 443; }"
+                 " { bgp_ext_community.add((generic, 0x80060000, 0)); }; }",
+                 "protocol static { flow6 { table ft6; };",
+                 "  route flow6 { dst 2001:db8:1::/48; next header 17; }"
+                 " { bgp_ext_community.add((generic, 0x80060000, 0)); }; }"]
+        for i, (_, local, remote) in enumerate(self.sessions()):
+            lines += [f"protocol bgp agent{i} {{", f"  local {local} port {self.port} as {PEER_AS};",
+                      f"  neighbor {remote} port {self.agent_port} as {LOCAL_AS};", "  multihop 2; strict bind on;",
+                      f"  hold time {HOLD}; keepalive time 1; connect retry time 1; connect delay time 1;",
+                      "  error wait time 1, 2;",
+                      f"  passive {'on' if self.passive else 'off'};",
+                      "  flow4 { table ft4; import all; export all; };",
+                      "  flow6 { table ft6; import all; export all; };", "}"]
+        with open(cfg, "w") as f:
+            f.write("\n".join(lines) + "\n")
+        self.proc = Process("bird", ["bird", "-f", "-c", cfg, "-s", self.ctl, "-P",
+                                     os.path.join(self.workdir, "bird.pid")], self.workdir)
+
+    def event_log(self):
+        return os.path.join(self.workdir, "bird-events.log")
+
+    def cease_logged(self, text, agent):
+        i = [s[2] for s in self.sessions()].index(agent)
+        return any(f"agent{i}: Received: Administrative shutdown" in line for line in text.splitlines())
+
+
+class ExaBgp(Peer):
+    name = "exabgp"
+
+    def start(self):
+        cfg = os.path.join(self.workdir, "exabgp.conf")
+        # ExaBGP logs no received NOTIFICATION; an API process writes what it hears as JSON.
+        events = os.path.join(self.workdir, "exabgp-events.log")
+        helper = os.path.join(self.workdir, "exabgp-events.sh")
+        with open(helper, "w") as f:
+            # The shell keeps standard output open: ExaBGP takes its end for the helper's.
+            f.write(f"#!/bin/sh\ncat >> '{events}'\n")
+        os.chmod(helper, 0o755)
+        lines = ["process events {", f"  run {helper};", "  encoder json;", "}"]
+        for _, local, remote in self.sessions():
+            lines += [f"neighbor {remote} {{", f"  router-id {self.address};", f"  local-address {local};",
+                      f"  local-as {PEER_AS};", f"  peer-as {LOCAL_AS};", f"  hold-time {HOLD};",
+                      f"  connect {self.agent_port};", f"  passive {'true' if self.passive else 'false'};",
+                      "  family { ipv4 flow; ipv6 flow; }",
+                      "  api { processes [ events ]; neighbor-changes; receive { parsed; notification; } }",
+                      "  flow {",
+                      "    route web { match { destination 10.2.0.0/24; protocol tcp; destination-port =80; }"
+                      " then { discard; } }",
+                      "    route v6 { match { destination 2001:db8:2::/48/0; next-header udp; }"
+                      " then { rate-limit 9600; } }",
+                      "  }", "}"]
+        with open(cfg, "w") as f:
+            f.write("\n".join(lines) + "\n")
+        env = dict(os.environ)
+        env.update({"exabgp.tcp.bind": f"{self.address} ::1", "exabgp.tcp.port": str(self.port),
+                    "exabgp.daemon.user": "root", "exabgp.daemon.drop": "false",
+                    "exabgp.daemon.daemonize": "false", "exabgp.api.cli": "false",
+                    "exabgp.log.destination": "stdout", "exabgp.log.level": "INFO"})
+        self.proc = Process("exabgp", ["exabgp", cfg], self.workdir, env=env)
+
+    def event_log(self):
+        return os.path.join(self.workdir, "exabgp-events.log")
+
+    def cease_logged(self, text, agent):
+        for line in text.splitlines():
+            try:
+                event = json.loads(line)
+            except ValueError:
+                continue
+            n = event.get("neighbor", {})
+            if event.get("type") == "notification" and n.get("address", {}).get("peer") == agent:
+                if n.get("notification", {}).get("code") == 6 and n["notification"].get("subcode") == 2:
+                    return True
+        return False
+
+
+class Frr(Peer):
+    """FRR's bgpd without zebra. It cannot originate flowspec rules from its configuration,
+    so a speaker written here (AS 65099) feeds it rules, which it passes on to the agent."""
+    name = "frr"
+    FEEDER_AS = 65099
+
+    def start(self):
+        self.feeder_address = self.address[:self.address.rindex(".")] + ".3"
+        cfg = os.path.join(self.workdir, "frr.conf")
+        vty = os.path.join(self.workdir, "frr-vty")
+        os.makedirs(vty, exist_ok=True)
+        lines = ["hostname interop-frr", "debug bgp neighbor-events", "router bgp %d" % PEER_AS,
+                 f" bgp router-id {self.address}", " bgp log-neighbor-changes",
+                 " no bgp ebgp-requires-policy", " no bgp default ipv4-unicast", " no bgp network import-check",
+                 f" timers bgp 1 {HOLD}"]
+        peers = [(remote, local, LOCAL_AS, self.agent_port, self.passive) for _, local, remote in self.sessions()]
+        peers.append((self.feeder_address, self.address, self.FEEDER_AS, None, True))
+        for remote, local, asn, port, passive in peers:
+            lines += [f" neighbor {remote} remote-as {asn}", f" neighbor {remote} update-source {local}",
+                      f" neighbor {remote} disable-connected-check", f" neighbor {remote} timers connect 1",
+                      f" neighbor {remote} timers 1 {HOLD}"]
+            if port:
+                lines.append(f" neighbor {remote} port {port}")
+            if passive:
+                lines.append(f" neighbor {remote} passive")
+        for fam in ("ipv4", "ipv6"):
+            lines.append(f" address-family {fam} flowspec")
+            lines += [f"  neighbor {p[0]} activate" for p in peers]
+            lines.append(" exit-address-family")
+        with open(cfg, "w") as f:
+            f.write("\n".join(lines) + "\n")
+        self.proc = Process("frr-bgpd", ["/usr/lib/frr/bgpd", "-S", "-Z", "-n", "-p", str(self.port), "-l", self.address,
+                                         "-l", "::1", "-P", "0", "-f", cfg, "-i", os.path.join(self.workdir, "bgpd.pid"),
+                                         "--vty_socket", vty, "--log", "stdout", "--log-level", "debug"],
+                            self.workdir)
+        self.feeder = None
+
+    def announce(self):
+        # The feeder connects to FRR (which waits for it) and announces one rule per family.
+        def connect():
+            self.feeder = Speaker(self.feeder_address, self.address, self.port)
+            return True
+        wait_until("FRR to accept the feeder", connect, 20)
+        self.feeder.establish(self.FEEDER_AS, ip_id(self.feeder_address), HOLD)
+        self.feeder.keep_alive(1)
+        self.feeder.send(flowspec_update(self.FEEDER_AS, 1, FLOW4))
+        self.feeder.send(flowspec_update(self.FEEDER_AS, 2, FLOW6))
+
+    def stop(self):
+        if self.feeder:
+            self.feeder.close()
+            self.feeder = None
+        return super().stop()
+
+    def cease_logged(self, text, agent):
+        return any("received from neighbor" in line.lower() and agent in line and "6/2" in line
+                   for line in text.splitlines())
+
+
+PEERS = {"gobgp": GoBgp, "bird": Bird, "exabgp": ExaBgp, "frr": Frr}
+
+
+def peer_test(bins, workdir, name, direction):
+    base = {"gobgp": 10, "bird": 12, "exabgp": 14, "frr": 16}[name] + (0 if direction == "we-connect" else 1)
+    agent_address, peer_address = f"127.0.{base}.1", f"127.0.{base}.2"
+    agent_port = free_port(agent_address, "::1")
+    peer_port = free_port(peer_address, "::1")
+    we_connect = direction == "we-connect"
+    peer = PEERS[name](workdir, peer_address, peer_port, agent_address, agent_port, passive=we_connect)
+    neighbors = []
+    for seen_as, _, _ in peer.sessions():
+        neighbors.append({"address": seen_as, "port": peer_port, "remote-as": PEER_AS, "passive": not we_connect,
+                          "hold-time": HOLD, "connect-retry": 1, "families": ["ipv4-flowspec", "ipv6-flowspec"],
+                          "description": f"{name} over {'IPv6' if ':' in seen_as else 'IPv4'}"})
+    agent = Agent(bins, workdir, agent_address, agent_port, neighbors)
+    addresses = [n["address"] for n in neighbors]
+    both = ["ipv4-flowspec", "ipv6-flowspec"]
+    results = {}
+    try:
+        peer.start()
+        agent.start()
+        first = {}
+        for a in addresses:
+            n = agent.wait_state(a, "Established", 40, lambda n: sorted(n["families"]) == both)
+            first[a] = n
+            log(f"{a}: Established, families {n['families']}, hold time {n['holdTime']}, "
+                f"local {n['localEndpoint']}, remote {n['remoteEndpoint']}")
+            # The direction shows in the ports: the side that connected uses an ephemeral one.
+            connected_out = n["remoteEndpoint"].endswith(f":{peer_port}")
+            if connected_out != we_connect:
+                raise Fail(f"{a}: session in the wrong direction ({n['localEndpoint']} -> {n['remoteEndpoint']})")
+            if n["holdTime"] != HOLD:
+                raise Fail(f"{a}: negotiated hold time {n['holdTime']}, wanted {HOLD}")
+        results["established"] = "ok"
+
+        time.sleep(HOLD + 1.5)
+        for a in addresses:
+            n = agent.neighbor(a)
+            if n["state"] != "Established" or n["establishedTransitions"] != first[a]["establishedTransitions"]:
+                raise Fail(f"{a}: did not stay up past one hold time: {n['state']}, last error {n['lastError']!r}")
+            if n["keepalivesIn"] <= first[a]["keepalivesIn"]:
+                raise Fail(f"{a}: no keepalives received in {HOLD + 1.5}s")
+        log(f"sessions stayed up past the hold time of {HOLD}s")
+        results["keepalives"] = "ok"
+
+        peer.announce()
+        for a in addresses:
+            n = wait_until(f"{a}: flowspec UPDATEs of both families", lambda a=a: (
+                lambda n: n if all(n["familyUpdatesIn"].get(f, 0) > 0 for f in both) else None)(agent.neighbor(a)), 20)
+            log(f"{a}: UPDATEs in {n['updatesIn']}, per family {n['familyUpdatesIn']}, End-of-RIB {n['endOfRibIn']}")
+        results["updates"] = "ok"
+
+        before = {a: agent.neighbor(a)["establishedTransitions"] for a in addresses}
+        peer.stop()
+        for a in addresses:
+            agent.wait_state(a, "Active", 15, lambda n: True) if not we_connect else wait_until(
+                f"{a}: session down", lambda a=a: agent.neighbor(a)["state"] != "Established", 15)
+        log("peer stopped: sessions down; restarting it")
+        peer.start()
+        for a in addresses:
+            n = agent.wait_state(a, "Established", 40,
+                                 lambda n, a=a: n["establishedTransitions"] == before[a] + 1)
+            log(f"{a}: new session after the peer's restart (establishedTransitions {n['establishedTransitions']})")
+        results["restart"] = "ok"
+
+        peer.mark()
+        status = agent.stop()
+        if status != 0:
+            raise Fail(f"flowspecd exited with status {status} on SIGTERM")
+        wait_until(f"{name} to log the Cease", peer.saw_cease, 10)
+        log(f"{name} received our Cease (Administrative Shutdown)")
+        results["cease"] = "ok"
+    finally:
+        agent.stop()
+        peer.stop()
+    return results
+
+# ----------------------------------------------------------------------------------------
+# Faults: misbehaving peers, each with its own address, against one agent that also peers
+# with BIRD. Each fault must end in its NOTIFICATION while the BIRD sessions stay up.
+
+
+def fault_cases(agent_as):
+    good_open = message(OPEN, open_body(PEER_AS, HOLD, ip_id("10.9.9.9")))
+    return [
+        # name, what the peer sends after the agent's OPEN, expected (code, subcode, data)
+        ("garbage", b"\x5a" * 40, (1, 1, b"")),
+        ("truncated OPEN", message(OPEN, b"\x04\xfd\xea\x00\x03\x0a", length=25), (1, 2, b"\x00\x19")),
+        ("wrong marker", b"\x00" + good_open[1:], (1, 1, b"")),
+        ("OPEN version 3", message(OPEN, open_body(PEER_AS, HOLD, ip_id("10.9.9.9"), version=3)), (2, 1, b"\x00\x04")),
+        ("OPEN from the wrong AS", message(OPEN, open_body(PEER_AS + 100, HOLD, ip_id("10.9.9.9"))), (2, 2, b"")),
+        ("hold timer expiry", None, (4, 0, b"")),
+    ]
+
+
+def fault_test(bins, workdir):
+    agent_address, bird_address = "127.0.20.1", "127.0.20.2"
+    agent_port = free_port(agent_address, "::1")
+    bird_port = free_port(bird_address, "::1")
+    bird = Bird(workdir, bird_address, bird_port, agent_address, agent_port, passive=True)
+    cases = fault_cases(LOCAL_AS)
+    fault_addresses = [f"127.0.20.{10 + i}" for i in range(len(cases))]
+    neighbors = [{"address": a, "port": bird_port, "remote-as": PEER_AS, "hold-time": HOLD, "connect-retry": 1,
+                  "description": "BIRD"} for a, _, _ in bird.sessions()]
+    neighbors += [{"address": a, "remote-as": PEER_AS, "passive": True, "hold-time": HOLD, "description": c[0]}
+                  for a, c in zip(fault_addresses, cases)]
+    agent = Agent(bins, workdir, agent_address, agent_port, neighbors)
+    results = {}
+    try:
+        bird.start()
+        agent.start()
+        good = [a for a, _, _ in bird.sessions()]
+        for a in good:
+            agent.wait_state(a, "Established", 40)
+        log("BIRD sessions Established; starting the faulty peers")
+        for a in fault_addresses:
+            agent.wait_state(a, "Active", 10)
+
+        outcomes = {}
+
+        def run(address, case):
+            name, payload, _ = case
+            peer = None
+            try:
+                peer = Speaker(address, agent_address, agent_port)
+                if payload is None:
+                    # A well-behaved start, then silence: the agent's hold timer must expire.
+                    peer.establish(PEER_AS, ip_id(address), HOLD)
+                else:
+                    peer.expect(OPEN)
+                    peer.send(payload)
+                got = peer.notification(HOLD + 5)
+                closed = got is not None and peer.closed_after(5)
+                outcomes[name] = (got, closed)
+            except Exception as e:
+                outcomes[name] = (e, False)
+            finally:
+                if peer:
+                    peer.close()
+
+        threads = [threading.Thread(target=run, args=(a, c)) for a, c in zip(fault_addresses, cases)]
+        for t in threads:
+            t.start()
+        for t in threads:
+            t.join(30)
+        failures = []
+        for address, (name, _, expected) in zip(fault_addresses, cases):
+            got, closed = outcomes.get(name, (None, False))
+            n = agent.neighbor(address)
+            wanted = f"({expected[0]}/{expected[1]})"
+            if got != expected:
+                failures.append(f"{name}: expected NOTIFICATION {expected}, got {got!r}")
+            elif not closed:
+                failures.append(f"{name}: the agent did not close the connection after its NOTIFICATION")
+            elif not n["lastError"].startswith("sent NOTIFICATION") or wanted not in n["lastError"]:
+                failures.append(f"{name}: last error {n['lastError']!r}")
+            else:
+                log(f"{name}: NOTIFICATION {expected[0]}/{expected[1]} and close; last error {n['lastError']!r}")
+                results[name] = "ok"
+        if failures:
+            raise Fail("; ".join(failures))
+        for a in good:
+            n = agent.neighbor(a)
+            if n["state"] != "Established" or n["establishedTransitions"] != 1:
+                raise Fail(f"the BIRD session {a} did not stay up: {n['state']}, {n['lastError']!r}")
+        log("the BIRD sessions stayed Established throughout")
+        results["others stay up"] = "ok"
+        if agent.stop() != 0:
+            raise Fail("flowspecd did not exit cleanly")
+    finally:
+        agent.stop()
+        bird.stop()
+    return results
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    ap.add_argument("--flowspecd", required=True, help="the agent binary")
+    ap.add_argument("--flowspec", required=True, help="the command-line tool binary")
+    ap.add_argument("--work", help="folder for configurations and logs (default: a new temporary one)")
+    sub = ap.add_subparsers(dest="what", required=True)
+    p = sub.add_parser("peer")
+    p.add_argument("name", choices=sorted(["gobgp", "bird", "exabgp", "frr"]))
+    p.add_argument("direction", choices=["we-connect", "they-connect"])
+    sub.add_parser("faults")
+    args = ap.parse_args()
+
+    label = f"{args.name}-{args.direction}" if args.what == "peer" else "faults"
+    if args.work:
+        workdir = os.path.join(args.work, label)
+        shutil.rmtree(workdir, ignore_errors=True)
+        os.makedirs(workdir)
+    else:
+        workdir = tempfile.mkdtemp(prefix=f"flowspecd-interop-{label}-")
+    os.chmod(workdir, 0o755)  # daemons that drop privileges read their files here
+    started = time.monotonic()
+    bins = (os.path.abspath(args.flowspecd), os.path.abspath(args.flowspec))
+    try:
+        needed = {"gobgp": ["gobgpd", "gobgp"], "bird": ["bird"], "exabgp": ["exabgp"],
+                  "frr": ["/usr/lib/frr/bgpd"]}[args.name] if args.what == "peer" else ["bird"]
+        for program in needed:
+            if not shutil.which(program):
+                raise Fail(f"{program} is not installed (scripts/setup.sh installs the BGP speakers)")
+        if args.what == "peer":
+            results = peer_test(bins, workdir, args.name, args.direction)
+        else:
+            results = fault_test(bins, workdir)
+    except Exception as e:  # Fail, or a tool that broke: both fail the test with the logs
+        log(f"FAILED {label}: {e}")
+        log(f"logs and configurations: {workdir}")
+        for name in sorted(os.listdir(workdir)):
+            if name.endswith(".log"):
+                with open(os.path.join(workdir, name), errors="replace") as f:
+                    tail = f.read().splitlines()[-25:]
+                print(f"---- {name} (last lines)\n" + "\n".join(tail))
+        print("0 passed, 1 failed")
+        return 1
+    log(f"{label}: " + ", ".join(f"{k} {v}" for k, v in results.items()) +
+        f" ({time.monotonic() - started:.1f}s)")
+    print("1 passed, 0 failed")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
