@@ -77,6 +77,10 @@ Ovk::Ptr<RouteKey const> RouteKey::dedupRouteKey(RouteKeyDedupTableBase const* t
    return Ovk::Ptr<RouteKey const>(static_cast<RouteKey const*>(canonical.ptr()));
 }
 
+Ovk::String RouteKey::serialize(SerializeOperation, Ovk::Ptr<RouteKeySerializeArguments const> const&) const {
+   OVK_FATAL(kMustOverride);
+}
+
 // ---- RouteKeyDedupTableBase ----
 
 Ovk::FwkType const& RouteKeyDedupTableBase::classFwkType() {
