@@ -8,35 +8,6 @@ namespace Routing::Bgp {
 
 // ---- BgpParsePktPosition ----
 
-namespace {
-template <class T>
-bool consumeBigEndian(BgpParsePktPosition& p, T* v) noexcept {
-   BytePtrConst const b = p.consumeData(sizeof(T));
-   if (!b) return false;
-   T r = 0;
-   for (std::size_t i = 0; i < sizeof(T); ++i) r = static_cast<T>(r << 8 | b[i]);
-   *v = r;
-   return true;
-}
-} // namespace
-
-bool BgpParsePktPosition::consumeU8(std::uint8_t* v) noexcept {
-   if (pos_ == end_) return false;
-   *v = *pos_++;
-   return true;
-}
-
-bool BgpParsePktPosition::consumeU16ntoh(std::uint16_t* v) noexcept { return consumeBigEndian(*this, v); }
-bool BgpParsePktPosition::consumeU32ntoh(std::uint32_t* v) noexcept { return consumeBigEndian(*this, v); }
-bool BgpParsePktPosition::consumeU64ntoh(std::uint64_t* v) noexcept { return consumeBigEndian(*this, v); }
-
-BytePtrConst BgpParsePktPosition::consumeData(std::size_t n) noexcept {
-   if (n > bytesLeft()) return nullptr;
-   BytePtrConst const p = pos_;
-   pos_ += n;
-   return p;
-}
-
 bool BgpParsePktPosition::consumeIpv4GenAddress(Ovnet::IpGenAddr* addr) noexcept {
    BytePtrConst const b = consumeData(4);
    if (!b) return false;

@@ -39,12 +39,22 @@ class BgpParsePktPosition {
    explicit BgpParsePktPosition(std::span<std::uint8_t const> bytes) noexcept
        : BgpParsePktPosition(bytes.data(), bytes.data() + bytes.size()) {}
 
-   bool consumeU8(std::uint8_t* v) noexcept;
-   bool consumeU16ntoh(std::uint16_t* v) noexcept;
-   bool consumeU32ntoh(std::uint32_t* v) noexcept;
-   bool consumeU64ntoh(std::uint64_t* v) noexcept;
+   // Inline: parse rules call these for nearly every byte of an UPDATE.
+   bool consumeU8(std::uint8_t* v) noexcept {
+      if (pos_ == end_) return false;
+      *v = *pos_++;
+      return true;
+   }
+   bool consumeU16ntoh(std::uint16_t* v) noexcept { return consumeBigEndian(v); }
+   bool consumeU32ntoh(std::uint32_t* v) noexcept { return consumeBigEndian(v); }
+   bool consumeU64ntoh(std::uint64_t* v) noexcept { return consumeBigEndian(v); }
    // The next `n` bytes, consumed; null when fewer are left.
-   BytePtrConst consumeData(std::size_t n) noexcept;
+   BytePtrConst consumeData(std::size_t n) noexcept {
+      if (n > bytesLeft()) return nullptr;
+      BytePtrConst const p = pos_;
+      pos_ += n;
+      return p;
+   }
    // A 4- or 16-byte address in network order.
    bool consumeIpv4GenAddress(Ovnet::IpGenAddr* addr) noexcept;
    bool consumeIpv6GenAddress(Ovnet::IpGenAddr* addr) noexcept;
@@ -55,6 +65,16 @@ class BgpParsePktPosition {
    std::size_t bytesLeft() const noexcept { return static_cast<std::size_t>(end_ - pos_); }
 
  private:
+   template <class T>
+   bool consumeBigEndian(T* v) noexcept {
+      BytePtrConst const b = consumeData(sizeof(T));
+      if (!b) return false;
+      T r = 0;
+      for (std::size_t i = 0; i < sizeof(T); ++i) r = static_cast<T>(r << 8 | b[i]);
+      *v = r;
+      return true;
+   }
+
    BytePtrConst pos_;
    BytePtrConst end_;
 };

@@ -160,6 +160,8 @@ TEST(FlowspecParseNlriTest, WellFormedEdgeCases) {
        {"IPv6 offset", true, "07 01 40 20 12 34 56 78", 2, nullptr, ""},
        {"IPv6 offset, pattern bits cleared", true, "08 02 44 20 12 34 56 78 ff", 2, "08 02 44 20 12 34 56 78 f0", ""},
        {"IPv6 2001:db8::/32", true, "07 01 20 00 20 01 0d b8", 0, nullptr, ""},
+       // The later source prefix has no offset; the flags stay as read.
+       {"repeated IPv6 prefix, offset first", true, "06 02 02 02 02 00 00", 6, "03 02 00 00", ""},
        {"unknown type first: all is tail", false, "03 0e 01 02", 1, nullptr, "0e 01 02"},
        {"unknown type hides malformed bytes", true, "05 01 00 00 ff 00", 1, nullptr, "ff 00"},
        {"port >1023 &<=2047", false, "07 04 12 03 ff d5 07 ff", 0, nullptr, ""},
