@@ -611,11 +611,13 @@ Flowspec::FlowspecKey FlowspecRouteKey::slateKey() const {
    return k;
 }
 
-bool FlowspecRouteKey::copyInStrCli(std::string_view text) {
+bool FlowspecRouteKey::copyInStrCli(std::string_view text) { return copyInStrCli(text, nullptr); }
+
+bool FlowspecRouteKey::copyInStrCli(std::string_view text, std::string* whyNot) {
    assertFillable();
    Flowspec::FlowspecKey slate;
    slate.afIs(slateKeyAf());
-   if (!slate.copyInStrCli(text)) return false;
+   if (!slate.copyInStrCli(text, whyNot)) return false;
    copyInFlowspecKey(slate);
    return true;
 }

@@ -242,6 +242,8 @@ class FlowspecRouteKey : public RouteKey {
    // Fills this fresh key from rule text: the library parses it (in the key's family), then
    // copyInFlowspecKey. False, with the key untouched, when the library rejects the text.
    bool copyInStrCli(std::string_view text);
+   // The same; on refused text also says, when `whyNot` is given, what in it is wrong.
+   bool copyInStrCli(std::string_view text, std::string* whyNot);
    // Takes the library key's prefixes, and turns its pairs, walked in index order, into
    // components: consecutive pairs of one type form one component, whose bytes are each
    // pair's operator byte and its value in the length the operator gives (1, 2 or 4 bytes,
