@@ -44,6 +44,8 @@ constexpr std::array<FailureText, 16> kFailureTexts = {{
     {BgpParseCountReason::flowspecIpv6FragmentDf, "IPv6 nlri fragment: DF bit is 1, but MUST be 0", nullptr, nullptr},
 }};
 
+static_assert(kFailureTexts.size() == static_cast<std::size_t>(Kind::ipv6FragmentDf) + 1, "one text per kind");
+
 FailureText const& failureText(Kind kind) { return kFailureTexts[static_cast<std::size_t>(kind)]; }
 
 // The NLRI reader: the steps of one inhale up to the dedup, over a packet position.
