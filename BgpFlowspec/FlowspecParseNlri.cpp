@@ -242,7 +242,6 @@ Ovk::FwkType const& FlowspecParseUpdateNlriRule::fwkType() const { return classF
 BgpParseUpdateNlriReturn FlowspecParseUpdateNlriRule::inhale(Ovk::Ptr<BgpParseContext> const& parseContext,
                                                              BgpParsePktPosition* const& position, bool,
                                                              Ovk::Ptr<BgpParseUpdateResults> const& results) const {
-   OVK_TRACE_BLOCK_TIMER(flowspecTraceFacility());
    auto parsed = parse(parseContext, position, results);
    if (!parsed) return {};
    return {std::move(parsed.value()), nullptr, false};
@@ -251,6 +250,7 @@ BgpParseUpdateNlriReturn FlowspecParseUpdateNlriRule::inhale(Ovk::Ptr<BgpParseCo
 Ovk::Result<FlowspecRouteKey::PtrConst, FlowspecNlriParseFailure>
 FlowspecParseUpdateNlriRule::parse(Ovk::Ptr<BgpParseContext> const& parseContext, BgpParsePktPosition* const& position,
                                    Ovk::Ptr<BgpParseUpdateResults> const& results) const {
+   OVK_TRACE_BLOCK_TIMER(flowspecTraceFacility());
    bool const v6 = afiSafi_.afi() != Afi::afiIpv4;
    // Scratch for the body: the key is filled in one step once the NLRI has been read whole.
    FlowspecRouteKeyBody body(v6);
