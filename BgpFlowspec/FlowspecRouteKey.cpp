@@ -1,9 +1,11 @@
 #include "BgpFlowspec/FlowspecRouteKey.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <ios>
 #include <ostream>
+#include <typeinfo>
 #include <vector>
 
 #include "host/fwk/Assert.h"
@@ -91,10 +93,13 @@ std::uint32_t mixLe32(std::uint32_t h, std::uint32_t v) noexcept {
    return h;
 }
 
-// Mixes the bytes of a prefix value as they lie in memory.
-std::uint32_t mixPrefix(std::uint32_t h, Ovnet::IpGenPrefix const& p) noexcept {
-   static_assert(sizeof(Ovnet::IpGenPrefix) == 24);
-   return mixBytes(h, reinterpret_cast<std::uint8_t const*>(&p), sizeof(p));
+// Mixes `n` zero bytes: a step shorter than mixing a byte that may not be zero.
+std::uint32_t mixZeros(std::uint32_t h, std::size_t n) noexcept {
+   for (std::size_t i = 0; i < n; ++i) {
+      h += h << 10;
+      h ^= h >> 6;
+   }
+   return h;
 }
 
 } // namespace
@@ -136,6 +141,28 @@ struct FlowspecRouteKey::PrefixEntry {
    std::uint8_t const* pattern = nullptr;
 
    bool present() const noexcept { return size != 0; }
+
+   // Mixes the 24 bytes of prefix(v6) as they lie in memory (host/net/IpGenAddr.h: the 16
+   // address bytes, the 32-bit family, the length, three zero bytes; all zero when unset)
+   // without building it: most of them are known to be zero. The hash test holds this to
+   // the bytes of the real value.
+   std::uint32_t mixPrefixValue(std::uint32_t h, bool v6) const noexcept {
+      static_assert(sizeof(Ovnet::IpGenPrefix) == 24 && sizeof(Ovnet::IpGenAddr) == 20);
+      if (!present()) return mixZeros(h, 24);
+      std::size_t const n = patternBytes(mask, offset);
+      h = mixBytes(h, pattern, n);
+      h = mixZeros(h, 16 - n);
+      auto const af = static_cast<std::uint8_t>(v6 ? Ovnet::AddressFamily::ipv6 : Ovnet::AddressFamily::ipv4);
+      if constexpr (std::endian::native == std::endian::little) {
+         h = mixByte(h, af);
+         h = mixZeros(h, 3);
+      } else {
+         h = mixZeros(h, 3);
+         h = mixByte(h, af);
+      }
+      h = mixByte(h, mask);
+      return mixZeros(h, 3);
+   }
    Ovnet::IpGenPrefix prefix(bool v6) const noexcept {
       if (!present()) return {};
       std::uint8_t addr[16] = {};
@@ -278,6 +305,58 @@ void FlowspecRouteKey::unrecognizedTailIs(std::span<std::uint8_t const> tail) {
    storedReplace(at, old, entry.data(), entry.size());
 }
 
+// ---- Body from the parse rule ----
+
+std::uint8_t* FlowspecRouteKeyBody::append(std::size_t n) {
+   OVK_ASSERT(size_ + n <= kCapacity);
+   std::uint8_t* const at = bytes_ + size_;
+   size_ += n;
+   return at;
+}
+
+void FlowspecRouteKeyBody::prefixIs(std::uint8_t type, std::uint8_t mask, std::uint8_t offset,
+                                    std::uint8_t const* pattern) {
+   OVK_ASSERT((type == kTagDestPrefix || type == kTagSrcPrefix) && type >= lastType_);
+   OVK_ASSERT(offset <= mask && (offset == 0 || v6_));
+   // A repeated prefix type is the last part: the later prefix replaces it.
+   if (type == lastType_) size_ = lastStart_;
+   lastStart_ = size_;
+   lastType_ = type;
+   std::size_t const n = patternBytes(mask, offset);
+   std::uint8_t* out = append((v6_ ? 3 : 2) + n);
+   *out++ = type;
+   *out++ = mask;
+   if (v6_) *out++ = offset;
+   if (n == 0) return;
+   std::memcpy(out, pattern, n);
+   if (unsigned const bits = (mask - offset) % 8u; bits != 0) out[n - 1] &= static_cast<std::uint8_t>(0xffu << (8 - bits));
+}
+
+void FlowspecRouteKeyBody::addOpValComponent(std::uint8_t type, std::span<std::uint8_t const> pairs) {
+   OVK_ASSERT(type >= kTagFirstShort && type <= kTagLastShort && type >= lastType_);
+   OVK_ASSERT(wellFormedPairs(pairs));
+   lastStart_ = size_;
+   lastType_ = type;
+   std::uint8_t* const out = append(1 + pairs.size());
+   out[0] = type;
+   std::memcpy(out + 1, pairs.data(), pairs.size());
+}
+
+void FlowspecRouteKeyBody::unrecognizedTailIs(std::span<std::uint8_t const> tail) {
+   OVK_ASSERT(!tail.empty() && lastType_ != kTagTail);
+   lastStart_ = size_;
+   lastType_ = kTagTail;
+   std::uint8_t* const out = append(1 + tail.size());
+   out[0] = kTagTail;
+   std::memcpy(out + 1, tail.data(), tail.size());
+}
+
+void FlowspecRouteKey::bodyIs(FlowspecRouteKeyBody const& body) {
+   assertFillable();
+   OVK_ASSERT(body.v6_ == isV6());
+   storedReplace(0, storedSize(), body.bytes_, body.size_);
+}
+
 void FlowspecRouteKey::wontExportReasonIs(FlowspecWontExportReason reason) {
    assertFillable();
    wontExportReason_ = static_cast<std::uint8_t>(reason.value());
@@ -354,12 +433,10 @@ Ovk::FwkType const& FlowspecRouteKey::fwkType() const { return classFwkType(); }
 std::uint32_t FlowspecRouteKey::hash() const {
    PrefixEntry const dest = prefixEntry(kTagDestPrefix);
    PrefixEntry const src = prefixEntry(kTagSrcPrefix);
-   Ovnet::IpGenPrefix const destPrefix = dest.prefix(isV6());
-   Ovnet::IpGenPrefix const srcPrefix = src.prefix(isV6());
 
    std::uint32_t h = mixLe32(0, wontExportReason_);
-   h = mixPrefix(h, destPrefix);
-   h = mixPrefix(h, srcPrefix);
+   h = dest.mixPrefixValue(h, isV6());
+   h = src.mixPrefixValue(h, isV6());
    h = mixByte(h, dest.offset);
    h = mixByte(h, src.offset);
 
@@ -379,7 +456,10 @@ std::uint32_t FlowspecRouteKey::hash() const {
 }
 
 bool FlowspecRouteKey::compare(Ovk::DedupHandle const* other) const {
-   auto const* const o = dynamic_cast<FlowspecRouteKey const*>(other);
+   // Keys of one table are mostly of one concrete type: compare the types first, which is
+   // cheaper than a cast across libraries.
+   auto const* const o = typeid(*other) == typeid(*this) ? static_cast<FlowspecRouteKey const*>(other)
+                                                           : dynamic_cast<FlowspecRouteKey const*>(other);
    OVK_ASSERT_MSG(o != nullptr, "other");
    if (wontExportReason_ != o->wontExportReason_) return false;
    // The encoding is canonical, so equal fields are equal bytes. A prefix decodes in the
@@ -464,6 +544,70 @@ Ovk::Ptr<RouteKey const> FlowspecRouteKey::dedupRouteKey(RouteKeyDedupTableBase 
 
 void FlowspecRouteKey::postConstructor() { slateKeyAfIs(Ovnet::AddressFamily::unspecified); }
 
+// ---- Wire form ----
+
+std::uint16_t prefixContentNumBytes(Ovnet::IpGenPrefix const& prefix, std::uint8_t ipv6PrefixOffset) {
+   OVK_ASSERT(prefix.len() >= ipv6PrefixOffset);
+   return static_cast<std::uint16_t>(patternBytes(prefix.len(), ipv6PrefixOffset));
+}
+
+void serializePrefix(Serialize& out, std::uint8_t type, std::uint8_t ipv6PrefixOffset, Ovnet::IpGenPrefix const& prefix) {
+   out.addU8(type);
+   out.addU8(prefix.len());
+   if (prefix.af() != Ovnet::AddressFamily::ipv4) {
+      OVK_ASSERT_MSG(prefix.af() == Ovnet::AddressFamily::ipv6, "prefix.af() == Ovnet::AddressFamily::ipv6_");
+      // RFC 8956 section 3.1: the offset, then only the pattern's bytes.
+      out.addU8(ipv6PrefixOffset);
+   }
+   out.addData(prefix.addr().storage().data(), prefixContentNumBytes(prefix, ipv6PrefixOffset));
+}
+
+Ovk::String FlowspecRouteKey::serialize(SerializeOperation, Ovk::Ptr<RouteKeySerializeArguments const> const&) const {
+   Serialize out;
+   serializeTo(out);
+   return out.serializedString();
+}
+
+void FlowspecRouteKey::serializeTo(Serialize& out) const {
+   PrefixEntry const dest = prefixEntry(kTagDestPrefix);
+   PrefixEntry const src = prefixEntry(kTagSrcPrefix);
+   Ovnet::IpGenPrefix const destPrefix = dest.prefix(isV6());
+   Ovnet::IpGenPrefix const srcPrefix = src.prefix(isV6());
+   std::uint8_t const* const data = storedData();
+   std::size_t const size = storedSize();
+
+   // The body's length first, so that the length field can be written before it.
+   std::size_t expectedNlriLen = 0;
+   for (auto const& [prefix, offset] : {std::pair(destPrefix, dest.offset), std::pair(srcPrefix, src.offset)}) {
+      if (prefix.isUnset()) continue;
+      expectedNlriLen += 2u + (prefix.af() == Ovnet::AddressFamily::ipv6 ? 1u : 0u) + prefixContentNumBytes(prefix, offset);
+   }
+   std::size_t tail = src.pos + src.size;
+   for (FlowspecOpValComponentIterator c(data + tail, data + size); c != std::default_sentinel; ++c) {
+      expectedNlriLen += 1 + (*c).opValuePairsNbo.size();
+      tail += c.currentSize_;
+   }
+   std::size_t const tailBytes = tail < size ? size - tail - 1 : 0;
+   expectedNlriLen += tailBytes;
+
+   if (expectedNlriLen < 0xf0) {
+      out.addU8(static_cast<std::uint8_t>(expectedNlriLen));
+   } else {
+      OVK_ASSERT(expectedNlriLen <= 0x0fff);
+      out.addU8(static_cast<std::uint8_t>(0xf0 | (expectedNlriLen >> 8)));
+      out.addU8(static_cast<std::uint8_t>(expectedNlriLen & 0xff));
+   }
+   if (!destPrefix.isUnset()) serializePrefix(out, kTagDestPrefix, dest.offset, destPrefix);
+   if (!srcPrefix.isUnset()) serializePrefix(out, kTagSrcPrefix, src.offset, srcPrefix);
+   for (FlowspecOpValComponentView const c : opValComponents()) {
+      // A hand-built component of a type beyond 255 has only its low byte on the wire.
+      out.addU8(static_cast<std::uint8_t>(c.type));
+      out.addData(c.opValuePairsNbo);
+   }
+   // The tail begins with its own type byte.
+   if (tailBytes) out.addData(data + tail + 1, tailBytes);
+}
+
 // ---- Text ----
 
 Flowspec::FlowspecKey FlowspecRouteKey::slateKey() const {
@@ -491,11 +635,13 @@ Flowspec::FlowspecKey FlowspecRouteKey::slateKey() const {
    return k;
 }
 
-bool FlowspecRouteKey::copyInStrCli(std::string_view text) {
+bool FlowspecRouteKey::copyInStrCli(std::string_view text) { return copyInStrCli(text, nullptr); }
+
+bool FlowspecRouteKey::copyInStrCli(std::string_view text, std::string* whyNot) {
    assertFillable();
    Flowspec::FlowspecKey slate;
    slate.afIs(slateKeyAf());
-   if (!slate.copyInStrCli(text)) return false;
+   if (!slate.copyInStrCli(text, whyNot)) return false;
    copyInFlowspecKey(slate);
    return true;
 }

@@ -44,6 +44,7 @@
 #include "host/bgp/AfiSafi.h"
 #include "host/bgp/BgpVrfId.h"
 #include "host/bgp/RouteKey.h"
+#include "host/bgp/Serialize.h"
 #include "host/flowspec/FlowspecKey.h"
 #include "host/fwk/Ptr.h"
 #include "host/fwk/String.h"
@@ -111,6 +112,39 @@ inline int flowspecMemcmp(Ovk::String const& a, Ovk::String const& b) noexcept {
    return flowspecMemcmp(a.span(), b.span());
 }
 
+// A rule's body as the NLRI parse rule reads it, gathered in scratch memory so that the key
+// is filled in one step (FlowspecRouteKey::bodyIs). Parts are added in wire order: types
+// ascend, and a prefix type that repeats replaces the prefix before it (the last part).
+class FlowspecRouteKeyBody {
+ public:
+   // An NLRI body is at most 4095 bytes; the tail takes one more in the key's encoding.
+   static constexpr std::size_t kCapacity = 0x0fff + 1;
+
+   explicit FlowspecRouteKeyBody(bool v6) noexcept : v6_(v6) {}
+   FlowspecRouteKeyBody(FlowspecRouteKeyBody const&) = delete;
+   FlowspecRouteKeyBody& operator=(FlowspecRouteKeyBody const&) = delete;
+
+   // A prefix component of `type` (1 or 2): mask length, offset (IPv6 only; at most the
+   // mask) and the pattern's ceil((mask - offset) / 8) bytes, whose bits beyond
+   // (mask - offset) are cleared here.
+   void prefixIs(std::uint8_t type, std::uint8_t mask, std::uint8_t offset, std::uint8_t const* pattern);
+   // An operator/value component as received: type 3 to 13, and pairs that end with the
+   // first end-of-list bit.
+   void addOpValComponent(std::uint8_t type, std::span<std::uint8_t const> pairs);
+   // The unrecognised tail, from its type byte to the end of the NLRI; nothing follows it.
+   void unrecognizedTailIs(std::span<std::uint8_t const> tail);
+
+ private:
+   friend class FlowspecRouteKey;
+   std::uint8_t* append(std::size_t n);
+
+   bool v6_;
+   std::uint8_t lastType_ = 0;
+   std::size_t lastStart_ = 0;
+   std::size_t size_ = 0;
+   std::uint8_t bytes_[kCapacity];
+};
+
 class FlowspecRouteKey : public RouteKey {
  public:
    using Ptr = Ovk::Ptr<FlowspecRouteKey>;
@@ -154,6 +188,10 @@ class FlowspecRouteKey : public RouteKey {
    std::span<std::uint8_t const> unrecognizedTail() const;
    void unrecognizedTailIs(std::span<std::uint8_t const> tail);
 
+   // Replaces prefixes, components and tail with `body`'s, in one step. The body must be of
+   // the key's family.
+   void bodyIs(FlowspecRouteKeyBody const& body);
+
    // ---- Identity ----
 
    // Jenkins one-at-a-time over wontExportReason (4 bytes, least significant first), the
@@ -187,11 +225,25 @@ class FlowspecRouteKey : public RouteKey {
    // Sets the slate key's family to unspecified; the concrete kinds then set theirs.
    void postConstructor() override;
 
+   // ---- Wire form (RFC 8955 section 4, RFC 8956 section 3) ----
+
+   // The rule's NLRI: the length of the body in one byte below 240, else in two (0xf0 OR
+   // the high four bits, then the low eight); then the destination and source prefixes, the
+   // components in stored order (type byte, then their bytes as stored) and the tail as
+   // stored. A body over 4095 bytes cannot be written (assertion "expectedNlriLen <=
+   // 0x0fff"). The operation and arguments do not change the bytes.
+   Ovk::String serialize(SerializeOperation operation,
+                         Ovk::Ptr<RouteKeySerializeArguments const> const& arguments) const override;
+   // The same NLRI, appended to `out`.
+   void serializeTo(Serialize& out) const;
+
    // ---- Text (the grammar is the forwarding library's, docs/rule-grammar.md) ----
 
    // Fills this fresh key from rule text: the library parses it (in the key's family), then
    // copyInFlowspecKey. False, with the key untouched, when the library rejects the text.
    bool copyInStrCli(std::string_view text);
+   // The same; on refused text also says, when `whyNot` is given, what in it is wrong.
+   bool copyInStrCli(std::string_view text, std::string* whyNot);
    // Takes the library key's prefixes, and turns its pairs, walked in index order, into
    // components: consecutive pairs of one type form one component, whose bytes are each
    // pair's operator byte and its value in the length the operator gives (1, 2 or 4 bytes,
@@ -273,6 +325,13 @@ class FlowspecV6RouteKey final : public FlowspecRouteKey {
  protected:
    ~FlowspecV6RouteKey() override = default;
 };
+
+// The number of pattern bytes of a prefix component: ceil((length - offset) / 8). The
+// offset must not exceed the prefix length.
+std::uint16_t prefixContentNumBytes(Ovnet::IpGenPrefix const& prefix, std::uint8_t ipv6PrefixOffset);
+// Appends one prefix component of `type` (1 or 2): type, mask length, for an IPv6 prefix the
+// offset, then the first prefixContentNumBytes bytes of the address. IPv4 and IPv6 only.
+void serializePrefix(Serialize& out, std::uint8_t type, std::uint8_t ipv6PrefixOffset, Ovnet::IpGenPrefix const& prefix);
 
 // Fresh, empty keys (postConstructor has run).
 Ovk::Ptr<FlowspecV4RouteKey> flowspecV4RouteKeyFactory();

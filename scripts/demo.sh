@@ -3,7 +3,9 @@
 #  1. the platform demo on its built-in sample;
 #  2. the agent flowspecd on its built-in configuration (loopback, port 1179, one passive
 #     neighbor 127.0.0.2), with a second flowspecd as that neighbor, for DEMO_SECONDS
-#     (default 20) or until Ctrl-C; `flowspec show neighbors` shows the session.
+#     (default 20) or until Ctrl-C; `flowspec show neighbors` shows the session;
+#  3. `flowspec decode` on flowspec NLRI that GoBGP, BIRD and ExaBGP sent (the bundled
+#     samples in tools/flowspec/samples), and `flowspec encode` of a rule read back.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -68,3 +70,18 @@ stop
 echo
 echo "== flowspecd's log (standard error)"
 cat "$work/flowspecd.log"
+
+echo
+echo "== flowspec decode: IPv4 flowspec NLRI from GoBGP, BIRD and ExaBGP (tools/flowspec/samples/ipv4-nlri.hex)"
+tool="$bin/tools/flowspec/flowspec"
+"$tool" decode --afi 1 - <tools/flowspec/samples/ipv4-nlri.hex
+echo
+echo "== flowspec decode: IPv6 (tools/flowspec/samples/ipv6-nlri.hex)"
+"$tool" decode --afi 2 - <tools/flowspec/samples/ipv6-nlri.hex
+echo
+echo "== a speaker that sends a whole IPv6 prefix where RFC 8956 wants the pattern after the offset"
+"$tool" decode --afi 2 0b01400820010db8aaaa0000 || true
+echo
+echo "== flowspec encode: rule text to NLRI, read back as JSON"
+"$tool" encode --afi 1 "destination 192.0.2.0/24 protocol udp source-port 53 packet-length >=1000" |
+  "$tool" decode --afi 1 --json -

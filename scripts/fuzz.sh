@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs every fuzz target of the fuzz build for a bounded time, seeded from its corpus
-# folder (fuzz/corpus/<target>) when there is one. FUZZ_SECONDS sets the time per target.
+# folder (fuzz/corpus/<target>) when there is one. FUZZ_SECONDS sets the time per target;
+# FUZZ_SECONDS_<target> overrides it for one target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds="${FUZZ_SECONDS:-30}"
@@ -8,12 +9,14 @@ shopt -s nullglob
 ran=0
 for bin in build/fuzz/fuzz/*Fuzz; do
   name="$(basename "$bin")"
+  override="FUZZ_SECONDS_$name"
+  time="${!override:-$seconds}"
   work="build/fuzz/corpus-$name"
   mkdir -p "$work"
   seeds=()
   [ -d "fuzz/corpus/$name" ] && seeds+=("fuzz/corpus/$name")
-  echo "fuzz: $name for ${seconds}s"
-  "$bin" -max_total_time="$seconds" -print_final_stats=1 "$work" "${seeds[@]}" >"build/fuzz/$name.log" 2>&1 || {
+  echo "fuzz: $name for ${time}s"
+  "$bin" -max_total_time="$time" -print_final_stats=1 "$work" "${seeds[@]}" >"build/fuzz/$name.log" 2>&1 || {
     tail -n 60 "build/fuzz/$name.log"
     echo "fuzz: $name failed"
     exit 1

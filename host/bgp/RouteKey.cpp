@@ -72,9 +72,17 @@ Ovk::FwkType const& RouteKey::fwkType() const { return classFwkType(); }
 
 Ovk::Ptr<RouteKey const> RouteKey::dedupRouteKey(RouteKeyDedupTableBase const* table) {
    OVK_ASSERT(table != nullptr);
-   Ovk::Ptr<Ovk::DedupHandle const> const canonical = table->lookupOrInsert(Ovk::Ptr<Ovk::DedupHandle>(this));
+   // Lend the table the caller's reference instead of taking one of our own: every NLRI of
+   // an UPDATE passes here, and each reference taken and dropped is an atomic operation.
+   Ovk::Ptr<Ovk::DedupHandle> self = Ovk::Ptr<Ovk::DedupHandle>::adopt(this);
+   Ovk::Ptr<Ovk::DedupHandle const> canonical = table->lookupOrInsert(self);
+   self.release();
    // Every entry of a route-key table is a route key.
-   return Ovk::Ptr<RouteKey const>(static_cast<RouteKey const*>(canonical.ptr()));
+   return Ovk::Ptr<RouteKey const>::adopt(static_cast<RouteKey const*>(canonical.release()));
+}
+
+Ovk::String RouteKey::serialize(SerializeOperation, Ovk::Ptr<RouteKeySerializeArguments const> const&) const {
+   OVK_FATAL(kMustOverride);
 }
 
 // ---- RouteKeyDedupTableBase ----

@@ -24,6 +24,7 @@
 #include "host/fwk/Dedup.h"
 #include "host/fwk/FwkType.h"
 #include "host/fwk/Ptr.h"
+#include "host/fwk/String.h"
 #include "host/fwk/Trace.h"
 
 namespace Routing::Bgp {
@@ -98,6 +99,12 @@ class RouteKeyBase : public Ovk::DedupHandle {
    ~RouteKeyBase() override = default;
 };
 
+// What a family may need, beyond the key, to write it for one peer (labels, path ids).
+class RouteKeySerializeArguments : public Ovk::PtrInterface {
+ protected:
+   ~RouteKeySerializeArguments() override = default;
+};
+
 class RouteKey : public RouteKeyBase {
  public:
    static Ovk::FwkType const& classFwkType();
@@ -106,6 +113,13 @@ class RouteKey : public RouteKeyBase {
    // Interns this never-deduplicated key in `table` (not null): returns the table's equal
    // key, or enters this one and returns it. The caller holds a reference to this key.
    virtual Ovk::Ptr<RouteKey const> dedupRouteKey(RouteKeyDedupTableBase const* table);
+
+   // Why the adj-RIB-out writes the key: into MP_REACH_NLRI or MP_UNREACH_NLRI.
+   enum class SerializeOperation : std::uint8_t { advertise, withdraw };
+   // The key's NLRI, as the adj-RIB-out puts it into an UPDATE. Every family that is
+   // advertised answers; the default aborts.
+   virtual Ovk::String serialize(SerializeOperation operation,
+                                 Ovk::Ptr<RouteKeySerializeArguments const> const& arguments) const;
 
  protected:
    RouteKey() = default;

@@ -131,6 +131,9 @@ class FlowspecKey {
    // is kept when it was set, else taken from the prefixes. A text whose prefix family
    // differs from a family already set, or that would not fit one NLRI, is an error.
    bool copyInStrCli(std::string_view text);
+   // The same; on an error also says, when `whyNot` is given, what in the text is wrong
+   // ("cannot read \"port x\" at offset 12", "flow-label exists only in IPv6 rules").
+   bool copyInStrCli(std::string_view text, std::string* whyNot);
    // The rule text, e.g. "10.1.2.0/24;*;protocol =6;destination-port =80 =443;".
    std::string toStrepCli() const;
    // A fuller description for people: family, prefixes and each component with its text and

@@ -142,6 +142,8 @@ class RuleTextReader {
 
    // Reads the whole text into `out` (a fresh key); false on any error.
    bool read(AddressFamily presetAf, FlowspecKey& out);
+   // What was wrong, after read() returned false.
+   std::string whyNot() const;
 
  private:
    bool atEnd() const { return pos_ >= s_.size(); }
@@ -187,9 +189,17 @@ class RuleTextReader {
    std::optional<Encoding> encoding(MatchCompType type);
    bool add(Component& c, std::uint8_t low, bool andBit, std::uint32_t value, Encoding const& enc);
    bool finish(AddressFamily presetAf, FlowspecKey& out);
+   // Marks everything before the position as read well: an error lies after it.
+   void good() { good_ = pos_; }
+   bool fail(std::string why) {
+      why_ = std::move(why);
+      return false;
+   }
 
    std::string_view s_;
    std::size_t pos_ = 0;
+   std::size_t good_ = 0;
+   std::string why_;
    IpGenPrefix dest_;
    IpGenPrefix src_;
    bool destSeen_ = false;
@@ -209,6 +219,7 @@ std::optional<IpGenPrefix> prefixFromText(std::string_view text) {
 bool RuleTextReader::read(AddressFamily presetAf, FlowspecKey& out) {
    skipSpace();
    if (!leadingPrefixes()) return false;
+   good();
    while (true) {
       skipSpace();
       while (tryChar(';')) skipSpace();
@@ -270,6 +281,7 @@ bool RuleTextReader::component() {
    std::optional<MatchCompType> const type = componentKeyword(true);
    if (!type) return false;
    skipSpace();
+   good();
    if (*type == destPrefix_ || *type == srcPrefix_) return prefixComponent(*type);
    return valueList(*type);
 }
@@ -281,6 +293,7 @@ bool RuleTextReader::prefixComponent(MatchCompType type) {
    if (!p) return false;
    (type == destPrefix_ ? dest_ : src_) = *p;
    seen = true;
+   good();
    return true;
 }
 
@@ -493,6 +506,7 @@ bool RuleTextReader::add(Component& c, std::uint8_t low, bool andBit, std::uint3
    if (code > maxLengthCode(c.type)) return false;
    auto const op = static_cast<std::uint8_t>((andBit ? opAnd : 0) | (code << 4) | enc.reserved | low);
    c.pairs.push_back(Pair{op, value});
+   good();
    return true;
 }
 
@@ -507,22 +521,29 @@ bool RuleTextReader::finish(AddressFamily presetAf, FlowspecKey& out) {
    for (IpGenPrefix const* p : {&dest_, &src_}) {
       if (p->isUnset()) continue;
       if (af == AddressFamily::unspecified) af = p->af();
-      if (p->af() != af) return false;
+      if (p->af() != af) {
+         return fail(presetAf == AddressFamily::unspecified
+                         ? std::string("the prefixes are of two address families")
+                         : "an " + std::string(Ovnet::toStrep(p->af())) + " prefix in an " + Ovnet::toStrep(af) + " rule");
+      }
    }
    std::size_t pairs = 0;
    std::size_t body = prefixWireBytes(dest_) + prefixWireBytes(src_);
    for (Component const& c : components_) {
       // Flow Label exists only in IPv6 rules; an IPv6 Fragment value must not have the DF
       // bit (RFC 8956 section 3.6). The NLRI reader refuses both as well.
-      if (c.type == flowLabel_ && af == AddressFamily::ipv4) return false;
+      if (c.type == flowLabel_ && af == AddressFamily::ipv4) return fail("flow-label exists only in IPv6 rules");
       body += 1;
       for (Pair const& p : c.pairs) {
-         if (c.type == fragment_ && af == AddressFamily::ipv6 && (p.value & 0x01) != 0) return false;
+         if (c.type == fragment_ && af == AddressFamily::ipv6 && (p.value & 0x01) != 0) {
+            return fail("an IPv6 fragment value cannot hold dont-fragment");
+         }
          body += 1 + opValueBytes(p.op);
       }
       pairs += c.pairs.size();
    }
-   if (body > kMaxNlriBody || pairs >= maxMatchOpValIndex) return false;
+   if (body > kMaxNlriBody) return fail("the rule needs " + std::to_string(body) + " bytes, more than an NLRI holds (4095)");
+   if (pairs >= maxMatchOpValIndex) return fail("too many operator/value pairs");
    // The NLRI wants its components in ascending type order (RFC 8955 section 4.2); a text
    // may name them in any order. Repeated components of one type keep their text order.
    std::stable_sort(components_.begin(), components_.end(),
@@ -644,12 +665,31 @@ std::string runBytesHex(ComponentRun const& run) {
    return out;
 }
 
+std::string RuleTextReader::whyNot() const {
+   if (!why_.empty()) return why_;
+   // The first thing not read well: from the end of what was, to the end of its component.
+   std::size_t at = good_;
+   while (at < s_.size() && std::isspace(static_cast<unsigned char>(s_[at])) != 0) ++at;
+   if (at >= s_.size()) return "the text ends too early";
+   std::size_t end = s_.find(';', at);
+   if (end == std::string_view::npos) end = s_.size();
+   end = std::min(end, at + 40);
+   while (end > at && std::isspace(static_cast<unsigned char>(s_[end - 1])) != 0) --end;
+   return "cannot read \"" + std::string(s_.substr(at, std::max<std::size_t>(end - at, 1))) + "\" at offset " +
+          std::to_string(at);
+}
+
 } // namespace
 
-bool FlowspecKey::copyInStrCli(std::string_view text) {
+bool FlowspecKey::copyInStrCli(std::string_view text) { return copyInStrCli(text, nullptr); }
+
+bool FlowspecKey::copyInStrCli(std::string_view text, std::string* whyNot) {
    FlowspecKey fresh;
    RuleTextReader reader(text);
-   if (!reader.read(af(), fresh)) return false;
+   if (!reader.read(af(), fresh)) {
+      if (whyNot) *whyNot = reader.whyNot();
+      return false;
+   }
    fresh.shrinkToFit();
    *this = std::move(fresh);
    return true;

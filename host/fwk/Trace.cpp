@@ -313,4 +313,22 @@ std::vector<Blink::Record> Blink::records() const {
    return out;
 }
 
+namespace {
+std::int64_t steadyNs() {
+   return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+       .count();
+}
+} // namespace
+
+TraceBlockTimer::TraceBlockTimer(TraceFacility& facility, TraceSite const& site) noexcept : site_(site) {
+   if (facility.enabled(kTimerLevel)) {
+      facility_ = &facility;
+      startNs_ = steadyNs();
+   }
+}
+
+TraceBlockTimer::~TraceBlockTimer() {
+   if (facility_) facility_->write(site_, kTimerLevel, "took " + std::to_string(steadyNs() - startNs_) + " ns");
+}
+
 } // namespace Ovk

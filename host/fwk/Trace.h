@@ -159,7 +159,29 @@ class Blink {
    std::uint64_t written_ = 0;
 };
 
+// Times a block: when the facility's timing level (kTimerLevel) is enabled at the start of
+// the block, writes "took <n> ns" at that level when the block ends. Otherwise it costs one
+// test. Use through OVK_TRACE_BLOCK_TIMER.
+class TraceBlockTimer {
+ public:
+   static constexpr int kTimerLevel = 9;
+   TraceBlockTimer(TraceFacility& facility, TraceSite const& site) noexcept;
+   ~TraceBlockTimer();
+   TraceBlockTimer(TraceBlockTimer const&) = delete;
+   TraceBlockTimer& operator=(TraceBlockTimer const&) = delete;
+
+ private:
+   TraceFacility* facility_ = nullptr; // null when not timing
+   TraceSite const& site_;
+   std::int64_t startNs_ = 0;
+};
+
 } // namespace Ovk
+
+// Times the rest of the enclosing block on `facility` (see TraceBlockTimer).
+#define OVK_TRACE_BLOCK_TIMER(facility)                                                   \
+   static ::Ovk::TraceSite const ovkTimerSite_(__FILE__, __LINE__, __PRETTY_FUNCTION__);  \
+   ::Ovk::TraceBlockTimer const ovkBlockTimer_((facility), ovkTimerSite_)
 
 // Traces `expr` (stream insertions) at `level` on `facility`; nothing is built when the
 // level is off.

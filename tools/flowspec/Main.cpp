@@ -1,5 +1,6 @@
 // flowspec: the command-line tool of the flowspec agent. Subcommands register themselves
-// (see Subcommand.h); this file only parses the common options and dispatches.
+// (see Subcommand.h); this file only parses the common options and dispatches. Usage errors
+// (an unknown option, a missing or bad value) exit with status 2.
 #include <algorithm>
 #include <iostream>
 #include <string_view>
@@ -35,7 +36,12 @@ int main(int argc, char** argv) {
    app.add_option("--socket", options.socketPath, "the agent's control socket")->capture_default_str();
    app.require_subcommand(1);
    for (auto const& s : FlowspecTool::registeredSubcommands()) s.add(app, options);
-   CLI11_PARSE(app, argc, argv);
+   try {
+      app.parse(argc, argv);
+   } catch (CLI::ParseError const& e) {
+      // Help asked for exits 0; any usage error exits 2, whatever CLI11's own code for it.
+      return app.exit(e) == 0 ? 0 : 2;
+   }
    if (!options.run) {
       std::cerr << app.help();
       return 2;

@@ -66,6 +66,7 @@ TEST(RouteKeyDeathTest, QuestionsADerivedKeyMustAnswer) {
    EXPECT_DEATH(key->isOverlapping(*key), "Must override in derived class");
    EXPECT_DEATH(key->isMoreSpecific(*key), "Must override in derived class");
    EXPECT_DEATH(key->getOneBitShorterMaskRouteKey(), "Must override in derived class");
+   EXPECT_DEATH(key->serialize(RouteKey::SerializeOperation::advertise, nullptr), "Must override in derived class");
    EXPECT_DEATH(Ovk::makePtr<PlainTable>()->dedupFromCommandParams("x"), "Must override in derived class");
 }
 

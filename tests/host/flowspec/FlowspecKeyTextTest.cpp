@@ -182,6 +182,36 @@ TEST(FlowspecKeyTextTest, InvalidTextsAreRefused) {
    }
 }
 
+TEST(FlowspecKeyTextTest, RefusalsSayWhatIsWrong) {
+   struct Row {
+      char const* text;
+      AddressFamily af;
+      char const* whyNot;
+   } const rows[] = {
+      {"protocol tcp dport 80 sport banana", AddressFamily::unspecified, "cannot read \"banana\" at offset 28"},
+      {"10.0.0.0/8;*;port 70000;dscp 1", AddressFamily::unspecified, "cannot read \"70000\" at offset 18"},
+      {"bogus 5; port 80", AddressFamily::unspecified, "cannot read \"bogus 5\" at offset 0"},
+      {"port 80 &", AddressFamily::unspecified, "cannot read \"&\" at offset 8"},
+      {"destination ", AddressFamily::unspecified, "the text ends too early"},
+      {"destination 10.0.0.0/8 source 2001:db8::/32", AddressFamily::unspecified,
+       "the prefixes are of two address families"},
+      {"2001:db8::/32;*;", AddressFamily::ipv4, "an ipv6 prefix in an ipv4 rule"},
+      {"flow-label 5", AddressFamily::ipv4, "flow-label exists only in IPv6 rules"},
+      {"fragment dont-fragment", AddressFamily::ipv6, "an IPv6 fragment value cannot hold dont-fragment"},
+   };
+   for (Row const& r : rows) {
+      FlowspecKey k;
+      k.afIs(r.af);
+      std::string why;
+      EXPECT_FALSE(k.copyInStrCli(r.text, &why)) << r.text;
+      EXPECT_EQ(why, r.whyNot) << r.text;
+   }
+   std::string why = "untouched";
+   FlowspecKey k;
+   EXPECT_TRUE(k.copyInStrCli("port 80", &why));
+   EXPECT_EQ(why, "untouched");
+}
+
 TEST(FlowspecKeyTextTest, ARefusedTextLeavesTheKeyAsItWas) {
    FlowspecKey k;
    ASSERT_TRUE(k.copyInStrCli("10.0.0.0/8;*;protocol 6 17;port 80;"));

@@ -47,6 +47,22 @@ TEST(TraceTest, DisabledLevelsBuildNoText) {
    EXPECT_EQ(f.enabledLevels(), 0x3fu);
 }
 
+void timedBlock(Ovk::TraceFacility& f) { OVK_TRACE_BLOCK_TIMER(f); }
+
+TEST(TraceTest, BlockTimerWritesOnlyWhenItsLevelIsOn) {
+   Ovk::TraceFacility f("Timed", "timed");
+   Ovk::TraceCapture cap(f, 0x1ff); // levels 0 to 8
+   timedBlock(f);
+   EXPECT_TRUE(cap.lines().empty());
+   f.levelIs(9);
+   timedBlock(f);
+   auto const lines = cap.lines();
+   ASSERT_EQ(lines.size(), 1u);
+   EXPECT_EQ(lines[0].level, 9);
+   EXPECT_TRUE(lines[0].text.starts_with("took ") && lines[0].text.ends_with(" ns")) << lines[0].text;
+   EXPECT_NE(lines[0].line.find(":timedBlock took "), std::string::npos) << lines[0].line;
+}
+
 TEST(TraceTest, SettingsEnableNamedFacilitiesAndRejectBadSyntax) {
    Ovk::TraceFacility a("Alpha", "alpha"), b("Beta", "beta");
    EXPECT_TRUE(Ovk::TraceFacility::configure("Alpha=0-2,8; Beta=9"));

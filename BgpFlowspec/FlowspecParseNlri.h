@@ -1,0 +1,109 @@
+// The flowspec NLRI parse rule.
+//
+// The host's UPDATE parser calls FlowspecParseUpdateNlriRule once per NLRI of an IPv4 or IPv6
+// flowspec MP_REACH_NLRI / MP_UNREACH_NLRI attribute. The rule reads one NLRI (RFC 8955
+// section 4, RFC 8956 section 3) from the packet position, builds its FlowspecRouteKey and
+// interns it in the route-key dedup table of the parse context's VRF and family.
+//
+// A malformed NLRI is counted on the UPDATE's results under a parse count reason (215 to
+// 227), traced at level 3, and answered with an empty return; the position stays where the
+// failure was found. A rule that parses but that forwarding cannot honour is returned with
+// a FlowspecWontExportReason bit set: a repeated component type, an IPv6 prefix offset, or
+// a component type it does not know (whose bytes, to the end of the NLRI, are kept as the
+// unrecognised tail).
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+
+#include "BgpFlowspec/FlowspecRouteKey.h"
+#include "host/bgp/AfiSafi.h"
+#include "host/bgp/BgpParse.h"
+#include "host/fwk/Ptr.h"
+#include "host/fwk/Result.h"
+
+namespace Routing::Bgp::FlowspecPlugin {
+
+// Why an NLRI could not be read, with the numbers its message names. The message is built
+// only when asked for.
+class FlowspecNlriParseFailure {
+ public:
+   enum class Kind : std::uint8_t {
+      nlriLength,          // 215 "not enough data for NLRI length"
+      nlriLengthAddend,    // 215 "not enough data for NLRI length addend"
+      nlriLenAboveBytesLeft, // 216 "encoded nlriLen (a) > bytesLeft (b)"
+      componentPastNlriLen, // 216 "parsing component a required consuming b more byte(s) than nlriLen"
+      componentType,       // 217 "not enough data for NLRI component type"
+      componentTypeZero,   // 218 "invalid component type (a"
+      componentTypeOrder,  // 219 "component type a appeared after b"
+      prefixMask,          // 220 "not enough data for prefix mask length"
+      prefixOffset,        // 221 "not enough data for IPv6 prefix offset"
+      prefixOffsetAboveMask, // 222 "not sensible for offset to be greater than mask"
+      prefixMaskTooLong,   // 223 "could not parse prefix: invalid masklength "
+      prefixPattern,       // 223 "could not parse prefix: not enough data "
+      componentOp,         // 224 "not enough data for component op"
+      componentValue,      // 225 "not enough data for component value"
+      valueTooLong,        // 226 "value has too many bytes a for type b"
+      ipv6FragmentDf,      // 227 "IPv6 nlri fragment: DF bit is 1, but MUST be 0"
+   };
+
+   explicit FlowspecNlriParseFailure(Kind kind, std::uint32_t a = 0, std::uint32_t b = 0) noexcept
+       : kind_(kind), a_(a), b_(b) {}
+
+   Kind kind() const noexcept { return kind_; }
+   BgpParseCountReason reason() const noexcept;
+   std::string message() const;
+
+ private:
+   Kind kind_;
+   std::uint32_t a_;
+   std::uint32_t b_;
+};
+
+class FlowspecParseUpdateNlriRule : public BgpParseUpdateNlriRuleBase {
+ public:
+   // `afiSafi` gives the family: AFI 1 is IPv4, any other IPv6.
+   FlowspecParseUpdateNlriRule(BgpParseControl const& parseControl, AfiSafi afiSafi)
+       : parseControl_(parseControl), afiSafi_(afiSafi) {}
+
+   static Ovk::FwkType const& classFwkType();
+   Ovk::FwkType const& fwkType() const override;
+
+   BgpParseControl const& parseControl() const { return parseControl_; }
+   AfiSafi afiSafi() const { return afiSafi_; }
+
+   // Reads one NLRI from `position` (whose end is the end of the attribute's NLRI field):
+   // the interned key, with a null results pointer and no treat-as-unreach; or, for a
+   // malformed NLRI, a reason counted on `results` and an empty return. `reachable` does
+   // not change the parse. The parse context's VRF must have this family's route-key dedup
+   // table (assertion "routeKeyDedupTable != nullptr").
+   BgpParseUpdateNlriReturn inhale(Ovk::Ptr<BgpParseContext> const& parseContext, BgpParsePktPosition* const& position,
+                                   bool reachable, Ovk::Ptr<BgpParseUpdateResults> const& results) const override;
+
+   // inhale, giving the failure instead of an empty return. Counts and traces the same.
+   Ovk::Result<FlowspecRouteKey::PtrConst, FlowspecNlriParseFailure>
+   parse(Ovk::Ptr<BgpParseContext> const& parseContext, BgpParsePktPosition* const& position,
+         Ovk::Ptr<BgpParseUpdateResults> const& results) const;
+
+ protected:
+   ~FlowspecParseUpdateNlriRule() override = default;
+
+ private:
+   RouteKeyDedupTableBase const* routeKeyDedupTable(BgpParseContext& parseContext) const;
+
+   BgpParseControl parseControl_;
+   AfiSafi afiSafi_;
+};
+
+// Reads one value of `numBytes` bytes (1, 2, 4 or 8), most significant first; false when the
+// packet is short.
+bool consumeOpValValue(BgpParsePktPosition* const& position, std::uint8_t numBytes, std::uint64_t* value);
+
+// Keeps the rest of the NLRI, from the type byte at `typeBytePosition` (already read) to where
+// `remainingOtherNlriLen` bytes are left, as the unrecognised tail of `body`, and consumes it.
+void doUnrecognizedTail(BgpParseContext const& parseContext, BgpParsePktPosition* const& position,
+                        std::uint8_t componentType, BytePtrConst typeBytePosition, std::size_t remainingOtherNlriLen,
+                        FlowspecRouteKeyBody& body);
+
+} // namespace Routing::Bgp::FlowspecPlugin

@@ -1,0 +1,104 @@
+#include "host/bgp/BgpParse.h"
+
+#include <algorithm>
+#include <cstring>
+#include <ostream>
+
+namespace Routing::Bgp {
+
+// ---- BgpParsePktPosition ----
+
+bool BgpParsePktPosition::consumeIpv4GenAddress(Ovnet::IpGenAddr* addr) noexcept {
+   BytePtrConst const b = consumeData(4);
+   if (!b) return false;
+   *addr = Ovnet::IpGenAddr::ipv4(std::span<std::uint8_t const, 4>(b, 4));
+   return true;
+}
+
+bool BgpParsePktPosition::consumeIpv6GenAddress(Ovnet::IpGenAddr* addr) noexcept {
+   BytePtrConst const b = consumeData(16);
+   if (!b) return false;
+   *addr = Ovnet::IpGenAddr::ipv6(std::span<std::uint8_t const, 16>(b, 16));
+   return true;
+}
+
+// ---- Count reasons ----
+
+std::string toStrep(BgpParseCountReason reason) {
+   switch (reason) {
+    case BgpParseCountReason::none: return "none";
+    case BgpParseCountReason::flowspecNlriLenMissing: return "flowspecNlriLenMissing";
+    case BgpParseCountReason::flowspecNlriLenMismatch: return "flowspecNlriLenMismatch";
+    case BgpParseCountReason::flowspecComponentTypeMissing: return "flowspecComponentTypeMissing";
+    case BgpParseCountReason::flowspecComponentTypeInvalid: return "flowspecComponentTypeInvalid";
+    case BgpParseCountReason::flowspecComponentTypeOrder: return "flowspecComponentTypeOrder";
+    case BgpParseCountReason::flowspecPrefixMaskMissing: return "flowspecPrefixMaskMissing";
+    case BgpParseCountReason::flowspecPrefixOffsetMissing: return "flowspecPrefixOffsetMissing";
+    case BgpParseCountReason::flowspecPrefixOffsetAboveMask: return "flowspecPrefixOffsetAboveMask";
+    case BgpParseCountReason::flowspecPrefixInvalid: return "flowspecPrefixInvalid";
+    case BgpParseCountReason::flowspecOperatorMissing: return "flowspecOperatorMissing";
+    case BgpParseCountReason::flowspecValueMissing: return "flowspecValueMissing";
+    case BgpParseCountReason::flowspecValueTooLong: return "flowspecValueTooLong";
+    case BgpParseCountReason::flowspecIpv6FragmentDf: return "flowspecIpv6FragmentDf";
+    case BgpParseCountReason::flowspecNexthopShort: return "flowspecNexthopShort";
+   }
+   return std::to_string(static_cast<unsigned>(reason));
+}
+
+std::ostream& operator<<(std::ostream& os, BgpParseCountReason reason) { return os << toStrep(reason); }
+
+void BgpParseHeaderAndMessageBase::countReasonIs(BgpParseCountReason reason) {
+   lastReason_ = reason;
+   for (auto& [r, n] : counts_) {
+      if (r == reason) {
+         ++n;
+         return;
+      }
+   }
+   counts_.emplace_back(reason, 1);
+}
+
+std::uint32_t BgpParseHeaderAndMessageBase::count(BgpParseCountReason reason) const {
+   for (auto const& [r, n] : counts_) {
+      if (r == reason) return n;
+   }
+   return 0;
+}
+
+std::uint32_t BgpParseHeaderAndMessageBase::totalCount() const {
+   std::uint32_t total = 0;
+   for (auto const& c : counts_) total += c.second;
+   return total;
+}
+
+// ---- Dedup tables ----
+
+DedupTablesVrfAfiSafi* DedupTablesVrf::dedupTablesVrfAfiSafi(AfiSafi afiSafi) const {
+   auto const it = tables_.find(afiSafi);
+   return it == tables_.end() ? nullptr : it->second.ptr();
+}
+
+void DedupTablesVrf::dedupTablesVrfAfiSafiIs(Ovk::Ptr<DedupTablesVrfAfiSafi> const& tables) {
+   tables_[tables->afiSafi()] = tables;
+}
+
+void DedupTablesVrf::dedupTablesVrfAfiSafiDel(AfiSafi afiSafi) { tables_.erase(afiSafi); }
+
+std::ostream& operator<<(std::ostream& os, BgpParseContext const& context) {
+   os << context.name();
+   if (DedupTablesVrf const* vrf = context.dedupVrfTablesRawPtr()) os << " vrf=" << vrf->vrfId();
+   return os;
+}
+
+// ---- Rules ----
+
+Ovk::FwkType const& BgpParseUpdateNlriRuleBase::classFwkType() {
+   static constexpr Ovk::FwkType type("Routing::Bgp::BgpParseUpdateNlriRuleBase");
+   return type;
+}
+
+Ovk::FwkType const& BgpParseUpdateNlriRuleBase::fwkType() const { return classFwkType(); }
+
+void BgpParseUpdateNlriRuleBase::additionalTreatAsUnreachChecks(Ovk::Ptr<BgpParseUpdateResults> const&, bool) const {}
+
+} // namespace Routing::Bgp

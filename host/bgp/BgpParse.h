@@ -1,0 +1,249 @@
+// The UPDATE parser's machinery that address-family rules are written against.
+//
+// The host's UPDATE parser walks a message and hands each NLRI section of an address family
+// to that family's NLRI rule (BgpParseUpdateNlriRuleBase), one NLRI per call, through a
+// packet position bounded by the attribute. A rule reads one NLRI, interns its route key in
+// the route-key dedup table of the parse context's VRF and family, and returns it; or it
+// counts a parse reason on the UPDATE's results and returns nothing. Rules never throw and
+// never build NOTIFICATIONs: what a failure means for the UPDATE (treat-as-withdraw, session
+// reset) is the parser's decision.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <iosfwd>
+#include <span>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "host/bgp/AfiSafi.h"
+#include "host/bgp/BgpVrfId.h"
+#include "host/bgp/GenNexthop.h"
+#include "host/bgp/RouteKey.h"
+#include "host/fwk/Ptr.h"
+#include "host/net/IpGenAddr.h"
+
+namespace Routing::Bgp {
+
+using BytePtrConst = std::uint8_t const*;
+
+// A read cursor over one attribute's bytes. Every read is bounds-checked: it either reads
+// all it was asked for and advances, or reads nothing, returns false (or null) and leaves the
+// position where it was. Integers are read in network byte order.
+class BgpParsePktPosition {
+ public:
+   BgpParsePktPosition(BytePtrConst begin, BytePtrConst end) noexcept : pos_(begin), end_(end) {}
+   explicit BgpParsePktPosition(std::span<std::uint8_t const> bytes) noexcept
+       : BgpParsePktPosition(bytes.data(), bytes.data() + bytes.size()) {}
+
+   // Inline: parse rules call these for nearly every byte of an UPDATE.
+   bool consumeU8(std::uint8_t* v) noexcept {
+      if (pos_ == end_) return false;
+      *v = *pos_++;
+      return true;
+   }
+   bool consumeU16ntoh(std::uint16_t* v) noexcept { return consumeBigEndian(v); }
+   bool consumeU32ntoh(std::uint32_t* v) noexcept { return consumeBigEndian(v); }
+   bool consumeU64ntoh(std::uint64_t* v) noexcept { return consumeBigEndian(v); }
+   // The next `n` bytes, consumed; null when fewer are left.
+   BytePtrConst consumeData(std::size_t n) noexcept {
+      if (n > bytesLeft()) return nullptr;
+      BytePtrConst const p = pos_;
+      pos_ += n;
+      return p;
+   }
+   // A 4- or 16-byte address in network order.
+   bool consumeIpv4GenAddress(Ovnet::IpGenAddr* addr) noexcept;
+   bool consumeIpv6GenAddress(Ovnet::IpGenAddr* addr) noexcept;
+
+   // The next unread byte (the end when none is left).
+   BytePtrConst currentPosition() const noexcept { return pos_; }
+   BytePtrConst end() const noexcept { return end_; }
+   std::size_t bytesLeft() const noexcept { return static_cast<std::size_t>(end_ - pos_); }
+
+ private:
+   template <class T>
+   bool consumeBigEndian(T* v) noexcept {
+      BytePtrConst const b = consumeData(sizeof(T));
+      if (!b) return false;
+      T r = 0;
+      for (std::size_t i = 0; i < sizeof(T); ++i) r = static_cast<T>(r << 8 | b[i]);
+      *v = r;
+      return true;
+   }
+
+   BytePtrConst pos_;
+   BytePtrConst end_;
+};
+
+// Settings of the UPDATE parser shared by all rules of a session.
+struct BgpParseControl {
+   // NLRI carry a path identifier (RFC 7911 section 3), as negotiated for the family.
+   bool addPathReceive = false;
+};
+
+// Why a part of an UPDATE could not be parsed; counted per UPDATE and per session.
+enum class BgpParseCountReason : std::uint16_t {
+   none = 0,
+   // Flowspec NLRI (RFC 8955 section 4, RFC 8956 section 3).
+   flowspecNlriLenMissing = 215,       // no length field, or no second length byte
+   flowspecNlriLenMismatch = 216,      // the length runs past the attribute, or a component past the length
+   flowspecComponentTypeMissing = 217, // no type byte where a component should start
+   flowspecComponentTypeInvalid = 218, // component type 0
+   flowspecComponentTypeOrder = 219,   // a type lower than the one before
+   flowspecPrefixMaskMissing = 220,
+   flowspecPrefixOffsetMissing = 221,
+   flowspecPrefixOffsetAboveMask = 222,
+   flowspecPrefixInvalid = 223,        // a mask too long for the address, or the pattern cut short
+   flowspecOperatorMissing = 224,
+   flowspecValueMissing = 225,
+   flowspecValueTooLong = 226,         // a value longer than its component type takes
+   flowspecIpv6FragmentDf = 227,       // RFC 8956 section 3.6: no DF bit in IPv6
+   // Flowspec MP_REACH_NLRI next hop.
+   flowspecNexthopShort = 228,
+};
+
+// The reason's name ("flowspecNlriLenMismatch"), or its number when it has none.
+std::string toStrep(BgpParseCountReason reason);
+std::ostream& operator<<(std::ostream& os, BgpParseCountReason reason);
+
+// What parsing one message found wrong: a counter per reason.
+class BgpParseHeaderAndMessageBase : public Ovk::PtrInterface {
+ public:
+   void countReasonIs(BgpParseCountReason reason);
+   // How often `reason` was counted.
+   std::uint32_t count(BgpParseCountReason reason) const;
+   std::uint32_t totalCount() const;
+   // The reason counted last; none when nothing was.
+   BgpParseCountReason lastReason() const { return lastReason_; }
+   // Every reason counted, with its count, in the order first counted.
+   std::vector<std::pair<BgpParseCountReason, std::uint32_t>> const& counts() const { return counts_; }
+
+ protected:
+   ~BgpParseHeaderAndMessageBase() override = default;
+
+ private:
+   std::vector<std::pair<BgpParseCountReason, std::uint32_t>> counts_;
+   BgpParseCountReason lastReason_ = BgpParseCountReason::none;
+};
+
+// The results of parsing one UPDATE message.
+class BgpParseUpdateResults : public BgpParseHeaderAndMessageBase {
+ public:
+   static Ovk::Ptr<BgpParseUpdateResults> create() { return Ovk::makePtr<BgpParseUpdateResults>(); }
+};
+
+// What a family's NLRI rule may report about one NLRI beyond its key. Flowspec has nothing.
+class BgpParseNlriAfiSafiResultsBase : public Ovk::PtrInterface {
+ protected:
+   ~BgpParseNlriAfiSafiResultsBase() override = default;
+};
+
+// The outcome of one NLRI: its interned key, or nothing after a counted failure.
+struct BgpParseUpdateNlriReturn {
+   Ovk::Ptr<RouteKey const> routeKey;
+   Ovk::Ptr<BgpParseNlriAfiSafiResultsBase> results;
+   // The NLRI is to be taken as withdrawn whatever section it came in (RFC 7606 section 2).
+   bool treatAsUnreach = false;
+};
+
+// The dedup tables of one VRF and address family.
+class DedupTablesVrfAfiSafi : public Ovk::PtrInterface {
+ public:
+   DedupTablesVrfAfiSafi(AfiSafi afiSafi, Ovk::Ptr<RouteKeyDedupTableBase> routeKeyDedupTable,
+                         Ovk::Ptr<GenNexthopDedupTableBase> nexthopDedupTable)
+       : afiSafi_(afiSafi), routeKeyDedupTable_(std::move(routeKeyDedupTable)),
+         nexthopDedupTable_(std::move(nexthopDedupTable)) {}
+
+   AfiSafi afiSafi() const { return afiSafi_; }
+   RouteKeyDedupTableBase const* routeKeyDedupTableRawPtr() const { return routeKeyDedupTable_.ptr(); }
+   GenNexthopDedupTableBase const* nexthopDedupTableRawPtr() const { return nexthopDedupTable_.ptr(); }
+
+ protected:
+   ~DedupTablesVrfAfiSafi() override = default;
+
+ private:
+   AfiSafi afiSafi_;
+   Ovk::Ptr<RouteKeyDedupTableBase> routeKeyDedupTable_;
+   Ovk::Ptr<GenNexthopDedupTableBase> nexthopDedupTable_;
+};
+
+// The hash of a family in the per-VRF registry: the SAFI byte XOR the AFI (AfiSafi shifted
+// right by 8).
+struct AfiSafiDedupTablesHash {
+   std::size_t operator()(AfiSafi a) const noexcept { return (a.value() & 0xffu) ^ (a.value() >> 8); }
+};
+
+// The dedup tables of one VRF, per address family.
+class DedupTablesVrf : public Ovk::PtrInterface {
+ public:
+   explicit DedupTablesVrf(BgpVrfIdBase vrfId) : vrfId_(vrfId) {}
+
+   BgpVrfIdBase vrfId() const { return vrfId_; }
+   // The family's tables, or null.
+   DedupTablesVrfAfiSafi* dedupTablesVrfAfiSafi(AfiSafi afiSafi) const;
+   // Registers the family's tables, replacing any registered before.
+   void dedupTablesVrfAfiSafiIs(Ovk::Ptr<DedupTablesVrfAfiSafi> const& tables);
+   void dedupTablesVrfAfiSafiDel(AfiSafi afiSafi);
+
+ protected:
+   ~DedupTablesVrf() override = default;
+
+ private:
+   BgpVrfIdBase vrfId_;
+   std::unordered_map<AfiSafi, Ovk::Ptr<DedupTablesVrfAfiSafi>, AfiSafiDedupTablesHash> tables_;
+};
+
+// What an UPDATE is parsed in: the receiving VRF's dedup tables, a name for traces, and
+// caches that rules fill on first use so that an UPDATE with many NLRI finds its tables once.
+class BgpParseContext : public Ovk::PtrInterface {
+ public:
+   BgpParseContext(Ovk::Ptr<DedupTablesVrf> vrfTables, std::string name)
+       : vrfTables_(std::move(vrfTables)), name_(std::move(name)) {}
+
+   DedupTablesVrf* dedupVrfTablesRawPtr() const { return vrfTables_.ptr(); }
+   std::string const& name() const { return name_; }
+
+   // The flowspec rules' caches of their family's tables; null until a rule fills them. The
+   // tables are held by the VRF's registry; a context lives no longer than one session.
+   RouteKeyDedupTableBase const* flowspecRouteKeyDedupTableRawPtr() const { return flowspecRouteKeyDedupTable_; }
+   void flowspecRouteKeyDedupTableRawPtrIs(RouteKeyDedupTableBase const* t) { flowspecRouteKeyDedupTable_ = t; }
+   GenNexthopDedupTableBase const* flowspecNexthopDedupTableRawPtr() const { return flowspecNexthopDedupTable_; }
+   void flowspecNexthopDedupTableRawPtrIs(GenNexthopDedupTableBase const* t) { flowspecNexthopDedupTable_ = t; }
+
+ protected:
+   ~BgpParseContext() override = default;
+
+ private:
+   Ovk::Ptr<DedupTablesVrf> vrfTables_;
+   std::string name_;
+   RouteKeyDedupTableBase const* flowspecRouteKeyDedupTable_ = nullptr;
+   GenNexthopDedupTableBase const* flowspecNexthopDedupTable_ = nullptr;
+};
+
+// "<name> vrf=<id>".
+std::ostream& operator<<(std::ostream& os, BgpParseContext const& context);
+
+// A family's NLRI rule: reads one NLRI from `position`, which ends where the attribute's NLRI
+// field ends. `reachable` says whether the NLRI came in MP_REACH_NLRI (true) or
+// MP_UNREACH_NLRI.
+class BgpParseUpdateNlriRuleBase : public Ovk::PtrInterface {
+ public:
+   static Ovk::FwkType const& classFwkType();
+   virtual Ovk::FwkType const& fwkType() const;
+
+   virtual BgpParseUpdateNlriReturn inhale(Ovk::Ptr<BgpParseContext> const& parseContext,
+                                           BgpParsePktPosition* const& position, bool reachable,
+                                           Ovk::Ptr<BgpParseUpdateResults> const& results) const = 0;
+   // Checks a family adds to decide that its NLRI are to be treated as withdrawn; none by
+   // default.
+   virtual void additionalTreatAsUnreachChecks(Ovk::Ptr<BgpParseUpdateResults> const& results, bool reachable) const;
+
+ protected:
+   ~BgpParseUpdateNlriRuleBase() override = default;
+};
+
+} // namespace Routing::Bgp

@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# The flowspec tool's command line: exit statuses, standard input, and encode piped into
+# decode. Argument: the flowspec program.
+set -u
+tool="$1"
+failures=0
+expect() { # expect STATUS DESCRIPTION -- COMMAND...
+   local want="$1" what="$2"
+   shift 3
+   "$@" >/tmp/flowspec-cli-test.out 2>&1
+   local got=$?
+   if [ "$got" != "$want" ]; then
+      echo "FAIL: $what: exit $got, expected $want"
+      cat /tmp/flowspec-cli-test.out
+      failures=$((failures + 1))
+   fi
+}
+expect 0 "decode good NLRI" -- "$tool" decode --afi 1 0e01180a0000022014000001038106 020100
+expect 1 "decode a bad NLRI among good" -- "$tool" decode --afi 1 020100 1001180a
+expect 2 "bad hex" -- "$tool" decode --afi 1 0e0
+expect 2 "unknown option" -- "$tool" decode --afi 1 --colour 00
+expect 2 "bad family" -- "$tool" decode --afi 3 00
+expect 0 "encode" -- "$tool" encode --afi 2 "destination 2001:db8::/32 flow-label 5"
+expect 1 "encode bad text" -- "$tool" encode --afi 1 "protocol banana"
+expect 0 "help" -- "$tool" decode --help
+
+out=$(printf '# comment\n\n020100\n 0e01180a0000022014000001038106\n' | "$tool" decode --afi 1 --json - | wc -l)
+[ "$out" = 2 ] || { echo "FAIL: standard input gave $out lines, expected 2"; failures=$((failures + 1)); }
+printf 'zz\n' | "$tool" decode --afi 1 - >/dev/null 2>&1
+[ $? = 2 ] || { echo "FAIL: bad hex on standard input"; failures=$((failures + 1)); }
+round=$("$tool" encode --afi 1 "destination 10.0.0.0/24 protocol tcp dport 80,443" | "$tool" decode --afi 1 -)
+[ "$round" = "0e01180a00000381060501509101bb -> 10.0.0.0/24;*;protocol =6;destination-port =80 =443;" ] ||
+   { echo "FAIL: encode | decode gave: $round"; failures=$((failures + 1)); }
+[ "$failures" = 0 ] && echo "flowspec command line: all checks passed"
+exit "$failures"
