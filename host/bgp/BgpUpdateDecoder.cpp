@@ -302,12 +302,18 @@ void BgpUpdateDecoder::Run::decode() {
    if (!msg.consumeU16ntoh(&length) || !msg.consumeU8(&type)) {
       return reset(Reason::updateHeaderShort, kMessageHeaderError, kBadMessageLength, {});
    }
-   if (length != message_.size() || length < kMinUpdateSize || length > d_.options_.maxMessageSize) {
+   // The type is judged before the length an UPDATE needs, so that another message is
+   // named as such.
+   if (length != message_.size() || length > d_.options_.maxMessageSize) {
       at_ = lengthField;
       return reset(Reason::updateLength, kMessageHeaderError, kBadMessageLength, {lengthField, 2});
    }
    if (type != kMessageTypeUpdate) {
       return reset(Reason::updateType, kMessageHeaderError, kBadMessageType, message_.subspan(kHeaderSize - 1, 1));
+   }
+   if (length < kMinUpdateSize) {
+      at_ = lengthField;
+      return reset(Reason::updateLength, kMessageHeaderError, kBadMessageLength, {lengthField, 2});
    }
 
    // RFC 4271 section 6.3: both lengths must fit the message (kMinUpdateSize leaves room
@@ -525,6 +531,7 @@ void BgpUpdateDecoder::Run::mpReach(BgpParsePktPosition value, std::span<std::ui
       return reset(Reason::mpReachNexthopOverrun, kUpdateMessageError, subcodeByte(Subcode::optionalAttributeError),
                    whole, BgpAttrType::mpReachNlri);
    }
+   out_.mpReach.nextHopRead = true;
    // RFC 4760 section 3: the reserved byte is ignored.
    if (!value.consumeU8(&reserved)) {
       return reset(Reason::mpReachShort, kUpdateMessageError, subcodeByte(Subcode::optionalAttributeError), whole,
@@ -563,10 +570,11 @@ void BgpUpdateDecoder::Run::nlriField(BgpParsePktPosition field, AfiSafi afiSafi
       std::uint32_t pathId = 0;
       // RFC 7911 section 3: each NLRI opens with its path identifier.
       if (addPath && !field.consumeU32ntoh(&pathId)) {
-         out_.nlri.push_back({afiSafi, reachable, 0, field.rest(), nullptr, Reason::nlriPathIdShort});
+         out_.nlri.push_back({afiSafi, reachable, 0, field.rest(), nullptr, Reason::nlriPathIdShort, field.rest()});
          return reset(Reason::nlriPathIdShort, kUpdateMessageError, subcodeByte(Subcode::optionalAttributeError),
                       whole, attrType);
       }
+      std::span<std::uint8_t const> const given = field.rest();
       BgpParsePktPosition work = field;
       BgpParsePktPosition* const position = &work;
       BgpParseUpdateNlriReturn const r = rule->inhale(d_.parseContext_, position, reachable, d_.results_);
@@ -576,7 +584,7 @@ void BgpUpdateDecoder::Run::nlriField(BgpParsePktPosition field, AfiSafi afiSafi
          std::span<std::uint8_t const> bytes;
          field.consumeView(field.dataLeft() - work.dataLeft(), &bytes);
          // RFC 7606 section 2: an NLRI its rule wants withdrawn counts as withdrawn.
-         out_.nlri.push_back({afiSafi, reachable && !r.treatAsUnreach, pathId, bytes, r.routeKey, Reason::none});
+         out_.nlri.push_back({afiSafi, reachable && !r.treatAsUnreach, pathId, bytes, r.routeKey, Reason::none, given});
          continue;
       }
       // The rule counted its reason. Where the NLRI's own length still shows its end, the
@@ -587,11 +595,11 @@ void BgpUpdateDecoder::Run::nlriField(BgpParsePktPosition field, AfiSafi afiSafi
       if (std::optional<std::size_t> const extent = nlriExtent(afiSafi, field)) {
          std::span<std::uint8_t const> bytes;
          field.consumeView(*extent, &bytes);
-         out_.nlri.push_back({afiSafi, reachable, pathId, bytes, nullptr, reason});
+         out_.nlri.push_back({afiSafi, reachable, pathId, bytes, nullptr, reason, given});
          withdraw(reason, attrType, false);
          continue;
       }
-      out_.nlri.push_back({afiSafi, reachable, pathId, field.rest(), nullptr, reason});
+      out_.nlri.push_back({afiSafi, reachable, pathId, given, nullptr, reason, given});
       return reset(reason, kUpdateMessageError, subcodeByte(Subcode::optionalAttributeError), whole, attrType, false);
    }
 }

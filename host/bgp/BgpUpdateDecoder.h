@@ -82,6 +82,9 @@ struct BgpParsedNlri {
    std::span<std::uint8_t const> bytes; // the NLRI as received (the rest of the attribute when its end was lost)
    Ovk::Ptr<RouteKey const> routeKey;   // the interned key; null when the rule refused the NLRI
    BgpParseCountReason reason = BgpParseCountReason::none; // why it was refused
+   // From the NLRI's start to the end of its attribute: what the rule was given, to read a
+   // refused NLRI again for its message.
+   std::span<std::uint8_t const> given;
 };
 
 // An MP_REACH_NLRI or MP_UNREACH_NLRI attribute as found.
@@ -91,6 +94,7 @@ struct BgpParsedMpAttribute {
    bool parsed = false;                   // a rule of the family read its NLRI
    std::size_t nlriBytes = 0;             // size of its NLRI field
    std::span<std::uint8_t const> nextHop; // MP_REACH_NLRI: the next-hop field
+   bool nextHopRead = false;              // MP_REACH_NLRI: the next-hop field was there whole
 };
 
 // Everything decode() found in one message.

@@ -150,6 +150,23 @@ class UpdateBuilder {
    Bytes nlri_;
 };
 
+// One MRT record (RFC 6396 section 4.4.3, BGP4MP_MESSAGE_AS4) around a BGP message, as
+// received by 10.0.0.2 (AS 65000) from 10.0.0.1 (AS 65001).
+inline Bytes mrtRecord(std::span<std::uint8_t const> message, std::uint32_t seconds = 1700000000) {
+   Bytes r;
+   putU32(r, seconds);
+   putU16(r, 16); // BGP4MP
+   putU16(r, 4);  // BGP4MP_MESSAGE_AS4
+   putU32(r, static_cast<std::uint32_t>(4 + 4 + 2 + 2 + 4 + 4 + message.size()));
+   putU32(r, 65001);
+   putU32(r, 65000);
+   putU16(r, 0); // interface index
+   putU16(r, 1); // AFI of the addresses
+   append(r, Bytes{10, 0, 0, 1, 10, 0, 0, 2});
+   append(r, message);
+   return r;
+}
+
 // The usual start of an UPDATE that announces: ORIGIN IGP and an AS_PATH of one AS.
 inline UpdateBuilder announcing() {
    UpdateBuilder b;
