@@ -8,6 +8,7 @@
 #include "host/bgp/BgpVrfId.h"
 #include "host/bgp/ExtComm.h"
 #include "tools/capture/BgpCapture.h"
+#include "tools/flowspec/NlriCodec.h"
 
 namespace FlowspecTool {
 
@@ -17,38 +18,6 @@ using namespace Routing::Bgp::FlowspecPlugin;
 using json = nlohmann::ordered_json;
 
 namespace {
-
-std::string hex(std::span<std::uint8_t const> bytes) {
-   static constexpr char kDigits[] = "0123456789abcdef";
-   std::string out;
-   out.reserve(bytes.size() * 2);
-   for (std::uint8_t b : bytes) {
-      out += kDigits[b >> 4];
-      out += kDigits[b & 15];
-   }
-   return out;
-}
-
-// Hex digits (spaces, colons and a leading "0x" allowed) as bytes; false on anything else.
-bool parseHex(std::string_view text, std::vector<std::uint8_t>& out) {
-   if (text.starts_with("0x") || text.starts_with("0X")) text.remove_prefix(2);
-   int high = -1;
-   for (char c : text) {
-      if (c == ' ' || c == ':' || c == '\n' || c == '\t') continue;
-      int v = -1;
-      if (c >= '0' && c <= '9') v = c - '0';
-      if (c >= 'a' && c <= 'f') v = c - 'a' + 10;
-      if (c >= 'A' && c <= 'F') v = c - 'A' + 10;
-      if (v < 0) return false;
-      if (high < 0) {
-         high = v;
-      } else {
-         out.push_back(static_cast<std::uint8_t>(high << 4 | v));
-         high = -1;
-      }
-   }
-   return high < 0;
-}
 
 char const* originName(std::uint8_t origin) {
    switch (origin) {
@@ -71,7 +40,7 @@ json communityJson(C const& c, std::span<std::uint8_t const> bytes) {
    std::vector<ExtCommField> f;
    c.fields(f);
    for (ExtCommField const& field : f) fields[field.name] = fieldValue(field);
-   return {{"hex", hex(bytes)},
+   return {{"hex", hexOf(bytes)},
            {"kind", c.kindName()},
            {"flowspec", c.classification() == ExtCommClassification::flowspec},
            {"fields", fields}};
@@ -180,52 +149,27 @@ UpdateDecodeSession::~UpdateDecodeSession() = default;
 
 BgpUpdateDecoder& UpdateDecodeSession::decoder() { return impl_->decoder; }
 
-std::string UpdateDecodeSession::refusalMessage(BgpParsedNlri const& nlri) const {
-   auto collections = impl_->decoder.ruleCollections(nlri.afiSafi);
+json UpdateDecodeSession::nlriJson(BgpParsedNlri const& nlri) const {
+   if (auto const* key = dynamic_cast<FlowspecRouteKey const*>(nlri.routeKey.ptr())) {
+      return FlowspecTool::nlriJson(*key, nlri.bytes);
+   }
+   json out = {{"ok", false},
+               {"afi", static_cast<int>(nlri.afiSafi.afi())},
+               {"nlri", hexOf(nlri.bytes)},
+               {"reason", static_cast<int>(nlri.reason)},
+               {"message", toStrep(nlri.reason)}};
+   auto const collections = impl_->decoder.ruleCollections(nlri.afiSafi);
    auto const* rule = collections ? dynamic_cast<FlowspecParseUpdateNlriRule const*>(
                                         collections->nlriSubRule({nlri.afiSafi, false}))
                                   : nullptr;
-   if (!rule) return toStrep(nlri.reason);
-   // The rule is given what it was given in the UPDATE, so it fails the same way.
+   if (!rule) return out;
+   // The rule is given again what it was given in the UPDATE, so it fails the same way and
+   // says why.
    BgpParsePktPosition pos(nlri.given);
    BgpParsePktPosition* p = &pos;
-   auto const scratch = BgpParseUpdateResults::create();
-   auto const again = rule->parse(impl_->context, p, scratch);
-   if (again || again.reason().reason() != nlri.reason) return toStrep(nlri.reason);
-   return again.reason().message();
-}
-
-json UpdateDecodeSession::nlriJson(BgpParsedNlri const& nlri) const {
-   auto const afi = static_cast<unsigned>(nlri.afiSafi.afi());
-   auto const* key = dynamic_cast<FlowspecRouteKey const*>(nlri.routeKey.ptr());
-   if (!key) {
-      return {{"ok", false},
-              {"afi", afi},
-              {"nlri", hex(nlri.bytes)},
-              {"reason", static_cast<unsigned>(nlri.reason)},
-              {"message", refusalMessage(nlri)}};
-   }
-   json components = json::array();
-   for (FlowspecOpValComponentView const c : key->opValComponents()) {
-      components.push_back({{"type", static_cast<unsigned>(c.type)},
-                            {"name", Flowspec::toStrep(c.type)},
-                            {"opValuePairs", hex(c.opValuePairsNbo)}});
-   }
-   auto prefix = [](Ovnet::IpGenPrefix const& p) { return p.isUnset() ? json(nullptr) : json(p.str()); };
-   Ovk::String const reencoded = key->serialize(RouteKey::SerializeOperation::advertise, nullptr);
-   return {{"ok", true},
-           {"afi", afi},
-           {"rule", key->toStrepCli()},
-           {"detail", key->toStrepCliDetail()},
-           {"wontExportReason", key->wontExportReason().value()},
-           {"destPrefix", prefix(key->destPrefix())},
-           {"srcPrefix", prefix(key->srcPrefix())},
-           {"destPrefixOffset", key->destPrefixOffset()},
-           {"srcPrefixOffset", key->srcPrefixOffset()},
-           {"components", components},
-           {"unrecognizedTail", hex(key->unrecognizedTail())},
-           {"nlri", hex(nlri.bytes)},
-           {"reencoded", hex(reencoded.span())}};
+   auto const again = rule->parse(impl_->context, p, BgpParseUpdateResults::create());
+   if (again || again.reason().reason() != nlri.reason) return out;
+   return nlriFailureJson(nlri.afiSafi.afi(), nlri.bytes, again.reason());
 }
 
 json UpdateDecodeSession::updateJson(BgpParsedUpdate const& u, std::size_t index, MessageOrigin const* origin) const {
@@ -238,7 +182,7 @@ json UpdateDecodeSession::updateJson(BgpParsedUpdate const& u, std::size_t index
    std::optional<AfiSafi> const family = updateFamily(u);
    out["afi"] = family ? json(static_cast<unsigned>(family->afi())) : json(nullptr);
    out["safi"] = family ? json(family->safi()) : json(nullptr);
-   out["nextHop"] = u.mpReach.nextHopRead ? json(hex(u.mpReach.nextHop)) : json(nullptr);
+   out["nextHop"] = u.mpReach.nextHopRead ? json(hexOf(u.mpReach.nextHop)) : json(nullptr);
    BgpParseUpdateAttributesScratchpad const& a = *u.attributes;
    json comms = json::array();
    forEachCommunity(a, [&](auto const& c, std::span<std::uint8_t const> b) { comms.push_back(communityJson(c, b)); });
@@ -262,7 +206,7 @@ json UpdateDecodeSession::updateJson(BgpParsedUpdate const& u, std::size_t index
       if (!*bgpUpdateErrorText(e.reason) && e.reason != BgpParseCountReason::flowspecNexthopShort) {
          while (refused < u.nlri.size() && u.nlri[refused].routeKey) ++refused;
          if (refused < u.nlri.size()) {
-            nlri = hex(u.nlri[refused].bytes);
+            nlri = hexOf(u.nlri[refused].bytes);
             ruleMessage = refusals[refused++];
          }
          if (ruleMessage.empty()) ruleMessage = toStrep(e.reason);
@@ -280,7 +224,7 @@ json UpdateDecodeSession::updateJson(BgpParsedUpdate const& u, std::size_t index
    out["outcome"] = toStrep(u.action);
    out["notification"] = u.notification ? json{{"code", u.notification->code},
                                                {"subcode", u.notification->subcode},
-                                               {"data", hex(u.notification->data)}}
+                                               {"data", hexOf(u.notification->data)}}
                                         : json(nullptr);
    std::optional<AfiSafi> const eor = u.endOfRib();
    out["endOfRib"] = eor ? json(toStrep(*eor)) : json(nullptr);
@@ -326,7 +270,7 @@ void UpdateDecodeSession::updateText(BgpParsedUpdate const& u, std::size_t index
       out << '\n';
    }
    forEachCommunity(*u.attributes, [&](auto const& c, std::span<std::uint8_t const> b) {
-      out << "  community " << c.toStrep() << " [" << hex(b) << "]\n";
+      out << "  community " << c.toStrep() << " [" << hexOf(b) << "]\n";
    });
    for (json const& p : j["ipv4Withdrawn"]) out << "  withdraw ipv4 " << p.get<std::string>() << '\n';
    for (json const& p : j["ipv4Announced"]) out << "  announce ipv4 " << p.get<std::string>() << '\n';
@@ -347,7 +291,7 @@ void UpdateDecodeSession::updateText(BgpParsedUpdate const& u, std::size_t index
    }
    if (u.notification) {
       out << "  notification " << unsigned{u.notification->code} << '/' << unsigned{u.notification->subcode};
-      if (!u.notification->data.empty()) out << " data " << hex(u.notification->data);
+      if (!u.notification->data.empty()) out << " data " << hexOf(u.notification->data);
       out << '\n';
    }
 }
@@ -389,13 +333,14 @@ int decodeUpdates(std::vector<UpdateInput> const& inputs, bool asJson, std::ostr
    for (UpdateInput const& input : inputs) {
       switch (input.kind) {
        case UpdateInput::Kind::hex: {
-         std::vector<std::uint8_t> bytes;
-         if (!parseHex(input.value, bytes)) {
-            err << "flowspec decode: --update wants hex digits: " << input.value << '\n';
+         std::string whyNot;
+         std::optional<std::vector<std::uint8_t>> const bytes = bytesOfHex(input.value, whyNot);
+         if (!bytes) {
+            err << "flowspec decode: bad hex in --update (\"" << input.value << "\"): " << whyNot << '\n';
             status = 2;
             continue;
          }
-         report(bytes, nullptr);
+         report(*bytes, nullptr);
          continue;
        }
        case UpdateInput::Kind::mrt:

@@ -51,8 +51,6 @@ class UpdateDecodeSession {
    // The readable report of one UPDATE.
    void updateText(Routing::Bgp::BgpParsedUpdate const& update, std::size_t index, MessageOrigin const* origin,
                    std::ostream& out) const;
-   // The message of a refused NLRI, read again by the family's rule.
-   std::string refusalMessage(Routing::Bgp::BgpParsedNlri const& nlri) const;
 
  private:
    struct Impl;

@@ -50,7 +50,7 @@ class FakeNlriRule : public BgpParseUpdateNlriRuleBase {
          return {};
       }
       BytePtrConst const body = position->consumeData(len);
-      if (len > 0 && body[0] == 0xee) {
+      if (body && len > 0 && body[0] == 0xee) {
          results->countReasonIs(BgpParseCountReason::flowspecComponentTypeInvalid);
          return {};
       }

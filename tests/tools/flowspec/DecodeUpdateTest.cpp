@@ -363,7 +363,7 @@ TEST(DecodeUpdateTest, InputsThatAreNotUpdates) {
    // Not hex.
    EXPECT_EQ(run({{UpdateInput::Kind::hex, "ffzz"}}, false, &status, &errors), "0 message(s), 0 UPDATE(s), 0 with errors; 0 rule(s) announced, 0 withdrawn, 0 refused\n");
    EXPECT_EQ(status, 2);
-   EXPECT_EQ(errors, "flowspec decode: --update wants hex digits: ffzz\n");
+   EXPECT_EQ(errors, "flowspec decode: bad hex in --update (\"ffzz\"): 'z' is not a hex digit\n");
    // A KEEPALIVE given as an UPDATE says what it is.
    std::string const out = run({{UpdateInput::Kind::hex, "ffffffffffffffffffffffffffffffff001304"}}, false, &status);
    EXPECT_EQ(status, 1);
