@@ -30,7 +30,7 @@ constexpr std::uint8_t kFlagTransitive = 0x40;
 constexpr std::uint8_t kFlagExtendedLength = 0x10;
 
 // AS_PATH segment types (RFC 4271 section 4.3, RFC 5065 section 3).
-constexpr std::uint8_t kAsSet = 1, kAsSequence = 2, kAsConfedSequence = 3, kAsConfedSet = 4;
+constexpr std::uint8_t kAsSet = 1, kAsConfedSequence = 3, kAsConfedSet = 4; // 2 is AS_SEQUENCE
 
 std::uint8_t subcodeByte(Subcode s) { return static_cast<std::uint8_t>(s); }
 
