@@ -664,14 +664,20 @@ BgpParsedUpdate const& BgpUpdateDecoder::decode(std::span<std::uint8_t const> me
    for (BgpParsedMpAttribute const* mp : {&p.mpReach, &p.mpUnreach}) {
       if (mp->present && mp->parsed) ++counters_.families[mp->afiSafi].updates;
    }
+   BgpUpdateDecoderCounters::Family* f = nullptr;
+   AfiSafi family;
    for (BgpParsedNlri const& n : p.nlri) {
-      BgpUpdateDecoderCounters::Family& f = counters_.families[n.afiSafi];
+      // The NLRI of one attribute come together: one lookup per run of a family.
+      if (!f || n.afiSafi != family) {
+         family = n.afiSafi;
+         f = &counters_.families[family];
+      }
       if (!n.routeKey) {
-         ++f.refused;
+         ++f->refused;
       } else if (n.reachable) {
-         ++f.announced;
+         ++f->announced;
       } else {
-         ++f.withdrawn;
+         ++f->withdrawn;
       }
    }
    for (auto const& [reason, n] : results_->counts()) counters_.reasons[reason] += n;
