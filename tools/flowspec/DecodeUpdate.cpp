@@ -252,6 +252,8 @@ void UpdateDecodeSession::updateText(BgpParsedUpdate const& u, std::size_t index
    out << ": " << (family ? toStrep(*family) : std::string("no multiprotocol family")) << ", " << toStrep(u.action);
    if (!j["endOfRib"].is_null()) out << ", End-of-RIB " << j["endOfRib"].get<std::string>();
    out << '\n';
+   if (u.action == BgpUpdateAction::treatAsWithdraw) out << "  every announced rule is taken as withdrawn\n";
+   if (u.action == BgpUpdateAction::sessionReset) out << "  nothing of this UPDATE is taken: the session is reset\n";
    if (!j["nextHop"].is_null()) {
       std::string const nh = j["nextHop"];
       out << "  next hop: " << (nh.empty() ? "(empty)" : nh);
