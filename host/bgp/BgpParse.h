@@ -62,18 +62,19 @@ class BgpParsePktPosition {
       pos_ += n;
       return p;
    }
-   // The same as a view; false (and `view` untouched) when fewer are left.
+   // The same as a view (`view` may be null: the bytes are skipped); false, and `view`
+   // untouched, when fewer are left. Unlike consumeData, reads zero bytes of an empty view.
    bool consumeView(std::size_t n, std::span<std::uint8_t const>* view) noexcept {
-      BytePtrConst const p = consumeData(n);
-      if (!p) return false;
-      *view = {p, n};
+      if (n > dataLeft()) return false;
+      if (view) *view = {pos_, n};
+      pos_ += n;
       return true;
    }
    // A position over the next `n` bytes, which this one skips; false when fewer are left.
    bool consumeSubPosition(std::size_t n, BgpParsePktPosition* sub) noexcept {
-      BytePtrConst const p = consumeData(n);
-      if (!p) return false;
-      *sub = BgpParsePktPosition(p, p + n);
+      std::span<std::uint8_t const> v;
+      if (!consumeView(n, &v)) return false;
+      *sub = BgpParsePktPosition(v);
       return true;
    }
    // A 4- or 16-byte address in network order.
