@@ -493,13 +493,4 @@ TEST(BgpParseRulesTest, LaterInstancesWaitForTheNotificationSwitch) {
    collections->updateMessageRuleInstanceIs({AfiSafi::ipv4Flowspec(), false}, {.addPathReceive = true});
 }
 
-TEST(BgpParseRulesTest, KeysPrint) {
-   EXPECT_EQ(FakePluginSm::str(BgpParseUpdateMessageRuleKey{AfiSafi::ipv6Flowspec(), true}), "ipv6Flowspec addPath");
-   EXPECT_EQ(FakePluginSm::str(BgpParseUpdateAttributeMpReachNlriRuleKey{AfiSafi::ipv4Flowspec()}), "ipv4Flowspec");
-   EXPECT_EQ(FakePluginSm::str(BgpNotificationErrorUpdateMessageSubcode::noError), "noError");
-   EXPECT_EQ(static_cast<std::uint32_t>(BgpNotificationErrorUpdateMessageSubcode::noError), 0xffffffffu);
-   EXPECT_EQ(toStrep(BgpParseCountReason::flowspecNexthopShort), "flowspecNexthopShort");
-   EXPECT_EQ(static_cast<unsigned>(BgpParseCountReason::flowspecNexthopShort), 228u);
-}
-
 } // namespace
