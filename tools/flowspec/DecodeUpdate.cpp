@@ -1,8 +1,7 @@
 #include "tools/flowspec/DecodeUpdate.h"
 
-#include <cstdio>
+#include <algorithm>
 #include <ostream>
-#include <sstream>
 
 #include "BgpFlowspec/FlowspecParseNlri.h"
 #include "host/bgp/BgpVrfId.h"
