@@ -278,3 +278,128 @@ RouteKeyDedupTableBase const* FlowspecParseUpdateNlriRule::routeKeyDedupTable(Bg
 }
 
 } // namespace Routing::Bgp::FlowspecPlugin
+
+// ---- FlowspecParseUpdateNextHopRule ----
+
+namespace Routing::Bgp::FlowspecPlugin {
+
+namespace {
+
+struct HexBytes {
+   std::span<std::uint8_t const> bytes;
+};
+
+std::ostream& operator<<(std::ostream& os, HexBytes h) {
+   static constexpr char kDigits[] = "0123456789abcdef";
+   os << "0x";
+   for (std::uint8_t b : h.bytes) os << kDigits[b >> 4] << kDigits[b & 0xf];
+   return os;
+}
+
+} // namespace
+
+Ovk::FwkType const& FlowspecParseUpdateNextHopRule::classFwkType() {
+   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecParseUpdateNextHopRule");
+   return type;
+}
+
+Ovk::FwkType const& FlowspecParseUpdateNextHopRule::fwkType() const { return classFwkType(); }
+
+BgpNotificationErrorUpdateMessageSubcode FlowspecParseUpdateNextHopRule::inhale(
+    Ovk::Ptr<BgpParseContext> const& parseContext, BgpParsePktPosition* const& position,
+    Ovk::Ptr<BgpParseUpdateAttributesScratchpad> const& scratchpad) const {
+   OVK_TRACE(flowspecTraceFacility(), 8, "parseCtx: " << *parseContext);
+   std::size_t const nexthopLen = position->bytesLeft();
+   Ovnet::IpGenAddr addr;
+   Ovk::String nexthopBytes;
+   if (nexthopLen != 0) {
+      bool const isAddress = (afiSafi_.afi() == Afi::afiIpv4 && nexthopLen == 4 && position->consumeIpv4GenAddress(&addr)) ||
+                             (afiSafi_.afi() == Afi::afiIpv6 && nexthopLen == 16 && position->consumeIpv6GenAddress(&addr));
+      if (!isAddress) {
+         // Any other content is kept as it came: flowspec does not forward to it. A 32-byte
+         // IPv6 field (global and link-local address) is no exception.
+         BytePtrConst const raw = position->consumeData(nexthopLen);
+         if (!raw) {
+            OVK_TRACE(flowspecTraceFacility(), 3, "Could not read next-hop data of length " << nexthopLen);
+            scratchpad->results()->countReasonIs(BgpParseCountReason::flowspecNexthopShort);
+            return BgpNotificationErrorUpdateMessageSubcode::optionalAttributeError;
+         }
+         nexthopBytes = Ovk::String(std::span<std::uint8_t const>(raw, nexthopLen));
+         OVK_TRACE(flowspecTraceFacility(), 4,
+                   "Received a non-empty, but invalid IP-address nexthop " << HexBytes{nexthopBytes.span()});
+      }
+   }
+   GenNexthopDedupTableBase const* const table = nexthopDedupTable(*parseContext);
+   if (nexthopLen == 0) {
+      // The table's own empty next hop, shared by every flowspec path without one.
+      auto const* const flowspecTable = dynamic_cast<FlowspecGenNexthopDedupTable const*>(table);
+      if (flowspecTable && flowspecTable->emptyNexthop()) {
+         scratchpad->nexthopIs(flowspecTable->emptyNexthop());
+      } else {
+         scratchpad->nexthopDel();
+      }
+      return BgpNotificationErrorUpdateMessageSubcode::noError;
+   }
+   Ovk::Ptr<FlowspecGenNexthop> const nexthop = flowspecGenNexthopFactory(afiSafi_.afi(), addr, nexthopBytes);
+   scratchpad->nexthopIs(nexthop->dedup(Ovk::Ptr<GenNexthopDedupTableBase const>(table), false));
+   return BgpNotificationErrorUpdateMessageSubcode::noError;
+}
+
+GenNexthopDedupTableBase const* FlowspecParseUpdateNextHopRule::nexthopDedupTable(BgpParseContext& parseContext) const {
+   if (GenNexthopDedupTableBase const* cached = parseContext.flowspecNexthopDedupTableRawPtr()) return cached;
+   DedupTablesVrf const* const vrfTables = parseContext.dedupVrfTablesRawPtr();
+   DedupTablesVrfAfiSafi const* const tables = vrfTables ? vrfTables->dedupTablesVrfAfiSafi(afiSafi_) : nullptr;
+   GenNexthopDedupTableBase const* const nexthopDedupTable = tables ? tables->nexthopDedupTableRawPtr() : nullptr;
+   OVK_ASSERT(nexthopDedupTable != nullptr);
+   parseContext.flowspecNexthopDedupTableRawPtrIs(nexthopDedupTable);
+   return nexthopDedupTable;
+}
+
+// ---- FlowspecParsePluginSm ----
+
+FlowspecParsePluginSm::FlowspecParsePluginSm(Ovk::Ptr<BgpParseRuleCollections const> ruleCollections, AfiSafi afiSafi)
+    : BgpParsePluginBaseSm(std::move(ruleCollections)), afiSafi_(afiSafi) {
+   // Rule instances already declared get their sub-rules now, before any notification.
+   handleStartup();
+}
+
+FlowspecParsePluginSm::~FlowspecParsePluginSm() = default;
+
+Ovk::Ptr<FlowspecParsePluginSm> FlowspecParsePluginSm::FlowspecParsePluginSmIs(
+    Ovk::Ptr<BgpParseRuleCollections const> ruleCollections, AfiSafi afiSafi) {
+   Ovk::Ptr<FlowspecParsePluginSm> sm = Ovk::makePtr<FlowspecParsePluginSm>(std::move(ruleCollections), afiSafi);
+   sm->hasNotificationActiveIs(true);
+   return sm;
+}
+
+Ovk::Ptr<FlowspecParsePluginSm> flowspecParsePluginSmFactory(Ovk::Ptr<BgpParseRuleCollections const> ruleCollections,
+                                                             AfiSafi afiSafi) {
+   return FlowspecParsePluginSm::FlowspecParsePluginSmIs(std::move(ruleCollections), afiSafi);
+}
+
+Ovk::FwkType const& FlowspecParsePluginSm::classFwkType() {
+   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecParsePluginSm");
+   return type;
+}
+
+Ovk::FwkType const& FlowspecParsePluginSm::fwkType() const { return classFwkType(); }
+
+void FlowspecParsePluginSm::hasNotificationActiveIs(bool on) { BgpParsePluginBaseSm::hasNotificationActiveIs(on); }
+
+void FlowspecParsePluginSm::instantiateNextHopSubRule(BgpParseUpdateAttributeMpReachNlriRuleKey ruleKey,
+                                                      BgpParseControl const& parseControl) const {
+   OVK_TRACE(flowspecTraceFacility(), 8, *this << " ruleKey: " << ruleKey);
+   addNextHopSubRule(ruleKey, Ovk::makePtr<FlowspecParseUpdateNextHopRule>(parseControl, afiSafi_));
+}
+
+void FlowspecParsePluginSm::instantiateNlriSubRule(BgpParseUpdateMessageRuleKey ruleKey,
+                                                   BgpParseControl const& parseControl) const {
+   OVK_TRACE(flowspecTraceFacility(), 8, *this << " ruleKey: " << ruleKey);
+   addNlriSubRule(ruleKey, Ovk::makePtr<FlowspecParseUpdateNlriRule>(parseControl, afiSafi_));
+}
+
+std::ostream& operator<<(std::ostream& os, FlowspecParsePluginSm const& sm) {
+   return os << "FlowspecParsePluginSm(" << sm.afiSafi() << ")";
+}
+
+} // namespace Routing::Bgp::FlowspecPlugin

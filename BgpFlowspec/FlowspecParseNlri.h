@@ -17,9 +17,11 @@
 #include <iosfwd>
 #include <string>
 
+#include "BgpFlowspec/FlowspecNexthop.h"
 #include "BgpFlowspec/FlowspecRouteKey.h"
 #include "host/bgp/AfiSafi.h"
 #include "host/bgp/BgpParse.h"
+#include "host/bgp/BgpParseRules.h"
 #include "host/fwk/Ptr.h"
 #include "host/fwk/Result.h"
 
@@ -105,5 +107,80 @@ bool consumeOpValValue(BgpParsePktPosition* const& position, std::uint8_t numByt
 void doUnrecognizedTail(BgpParseContext const& parseContext, BgpParsePktPosition* const& position,
                         std::uint8_t componentType, BytePtrConst typeBytePosition, std::size_t remainingOtherNlriLen,
                         FlowspecRouteKeyBody& body);
+
+// ---- The next-hop rule and the parse plugin state machine ----
+
+// The sub-rule for the next-hop field of a flowspec MP_REACH_NLRI. Flowspec routes are not
+// forwarded to their next hop, so any content is accepted: nothing, an IPv4 address in the
+// IPv4 family, an IPv6 address in the IPv6 family, and anything else as opaque bytes (a
+// 32-byte IPv6 field with a link-local address too: there is deliberately no link-local
+// handling). The field becomes one deduplicated FlowspecGenNexthop, shared by every UPDATE
+// with the same content, in the scratchpad's next-hop field.
+class FlowspecParseUpdateNextHopRule : public BgpParseUpdateAttributeMpReachNlriNextHopRuleBase {
+ public:
+   // `afiSafi` gives the family: AFI 1 is IPv4, 2 IPv6.
+   FlowspecParseUpdateNextHopRule(BgpParseControl const& parseControl, AfiSafi afiSafi)
+       : parseControl_(parseControl), afiSafi_(afiSafi) {}
+
+   static Ovk::FwkType const& classFwkType();
+   Ovk::FwkType const& fwkType() const override;
+
+   BgpParseControl const& parseControl() const { return parseControl_; }
+   AfiSafi afiSafi() const { return afiSafi_; }
+
+   // Reads the whole field: `position`'s bytesLeft() is its declared length. Stores the
+   // next hop in the scratchpad (the table's shared empty next hop for an empty field) and
+   // returns noError. When the packet holds fewer bytes than declared: counts reason 228
+   // on the scratchpad's results, leaves the scratchpad's next hop as it was and returns
+   // optionalAttributeError (9). The parse context's VRF must have this family's next-hop
+   // dedup table (assertion "nexthopDedupTable != nullptr").
+   BgpNotificationErrorUpdateMessageSubcode inhale(Ovk::Ptr<BgpParseContext> const& parseContext,
+                                                   BgpParsePktPosition* const& position,
+                                                   Ovk::Ptr<BgpParseUpdateAttributesScratchpad> const& scratchpad) const override;
+
+ protected:
+   ~FlowspecParseUpdateNextHopRule() override = default;
+
+ private:
+   GenNexthopDedupTableBase const* nexthopDedupTable(BgpParseContext& parseContext) const;
+
+   BgpParseControl parseControl_;
+   AfiSafi afiSafi_;
+};
+
+// Joins the plugin to the UPDATE parser for one flowspec family: for every rule instance in
+// the family's rule collections it registers a FlowspecParseUpdateNlriRule (UPDATE message
+// rules) or a FlowspecParseUpdateNextHopRule (MP_REACH_NLRI next-hop rules). The rules it
+// creates parse its own family, whatever the rule key names.
+class FlowspecParsePluginSm : public BgpParsePluginBaseSm {
+ public:
+   // Serves the rule instances already in `ruleCollections` before returning.
+   FlowspecParsePluginSm(Ovk::Ptr<BgpParseRuleCollections const> ruleCollections, AfiSafi afiSafi);
+   // The factory: constructs, switches notification on and returns the first reference.
+   static Ovk::Ptr<FlowspecParsePluginSm> FlowspecParsePluginSmIs(Ovk::Ptr<BgpParseRuleCollections const> ruleCollections,
+                                                                 AfiSafi afiSafi);
+
+   static Ovk::FwkType const& classFwkType();
+   virtual Ovk::FwkType const& fwkType() const;
+
+   AfiSafi afiSafi() const { return afiSafi_; }
+
+   void hasNotificationActiveIs(bool on) override;
+   void instantiateNextHopSubRule(BgpParseUpdateAttributeMpReachNlriRuleKey ruleKey,
+                                  BgpParseControl const& parseControl) const override;
+   void instantiateNlriSubRule(BgpParseUpdateMessageRuleKey ruleKey, BgpParseControl const& parseControl) const override;
+
+ protected:
+   ~FlowspecParsePluginSm() override;
+
+ private:
+   AfiSafi afiSafi_;
+};
+
+// "<FlowspecParsePluginSm afiSafi>", for traces.
+std::ostream& operator<<(std::ostream& os, FlowspecParsePluginSm const& sm);
+
+Ovk::Ptr<FlowspecParsePluginSm> flowspecParsePluginSmFactory(Ovk::Ptr<BgpParseRuleCollections const> ruleCollections,
+                                                             AfiSafi afiSafi);
 
 } // namespace Routing::Bgp::FlowspecPlugin

@@ -10,7 +10,8 @@ namespace Flowspecd {
 
 Agent::Agent(asio::io_context& io, AgentConfig config, Logger& logger)
     : io_(io), config_(std::move(config)), logger_(logger), scheduler_(EventLoopScheduler::create(io)),
-      connector_(Ovk::makePtr<AsioConnector>(io)) {}
+      connector_(Ovk::makePtr<AsioConnector>(io)),
+      updateDecoding_(std::make_unique<UpdateDecoding>(logger, config_.localAs)), updateSink_(updateDecoding_.get()) {}
 
 Agent::~Agent() { stop(); }
 
@@ -75,6 +76,7 @@ std::vector<NeighborStatus> Agent::neighbors() const {
 
 std::string Agent::handleControl(std::string_view request) const {
    if (request == "show neighbors") return neighborsJson(neighbors()).dump();
+   if (request == "show updates") return updateDecoding_->json().dump();
    return nlohmann::json{{"error", "unknown request: " + std::string(request)}}.dump();
 }
 

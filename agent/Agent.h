@@ -12,6 +12,7 @@
 #include "agent/ControlSocket.h"
 #include "agent/EventLoop.h"
 #include "agent/Neighbor.h"
+#include "agent/UpdateDecoding.h"
 
 namespace Flowspecd {
 
@@ -27,8 +28,10 @@ class Agent : public Ovk::PtrInterface {
    // event loop then runs out of work once the last bytes are written.
    void stop();
 
-   // Where UPDATEs go after their framing is checked; null: they are only counted.
+   // Where UPDATEs go after their framing is checked: by default the agent's own decoding
+   // (updateDecoding()); null: they are only counted. Takes effect at start().
    void updateSinkIs(UpdateSink* sink) { updateSink_ = sink; }
+   UpdateDecoding const& updateDecoding() const { return *updateDecoding_; }
    std::vector<NeighborStatus> neighbors() const;
    // Answers one control request line.
    std::string handleControl(std::string_view request) const;
@@ -43,6 +46,8 @@ class Agent : public Ovk::PtrInterface {
    Logger& logger_;
    Ovk::Ptr<EventLoopScheduler> scheduler_;
    Ovk::Ptr<AsioConnector> connector_;
+   // Before the neighbors, which hold it as their UPDATE sink: it outlives them.
+   std::unique_ptr<UpdateDecoding> updateDecoding_;
    std::vector<Ovk::Ptr<AsioListener>> listeners_;
    Ovk::Ptr<ControlServer> control_;
    std::vector<Ovk::Ptr<Neighbor>> neighbors_;

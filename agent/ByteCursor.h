@@ -1,6 +1,7 @@
 // Bounds-checked reading and writing of network byte order.
 //
-// ByteCursor reads from a view it does not own. Every read either succeeds and advances, or
+// ByteCursor reads from a view it does not own, through the host's packet position
+// (host/bgp/BgpParse.h), the one bounds-checked reader of the project. Every read either succeeds and advances, or
 // fails, returns false and leaves the position where it was. sub(n) splits off a cursor over
 // the next n bytes (for a field bounded by a length) and advances past them.
 #pragma once
@@ -10,6 +11,8 @@
 #include <span>
 #include <vector>
 
+#include "host/bgp/BgpParse.h"
+
 namespace Flowspecd {
 
 using Bytes = std::vector<std::uint8_t>;
@@ -17,39 +20,19 @@ using ByteView = std::span<std::uint8_t const>;
 
 class ByteCursor {
  public:
-   explicit ByteCursor(ByteView bytes) : bytes_(bytes) {}
+   explicit ByteCursor(ByteView bytes) : size_(bytes.size()), pos_(bytes) {}
 
-   std::size_t remaining() const { return bytes_.size() - pos_; }
-   std::size_t position() const { return pos_; }
+   std::size_t remaining() const { return pos_.dataLeft(); }
+   std::size_t position() const { return size_ - remaining(); }
    bool empty() const { return remaining() == 0; }
    // The bytes not read yet.
-   ByteView rest() const { return bytes_.subspan(pos_); }
+   ByteView rest() const { return pos_.rest(); }
 
-   bool u8(std::uint8_t& v) {
-      if (remaining() < 1) return false;
-      v = bytes_[pos_++];
-      return true;
-   }
-   bool u16(std::uint16_t& v) {
-      if (remaining() < 2) return false;
-      v = static_cast<std::uint16_t>((bytes_[pos_] << 8) | bytes_[pos_ + 1]);
-      pos_ += 2;
-      return true;
-   }
-   bool u32(std::uint32_t& v) {
-      if (remaining() < 4) return false;
-      v = (std::uint32_t{bytes_[pos_]} << 24) | (std::uint32_t{bytes_[pos_ + 1]} << 16) |
-          (std::uint32_t{bytes_[pos_ + 2]} << 8) | std::uint32_t{bytes_[pos_ + 3]};
-      pos_ += 4;
-      return true;
-   }
+   bool u8(std::uint8_t& v) { return pos_.consumeU8(&v); }
+   bool u16(std::uint16_t& v) { return pos_.consumeU16ntoh(&v); }
+   bool u32(std::uint32_t& v) { return pos_.consumeU32ntoh(&v); }
    // A view of the next n bytes; advances past them.
-   bool view(std::size_t n, ByteView& v) {
-      if (remaining() < n) return false;
-      v = bytes_.subspan(pos_, n);
-      pos_ += n;
-      return true;
-   }
+   bool view(std::size_t n, ByteView& v) { return pos_.consumeView(n, &v); }
    // A cursor over the next n bytes; advances past them.
    bool sub(std::size_t n, ByteCursor& c) {
       ByteView v;
@@ -57,15 +40,11 @@ class ByteCursor {
       c = ByteCursor(v);
       return true;
    }
-   bool skip(std::size_t n) {
-      if (remaining() < n) return false;
-      pos_ += n;
-      return true;
-   }
+   bool skip(std::size_t n) { return pos_.consumeView(n, nullptr); }
 
  private:
-   ByteView bytes_;
-   std::size_t pos_ = 0;
+   std::size_t size_;
+   Routing::Bgp::BgpParsePktPosition pos_;
 };
 
 // Appends network byte order to a byte vector.

@@ -22,6 +22,9 @@ std::chrono::seconds seconds(std::uint32_t s) { return std::chrono::seconds(s); 
 
 } // namespace
 
+void UpdateSink::handleEstablished(Neighbor const&, Negotiated const&) {}
+void UpdateSink::handleSessionDown(Neighbor const&) {}
+
 char const* stateName(BgpState s) {
    switch (s) {
    case BgpState::idle: return "Idle";
@@ -376,17 +379,23 @@ void Neighbor::handleEstablished(Connection& c) {
    noteState();
    log("session established: families " + familiesText(c.negotiated.families) + ", hold time " +
        std::to_string(c.negotiated.holdTime) + ", keepalive " + std::to_string(c.negotiated.keepaliveTime));
+   if (deps_.updates) deps_.updates->handleEstablished(*this, c.negotiated);
    // RFC 4724 section 2: End-of-RIB after the initial updates, of which there are none yet.
    for (auto const f : c.negotiated.families) send(c, encodeEndOfRib(f), MessageType::update);
 }
 
 void Neighbor::handleUpdate(Connection& c, Message const& m) {
    auto summary = summarizeUpdate(m.body());
-   if (!summary) {
+   // Without a decoder the summary's framing checks decide; with one, the decoder does.
+   if (!summary && !deps_.updates) {
       drop(c, summary.reason(), "");
       return;
    }
    restartHoldTimer(c);
+   if (!summary) {
+      if (auto n = deps_.updates->handleUpdate(*this, m, nullptr)) drop(c, *n, "");
+      return;
+   }
    UpdateSummary const& s = summary.value();
    if (auto eor = s.endOfRib()) {
       ++counters_.endOfRibIn[*eor];
@@ -402,7 +411,7 @@ void Neighbor::handleUpdate(Connection& c, Message const& m) {
       for (auto const f : families) ++counters_.familyUpdatesIn[f];
    }
    if (deps_.updates) {
-      if (auto n = deps_.updates->handleUpdate(*this, m, s)) drop(c, *n, "");
+      if (auto n = deps_.updates->handleUpdate(*this, m, &s)) drop(c, *n, "");
    }
 }
 
@@ -424,7 +433,10 @@ void Neighbor::drop(Connection& c, std::optional<Notification> notify, std::stri
    c.keepaliveTimer.reset();
    c.transport->close();
    connections_.erase(std::remove(connections_.begin(), connections_.end(), keep), connections_.end());
-   if (wasEstablished) log("session down");
+   if (wasEstablished) {
+      log("session down");
+      if (deps_.updates) deps_.updates->handleSessionDown(*this);
+   }
    if (connections_.empty()) {
       afterConnectionsGone();
    } else {

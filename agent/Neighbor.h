@@ -47,10 +47,17 @@ class Neighbor;
 // decoder plugs in here.
 class UpdateSink {
  public:
-   // `update` is the whole message, header included. A NOTIFICATION in the answer resets
+   // `update` is the whole message, header included. `summary` is null when the message's
+   // attributes could not be framed: with a sink the decision is the sink's (RFC 7606 treats
+   // some of those errors as withdrawals, not resets). A NOTIFICATION in the answer resets
    // the session with it.
    virtual std::optional<Notification> handleUpdate(Neighbor const& from, Message const& update,
-                                                    UpdateSummary const& summary) = 0;
+                                                    UpdateSummary const* summary) = 0;
+   // A session of `from` reached Established with what both OPENs agreed on; UPDATEs of it
+   // follow. By default nothing.
+   virtual void handleEstablished(Neighbor const& from, Negotiated const& negotiated);
+   // The established session of `from` ended. By default nothing.
+   virtual void handleSessionDown(Neighbor const& from);
    virtual ~UpdateSink() = default;
 };
 

@@ -5,7 +5,10 @@
 #     neighbor 127.0.0.2), with a second flowspecd as that neighbor, for DEMO_SECONDS
 #     (default 20) or until Ctrl-C; `flowspec show neighbors` shows the session;
 #  3. `flowspec decode` on flowspec NLRI that GoBGP, BIRD and ExaBGP sent (the bundled
-#     samples in tools/flowspec/samples), and `flowspec encode` of a rule read back.
+#     samples in tools/flowspec/samples), and `flowspec encode` of a rule read back;
+#  4. `flowspec decode` on whole UPDATE messages of real speakers: a packet capture of
+#     sessions between GoBGP, BIRD, ExaBGP and FRR, an MRT dump of every UPDATE the first
+#     three sent, and GoBGP's corrupted long rule.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -85,3 +88,16 @@ echo
 echo "== flowspec encode: rule text to NLRI, read back as JSON"
 "$tool" encode --afi 1 "destination 192.0.2.0/24 protocol udp source-port 53 packet-length >=1000" |
   "$tool" decode --afi 1 --json -
+echo
+echo "== flowspec decode --pcap: UPDATEs of sessions between GoBGP, BIRD, ExaBGP and FRR (tools/flowspec/samples/peers.pcap)"
+"$tool" decode --pcap tools/flowspec/samples/peers.pcap
+echo
+echo "== flowspec decode --mrt: every UPDATE GoBGP, BIRD and ExaBGP sent (tools/flowspec/samples/speakers.mrt), the first ones"
+report="$work/speakers.txt"
+"$tool" decode --mrt tools/flowspec/samples/speakers.mrt >"$report" || true
+head -n 24 "$report"
+echo "..."
+tail -n 1 "$report"
+echo
+echo "== flowspec decode --update: GoBGP's long rule, whose length field it corrupts; a receiver resets the session"
+"$tool" decode --update "$(head -n 1 tools/flowspec/samples/gobgp-long-rule.hex)" || true

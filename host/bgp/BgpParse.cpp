@@ -8,6 +8,14 @@ namespace Routing::Bgp {
 
 // ---- BgpParsePktPosition ----
 
+BgpParsePktPosition BgpParsePktPosition::declared(std::span<std::uint8_t const> packet,
+                                                  std::size_t declaredLength) noexcept {
+   std::size_t const received = std::min(packet.size(), declaredLength);
+   BgpParsePktPosition p(packet.first(received));
+   p.undelivered_ = declaredLength - received;
+   return p;
+}
+
 bool BgpParsePktPosition::consumeIpv4GenAddress(Ovnet::IpGenAddr* addr) noexcept {
    BytePtrConst const b = consumeData(4);
    if (!b) return false;
@@ -27,6 +35,40 @@ bool BgpParsePktPosition::consumeIpv6GenAddress(Ovnet::IpGenAddr* addr) noexcept
 std::string toStrep(BgpParseCountReason reason) {
    switch (reason) {
     case BgpParseCountReason::none: return "none";
+    case BgpParseCountReason::updateHeaderShort: return "updateHeaderShort";
+    case BgpParseCountReason::updateMarker: return "updateMarker";
+    case BgpParseCountReason::updateLength: return "updateLength";
+    case BgpParseCountReason::updateType: return "updateType";
+    case BgpParseCountReason::withdrawnRoutesLength: return "withdrawnRoutesLength";
+    case BgpParseCountReason::pathAttributesLength: return "pathAttributesLength";
+    case BgpParseCountReason::withdrawnRoutesInvalid: return "withdrawnRoutesInvalid";
+    case BgpParseCountReason::nlriInvalid: return "nlriInvalid";
+    case BgpParseCountReason::attributeHeaderShort: return "attributeHeaderShort";
+    case BgpParseCountReason::attributeLengthOverrun: return "attributeLengthOverrun";
+    case BgpParseCountReason::attributeFlags: return "attributeFlags";
+    case BgpParseCountReason::attributeDuplicate: return "attributeDuplicate";
+    case BgpParseCountReason::mpAttributeDuplicate: return "mpAttributeDuplicate";
+    case BgpParseCountReason::unrecognizedWellKnown: return "unrecognizedWellKnown";
+    case BgpParseCountReason::originLength: return "originLength";
+    case BgpParseCountReason::originValue: return "originValue";
+    case BgpParseCountReason::asPathMalformed: return "asPathMalformed";
+    case BgpParseCountReason::nextHopLength: return "nextHopLength";
+    case BgpParseCountReason::medLength: return "medLength";
+    case BgpParseCountReason::localPrefLength: return "localPrefLength";
+    case BgpParseCountReason::localPrefFromExternal: return "localPrefFromExternal";
+    case BgpParseCountReason::atomicAggregateLength: return "atomicAggregateLength";
+    case BgpParseCountReason::aggregatorLength: return "aggregatorLength";
+    case BgpParseCountReason::communitiesLength: return "communitiesLength";
+    case BgpParseCountReason::extCommunitiesLength: return "extCommunitiesLength";
+    case BgpParseCountReason::ipv6ExtCommunitiesLength: return "ipv6ExtCommunitiesLength";
+    case BgpParseCountReason::mpReachShort: return "mpReachShort";
+    case BgpParseCountReason::mpReachNexthopOverrun: return "mpReachNexthopOverrun";
+    case BgpParseCountReason::mpUnreachShort: return "mpUnreachShort";
+    case BgpParseCountReason::mpFamilyWithoutRule: return "mpFamilyWithoutRule";
+    case BgpParseCountReason::missingOrigin: return "missingOrigin";
+    case BgpParseCountReason::missingAsPath: return "missingAsPath";
+    case BgpParseCountReason::missingNextHop: return "missingNextHop";
+    case BgpParseCountReason::nlriPathIdShort: return "nlriPathIdShort";
     case BgpParseCountReason::flowspecNlriLenMissing: return "flowspecNlriLenMissing";
     case BgpParseCountReason::flowspecNlriLenMismatch: return "flowspecNlriLenMismatch";
     case BgpParseCountReason::flowspecComponentTypeMissing: return "flowspecComponentTypeMissing";
@@ -46,6 +88,11 @@ std::string toStrep(BgpParseCountReason reason) {
 }
 
 std::ostream& operator<<(std::ostream& os, BgpParseCountReason reason) { return os << toStrep(reason); }
+
+void BgpParseHeaderAndMessageBase::clear() {
+   counts_.clear();
+   lastReason_ = BgpParseCountReason::none;
+}
 
 void BgpParseHeaderAndMessageBase::countReasonIs(BgpParseCountReason reason) {
    lastReason_ = reason;

@@ -33,11 +33,18 @@ using BytePtrConst = std::uint8_t const*;
 // A read cursor over one attribute's bytes. Every read is bounds-checked: it either reads
 // all it was asked for and advances, or reads nothing, returns false (or null) and leaves the
 // position where it was. Integers are read in network byte order.
+//
+// A position may declare more bytes than the packet holds (a length field that claims more
+// than was received): bytesLeft() then counts the declared bytes, while reads still stop at
+// the packet's end. Rules that take their field's length from bytesLeft() thus find a field
+// cut short as a failed read, never as a read past the packet.
 class BgpParsePktPosition {
  public:
    BgpParsePktPosition(BytePtrConst begin, BytePtrConst end) noexcept : pos_(begin), end_(end) {}
    explicit BgpParsePktPosition(std::span<std::uint8_t const> bytes) noexcept
        : BgpParsePktPosition(bytes.data(), bytes.data() + bytes.size()) {}
+   // A position over `declaredLength` bytes of which only those in `packet` were received.
+   static BgpParsePktPosition declared(std::span<std::uint8_t const> packet, std::size_t declaredLength) noexcept;
 
    // Inline: parse rules call these for nearly every byte of an UPDATE.
    bool consumeU8(std::uint8_t* v) noexcept {
@@ -50,10 +57,25 @@ class BgpParsePktPosition {
    bool consumeU64ntoh(std::uint64_t* v) noexcept { return consumeBigEndian(v); }
    // The next `n` bytes, consumed; null when fewer are left.
    BytePtrConst consumeData(std::size_t n) noexcept {
-      if (n > bytesLeft()) return nullptr;
+      if (n > dataLeft()) return nullptr;
       BytePtrConst const p = pos_;
       pos_ += n;
       return p;
+   }
+   // The same as a view (`view` may be null: the bytes are skipped); false, and `view`
+   // untouched, when fewer are left. Unlike consumeData, reads zero bytes of an empty view.
+   bool consumeView(std::size_t n, std::span<std::uint8_t const>* view) noexcept {
+      if (n > dataLeft()) return false;
+      if (view) *view = {pos_, n};
+      pos_ += n;
+      return true;
+   }
+   // A position over the next `n` bytes, which this one skips; false when fewer are left.
+   bool consumeSubPosition(std::size_t n, BgpParsePktPosition* sub) noexcept {
+      std::span<std::uint8_t const> v;
+      if (!consumeView(n, &v)) return false;
+      *sub = BgpParsePktPosition(v);
+      return true;
    }
    // A 4- or 16-byte address in network order.
    bool consumeIpv4GenAddress(Ovnet::IpGenAddr* addr) noexcept;
@@ -62,7 +84,12 @@ class BgpParsePktPosition {
    // The next unread byte (the end when none is left).
    BytePtrConst currentPosition() const noexcept { return pos_; }
    BytePtrConst end() const noexcept { return end_; }
-   std::size_t bytesLeft() const noexcept { return static_cast<std::size_t>(end_ - pos_); }
+   // The bytes declared and not read yet (see above).
+   std::size_t bytesLeft() const noexcept { return dataLeft() + undelivered_; }
+   // The bytes received and not read yet.
+   std::size_t dataLeft() const noexcept { return static_cast<std::size_t>(end_ - pos_); }
+   // The received bytes not read yet, as a view.
+   std::span<std::uint8_t const> rest() const noexcept { return {pos_, dataLeft()}; }
 
  private:
    template <class T>
@@ -77,17 +104,55 @@ class BgpParsePktPosition {
 
    BytePtrConst pos_;
    BytePtrConst end_;
+   std::size_t undelivered_ = 0; // declared bytes beyond end_
 };
 
 // Settings of the UPDATE parser shared by all rules of a session.
 struct BgpParseControl {
    // NLRI carry a path identifier (RFC 7911 section 3), as negotiated for the family.
    bool addPathReceive = false;
+   friend bool operator==(BgpParseControl const&, BgpParseControl const&) = default;
 };
 
 // Why a part of an UPDATE could not be parsed; counted per UPDATE and per session.
 enum class BgpParseCountReason : std::uint16_t {
    none = 0,
+   // The UPDATE message decoder (RFC 4271 section 6.3, RFC 7606); BgpUpdateDecoder.h says
+   // what each one does to the UPDATE.
+   updateHeaderShort = 1,        // fewer bytes than the BGP header
+   updateMarker = 2,             // the marker is not all ones
+   updateLength = 3,             // the length field disagrees with the message
+   updateType = 4,               // not an UPDATE
+   withdrawnRoutesLength = 5,    // the withdrawn routes run past the message
+   pathAttributesLength = 6,     // the path attributes run past the message
+   withdrawnRoutesInvalid = 7,   // a withdrawn IPv4 prefix longer than 32 bits or cut short
+   nlriInvalid = 8,              // the same in the NLRI field
+   attributeHeaderShort = 9,     // bytes left that cannot hold an attribute header
+   attributeLengthOverrun = 10,  // an attribute runs past the path attributes
+   attributeFlags = 11,          // Optional / Transitive bits wrong for a known attribute
+   attributeDuplicate = 12,      // an attribute other than MP_(UN)REACH_NLRI a second time
+   mpAttributeDuplicate = 13,    // MP_REACH_NLRI or MP_UNREACH_NLRI a second time
+   unrecognizedWellKnown = 14,   // an attribute without the Optional bit that is not known
+   originLength = 15,
+   originValue = 16,
+   asPathMalformed = 17,
+   nextHopLength = 18,
+   medLength = 19,
+   localPrefLength = 20,
+   localPrefFromExternal = 21,   // LOCAL_PREF from an external peer
+   atomicAggregateLength = 22,
+   aggregatorLength = 23,
+   communitiesLength = 24,
+   extCommunitiesLength = 25,
+   ipv6ExtCommunitiesLength = 26,
+   mpReachShort = 27,            // no room for AFI, SAFI, next-hop length and reserved byte
+   mpReachNexthopOverrun = 28,   // the next hop runs past the attribute (no family rule)
+   mpUnreachShort = 29,          // no room for AFI and SAFI
+   mpFamilyWithoutRule = 30,     // NLRI of a family nobody parses: skipped
+   missingOrigin = 31,
+   missingAsPath = 32,
+   missingNextHop = 33,
+   nlriPathIdShort = 34,         // RFC 7911: no room for a path identifier
    // Flowspec NLRI (RFC 8955 section 4, RFC 8956 section 3).
    flowspecNlriLenMissing = 215,       // no length field, or no second length byte
    flowspecNlriLenMismatch = 216,      // the length runs past the attribute, or a component past the length
@@ -114,6 +179,8 @@ std::ostream& operator<<(std::ostream& os, BgpParseCountReason reason);
 class BgpParseHeaderAndMessageBase : public Ovk::PtrInterface {
  public:
    void countReasonIs(BgpParseCountReason reason);
+   // Forgets every count, for the next message.
+   void clear();
    // How often `reason` was counted.
    std::uint32_t count(BgpParseCountReason reason) const;
    std::uint32_t totalCount() const;

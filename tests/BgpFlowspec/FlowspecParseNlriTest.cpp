@@ -470,3 +470,178 @@ TEST(FlowspecParseNlriDeathTest, Assertions) {
 }
 
 } // namespace
+
+// ---- The next-hop rule ----
+
+namespace {
+
+// The default VRF's flowspec tables of both families with next-hop tables, a parse context
+// per family, a next-hop rule per family and one scratchpad.
+struct NextHopEnv {
+   NextHopEnv() {
+      for (bool v6 : {false, true}) {
+         AfiSafi const family = v6 ? AfiSafi::ipv6Flowspec() : AfiSafi::ipv4Flowspec();
+         nexthops[v6] = flowspecGenNexthopDedupTableFactory(BgpL3VrfId::defaultVrfId(), family,
+                                                            flowspecGenNexthopLifeTimeNotifieeFactory(false, nullptr, "bgp"),
+                                                            nullptr);
+         vrf->dedupTablesVrfAfiSafiIs(Ovk::makePtr<DedupTablesVrfAfiSafi>(
+             family, flowspecRouteKeyDedupTableFactory(family, BgpL3VrfId::defaultVrfId()), nexthops[v6]));
+         contexts[v6] = Ovk::makePtr<BgpParseContext>(vrf, v6 ? "test v6" : "test v4");
+         rules[v6] = Ovk::makePtr<FlowspecParseUpdateNextHopRule>(BgpParseControl{}, family);
+      }
+   }
+   // Runs the rule over a field of `declared` bytes of which `hex` were received.
+   BgpNotificationErrorUpdateMessageSubcode run(bool v6, std::string_view hex, std::size_t declared) {
+      Bytes const bytes = fromHex(hex);
+      BgpParsePktPosition pos = BgpParsePktPosition::declared(bytes, declared);
+      BgpParsePktPosition* p = &pos;
+      return rules[v6]->inhale(contexts[v6], p, scratchpad);
+   }
+   BgpNotificationErrorUpdateMessageSubcode run(bool v6, std::string_view hex) {
+      return run(v6, hex, fromHex(hex).size());
+   }
+   FlowspecGenNexthop const* nexthop() const {
+      return dynamic_cast<FlowspecGenNexthop const*>(scratchpad->nexthop().ptr());
+   }
+
+   Ovk::Ptr<DedupTablesVrf> vrf = Ovk::makePtr<DedupTablesVrf>(BgpL3VrfId::defaultVrfId());
+   Ovk::Ptr<FlowspecGenNexthopDedupTable> nexthops[2];
+   Ovk::Ptr<BgpParseContext> contexts[2];
+   Ovk::Ptr<FlowspecParseUpdateNextHopRule> rules[2];
+   Ovk::Ptr<BgpParseUpdateAttributesScratchpad> scratchpad =
+       Ovk::makePtr<BgpParseUpdateAttributesScratchpad>(BgpParseUpdateResults::create());
+};
+
+constexpr auto kAccepted = BgpNotificationErrorUpdateMessageSubcode::noError;
+
+} // namespace
+
+TEST(FlowspecParseNextHopTest, AcceptedFields) {
+   struct Case {
+      char const* name;
+      bool v6;
+      char const* field;
+      char const* addr;  // "" when the next hop has none
+      char const* bytes; // raw bytes kept
+   };
+   Case const cases[] = {
+       {"IPv4 address", false, "c0000201", "192.0.2.1", ""},
+       {"IPv6 address", true, "20010db8000000000000000000000049", "2001:db8::49", ""},
+       {"IPv6 address in the IPv4 family", false, "20010db8000000000000000000000049", "",
+        "20010db8000000000000000000000049"},
+       {"IPv4 address in the IPv6 family", true, "c0000201", "", "c0000201"},
+       {"global and link-local: no link-local handling", true,
+        "20010db8000000000000000000000049fe800000000000000000000000000001", "",
+        "20010db8000000000000000000000049fe800000000000000000000000000001"},
+       {"odd length", false, "c000020101", "", "c000020101"},
+   };
+   for (Case const& c : cases) {
+      SCOPED_TRACE(c.name);
+      NextHopEnv env;
+      Ovk::TraceCapture trace(flowspecTraceFacility());
+      ASSERT_EQ(env.run(c.v6, c.field), kAccepted);
+      FlowspecGenNexthop const* nh = env.nexthop();
+      ASSERT_NE(nh, nullptr);
+      EXPECT_EQ(nh->afi(), c.v6 ? Afi::afiIpv6 : Afi::afiIpv4);
+      EXPECT_EQ(nh->addr().isUnspecified() ? "" : nh->addr().str(), c.addr);
+      EXPECT_EQ(toHex(nh->nexthopBytes().span()), c.bytes);
+      EXPECT_EQ(nh->dedupState(), Ovk::dedupHandleStateDeduped());
+      EXPECT_EQ(trace.contains(std::string("Received a non-empty, but invalid IP-address nexthop 0x") + c.bytes, 4),
+                *c.bytes != '\0');
+      EXPECT_EQ(env.scratchpad->results()->totalCount(), 0u);
+   }
+}
+
+TEST(FlowspecParseNextHopTest, EmptyFieldGivesTheTablesEmptyNexthop) {
+   NextHopEnv env;
+   for (bool v6 : {false, true}) {
+      ASSERT_EQ(env.run(v6, ""), kAccepted);
+      EXPECT_EQ(env.scratchpad->nexthop().ptr(), env.nexthops[v6]->emptyNexthop().ptr());
+   }
+}
+
+TEST(FlowspecParseNextHopTest, EqualFieldsShareOneNexthopAndReplacingReleases) {
+   NextHopEnv env;
+   std::size_t const markers = env.nexthops[0]->size();
+   ASSERT_EQ(env.run(false, "c0000201"), kAccepted);
+   Ovk::Ptr<GenNexthop const> first = env.scratchpad->nexthop();
+   ASSERT_EQ(env.run(false, "c0000201"), kAccepted);
+   EXPECT_EQ(env.scratchpad->nexthop().ptr(), first.ptr());
+   EXPECT_EQ(env.nexthops[0]->size(), markers + 1);
+   // The table is looked up once per context.
+   EXPECT_EQ(env.contexts[0]->flowspecNexthopDedupTableRawPtr(), env.nexthops[0].ptr());
+   ASSERT_EQ(env.run(false, "c0000202"), kAccepted);
+   EXPECT_NE(env.scratchpad->nexthop().ptr(), first.ptr());
+   EXPECT_EQ(env.nexthops[0]->size(), markers + 2);
+   // The scratchpad let go of the first next hop: when this test does too, it leaves the
+   // table.
+   first = nullptr;
+   EXPECT_EQ(env.nexthops[0]->size(), markers + 1);
+}
+
+TEST(FlowspecParseNextHopTest, FieldLongerThanThePacket) {
+   NextHopEnv env;
+   ASSERT_EQ(env.run(false, "c0000201"), kAccepted);
+   Ovk::Ptr<GenNexthop const> const before = env.scratchpad->nexthop();
+   for (bool v6 : {false, true}) {
+      Ovk::TraceCapture trace(flowspecTraceFacility());
+      // An address's length, and any other, cut short.
+      EXPECT_EQ(env.run(v6, "c00002", v6 ? 16 : 4), BgpNotificationErrorUpdateMessageSubcode::optionalAttributeError);
+      EXPECT_TRUE(trace.contains(std::string("Could not read next-hop data of length ") + (v6 ? "16" : "4"), 3));
+      EXPECT_EQ(env.run(v6, "c00002", 7), BgpNotificationErrorUpdateMessageSubcode::optionalAttributeError);
+      EXPECT_EQ(env.scratchpad->nexthop().ptr(), before.ptr());
+   }
+   EXPECT_EQ(env.scratchpad->results()->count(Reason::flowspecNexthopShort), 4u);
+}
+
+TEST(FlowspecParseNextHopDeathTest, VrfWithoutTheFamilysNexthopTable) {
+   NextHopEnv env;
+   env.vrf->dedupTablesVrfAfiSafiIs(Ovk::makePtr<DedupTablesVrfAfiSafi>(AfiSafi::ipv4Flowspec(), nullptr, nullptr));
+   EXPECT_DEATH(env.run(false, ""), "Assertion `nexthopDedupTable != nullptr' failed");
+}
+
+// ---- The parse plugin state machine ----
+
+TEST(FlowspecParsePluginSmTest, ServesInstancesPresentAtConstructionBeforeAnyNotification) {
+   auto collections = BgpParseRuleCollections::create(AfiSafi::ipv6Flowspec());
+   collections->updateMessageRuleInstanceIs({AfiSafi::ipv6Flowspec(), false}, {});
+   collections->mpReachNlriNextHopRuleInstanceIs({AfiSafi::ipv6Flowspec()}, {});
+   Ovk::TraceCapture trace(flowspecTraceFacility());
+   auto sm = Ovk::makePtr<FlowspecParsePluginSm>(collections, AfiSafi::ipv6Flowspec());
+   EXPECT_FALSE(sm->notificationActive());
+   auto const* nlri = dynamic_cast<FlowspecParseUpdateNlriRule const*>(
+       collections->nlriSubRule({AfiSafi::ipv6Flowspec(), false}));
+   ASSERT_NE(nlri, nullptr);
+   EXPECT_EQ(nlri->afiSafi(), AfiSafi::ipv6Flowspec());
+   auto const* nexthop = dynamic_cast<FlowspecParseUpdateNextHopRule const*>(
+       collections->nextHopSubRule({AfiSafi::ipv6Flowspec()}));
+   ASSERT_NE(nexthop, nullptr);
+   EXPECT_EQ(nexthop->afiSafi(), AfiSafi::ipv6Flowspec());
+   EXPECT_TRUE(trace.contains("FlowspecParsePluginSm(ipv6Flowspec) ruleKey: ipv6Flowspec", 8));
+   // Without notification later instances wait.
+   collections->updateMessageRuleInstanceIs({AfiSafi::ipv6Flowspec(), true}, {.addPathReceive = true});
+   EXPECT_EQ(collections->nlriSubRules(), 1u);
+}
+
+TEST(FlowspecParsePluginSmTest, FactoryListensAndRulesCarryTheMachinesFamily) {
+   auto collections = BgpParseRuleCollections::create(AfiSafi::ipv4Flowspec());
+   auto sm = flowspecParsePluginSmFactory(collections, AfiSafi::ipv4Flowspec());
+   EXPECT_TRUE(sm->notificationActive());
+   collections->updateMessageRuleInstanceIs({AfiSafi::ipv4Flowspec(), true}, {.addPathReceive = true});
+   auto const* rule = dynamic_cast<FlowspecParseUpdateNlriRule const*>(
+       collections->nlriSubRule({AfiSafi::ipv4Flowspec(), true}));
+   ASSERT_NE(rule, nullptr);
+   EXPECT_TRUE(rule->parseControl().addPathReceive);
+   // Whatever family a key names, the rules parse the machine's own.
+   sm->instantiateNlriSubRule({AfiSafi::ipv6Flowspec(), false}, {});
+   sm->instantiateNextHopSubRule({AfiSafi::ipv6Flowspec()}, {});
+   auto const* other = dynamic_cast<FlowspecParseUpdateNlriRule const*>(
+       collections->nlriSubRule({AfiSafi::ipv6Flowspec(), false}));
+   ASSERT_NE(other, nullptr);
+   EXPECT_EQ(other->afiSafi(), AfiSafi::ipv4Flowspec());
+   auto const* otherNexthop = dynamic_cast<FlowspecParseUpdateNextHopRule const*>(
+       collections->nextHopSubRule({AfiSafi::ipv6Flowspec()}));
+   ASSERT_NE(otherNexthop, nullptr);
+   EXPECT_EQ(otherNexthop->afiSafi(), AfiSafi::ipv4Flowspec());
+   EXPECT_EQ(sm->fwkType().name(), "Routing::Bgp::FlowspecPlugin::FlowspecParsePluginSm");
+}

@@ -11,34 +11,15 @@
 #include <vector>
 
 #include "BgpFlowspec/FlowspecRouteKey.h"
+#include "tests/host/bgp/UpdateBuilder.h"
 
 namespace FlowspecTest {
 
 using Routing::Bgp::FlowspecPlugin::FlowspecRouteKey;
 using Bytes = std::vector<std::uint8_t>;
 
-inline Bytes fromHex(std::string_view hex) {
-   Bytes out;
-   auto nibble = [](char c) { return static_cast<std::uint8_t>(c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10); };
-   std::string digits;
-   for (char c : hex) {
-      if (c != ' ') digits += c;
-   }
-   for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
-      out.push_back(static_cast<std::uint8_t>(nibble(digits[i]) << 4 | nibble(digits[i + 1])));
-   }
-   return out;
-}
-
-inline std::string toHex(std::span<std::uint8_t const> bytes) {
-   static constexpr char kDigits[] = "0123456789abcdef";
-   std::string out;
-   for (std::uint8_t b : bytes) {
-      out += kDigits[b >> 4];
-      out += kDigits[b & 15];
-   }
-   return out;
-}
+inline Bytes fromHex(std::string_view hex) { return BgpTest::hexBytes(hex); }
+inline std::string toHex(std::span<std::uint8_t const> bytes) { return BgpTest::hexText(bytes); }
 
 inline Ovnet::IpGenPrefix prefix(char const* text) { return *Ovnet::IpGenPrefix::parse(text); }
 

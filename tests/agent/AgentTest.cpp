@@ -89,6 +89,14 @@ TEST(Agent, TwoAgentsPeerAndShowTheirSessions) {
    EXPECT_TRUE(n["uptimeSeconds"].is_number_unsigned());
    EXPECT_EQ(n["remoteRouterId"], "127.0.0.31");
 
+   // The End-of-RIB markers went through the UPDATE decoder.
+   auto const updates = controlRequest(sockB, "show updates", 2s);
+   ASSERT_TRUE(updates.ok());
+   auto const u = nlohmann::json::parse(updates.value());
+   EXPECT_EQ(u["neighbors"][0]["address"], "127.0.0.31");
+   EXPECT_EQ(u["neighbors"][0]["messages"], 2);
+   EXPECT_EQ(u["neighbors"][0]["outcomes"]["accept"], 2);
+
    auto const unknown = controlRequest(sockA, "show everything", 2s);
    ASSERT_TRUE(unknown.ok());
    EXPECT_EQ(nlohmann::json::parse(unknown.value())["error"], "unknown request: show everything");

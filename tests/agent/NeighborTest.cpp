@@ -113,11 +113,16 @@ class Lines : public Logger {
 
 class RecordingSink : public UpdateSink {
  public:
-   std::optional<Notification> handleUpdate(Neighbor const&, Message const& m, UpdateSummary const&) override {
+   std::optional<Notification> handleUpdate(Neighbor const&, Message const& m, UpdateSummary const* s) override {
       updates.push_back(m.bytes);
+      summarized.push_back(s != nullptr);
       return answer;
    }
+   void handleEstablished(Neighbor const&, Negotiated const& n) override { sessions.push_back(n.families.size()); }
+   void handleSessionDown(Neighbor const&) override { sessions.push_back(0); }
    std::vector<Bytes> updates;
+   std::vector<bool> summarized;
+   std::vector<std::size_t> sessions; // families of each session up, 0 for each down
    std::optional<Notification> answer;
 };
 
@@ -140,7 +145,7 @@ class NeighborTest : public testing::Test {
    }
    void make() {
       neighbor = Ovk::makePtr<Neighbor>(config, LocalSpeaker{65001, kLocalId, Ovnet::IpGenAddr::parse("127.0.0.1")},
-                                        Neighbor::Deps{scheduler, connector, &logger, &sink});
+                                        Neighbor::Deps{scheduler, connector, &logger, sinkInUse});
    }
    // Starts an active neighbor and completes its connection.
    Ovk::Ptr<FakeTransport> connectOut() {
@@ -164,6 +169,7 @@ class NeighborTest : public testing::Test {
    Ovk::Ptr<FakeConnector> connector = Ovk::makePtr<FakeConnector>();
    Lines logger;
    RecordingSink sink;
+   UpdateSink* sinkInUse = &sink;
    Ovk::Ptr<Neighbor> neighbor;
 };
 
@@ -247,6 +253,7 @@ TEST_F(NeighborTest, TruncatedMessageEndsInHoldTimerExpiryWhileWaitingForOpen) {
 }
 
 TEST_F(NeighborTest, EveryMessageErrorSendsItsNotification) {
+   sinkInUse = nullptr; // the neighbor's own checks alone
    Bytes wrongMarker = encodeKeepalive();
    wrongMarker[3] = 0;
    Bytes longKeepalive = encodeKeepalive();
@@ -415,11 +422,18 @@ TEST_F(NeighborTest, UpdatesAreCountedPerFamilyAndHandedOn) {
    EXPECT_EQ(c.endOfRibIn, (std::map<AfiSafi, std::uint64_t>{{kIpv4Flowspec, 1}}));
    ASSERT_EQ(sink.updates.size(), 4u);
    EXPECT_EQ(sink.updates[0], v4);
+   // An UPDATE whose attributes cannot be framed goes to the sink too, unsummarised: what it
+   // means (RFC 7606 treat-as-withdraw or a reset) is the decoder's call.
+   t->deliver(hex("ffffffffffffffffffffffffffffffff00200200000009400101004002050201"));
+   EXPECT_EQ(neighbor->state(), BgpState::established);
+   EXPECT_EQ(sink.summarized, (std::vector<bool>{true, true, true, true, false}));
+   EXPECT_EQ(sink.sessions, std::vector<std::size_t>{2});
    // The decoder behind the sink may reset the session.
    sink.answer = Notification{ErrorCode::update, 10, {}};
    t->deliver(v4);
    EXPECT_EQ(t->notification(), (Notification{ErrorCode::update, 10, {}}));
    EXPECT_EQ(neighbor->state(), BgpState::active);
+   EXPECT_EQ(sink.sessions, (std::vector<std::size_t>{2, 0}));
 }
 
 TEST_F(NeighborTest, RouteRefreshIsAcceptedWhenEstablished) {

@@ -2,10 +2,16 @@
 // when the only argument is "-") is the NLRI field of one attribute; the NLRI parse rule
 // reads one NLRI from it. Prints one line per input, or one JSON object per line. Exit
 // status: 0 when every input decoded, 1 when one did not, 2 on bad hex.
+//
+// flowspec decode [--json] --update HEX | --mrt FILE | --pcap FILE (each may repeat): whole
+// UPDATE messages, from the command line, an MRT dump or a packet capture, through the
+// host's UPDATE decoder and the flowspec plugin (DecodeUpdate.h). Exit status: 0 when every
+// UPDATE was accepted whole, 1 when one was not, 2 when an input could not be read.
 #include <iostream>
 #include <string>
 #include <vector>
 
+#include "tools/flowspec/DecodeUpdate.h"
 #include "tools/flowspec/NlriCodec.h"
 #include "tools/flowspec/Subcommand.h"
 
@@ -44,14 +50,38 @@ void addDecodeCommand(CLI::App& app, FlowspecTool::Options& options) {
       int afi = 0;
       bool json = false;
       std::vector<std::string> inputs;
+      std::vector<std::string> updates;
+      std::vector<std::string> mrt;
+      std::vector<std::string> pcap;
    };
    auto args = std::make_shared<Args>();
-   CLI::App* cmd = app.add_subcommand("decode", "decode flowspec NLRI given in hex (length field included)");
-   cmd->add_option("--afi", args->afi, "address family: 1 IPv4, 2 IPv6")->required()->check(CLI::IsMember({1, 2}));
-   cmd->add_flag("--json", args->json, "one JSON object per input");
-   cmd->add_option("nlri", args->inputs, "NLRI in hex, or - to read one per line from standard input")->required();
+   CLI::App* cmd = app.add_subcommand(
+       "decode", "decode flowspec NLRI given in hex (length field included), or whole UPDATE messages");
+   cmd->add_option("--afi", args->afi, "address family of the NLRI: 1 IPv4, 2 IPv6")->check(CLI::IsMember({1, 2}));
+   cmd->add_flag("--json", args->json, "one JSON object per NLRI or UPDATE");
+   cmd->add_option("nlri", args->inputs, "NLRI in hex, or - to read one per line from standard input");
+   cmd->add_option("--update", args->updates, "a whole BGP UPDATE message in hex, header included");
+   cmd->add_option("--mrt", args->mrt, "an MRT file of BGP4MP / BGP4MP_ET message records");
+   cmd->add_option("--pcap", args->pcap, "a packet capture of BGP sessions (pcap or pcapng)");
    cmd->callback([args, &options] {
       options.run = [args] {
+         bool const messages = !args->updates.empty() || !args->mrt.empty() || !args->pcap.empty();
+         if (messages) {
+            if (!args->inputs.empty()) {
+               std::cerr << "flowspec decode: give NLRI or messages (--update, --mrt, --pcap), not both\n";
+               return 2;
+            }
+            std::vector<FlowspecTool::UpdateInput> inputs;
+            for (auto const& u : args->updates) inputs.push_back({FlowspecTool::UpdateInput::Kind::hex, u});
+            for (auto const& f : args->mrt) inputs.push_back({FlowspecTool::UpdateInput::Kind::mrt, f});
+            for (auto const& f : args->pcap) inputs.push_back({FlowspecTool::UpdateInput::Kind::pcap, f});
+            return FlowspecTool::decodeUpdates(inputs, args->json, std::cout, std::cerr);
+         }
+         if (args->afi == 0 || args->inputs.empty()) {
+            std::cerr << "flowspec decode: NLRI need --afi 1|2 and at least one NLRI; messages need --update, "
+                         "--mrt or --pcap\n";
+            return 2;
+         }
          std::vector<std::vector<std::uint8_t>> inputs;
          if (!readInputs(args->inputs, inputs)) return 2;
          FlowspecTool::NlriDecoder const decoder(static_cast<Routing::Bgp::Afi>(args->afi));

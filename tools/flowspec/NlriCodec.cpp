@@ -65,20 +65,10 @@ NlriDecoder::NlriDecoder(Afi afi)
 
 NlriDecoder::~NlriDecoder() = default;
 
-Json NlriDecoder::decode(std::span<std::uint8_t const> nlriField) const {
-   BgpParsePktPosition pos(nlriField);
-   BgpParsePktPosition* p = &pos;
-   auto const parsed = rule_->parse(context_, p, results_);
+Json nlriJson(FlowspecRouteKey const& key, std::span<std::uint8_t const> nlri) {
    Json out;
-   out["ok"] = static_cast<bool>(parsed);
-   out["afi"] = static_cast<int>(afi_);
-   if (!parsed) {
-      out["nlri"] = hexOf(nlriField);
-      out["reason"] = static_cast<int>(parsed.reason().reason());
-      out["message"] = parsed.reason().message();
-      return out;
-   }
-   FlowspecRouteKey const& key = *parsed.value();
+   out["ok"] = true;
+   out["afi"] = static_cast<int>(key.afi());
    out["rule"] = key.toStrepCli();
    out["detail"] = key.toStrepCliDetail();
    out["wontExportReason"] = key.wontExportReason().value();
@@ -94,8 +84,27 @@ Json NlriDecoder::decode(std::span<std::uint8_t const> nlriField) const {
    }
    out["components"] = std::move(components);
    out["unrecognizedTail"] = hexOf(key.unrecognizedTail());
-   out["nlri"] = hexOf(nlriField);
+   out["nlri"] = hexOf(nlri);
    out["reencoded"] = nlriHexOf(key);
+   return out;
+}
+
+Json nlriFailureJson(Afi afi, std::span<std::uint8_t const> nlri, FlowspecNlriParseFailure const& failure) {
+   Json out;
+   out["ok"] = false;
+   out["afi"] = static_cast<int>(afi);
+   out["nlri"] = hexOf(nlri);
+   out["reason"] = static_cast<int>(failure.reason());
+   out["message"] = failure.message();
+   return out;
+}
+
+Json NlriDecoder::decode(std::span<std::uint8_t const> nlriField) const {
+   BgpParsePktPosition pos(nlriField);
+   BgpParsePktPosition* p = &pos;
+   auto const parsed = rule_->parse(context_, p, results_);
+   if (!parsed) return nlriFailureJson(afi_, nlriField, parsed.reason());
+   Json out = nlriJson(*parsed.value(), nlriField);
    if (pos.bytesLeft() != 0) out["trailing"] = hexOf(nlriField.last(pos.bytesLeft()));
    return out;
 }

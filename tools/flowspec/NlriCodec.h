@@ -48,6 +48,12 @@ class NlriDecoder {
    Ovk::Ptr<Routing::Bgp::BgpParseUpdateResults> results_;
 };
 
+// The object of NlriDecoder::decode for a key read from `nlri` (without "trailing"), and
+// for an NLRI the rule refused; UPDATE reports list their NLRI this way too.
+Json nlriJson(Routing::Bgp::FlowspecPlugin::FlowspecRouteKey const& key, std::span<std::uint8_t const> nlri);
+Json nlriFailureJson(Routing::Bgp::Afi afi, std::span<std::uint8_t const> nlri,
+                     Routing::Bgp::FlowspecPlugin::FlowspecNlriParseFailure const& failure);
+
 // "ok": true, "afi", "text", "nlri"; or "ok": false, "afi", "text", "message".
 Json encodeRule(Routing::Bgp::Afi afi, std::string_view text);
 

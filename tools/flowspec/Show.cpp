@@ -1,5 +1,6 @@
 // flowspec show neighbors [--json]: the agent's neighbors, as a table or as the agent's
-// JSON answer.
+// JSON answer. flowspec show updates [--json]: what the agent's UPDATE decoder made of each
+// neighbor's UPDATEs (outcomes, per-family counts, rules held, count reasons).
 #include <iomanip>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -45,8 +46,37 @@ void printTable(nlohmann::json const& answer, std::ostream& os) {
    }
 }
 
-int showNeighbors(FlowspecTool::Options const& options, bool json) {
-   auto answer = Flowspecd::controlRequest(options.socketPath, "show neighbors");
+// Lines of the "show updates" answer.
+void printUpdates(nlohmann::json const& answer, std::ostream& os) {
+   for (auto const& n : answer.at("neighbors")) {
+      os << n.at("address").get<std::string>() << ": " << n.at("messages").get<std::uint64_t>() << " UPDATE(s):";
+      char const* sep = " ";
+      for (auto const& [outcome, count] : n.at("outcomes").items()) {
+         os << sep << outcome << ' ' << count.get<std::uint64_t>();
+         sep = ", ";
+      }
+      os << '\n';
+      for (auto const& [family, f] : n.at("families").items()) {
+         os << "  " << family << ": " << f.at("updates").get<std::uint64_t>() << " UPDATE(s), "
+            << f.at("announced").get<std::uint64_t>() << " announced, " << f.at("withdrawn").get<std::uint64_t>()
+            << " withdrawn, " << f.at("refused").get<std::uint64_t>() << " refused, "
+            << f.at("rules").get<std::uint64_t>() << " rule(s) held\n";
+      }
+      if (!n.at("reasons").empty()) {
+         os << "  count reasons:";
+         sep = " ";
+         for (auto const& [reason, count] : n.at("reasons").items()) {
+            os << sep << reason << ' ' << count.get<std::uint64_t>();
+            sep = ", ";
+         }
+         os << '\n';
+      }
+   }
+}
+
+int showAnswer(FlowspecTool::Options const& options, std::string const& request, bool json,
+               void (*print)(nlohmann::json const&, std::ostream&)) {
+   auto answer = Flowspecd::controlRequest(options.socketPath, request);
    if (!answer) {
       std::cerr << "flowspec: " << answer.reason() << '\n';
       return 1;
@@ -65,7 +95,7 @@ int showNeighbors(FlowspecTool::Options const& options, bool json) {
       return 0;
    }
    try {
-      printTable(parsed, std::cout);
+      print(parsed, std::cout);
    } catch (nlohmann::json::exception const& e) {
       std::cerr << "flowspec: unexpected answer from the agent: " << e.what() << '\n';
       return 1;
@@ -80,7 +110,13 @@ void addShowCommand(CLI::App& app, FlowspecTool::Options& options) {
    CLI::Option* json = neighbors->add_flag("--json")->description("print the agent's JSON answer");
    neighbors->callback([&options, json] {
       bool const asJson = json->count() > 0;
-      options.run = [&options, asJson] { return showNeighbors(options, asJson); };
+      options.run = [&options, asJson] { return showAnswer(options, "show neighbors", asJson, printTable); };
+   });
+   auto* updates = show->add_subcommand("updates", "what the UPDATE decoder made of each neighbor's UPDATEs");
+   CLI::Option* updatesJson = updates->add_flag("--json")->description("print the agent's JSON answer");
+   updates->callback([&options, updatesJson] {
+      bool const asJson = updatesJson->count() > 0;
+      options.run = [&options, asJson] { return showAnswer(options, "show updates", asJson, printUpdates); };
    });
 }
 

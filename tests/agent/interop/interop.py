@@ -157,6 +157,13 @@ class Agent:
             raise RuntimeError(r.stderr.strip())
         return {n["address"]: n for n in json.loads(r.stdout)["neighbors"]}
 
+    def updates(self):
+        r = subprocess.run([self.flowspec, "--socket", self.socket, "show", "updates", "--json"],
+                           capture_output=True, text=True, timeout=10)
+        if r.returncode != 0:
+            raise RuntimeError(r.stderr.strip())
+        return {n["address"]: n for n in json.loads(r.stdout)["neighbors"]}
+
     def neighbor(self, address):
         if not self.proc.alive():
             raise Fail("flowspecd exited with status %s" % self.proc.popen.returncode)
@@ -585,6 +592,14 @@ def peer_test(bins, workdir, name, direction):
             n = wait_until(f"{a}: flowspec UPDATEs of both families", lambda a=a: (
                 lambda n: n if all(n["familyUpdatesIn"].get(f, 0) > 0 for f in both) else None)(agent.neighbor(a)), 20)
             log(f"{a}: UPDATEs in {n['updatesIn']}, per family {n['familyUpdatesIn']}, End-of-RIB {n['endOfRibIn']}")
+            # Every UPDATE went through the decoder and the flowspec plugin, whole.
+            u = agent.updates()[a]
+            if u["outcomes"]["accept"] != u["messages"] or any(f["refused"] for f in u["families"].values()):
+                raise Fail(f"{a}: UPDATEs not decoded whole: {u}")
+            if not all(u["families"].get(f, {}).get("rules", 0) > 0 for f in both):
+                raise Fail(f"{a}: no rules held for both families: {u}")
+            log(f"{a}: decoded {u['messages']} UPDATE(s), rules held "
+                f"{ {f: v['rules'] for f, v in u['families'].items()} }")
         results["updates"] = "ok"
 
         before = {a: agent.neighbor(a)["establishedTransitions"] for a in addresses}

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The flowspec tool's command line: exit statuses, standard input, and encode piped into
-# decode. Argument: the flowspec program.
+# decode, whole UPDATE messages. Arguments: the flowspec program, the captures' folder.
 set -u
 tool="$1"
+captures="${2:-}"
 failures=0
 expect() { # expect STATUS DESCRIPTION -- COMMAND...
    local want="$1" what="$2"
@@ -23,6 +24,15 @@ expect 2 "bad family" -- "$tool" decode --afi 3 00
 expect 0 "encode" -- "$tool" encode --afi 2 "destination 2001:db8::/32 flow-label 5"
 expect 1 "encode bad text" -- "$tool" encode --afi 1 "protocol banana"
 expect 0 "help" -- "$tool" decode --help
+update=ffffffffffffffffffffffffffffffff0032020000001b4001010040020602010000fde9800e0b00018500000501180a0000
+expect 0 "decode an UPDATE" -- "$tool" decode --update "$update"
+expect 1 "decode an UPDATE with a bad ORIGIN" -- "$tool" decode --update "${update/40010100/40010103}"
+expect 2 "NLRI and an UPDATE together" -- "$tool" decode --afi 1 00 --update "$update"
+expect 2 "neither NLRI nor messages" -- "$tool" decode --json
+expect 2 "an MRT file that is not there" -- "$tool" decode --mrt /nonexistent.mrt
+if [ -n "$captures" ] && [ -r "$captures/peers-pairs.pcap" ]; then
+   expect 0 "decode a capture" -- "$tool" decode --json --pcap "$captures/peers-pairs.pcap"
+fi
 
 out=$(printf '# comment\n\n020100\n 0e01180a0000022014000001038106\n' | "$tool" decode --afi 1 --json - | wc -l)
 [ "$out" = 2 ] || { echo "FAIL: standard input gave $out lines, expected 2"; failures=$((failures + 1)); }

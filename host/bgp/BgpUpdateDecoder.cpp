@@ -1,0 +1,687 @@
+#include "host/bgp/BgpUpdateDecoder.h"
+
+#include <bitset>
+#include <ostream>
+#include <sstream>
+
+#include "host/fwk/Assert.h"
+
+namespace Routing::Bgp {
+
+namespace {
+
+using Reason = BgpParseCountReason;
+using Subcode = BgpNotificationErrorUpdateMessageSubcode;
+
+constexpr std::size_t kHeaderSize = 19;
+constexpr std::size_t kMinUpdateSize = 23; // header, withdrawn routes length, attribute length
+constexpr std::uint8_t kMessageTypeUpdate = 2;
+
+// NOTIFICATION codes (RFC 4271 section 4.5) and the Message Header Error subcodes.
+constexpr std::uint8_t kMessageHeaderError = 1;
+constexpr std::uint8_t kUpdateMessageError = 3;
+constexpr std::uint8_t kConnectionNotSynchronized = 1;
+constexpr std::uint8_t kBadMessageLength = 2;
+constexpr std::uint8_t kBadMessageType = 3;
+
+// Attribute flags (RFC 4271 section 4.3).
+constexpr std::uint8_t kFlagOptional = 0x80;
+constexpr std::uint8_t kFlagTransitive = 0x40;
+constexpr std::uint8_t kFlagExtendedLength = 0x10;
+
+// AS_PATH segment types (RFC 4271 section 4.3, RFC 5065 section 3).
+constexpr std::uint8_t kAsSet = 1, kAsConfedSequence = 3, kAsConfedSet = 4; // 2 is AS_SEQUENCE
+
+std::uint8_t subcodeByte(Subcode s) { return static_cast<std::uint8_t>(s); }
+
+// The Optional and Transitive bits each known attribute must carry (RFC 7606 section 3.c).
+struct KnownAttribute {
+   bool known = false;
+   bool optional = false;
+   bool transitive = false;
+};
+
+constexpr std::array<KnownAttribute, 256> kKnown = [] {
+   std::array<KnownAttribute, 256> k{};
+   KnownAttribute const wellKnown{true, false, true};
+   KnownAttribute const optionalTransitive{true, true, true};
+   KnownAttribute const optionalNonTransitive{true, true, false};
+   k[BgpAttrType::origin] = wellKnown;
+   k[BgpAttrType::asPath] = wellKnown;
+   k[BgpAttrType::nextHop] = wellKnown;
+   k[BgpAttrType::med] = optionalNonTransitive;
+   k[BgpAttrType::localPref] = wellKnown;
+   k[BgpAttrType::atomicAggregate] = wellKnown;
+   k[BgpAttrType::aggregator] = optionalTransitive;
+   k[BgpAttrType::communities] = optionalTransitive;
+   k[BgpAttrType::mpReachNlri] = optionalNonTransitive;
+   k[BgpAttrType::mpUnreachNlri] = optionalNonTransitive;
+   k[BgpAttrType::extCommunities] = optionalTransitive;
+   k[BgpAttrType::as4Path] = optionalTransitive;
+   k[BgpAttrType::as4Aggregator] = optionalTransitive;
+   k[BgpAttrType::ipv6ExtCommunities] = optionalTransitive;
+   return k;
+}();
+
+// True when the field is a run of well-formed IPv4 prefixes (RFC 7606 section 5.3).
+bool ipv4PrefixesValid(std::span<std::uint8_t const> field) {
+   BgpParsePktPosition pos(field);
+   while (pos.bytesLeft() > 0) {
+      std::uint8_t len = 0;
+      if (!pos.consumeU8(&len) || len > 32) return false;
+      if (!pos.consumeData((len + 7u) / 8u)) return false;
+   }
+   return true;
+}
+
+// True when the AS_PATH value frames into segments of `asWidth`-byte numbers (RFC 7606
+// section 7.2: a known segment type, a non-zero count, no overrun, no byte left over).
+bool asPathValid(std::span<std::uint8_t const> value, std::size_t asWidth) {
+   BgpParsePktPosition pos(value);
+   while (pos.bytesLeft() > 0) {
+      std::uint8_t type = 0;
+      std::uint8_t count = 0;
+      if (!pos.consumeU8(&type) || !pos.consumeU8(&count)) return false;
+      if (type < kAsSet || type > kAsConfedSet || count == 0) return false;
+      if (!pos.consumeData(count * asWidth)) return false;
+   }
+   return true;
+}
+
+// RFC 8955 section 4.1: the size of the flowspec NLRI at `pos` (length field included), or
+// nothing when its length field is cut short or claims more than is left.
+std::optional<std::size_t> flowspecNlriExtent(BgpParsePktPosition pos) {
+   std::uint8_t first = 0;
+   if (!pos.consumeU8(&first)) return std::nullopt;
+   std::size_t len = first;
+   std::size_t fieldBytes = 1;
+   if (first > 0xef) {
+      std::uint8_t second = 0;
+      if (!pos.consumeU8(&second)) return std::nullopt;
+      len = (first - 0xf0u) * 256u + second;
+      fieldBytes = 2;
+   }
+   if (len > pos.bytesLeft()) return std::nullopt;
+   return fieldBytes + len;
+}
+
+// Where an NLRI that a rule refused ends, for the families whose NLRI carry their own
+// length: then the next NLRI can still be found and the UPDATE treated as withdrawn. For
+// others nothing: the rest of the attribute cannot be framed.
+std::optional<std::size_t> nlriExtent(AfiSafi family, BgpParsePktPosition const& pos) {
+   if (family.safi() == Safi::flowspec || family.safi() == Safi::flowspecVpn) return flowspecNlriExtent(pos);
+   return std::nullopt;
+}
+
+// Texts of the decoder's reasons, indexed by their number.
+constexpr std::array<char const*, 35> kTexts = {{
+    "",
+    "message shorter than the BGP header",
+    "marker is not all ones",
+    "length field does not match the message",
+    "message is not an UPDATE",
+    "withdrawn routes length runs past the message",
+    "total path attribute length runs past the message",
+    "withdrawn routes hold an invalid IPv4 prefix",
+    "NLRI field holds an invalid IPv4 prefix",
+    "bytes left too few for an attribute header",
+    "attribute length runs past the path attributes",
+    "attribute flags conflict with the attribute type",
+    "attribute appears more than once",
+    "MP_REACH_NLRI or MP_UNREACH_NLRI appears more than once",
+    "unrecognized well-known attribute",
+    "ORIGIN length is not 1",
+    "ORIGIN value is undefined",
+    "AS_PATH is malformed",
+    "NEXT_HOP length is not 4",
+    "MULTI_EXIT_DISC length is not 4",
+    "LOCAL_PREF length is not 4",
+    "LOCAL_PREF from an external peer",
+    "ATOMIC_AGGREGATE length is not 0",
+    "AGGREGATOR length is wrong",
+    "COMMUNITIES length is not a non-zero multiple of 4",
+    "EXTENDED_COMMUNITIES length is not a non-zero multiple of 8",
+    "IPv6 address specific extended communities length is not a non-zero multiple of 20",
+    "MP_REACH_NLRI too short for its fixed fields",
+    "MP_REACH_NLRI next hop runs past the attribute",
+    "MP_UNREACH_NLRI too short for AFI and SAFI",
+    "NLRI of a family without a parse rule skipped",
+    "ORIGIN missing",
+    "AS_PATH missing",
+    "NEXT_HOP missing",
+    "path identifier cut short",
+}};
+
+} // namespace
+
+char const* toStrep(BgpUpdateAction action) {
+   switch (action) {
+    case BgpUpdateAction::accept: return "accept";
+    case BgpUpdateAction::attributeDiscard: return "attribute-discard";
+    case BgpUpdateAction::treatAsWithdraw: return "treat-as-withdraw";
+    case BgpUpdateAction::sessionReset: return "session-reset";
+   }
+   return "?";
+}
+
+char const* bgpUpdateErrorText(BgpParseCountReason reason) {
+   auto const i = static_cast<std::size_t>(reason);
+   return i < kTexts.size() ? kTexts[i] : "";
+}
+
+std::optional<AfiSafi> BgpParsedUpdate::endOfRib() const {
+   if (action == BgpUpdateAction::sessionReset || !withdrawnRoutes.empty() || !ipv4Nlri.empty()) return std::nullopt;
+   if (pathAttributes.empty()) return AfiSafi(Afi::afiIpv4, Safi::unicast);
+   if (attributeCount == 1 && mpUnreach.present && mpUnreach.nlriBytes == 0) return mpUnreach.afiSafi;
+   return std::nullopt;
+}
+
+void forEachIpv4Prefix(std::span<std::uint8_t const> field,
+                       std::function<void(Ovnet::IpGenAddr const&, std::uint8_t)> const& fn) {
+   BgpParsePktPosition pos(field);
+   std::uint8_t len = 0;
+   while (pos.consumeU8(&len) && len <= 32) {
+      std::size_t const n = (len + 7u) / 8u;
+      BytePtrConst const b = pos.consumeData(n);
+      if (!b) return;
+      std::uint32_t host = 0;
+      for (std::size_t i = 0; i < 4; ++i) host = host << 8 | (i < n ? b[i] : 0u);
+      fn(Ovnet::IpGenAddr::ipv4(host), len);
+   }
+}
+
+std::string asPathText(std::span<std::uint8_t const> value, bool fourOctet) {
+   std::ostringstream os;
+   BgpParsePktPosition pos(value);
+   std::uint8_t type = 0;
+   std::uint8_t count = 0;
+   bool first = true;
+   while (pos.consumeU8(&type) && pos.consumeU8(&count)) {
+      if (!first) os << ' ';
+      first = false;
+      bool const set = type == kAsSet || type == kAsConfedSet;
+      char const* const open = type == kAsSet ? "{" : type == kAsConfedSequence ? "(" : type == kAsConfedSet ? "[" : "";
+      char const* const close = type == kAsSet ? "}" : type == kAsConfedSequence ? ")" : type == kAsConfedSet ? "]" : "";
+      os << open;
+      for (std::uint8_t i = 0; i < count; ++i) {
+         std::uint32_t as = 0;
+         if (fourOctet) {
+            if (!pos.consumeU32ntoh(&as)) return os.str();
+         } else {
+            std::uint16_t as2 = 0;
+            if (!pos.consumeU16ntoh(&as2)) return os.str();
+            as = as2;
+         }
+         if (i) os << (set ? "," : " ");
+         os << as;
+      }
+      os << close;
+   }
+   return os.str();
+}
+
+// ---- One decode ----
+
+// The state of decoding one message. Each RFC 7606 decision ends in one of discard(),
+// withdraw() or reset(); reset() stops the decoding.
+class BgpUpdateDecoder::Run {
+ public:
+   Run(BgpUpdateDecoder& decoder, std::span<std::uint8_t const> message)
+       : d_(decoder), out_(decoder.parsed_), message_(message) {}
+
+   void decode();
+
+ private:
+   void attributes(BgpParsePktPosition attrs);
+   void attribute(std::uint8_t flags, std::uint8_t type, BgpParsePktPosition value,
+                  std::span<std::uint8_t const> whole);
+   void asPath(std::span<std::uint8_t const> value);
+   void mpReach(BgpParsePktPosition value, std::span<std::uint8_t const> whole);
+   void mpUnreach(BgpParsePktPosition value, std::span<std::uint8_t const> whole);
+   void nlriField(BgpParsePktPosition field, AfiSafi family, bool reachable, std::span<std::uint8_t const> whole);
+   void mandatoryAttributes();
+
+   // The decisions. `count`: false for reasons a family's rule counted already.
+   void discard(Reason reason, std::uint8_t type) { record(reason, BgpUpdateAction::attributeDiscard, type, true); }
+   void withdraw(Reason reason, std::uint8_t type, bool count = true) {
+      record(reason, BgpUpdateAction::treatAsWithdraw, type, count);
+   }
+   void noted(Reason reason, std::uint8_t type) { record(reason, BgpUpdateAction::accept, type, true); }
+   void reset(Reason reason, std::uint8_t code, std::uint8_t subcode, std::span<std::uint8_t const> data,
+              std::uint8_t type = 0, bool count = true);
+   void record(Reason reason, BgpUpdateAction action, std::uint8_t type, bool count);
+
+   BgpUpdateDecoder::Family const* family(AfiSafi afiSafi) const {
+      auto const it = d_.families_.find(afiSafi);
+      return it == d_.families_.end() ? nullptr : &it->second;
+   }
+   BgpParseUpdateResults& results() const { return *d_.results_; }
+   bool hasError(std::uint8_t type) const {
+      for (BgpUpdateError const& e : out_.errors) {
+         if (e.attributeType == type) return true;
+      }
+      return false;
+   }
+
+   BgpUpdateDecoder& d_;
+   BgpParsedUpdate& out_;
+   std::span<std::uint8_t const> message_;
+   BytePtrConst at_ = nullptr; // where the error being recorded was found
+   bool stopped_ = false;
+   bool attributesComplete_ = true;
+};
+
+void BgpUpdateDecoder::Run::record(Reason reason, BgpUpdateAction action, std::uint8_t type, bool count) {
+   if (count) results().countReasonIs(reason);
+   // at_ comes from a position over the message, so it lies in it.
+   auto const offset = at_ ? static_cast<std::uint32_t>(at_ - message_.data()) : 0u;
+   out_.errors.push_back({reason, action, type, offset});
+   if (action > out_.action) out_.action = action;
+}
+
+void BgpUpdateDecoder::Run::reset(Reason reason, std::uint8_t code, std::uint8_t subcode,
+                                  std::span<std::uint8_t const> data, std::uint8_t type, bool count) {
+   record(reason, BgpUpdateAction::sessionReset, type, count);
+   // The first reset chooses the NOTIFICATION; decoding stops there.
+   if (!out_.notification) out_.notification = BgpUpdateNotification{code, subcode, data};
+   stopped_ = true;
+}
+
+void BgpUpdateDecoder::Run::decode() {
+   BgpParsePktPosition msg(message_);
+   at_ = msg.currentPosition();
+   // RFC 4271 section 6.1: the header.
+   std::span<std::uint8_t const> marker;
+   if (!msg.consumeView(16, &marker)) return reset(Reason::updateHeaderShort, kMessageHeaderError, kBadMessageLength, {});
+   for (std::uint8_t b : marker) {
+      if (b != 0xff) return reset(Reason::updateMarker, kMessageHeaderError, kConnectionNotSynchronized, {});
+   }
+   BytePtrConst const lengthField = msg.currentPosition();
+   std::uint16_t length = 0;
+   std::uint8_t type = 0;
+   if (!msg.consumeU16ntoh(&length) || !msg.consumeU8(&type)) {
+      return reset(Reason::updateHeaderShort, kMessageHeaderError, kBadMessageLength, {});
+   }
+   // The type is judged before the length an UPDATE needs, so that another message is
+   // named as such.
+   if (length != message_.size() || length > d_.options_.maxMessageSize) {
+      at_ = lengthField;
+      return reset(Reason::updateLength, kMessageHeaderError, kBadMessageLength, {lengthField, 2});
+   }
+   if (type != kMessageTypeUpdate) {
+      return reset(Reason::updateType, kMessageHeaderError, kBadMessageType, message_.subspan(kHeaderSize - 1, 1));
+   }
+   if (length < kMinUpdateSize) {
+      at_ = lengthField;
+      return reset(Reason::updateLength, kMessageHeaderError, kBadMessageLength, {lengthField, 2});
+   }
+
+   // RFC 4271 section 6.3: both lengths must fit the message (kMinUpdateSize leaves room
+   // for the two length fields themselves).
+   std::uint16_t withdrawnLen = 0;
+   at_ = msg.currentPosition();
+   if (!msg.consumeU16ntoh(&withdrawnLen) || !msg.consumeView(withdrawnLen, &out_.withdrawnRoutes)) {
+      return reset(Reason::withdrawnRoutesLength, kUpdateMessageError, subcodeByte(Subcode::malformedAttributeList), {});
+   }
+   std::uint16_t attrsLen = 0;
+   at_ = msg.currentPosition();
+   if (!msg.consumeU16ntoh(&attrsLen) || !msg.consumeView(attrsLen, &out_.pathAttributes)) {
+      return reset(Reason::pathAttributesLength, kUpdateMessageError, subcodeByte(Subcode::malformedAttributeList), {});
+   }
+   out_.ipv4Nlri = msg.rest();
+
+   // RFC 7606 sections 3.g and 5.3: prefixes that cannot be framed leave nothing to
+   // withdraw reliably.
+   if (!ipv4PrefixesValid(out_.withdrawnRoutes)) {
+      at_ = out_.withdrawnRoutes.data();
+      return reset(Reason::withdrawnRoutesInvalid, kUpdateMessageError, subcodeByte(Subcode::invalidNetworkField), {});
+   }
+   attributes(BgpParsePktPosition(out_.pathAttributes));
+   if (stopped_) return;
+   if (!ipv4PrefixesValid(out_.ipv4Nlri)) {
+      at_ = out_.ipv4Nlri.data();
+      return reset(Reason::nlriInvalid, kUpdateMessageError, subcodeByte(Subcode::invalidNetworkField), {});
+   }
+   mandatoryAttributes();
+}
+
+void BgpUpdateDecoder::Run::attributes(BgpParsePktPosition attrs) {
+   std::bitset<256> seen;
+   while (attrs.bytesLeft() > 0 && !stopped_) {
+      BytePtrConst const start = attrs.currentPosition();
+      at_ = start;
+      std::size_t const before = attrs.dataLeft();
+      std::uint8_t flags = 0;
+      std::uint8_t type = 0;
+      std::uint16_t len = 0;
+      bool header = attrs.consumeU8(&flags) && attrs.consumeU8(&type);
+      if (header && (flags & kFlagExtendedLength)) {
+         header = attrs.consumeU16ntoh(&len);
+      } else if (header) {
+         std::uint8_t len8 = 0;
+         header = attrs.consumeU8(&len8);
+         len = len8;
+      }
+      // RFC 7606 section 4: attribute lengths that disagree with the total path attribute
+      // length; the total still locates the NLRI field, so treat-as-withdraw serves, unless
+      // the attribute is one that carries NLRI itself.
+      if (!header) {
+         attributesComplete_ = false;
+         return withdraw(Reason::attributeHeaderShort, type);
+      }
+      BgpParsePktPosition value(attrs.rest().first(0));
+      if (!attrs.consumeSubPosition(len, &value)) {
+         attributesComplete_ = false;
+         if (type == BgpAttrType::mpReachNlri || type == BgpAttrType::mpUnreachNlri) {
+            return reset(Reason::attributeLengthOverrun, kUpdateMessageError,
+                         subcodeByte(Subcode::malformedAttributeList), {}, type);
+         }
+         return withdraw(Reason::attributeLengthOverrun, type);
+      }
+      std::span<std::uint8_t const> const whole = std::span<std::uint8_t const>(start, before - attrs.dataLeft());
+      ++out_.attributeCount;
+      // RFC 7606 section 3.g: a second MP_(UN)REACH_NLRI resets the session; a second copy
+      // of anything else is discarded.
+      if (seen[type]) {
+         if (type == BgpAttrType::mpReachNlri || type == BgpAttrType::mpUnreachNlri) {
+            return reset(Reason::mpAttributeDuplicate, kUpdateMessageError,
+                         subcodeByte(Subcode::malformedAttributeList), {}, type);
+         }
+         discard(Reason::attributeDuplicate, type);
+         continue;
+      }
+      seen[type] = true;
+      attribute(flags, type, value, whole);
+   }
+}
+
+void BgpUpdateDecoder::Run::attribute(std::uint8_t flags, std::uint8_t type, BgpParsePktPosition value,
+                                      std::span<std::uint8_t const> whole) {
+   BgpParseUpdateAttributesScratchpad& a = *out_.attributes;
+   KnownAttribute const known = kKnown[type];
+   if (!known.known) {
+      // RFC 4271 section 6.3, unchanged by RFC 7606: an unknown well-known attribute.
+      if (!(flags & kFlagOptional)) {
+         return reset(Reason::unrecognizedWellKnown, kUpdateMessageError,
+                      subcodeByte(Subcode::unrecognizedWellKnownAttribute), whole, type);
+      }
+      return; // an optional attribute nobody here interprets
+   }
+   // RFC 7606 section 3.c: wrong Optional or Transitive bits make the attribute malformed;
+   // the attributes whose errors are discarded (sections 7.6, 7.7, RFC 6793 section 6) are
+   // discarded, the others withdraw.
+   bool const flagsOk = ((flags & kFlagOptional) != 0) == known.optional &&
+                        ((flags & kFlagTransitive) != 0) == known.transitive;
+   if (!flagsOk) {
+      bool const discardable = type == BgpAttrType::atomicAggregate || type == BgpAttrType::aggregator ||
+                               type == BgpAttrType::as4Path || type == BgpAttrType::as4Aggregator;
+      if (discardable) return discard(Reason::attributeFlags, type);
+      withdraw(Reason::attributeFlags, type);
+   }
+   std::span<std::uint8_t const> const v = value.rest();
+   switch (type) {
+    case BgpAttrType::origin: {
+      // RFC 7606 section 7.1.
+      std::uint8_t origin = 0;
+      if (v.size() != 1 || !value.consumeU8(&origin)) return withdraw(Reason::originLength, type);
+      if (origin > 2) return withdraw(Reason::originValue, type);
+      a.origin = origin;
+      return;
+    }
+    case BgpAttrType::asPath: return asPath(v);
+    case BgpAttrType::nextHop: {
+      // RFC 7606 section 7.3.
+      Ovnet::IpGenAddr nh;
+      if (v.size() != 4 || !value.consumeIpv4GenAddress(&nh)) return withdraw(Reason::nextHopLength, type);
+      a.ipv4NextHop = nh;
+      return;
+    }
+    case BgpAttrType::med: {
+      // RFC 7606 section 7.4.
+      std::uint32_t med = 0;
+      if (v.size() != 4 || !value.consumeU32ntoh(&med)) return withdraw(Reason::medLength, type);
+      a.med = med;
+      return;
+    }
+    case BgpAttrType::localPref: {
+      // RFC 7606 section 7.5: from an external peer it means nothing, whatever its length.
+      if (d_.options_.externalPeer) return discard(Reason::localPrefFromExternal, type);
+      std::uint32_t pref = 0;
+      if (v.size() != 4 || !value.consumeU32ntoh(&pref)) return withdraw(Reason::localPrefLength, type);
+      a.localPref = pref;
+      return;
+    }
+    case BgpAttrType::atomicAggregate:
+      // RFC 7606 section 7.6.
+      if (!v.empty()) return discard(Reason::atomicAggregateLength, type);
+      a.atomicAggregate = true;
+      return;
+    case BgpAttrType::aggregator: {
+      // RFC 7606 section 7.7; RFC 6793 section 3 for the 4-octet form.
+      bool const sizeOk = d_.options_.detectAsWidth ? (v.size() == 6 || v.size() == 8)
+                                                    : v.size() == (d_.options_.fourOctetAs ? 8u : 6u);
+      if (!sizeOk) return discard(Reason::aggregatorLength, type);
+      a.aggregator = {v, true};
+      return;
+    }
+    case BgpAttrType::communities:
+      // RFC 7606 section 7.8.
+      if (v.empty() || v.size() % 4 != 0) return withdraw(Reason::communitiesLength, type);
+      a.communities = {v, true};
+      return;
+    case BgpAttrType::extCommunities:
+      // RFC 7606 section 7.14.
+      if (v.empty() || v.size() % 8 != 0) return withdraw(Reason::extCommunitiesLength, type);
+      a.extCommunities = {v, true};
+      return;
+    case BgpAttrType::ipv6ExtCommunities:
+      // RFC 7606 section 7.15.
+      if (v.empty() || v.size() % 20 != 0) return withdraw(Reason::ipv6ExtCommunitiesLength, type);
+      a.ipv6ExtCommunities = {v, true};
+      return;
+    case BgpAttrType::mpReachNlri: return mpReach(value, whole);
+    case BgpAttrType::mpUnreachNlri: return mpUnreach(value, whole);
+    default: return; // AS4_PATH, AS4_AGGREGATOR: kept by nobody here
+   }
+}
+
+void BgpUpdateDecoder::Run::asPath(std::span<std::uint8_t const> value) {
+   BgpParseUpdateAttributesScratchpad& a = *out_.attributes;
+   bool fourOctet = d_.options_.fourOctetAs;
+   bool valid = asPathValid(value, fourOctet ? 4 : 2);
+   if (!valid && d_.options_.detectAsWidth) {
+      fourOctet = !fourOctet;
+      valid = asPathValid(value, fourOctet ? 4 : 2);
+   }
+   // RFC 7606 section 7.2.
+   if (!valid) return withdraw(Reason::asPathMalformed, BgpAttrType::asPath);
+   a.asPath = {value, true};
+   a.asPathFourOctet = fourOctet;
+}
+
+void BgpUpdateDecoder::Run::mpReach(BgpParsePktPosition value, std::span<std::uint8_t const> whole) {
+   std::uint16_t afi = 0;
+   std::uint8_t safi = 0;
+   std::uint8_t nextHopLen = 0;
+   // RFC 4760 section 7 and RFC 7606 section 5.3: an MP_REACH_NLRI that cannot be read
+   // hides its NLRI, so nothing can be withdrawn reliably.
+   if (!value.consumeU16ntoh(&afi) || !value.consumeU8(&safi) || !value.consumeU8(&nextHopLen)) {
+      return reset(Reason::mpReachShort, kUpdateMessageError, subcodeByte(Subcode::optionalAttributeError), whole,
+                   BgpAttrType::mpReachNlri);
+   }
+   AfiSafi const afiSafi(static_cast<Afi>(afi), safi);
+   out_.mpReach.present = true;
+   out_.mpReach.afiSafi = afiSafi;
+   Family const* const f = family(afiSafi);
+   BgpParseUpdateAttributeMpReachNlriNextHopRuleBase const* const nextHopRule =
+       f ? f->collections->nextHopSubRule({afiSafi}) : nullptr;
+   if (nextHopRule) {
+      // The rule takes the field's declared length; it finds a field cut short itself.
+      BgpParsePktPosition field = BgpParsePktPosition::declared(value.rest(), nextHopLen);
+      BgpParsePktPosition* const position = &field;
+      Subcode const subcode = nextHopRule->inhale(d_.parseContext_, position, out_.attributes);
+      if (subcode != Subcode::noError) {
+         std::uint8_t const sub = static_cast<std::uint32_t>(subcode) <= 0xffu ? static_cast<std::uint8_t>(subcode)
+                                                                               : subcodeByte(Subcode::optionalAttributeError);
+         return reset(results().lastReason(), kUpdateMessageError, sub, whole, BgpAttrType::mpReachNlri, false);
+      }
+   }
+   std::uint8_t reserved = 0;
+   if (!value.consumeView(nextHopLen, &out_.mpReach.nextHop)) {
+      return reset(Reason::mpReachNexthopOverrun, kUpdateMessageError, subcodeByte(Subcode::optionalAttributeError),
+                   whole, BgpAttrType::mpReachNlri);
+   }
+   out_.mpReach.nextHopRead = true;
+   // RFC 4760 section 3: the reserved byte is ignored.
+   if (!value.consumeU8(&reserved)) {
+      return reset(Reason::mpReachShort, kUpdateMessageError, subcodeByte(Subcode::optionalAttributeError), whole,
+                   BgpAttrType::mpReachNlri);
+   }
+   nlriField(value, afiSafi, true, whole);
+}
+
+void BgpUpdateDecoder::Run::mpUnreach(BgpParsePktPosition value, std::span<std::uint8_t const> whole) {
+   std::uint16_t afi = 0;
+   std::uint8_t safi = 0;
+   if (!value.consumeU16ntoh(&afi) || !value.consumeU8(&safi)) {
+      return reset(Reason::mpUnreachShort, kUpdateMessageError, subcodeByte(Subcode::optionalAttributeError), whole,
+                   BgpAttrType::mpUnreachNlri);
+   }
+   AfiSafi const afiSafi(static_cast<Afi>(afi), safi);
+   out_.mpUnreach.present = true;
+   out_.mpUnreach.afiSafi = afiSafi;
+   nlriField(value, afiSafi, false, whole);
+}
+
+void BgpUpdateDecoder::Run::nlriField(BgpParsePktPosition field, AfiSafi afiSafi, bool reachable,
+                                      std::span<std::uint8_t const> whole) {
+   std::uint8_t const attrType = reachable ? BgpAttrType::mpReachNlri : BgpAttrType::mpUnreachNlri;
+   (reachable ? out_.mpReach : out_.mpUnreach).nlriBytes = field.bytesLeft();
+   Family const* const f = family(afiSafi);
+   bool const addPath = f && f->parseControl.addPathReceive;
+   BgpParseUpdateNlriRuleBase const* const rule = f ? f->collections->nlriSubRule({afiSafi, addPath}) : nullptr;
+   if (!rule) {
+      if (field.bytesLeft() > 0) noted(Reason::mpFamilyWithoutRule, attrType);
+      return;
+   }
+   (reachable ? out_.mpReach : out_.mpUnreach).parsed = true;
+   while (field.bytesLeft() > 0) {
+      at_ = field.currentPosition();
+      std::uint32_t pathId = 0;
+      // RFC 7911 section 3: each NLRI opens with its path identifier.
+      if (addPath && !field.consumeU32ntoh(&pathId)) {
+         out_.nlri.push_back({afiSafi, reachable, 0, field.rest(), nullptr, Reason::nlriPathIdShort, field.rest()});
+         return reset(Reason::nlriPathIdShort, kUpdateMessageError, subcodeByte(Subcode::optionalAttributeError),
+                      whole, attrType);
+      }
+      std::span<std::uint8_t const> const given = field.rest();
+      BgpParsePktPosition work = field;
+      BgpParsePktPosition* const position = &work;
+      BgpParseUpdateNlriReturn const r = rule->inhale(d_.parseContext_, position, reachable, d_.results_);
+      if (r.routeKey) {
+         // A rule that accepts an NLRI has read it; one that read nothing would loop here.
+         OVK_ASSERT_MSG(work.dataLeft() < field.dataLeft(), "an accepted NLRI was read");
+         std::span<std::uint8_t const> bytes;
+         field.consumeView(field.dataLeft() - work.dataLeft(), &bytes);
+         // RFC 7606 section 2: an NLRI its rule wants withdrawn counts as withdrawn.
+         out_.nlri.push_back({afiSafi, reachable && !r.treatAsUnreach, pathId, bytes, r.routeKey, Reason::none, given});
+         continue;
+      }
+      // The rule counted its reason. Where the NLRI's own length still shows its end, the
+      // next NLRI can be found: treat-as-withdraw (RFC 7606 section 2; each flowspec NLRI
+      // carries its length). Otherwise the attribute cannot be framed: session reset with
+      // Optional Attribute Error (RFC 4760 section 7, RFC 7606 section 5.3).
+      Reason const reason = results().lastReason();
+      if (std::optional<std::size_t> const extent = nlriExtent(afiSafi, field)) {
+         std::span<std::uint8_t const> bytes;
+         field.consumeView(*extent, &bytes);
+         out_.nlri.push_back({afiSafi, reachable, pathId, bytes, nullptr, reason, given});
+         withdraw(reason, attrType, false);
+         continue;
+      }
+      out_.nlri.push_back({afiSafi, reachable, pathId, given, nullptr, reason, given});
+      return reset(reason, kUpdateMessageError, subcodeByte(Subcode::optionalAttributeError), whole, attrType, false);
+   }
+}
+
+void BgpUpdateDecoder::Run::mandatoryAttributes() {
+   // RFC 7606 section 3.d; RFC 4760 section 3 asks for ORIGIN and AS_PATH with MP_REACH_NLRI;
+   // NEXT_HOP only serves the NLRI field. An UPDATE whose attributes were cut short has been
+   // withdrawn already.
+   if (!attributesComplete_) return;
+   bool const announces = !out_.ipv4Nlri.empty() || out_.mpReach.present;
+   if (!announces) return;
+   BgpParseUpdateAttributesScratchpad const& a = *out_.attributes;
+   at_ = nullptr;
+   if (!a.origin && !hasError(BgpAttrType::origin)) withdraw(Reason::missingOrigin, BgpAttrType::origin);
+   if (!a.asPath.present && !hasError(BgpAttrType::asPath)) withdraw(Reason::missingAsPath, BgpAttrType::asPath);
+   if (!out_.ipv4Nlri.empty() && !a.ipv4NextHop && !hasError(BgpAttrType::nextHop)) {
+      withdraw(Reason::missingNextHop, BgpAttrType::nextHop);
+   }
+}
+
+// ---- Decoder ----
+
+BgpUpdateDecoder::BgpUpdateDecoder(Ovk::Ptr<BgpParseContext> parseContext, Options options)
+    : parseContext_(std::move(parseContext)), options_(options) {
+   parsed_.attributes = Ovk::makePtr<BgpParseUpdateAttributesScratchpad>(results_);
+}
+
+BgpUpdateDecoder::~BgpUpdateDecoder() = default;
+
+void BgpUpdateDecoder::ruleCollectionsIs(Ovk::Ptr<BgpParseRuleCollections> const& collections,
+                                         BgpParseControl const& parseControl) {
+   AfiSafi const afiSafi = collections->afiSafi();
+   families_[afiSafi] = {collections, parseControl};
+   collections->mpReachNlriNextHopRuleInstanceIs({afiSafi}, parseControl);
+   collections->updateMessageRuleInstanceIs({afiSafi, parseControl.addPathReceive}, parseControl);
+}
+
+Ovk::Ptr<BgpParseRuleCollections> BgpUpdateDecoder::ruleCollections(AfiSafi afiSafi) const {
+   auto const it = families_.find(afiSafi);
+   return it == families_.end() ? nullptr : it->second.collections;
+}
+
+BgpParsedUpdate const& BgpUpdateDecoder::decode(std::span<std::uint8_t const> message) {
+   BgpParsedUpdate& p = parsed_;
+   p.message = message;
+   p.action = BgpUpdateAction::accept;
+   p.notification.reset();
+   p.errors.clear();
+   p.withdrawnRoutes = {};
+   p.ipv4Nlri = {};
+   p.pathAttributes = {};
+   p.attributeCount = 0;
+   p.mpReach = {};
+   p.mpUnreach = {};
+   p.nlri.clear();
+   p.attributes->clear();
+
+   Run(*this, message).decode();
+
+   ++counters_.messages;
+   ++counters_.actions[static_cast<std::size_t>(p.action)];
+   for (BgpParsedMpAttribute const* mp : {&p.mpReach, &p.mpUnreach}) {
+      if (mp->present && mp->parsed) ++counters_.families[mp->afiSafi].updates;
+   }
+   BgpUpdateDecoderCounters::Family* f = nullptr;
+   AfiSafi family;
+   for (BgpParsedNlri const& n : p.nlri) {
+      // The NLRI of one attribute come together: one lookup per run of a family.
+      if (!f || n.afiSafi != family) {
+         family = n.afiSafi;
+         f = &counters_.families[family];
+      }
+      if (!n.routeKey) {
+         ++f->refused;
+      } else if (n.reachable) {
+         ++f->announced;
+      } else {
+         ++f->withdrawn;
+      }
+   }
+   for (auto const& [reason, n] : results_->counts()) counters_.reasons[reason] += n;
+   return p;
+}
+
+} // namespace Routing::Bgp
