@@ -117,11 +117,23 @@ Json encodeRule(Afi afi, std::string_view text) {
    out["ok"] = ok;
    out["afi"] = static_cast<int>(afi);
    out["text"] = std::string(text);
-   if (ok) {
-      out["nlri"] = nlriHexOf(*key);
-   } else {
+   if (!ok) {
       out["message"] = whyNot;
+      return out;
    }
+   // Text that names one component twice ("protocol 6; protocol 17") joins both into one
+   // component with an end-of-list bit inside it, and those bytes read back as another rule.
+   // Read the NLRI back and refuse to hand out bytes that do not mean what was typed.
+   Ovk::String const nlri = key->serialize(RouteKey::SerializeOperation::advertise, nullptr);
+   Json const back = NlriDecoder(afi).decode(nlri.span());
+   if (!back["ok"].get<bool>() || back.contains("trailing") || back["wontExportReason"].get<std::uint32_t>() != 0 ||
+       back["rule"].get<std::string>() != key->toStrepCli()) {
+      out["ok"] = false;
+      out["message"] = "a component is given more than once; give all its values in one place "
+                       "(for example \"protocol =6 =17\")";
+      return out;
+   }
+   out["nlri"] = back["nlri"];
    return out;
 }
 

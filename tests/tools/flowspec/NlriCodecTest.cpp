@@ -44,6 +44,11 @@ TEST(NlriCodecTest, EncodedJson) {
    EXPECT_EQ(encodeRule(Afi::afiIpv4, "flow-label 5").dump(),
              R"j({"ok":false,"afi":1,"text":"flow-label 5","message":"flow-label exists only in IPv6 rules"})j");
    EXPECT_EQ(encodedLine(encodeRule(Afi::afiIpv6, "10.0.0.0/8;*;")), "error: an ipv4 prefix in an ipv6 rule in \"10.0.0.0/8;*;\"");
+   // Two separate protocol components would read back as one component and a tail.
+   Json const twice = encodeRule(Afi::afiIpv4, "protocol 6; protocol 17");
+   EXPECT_FALSE(twice["ok"].get<bool>());
+   EXPECT_NE(twice["message"].get<std::string>().find("more than once"), std::string::npos);
+   EXPECT_TRUE(encodeRule(Afi::afiIpv4, "protocol =6 =17")["ok"].get<bool>());
 }
 
 TEST(NlriCodecTest, Hex) {
