@@ -1,5 +1,7 @@
 #include "tools/capture/BgpCapture.h"
 
+#include "host/bgp/BgpParse.h"
+
 #include <pcap/pcap.h>
 
 #include <algorithm>
@@ -12,60 +14,14 @@ namespace BgpCapture {
 
 namespace {
 
-// A bounds-checked reader over bytes: reads advance only on success.
-class Cursor {
- public:
-   explicit Cursor(std::span<std::uint8_t const> d) : d_(d) {}
-   std::size_t left() const { return d_.size() - pos_; }
-   bool skip(std::size_t n) {
-      if (left() < n) return false;
-      pos_ += n;
-      return true;
-   }
-   bool u8(std::uint8_t& v) {
-      if (left() < 1) return false;
-      v = d_[pos_++];
-      return true;
-   }
-   bool u16(std::uint16_t& v) {
-      if (left() < 2) return false;
-      v = static_cast<std::uint16_t>((d_[pos_] << 8) | d_[pos_ + 1]);
-      pos_ += 2;
-      return true;
-   }
-   bool u32(std::uint32_t& v) {
-      if (left() < 4) return false;
-      v = (std::uint32_t{d_[pos_]} << 24) | (std::uint32_t{d_[pos_ + 1]} << 16) | (std::uint32_t{d_[pos_ + 2]} << 8) |
-          std::uint32_t{d_[pos_ + 3]};
-      pos_ += 4;
-      return true;
-   }
-   bool bytes(std::size_t n, std::span<std::uint8_t const>& out) {
-      if (left() < n) return false;
-      out = d_.subspan(pos_, n);
-      pos_ += n;
-      return true;
-   }
-   bool addr(std::uint16_t afi, Ovnet::IpGenAddr& a) {
-      std::span<std::uint8_t const> b;
-      if (afi == 1) {
-         if (!bytes(4, b)) return false;
-         a = Ovnet::IpGenAddr::ipv4(b.first<4>());
-         return true;
-      }
-      if (afi == 2) {
-         if (!bytes(16, b)) return false;
-         a = Ovnet::IpGenAddr::ipv6(b.first<16>());
-         return true;
-      }
-      return false;
-   }
-   std::span<std::uint8_t const> rest() const { return d_.subspan(pos_); }
+using Cursor = Routing::Bgp::BgpParsePktPosition;
 
- private:
-   std::span<std::uint8_t const> d_;
-   std::size_t pos_ = 0;
-};
+// An address of the MRT record's AFI (1 IPv4, 2 IPv6).
+bool consumeAddress(Cursor& c, std::uint16_t afi, Ovnet::IpGenAddr& a) {
+   if (afi == 1) return c.consumeIpv4GenAddress(&a);
+   if (afi == 2) return c.consumeIpv6GenAddress(&a);
+   return false;
+}
 
 // MRT types and BGP4MP subtypes (RFC 6396 section 4.4, RFC 8050 for the ADD-PATH ones).
 constexpr std::uint16_t kBgp4mp = 16;
@@ -102,11 +58,11 @@ std::string Endpoint::str() const {
 
 void readMrt(std::span<std::uint8_t const> data, MessageSink const& sink, Stats& stats) {
    Cursor c(data);
-   while (c.left() > 0) {
+   while (c.dataLeft() > 0) {
       std::uint32_t seconds = 0, length = 0;
       std::uint16_t type = 0, subtype = 0;
       std::span<std::uint8_t const> body;
-      if (!c.u32(seconds) || !c.u16(type) || !c.u16(subtype) || !c.u32(length) || !c.bytes(length, body)) {
+      if (!c.consumeU32ntoh(&seconds) || !c.consumeU16ntoh(&type) || !c.consumeU16ntoh(&subtype) || !c.consumeU32ntoh(&length) || !c.consumeView(length, &body)) {
          ++stats.malformed; // a truncated last record: nothing after it can be framed
          return;
       }
@@ -121,7 +77,7 @@ void readMrt(std::span<std::uint8_t const> data, MessageSink const& sink, Stats&
       m.timestamp = seconds;
       if (type == kBgp4mpEt) {
          std::uint32_t micro = 0;
-         if (!r.u32(micro)) {
+         if (!r.consumeU32ntoh(&micro)) {
             ++stats.malformed;
             continue;
          }
@@ -130,14 +86,14 @@ void readMrt(std::span<std::uint8_t const> data, MessageSink const& sink, Stats&
       std::uint16_t ifIndex = 0, afi = 0;
       bool ok = true;
       if (shape.as4) {
-         ok = r.u32(m.peerAs) && r.u32(m.localAs);
+         ok = r.consumeU32ntoh(&m.peerAs) && r.consumeU32ntoh(&m.localAs);
       } else {
          std::uint16_t p = 0, l = 0;
-         ok = r.u16(p) && r.u16(l);
+         ok = r.consumeU16ntoh(&p) && r.consumeU16ntoh(&l);
          m.peerAs = p;
          m.localAs = l;
       }
-      ok = ok && r.u16(ifIndex) && r.u16(afi) && r.addr(afi, m.from.addr) && r.addr(afi, m.to.addr);
+      ok = ok && r.consumeU16ntoh(&ifIndex) && r.consumeU16ntoh(&afi) && consumeAddress(r, afi, m.from.addr) && consumeAddress(r, afi, m.to.addr);
       if (!ok || !isBgpMessage(r.rest())) {
          ++stats.malformed;
          continue;
@@ -276,20 +232,20 @@ namespace {
 bool ipPayload(int linkType, Cursor& c, std::uint16_t& etherType) {
    switch (linkType) {
     case DLT_EN10MB: {
-       if (!c.skip(12) || !c.u16(etherType)) return false;
+       if (!c.consumeView(12, nullptr) || !c.consumeU16ntoh(&etherType)) return false;
        while (etherType == 0x8100 || etherType == 0x88a8) { // VLAN tags
-          if (!c.skip(2) || !c.u16(etherType)) return false;
+          if (!c.consumeView(2, nullptr) || !c.consumeU16ntoh(&etherType)) return false;
        }
        return true;
     }
     case DLT_LINUX_SLL:
-       return c.skip(14) && c.u16(etherType);
+       return c.consumeView(14, nullptr) && c.consumeU16ntoh(&etherType);
     case DLT_LINUX_SLL2:
-       return c.u16(etherType) && c.skip(18);
+       return c.consumeU16ntoh(&etherType) && c.consumeView(18, nullptr);
     case DLT_NULL:
     case DLT_LOOP: {
        std::span<std::uint8_t const> fam;
-       if (!c.bytes(4, fam)) return false;
+       if (!c.consumeView(4, &fam)) return false;
        // Host byte order for DLT_NULL, network order for DLT_LOOP; IPv6 has several values.
        std::uint32_t const le = std::uint32_t{fam[0]} | (std::uint32_t{fam[3]} << 24);
        std::uint32_t const be = std::uint32_t{fam[3]} | (std::uint32_t{fam[0]} << 24);
@@ -344,13 +300,13 @@ bool readPcapFile(std::string const& path, MessageSink const& sink, Stats& stats
          std::uint8_t vihl = 0, tos = 0, ttl = 0;
          std::uint16_t total = 0, id = 0, frag = 0, csum = 0;
          std::span<std::uint8_t const> src, dst;
-         if (!c.u8(vihl) || !c.u8(tos) || !c.u16(total) || !c.u16(id) || !c.u16(frag) || !c.u8(ttl) ||
-             !c.u8(proto) || !c.u16(csum) || !c.bytes(4, src) || !c.bytes(4, dst)) {
+         if (!c.consumeU8(&vihl) || !c.consumeU8(&tos) || !c.consumeU16ntoh(&total) || !c.consumeU16ntoh(&id) || !c.consumeU16ntoh(&frag) || !c.consumeU8(&ttl) ||
+             !c.consumeU8(&proto) || !c.consumeU16ntoh(&csum) || !c.consumeView(4, &src) || !c.consumeView(4, &dst)) {
             ++stats.malformed;
             continue;
          }
          std::size_t const ihl = std::size_t{vihl & 0x0fu} * 4;
-         if ((vihl >> 4) != 4 || ihl < 20 || total < ihl || !c.skip(ihl - 20)) {
+         if ((vihl >> 4) != 4 || ihl < 20 || total < ihl || !c.consumeView(ihl - 20, nullptr)) {
             ++stats.malformed;
             continue;
          }
@@ -360,25 +316,25 @@ bool readPcapFile(std::string const& path, MessageSink const& sink, Stats& stats
          }
          from.addr = Ovnet::IpGenAddr::ipv4(src.first<4>());
          to.addr = Ovnet::IpGenAddr::ipv4(dst.first<4>());
-         if (!c.bytes(std::min<std::size_t>(total - ihl, c.left()), segment)) continue;
+         if (!c.consumeView(std::min<std::size_t>(total - ihl, c.dataLeft()), &segment)) continue;
       } else {
          std::uint32_t vtcfl = 0;
          std::uint16_t payloadLen = 0;
          std::uint8_t hop = 0;
          std::span<std::uint8_t const> src, dst;
-         if (!c.u32(vtcfl) || !c.u16(payloadLen) || !c.u8(proto) || !c.u8(hop) || !c.bytes(16, src) ||
-             !c.bytes(16, dst)) {
+         if (!c.consumeU32ntoh(&vtcfl) || !c.consumeU16ntoh(&payloadLen) || !c.consumeU8(&proto) || !c.consumeU8(&hop) || !c.consumeView(16, &src) ||
+             !c.consumeView(16, &dst)) {
             ++stats.malformed;
             continue;
          }
          from.addr = Ovnet::IpGenAddr::ipv6(src.first<16>());
          to.addr = Ovnet::IpGenAddr::ipv6(dst.first<16>());
-         Cursor body(c.rest().first(std::min<std::size_t>(payloadLen, c.left())));
+         Cursor body(c.rest().first(std::min<std::size_t>(payloadLen, c.dataLeft())));
          // Hop-by-hop, routing and destination options headers precede TCP.
          bool ok = true;
          while (ok && (proto == 0 || proto == 43 || proto == 60)) {
             std::uint8_t next = 0, len = 0;
-            ok = body.u8(next) && body.u8(len) && body.skip(std::size_t{len} * 8 + 6);
+            ok = body.consumeU8(&next) && body.consumeU8(&len) && body.consumeView(std::size_t{len} * 8 + 6, nullptr);
             proto = next;
          }
          if (!ok) {
@@ -394,12 +350,12 @@ bool readPcapFile(std::string const& path, MessageSink const& sink, Stats& stats
       Cursor t(segment);
       std::uint16_t sport = 0, dport = 0, flagsWord = 0;
       std::uint32_t seq = 0, ack = 0;
-      if (!t.u16(sport) || !t.u16(dport) || !t.u32(seq) || !t.u32(ack) || !t.u16(flagsWord)) {
+      if (!t.consumeU16ntoh(&sport) || !t.consumeU16ntoh(&dport) || !t.consumeU32ntoh(&seq) || !t.consumeU32ntoh(&ack) || !t.consumeU16ntoh(&flagsWord)) {
          ++stats.malformed;
          continue;
       }
       std::size_t const off = std::size_t{static_cast<unsigned>(flagsWord >> 12)} * 4;
-      if (off < 20 || !t.skip(off - 14)) {
+      if (off < 20 || !t.consumeView(off - 14, nullptr)) {
          ++stats.malformed;
          continue;
       }
