@@ -5,7 +5,7 @@ set -euo pipefail
 
 PACKAGES=(
   # toolchain and build
-  g++ cmake ninja-build clang libclang-rt-14-dev
+  g++ cmake ninja-build ccache clang libclang-rt-14-dev
   # tests and benchmarks
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   # capture files
