@@ -1,5 +1,6 @@
 #include "BgpFlowspec/FlowspecParseNlri.h"
 
+#include <algorithm>
 #include <array>
 #include <optional>
 #include <ostream>
@@ -62,6 +63,8 @@ class NlriReader {
  private:
    std::optional<Failure> prefixComponent(std::uint8_t currType);
    std::optional<Failure> opValComponent(std::uint8_t currType);
+   // Reason 216 when the component just read ran past the NLRI's end.
+   std::optional<Failure> pastNlriEnd(std::uint8_t currType) const;
 
    BgpParseContext const& context_;
    BgpParsePktPosition* const& position_;
@@ -115,13 +118,17 @@ std::optional<Failure> NlriReader::read() {
       }
       if (failure) return failure;
       prevType = currType;
-      // A component is read to its own end; one that ran past the NLRI's end is caught here.
-      if (pos.bytesLeft() < remainingOtherNlriLen_) {
-         return Failure(Kind::componentPastNlriLen, currType,
-                        static_cast<std::uint32_t>(remainingOtherNlriLen_ - pos.bytesLeft()));
-      }
    }
    return std::nullopt;
+}
+
+std::optional<Failure> NlriReader::pastNlriEnd(std::uint8_t currType) const {
+   // A component is read to its own end, and one that ran past the NLRI's end is caught here,
+   // before its bytes join the body: the body holds one NLRI's worth, while a component that
+   // overruns may reach as far as the attribute does.
+   std::size_t const left = position_->bytesLeft();
+   if (left >= remainingOtherNlriLen_) return std::nullopt;
+   return Failure(Kind::componentPastNlriLen, currType, static_cast<std::uint32_t>(remainingOtherNlriLen_ - left));
 }
 
 std::optional<Failure> NlriReader::prefixComponent(std::uint8_t currType) {
@@ -145,6 +152,7 @@ std::optional<Failure> NlriReader::prefixComponent(std::uint8_t currType) {
    std::size_t const patternBytes = (maskBitLength - offsetBitLength + 7u) / 8u;
    BytePtrConst const pattern = pos.consumeData(patternBytes);
    if (!pattern) return Failure(Kind::prefixPattern);
+   if (std::optional<Failure> f = pastNlriEnd(currType)) return f;
    if (currType != Flowspec::destPrefix_) OVK_ASSERT(currType == Flowspec::srcPrefix_);
    // The pattern stands at the start of the address, with the bits beyond it cleared; the
    // prefix length is the mask length.
@@ -171,6 +179,7 @@ std::optional<Failure> NlriReader::opValComponent(std::uint8_t currType) {
       opValBytes += numBytes + 1u;
       if (op & Flowspec::opEndOfList) break;
    }
+   if (std::optional<Failure> f = pastNlriEnd(currType)) return f;
    // The component's bytes as received: operators and big-endian values, unchanged. The
    // forwarding library's map of the pairs is rebuilt from them when asked for
    // (FlowspecRouteKey::slateKey).
@@ -222,14 +231,18 @@ void doUnrecognizedTail(BgpParseContext const& parseContext, BgpParsePktPosition
                         std::uint8_t componentType, BytePtrConst typeBytePosition, std::size_t remainingOtherNlriLen,
                         FlowspecRouteKeyBody& body) {
    // The type byte has been read, so at least the NLRI's remaining bytes are left; nothing
-   // after an unknown type can be framed, so it is all kept unread.
+   // after an unknown type can be framed, so it is all kept unread. Only bytes that arrived
+   // are kept: when the position declares more than it holds, the tail ends where the bytes
+   // do, and the caller finds the NLRI cut short at its next read.
    OVK_ASSERT(position->bytesLeft() >= remainingOtherNlriLen);
-   std::size_t const tailLen = position->bytesLeft() - remainingOtherNlriLen + 1;
+   std::size_t const declared = position->bytesLeft() - remainingOtherNlriLen;
+   std::size_t const rest = std::min(declared, position->dataLeft());
+   std::size_t const tailLen = rest + 1;
    OVK_TRACE(flowspecTraceFacility(), 6,
              "parseCtx: " << parseContext << " unrecognized component type: " << unsigned{componentType}
                           << ", storing " << tailLen << " byte(s) as unrecognized...");
    body.unrecognizedTailIs({typeBytePosition, tailLen});
-   position->consumeData(tailLen - 1);
+   position->consumeData(rest);
 }
 
 Ovk::FwkType const& FlowspecParseUpdateNlriRule::classFwkType() {
@@ -268,12 +281,12 @@ FlowspecParseUpdateNlriRule::parse(Ovk::Ptr<BgpParseContext> const& parseContext
 }
 
 RouteKeyDedupTableBase const* FlowspecParseUpdateNlriRule::routeKeyDedupTable(BgpParseContext& parseContext) const {
-   if (RouteKeyDedupTableBase const* cached = parseContext.flowspecRouteKeyDedupTableRawPtr()) return cached;
+   if (RouteKeyDedupTableBase const* cached = parseContext.flowspecRouteKeyDedupTableRawPtr(afiSafi_)) return cached;
    DedupTablesVrf const* const vrfTables = parseContext.dedupVrfTablesRawPtr();
    DedupTablesVrfAfiSafi const* const tables = vrfTables ? vrfTables->dedupTablesVrfAfiSafi(afiSafi_) : nullptr;
    RouteKeyDedupTableBase const* const routeKeyDedupTable = tables ? tables->routeKeyDedupTableRawPtr() : nullptr;
    OVK_ASSERT(routeKeyDedupTable != nullptr);
-   parseContext.flowspecRouteKeyDedupTableRawPtrIs(routeKeyDedupTable);
+   parseContext.flowspecRouteKeyDedupTableRawPtrIs(afiSafi_, routeKeyDedupTable);
    return routeKeyDedupTable;
 }
 
@@ -346,12 +359,12 @@ BgpNotificationErrorUpdateMessageSubcode FlowspecParseUpdateNextHopRule::inhale(
 }
 
 GenNexthopDedupTableBase const* FlowspecParseUpdateNextHopRule::nexthopDedupTable(BgpParseContext& parseContext) const {
-   if (GenNexthopDedupTableBase const* cached = parseContext.flowspecNexthopDedupTableRawPtr()) return cached;
+   if (GenNexthopDedupTableBase const* cached = parseContext.flowspecNexthopDedupTableRawPtr(afiSafi_)) return cached;
    DedupTablesVrf const* const vrfTables = parseContext.dedupVrfTablesRawPtr();
    DedupTablesVrfAfiSafi const* const tables = vrfTables ? vrfTables->dedupTablesVrfAfiSafi(afiSafi_) : nullptr;
    GenNexthopDedupTableBase const* const nexthopDedupTable = tables ? tables->nexthopDedupTableRawPtr() : nullptr;
    OVK_ASSERT(nexthopDedupTable != nullptr);
-   parseContext.flowspecNexthopDedupTableRawPtrIs(nexthopDedupTable);
+   parseContext.flowspecNexthopDedupTableRawPtrIs(afiSafi_, nexthopDedupTable);
    return nexthopDedupTable;
 }
 

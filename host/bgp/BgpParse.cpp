@@ -127,9 +127,24 @@ DedupTablesVrfAfiSafi* DedupTablesVrf::dedupTablesVrfAfiSafi(AfiSafi afiSafi) co
 
 void DedupTablesVrf::dedupTablesVrfAfiSafiIs(Ovk::Ptr<DedupTablesVrfAfiSafi> const& tables) {
    tables_[tables->afiSafi()] = tables;
+   ++generation_;
 }
 
-void DedupTablesVrf::dedupTablesVrfAfiSafiDel(AfiSafi afiSafi) { tables_.erase(afiSafi); }
+void DedupTablesVrf::dedupTablesVrfAfiSafiDel(AfiSafi afiSafi) {
+   tables_.erase(afiSafi);
+   ++generation_;
+}
+
+BgpParseContext::CacheEntry& BgpParseContext::cacheEntryIs(AfiSafi afiSafi) {
+   std::uint64_t const generation = vrfTables_ ? vrfTables_->generation() : 0;
+   for (CacheEntry& e : cache_) {
+      if (e.afiSafi != afiSafi) continue;
+      // Filled under an older registry: what it held may be gone, so start it afresh.
+      if (e.generation != generation) e = CacheEntry{afiSafi, generation, nullptr, nullptr};
+      return e;
+   }
+   return cache_.emplace_back(CacheEntry{afiSafi, generation, nullptr, nullptr});
+}
 
 std::ostream& operator<<(std::ostream& os, BgpParseContext const& context) {
    os << context.name();

@@ -255,12 +255,16 @@ class DedupTablesVrf : public Ovk::PtrInterface {
    // Registers the family's tables, replacing any registered before.
    void dedupTablesVrfAfiSafiIs(Ovk::Ptr<DedupTablesVrfAfiSafi> const& tables);
    void dedupTablesVrfAfiSafiDel(AfiSafi afiSafi);
+   // Moves on every registration and removal: caches of the tables compare it to know they
+   // are still good.
+   std::uint64_t generation() const { return generation_; }
 
  protected:
    ~DedupTablesVrf() override = default;
 
  private:
    BgpVrfIdBase vrfId_;
+   std::uint64_t generation_ = 0;
    std::unordered_map<AfiSafi, Ovk::Ptr<DedupTablesVrfAfiSafi>, AfiSafiDedupTablesHash> tables_;
 };
 
@@ -274,21 +278,47 @@ class BgpParseContext : public Ovk::PtrInterface {
    DedupTablesVrf* dedupVrfTablesRawPtr() const { return vrfTables_.ptr(); }
    std::string const& name() const { return name_; }
 
-   // The flowspec rules' caches of their family's tables; null until a rule fills them. The
-   // tables are held by the VRF's registry; a context lives no longer than one session.
-   RouteKeyDedupTableBase const* flowspecRouteKeyDedupTableRawPtr() const { return flowspecRouteKeyDedupTable_; }
-   void flowspecRouteKeyDedupTableRawPtrIs(RouteKeyDedupTableBase const* t) { flowspecRouteKeyDedupTable_ = t; }
-   GenNexthopDedupTableBase const* flowspecNexthopDedupTableRawPtr() const { return flowspecNexthopDedupTable_; }
-   void flowspecNexthopDedupTableRawPtrIs(GenNexthopDedupTableBase const* t) { flowspecNexthopDedupTable_ = t; }
+   // The flowspec rules' caches of their family's tables, one per family (a session parses
+   // several families through one context); null until a rule of the family fills them, and
+   // again once the VRF's registry has changed since (the tables may be gone).
+   RouteKeyDedupTableBase const* flowspecRouteKeyDedupTableRawPtr(AfiSafi afiSafi) const {
+      CacheEntry const* e = cacheEntry(afiSafi);
+      return e ? e->routeKeys : nullptr;
+   }
+   void flowspecRouteKeyDedupTableRawPtrIs(AfiSafi afiSafi, RouteKeyDedupTableBase const* t) {
+      cacheEntryIs(afiSafi).routeKeys = t;
+   }
+   GenNexthopDedupTableBase const* flowspecNexthopDedupTableRawPtr(AfiSafi afiSafi) const {
+      CacheEntry const* e = cacheEntry(afiSafi);
+      return e ? e->nexthops : nullptr;
+   }
+   void flowspecNexthopDedupTableRawPtrIs(AfiSafi afiSafi, GenNexthopDedupTableBase const* t) {
+      cacheEntryIs(afiSafi).nexthops = t;
+   }
 
  protected:
    ~BgpParseContext() override = default;
 
  private:
+   struct CacheEntry {
+      AfiSafi afiSafi;
+      std::uint64_t generation = 0;
+      RouteKeyDedupTableBase const* routeKeys = nullptr;
+      GenNexthopDedupTableBase const* nexthops = nullptr;
+   };
+   // The family's entry while the registry has not changed since it was filled; else null.
+   CacheEntry const* cacheEntry(AfiSafi afiSafi) const {
+      if (!vrfTables_) return nullptr;
+      for (CacheEntry const& e : cache_) {
+         if (e.afiSafi == afiSafi) return e.generation == vrfTables_->generation() ? &e : nullptr;
+      }
+      return nullptr;
+   }
+   CacheEntry& cacheEntryIs(AfiSafi afiSafi);
+
    Ovk::Ptr<DedupTablesVrf> vrfTables_;
    std::string name_;
-   RouteKeyDedupTableBase const* flowspecRouteKeyDedupTable_ = nullptr;
-   GenNexthopDedupTableBase const* flowspecNexthopDedupTable_ = nullptr;
+   std::vector<CacheEntry> cache_;
 };
 
 // "<name> vrf=<id>".

@@ -1,6 +1,8 @@
 #include "host/flowspec/MatchCompType.h"
 
+#include <algorithm>
 #include <array>
+#include <cstdint>
 #include <ostream>
 
 #include "host/fwk/ValueText.h"
@@ -14,6 +16,26 @@ constexpr std::array<std::string_view, 14> kNames = {
    "Destination Port", "Source Port", "ICMP Type",     "ICMP Code",     "TCP Flags",
    "Packet Length",    "DSCP",        "Fragment",      "Flow Label",
 };
+
+constexpr std::string_view kUnknownOpen = "unknown(";
+
+// "unknown(N)" at the start of `text` for a number N beyond the named types (which have
+// names of their own, so that each type has exactly one text).
+std::optional<MatchCompType> parseUnknown(std::string_view text) noexcept {
+   if (!text.starts_with(kUnknownOpen)) return std::nullopt;
+   std::size_t i = kUnknownOpen.size();
+   std::uint64_t n = 0;
+   std::size_t const digits = i;
+   while (i < text.size() && text[i] >= '0' && text[i] <= '9' && i - digits < 10) {
+      n = n * 10 + static_cast<std::uint64_t>(text[i] - '0');
+      ++i;
+   }
+   if (i == digits || i >= text.size() || text[i] != ')') return std::nullopt;
+   if (n <= maxMatchCompType || n > UINT32_MAX) return std::nullopt;
+   // A leading zero would give a second text of the same number.
+   if (text[digits] == '0') return std::nullopt;
+   return static_cast<MatchCompType>(n);
+}
 
 } // namespace
 
@@ -54,11 +76,16 @@ MatchCompType parseMatchCompType(char const*& pos, char const* end) {
    for (std::size_t i = 0; i < kNames.size(); ++i) {
       if (rest.starts_with(kNames[i]) && (best == kNames.size() || kNames[i].size() > kNames[best].size())) best = i;
    }
-   if (best == kNames.size()) {
-      throw Ovk::RangeError("not a flowspec component type: '" + std::string(rest.substr(0, 20)) + "'");
+   if (best != kNames.size()) {
+      pos += kNames[best].size();
+      return static_cast<MatchCompType>(best);
    }
-   pos += kNames[best].size();
-   return static_cast<MatchCompType>(best);
+   // A number beyond the named types reads back from the form toStrep writes for it.
+   if (std::optional<MatchCompType> const t = parseUnknown(rest)) {
+      pos = std::find(pos, end, ')') + 1;
+      return *t;
+   }
+   throw Ovk::RangeError("not a flowspec component type: '" + std::string(rest.substr(0, 20)) + "'");
 }
 
 std::optional<MatchCompType> matchCompTypeFromName(std::string_view text) noexcept {

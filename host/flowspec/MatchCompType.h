@@ -50,8 +50,9 @@ std::string_view matchCompTypeName(MatchCompType t) noexcept;
 std::string toStrep(MatchCompType t);
 std::ostream& operator<<(std::ostream& os, MatchCompType t);
 
-// Reads one type name at `pos` (advancing `pos` past it); a text that starts with no type
-// name raises Ovk::RangeError.
+// Reads one type's text at `pos` (advancing `pos` past it): a name, or "unknown(<number>)"
+// for a number beyond 13, so that every type reads back from what toStrep writes. A text
+// that starts with neither raises Ovk::RangeError.
 MatchCompType parseMatchCompType(char const*& pos, char const* end);
 // The type whose name is exactly `text`; empty otherwise.
 std::optional<MatchCompType> matchCompTypeFromName(std::string_view text) noexcept;

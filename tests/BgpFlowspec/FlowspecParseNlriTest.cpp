@@ -29,13 +29,19 @@ std::string summary(ParseEnv::Outcome const& o, Bytes const& input) {
    return out;
 }
 
+std::string repeat(std::string const& s, std::size_t n) {
+   std::string out;
+   for (std::size_t i = 0; i < n; ++i) out += s;
+   return out;
+}
+
 // ---- Malformed NLRI: one vector per failure, with its reason and message ----
 
 TEST(FlowspecParseNlriTest, EveryFailureCountsItsReasonWithItsMessage) {
    struct Row {
       char const* name;
       bool v6;
-      char const* hex;
+      std::string hex;
       Reason reason;
       char const* message;
       std::size_t consumed; // where the position is left
@@ -50,6 +56,12 @@ TEST(FlowspecParseNlriTest, EveryFailureCountsItsReasonWithItsMessage) {
        // The value of the last pair lies beyond the NLRI, within the attribute.
        {"component past the length", false, "02 03 81 06", Reason::flowspecNlriLenMismatch,
         "parsing component 3 required consuming 1 more byte(s) than nlriLen", 4},
+       // The same past the end of a long component: the body must not take more than one
+       // NLRI's worth before the overrun is found (a peer's 4098 bytes here).
+       {"long component past the length", false, "0103" + repeat("0006", 2047) + "8006",
+        Reason::flowspecNlriLenMismatch, "parsing component 3 required consuming 4096 more byte(s) than nlriLen", 4098},
+       {"long IPv6 component past the length", true, "0103" + repeat("0006", 4000) + "8006",
+        Reason::flowspecNlriLenMismatch, "parsing component 3 required consuming 8002 more byte(s) than nlriLen", 8004},
        {"type 0", false, "01 00", Reason::flowspecComponentTypeInvalid, "invalid component type (0", 2},
        {"descending types", false, "06 03 81 06 01 08 0a", Reason::flowspecComponentTypeOrder,
         "component type 1 appeared after 3", 5},
@@ -101,6 +113,20 @@ TEST(FlowspecParseNlriTest, EveryFailureCountsItsReasonWithItsMessage) {
       EXPECT_EQ(o.result.reason().message(), r.message);
    }
    EXPECT_EQ(env.tables[0]->size() + env.tables[1]->size(), 0u);
+}
+
+// A position that declares more bytes than arrived: an unrecognised tail keeps only the bytes
+// that are there, and the NLRI is then found cut short (reason 217), with nothing read past
+// the packet.
+TEST(FlowspecParseNlriTest, TailOfAPositionDeclaringMoreThanArrived) {
+   ParseEnv env;
+   Bytes const packet = fromHex("05 0e aa bb");
+   BgpParsePktPosition pos = BgpParsePktPosition::declared(packet, 6);
+   BgpParsePktPosition* p = &pos;
+   BgpParseUpdateNlriReturn const ret = env.rules[0]->inhale(env.contexts[0], p, true, env.results);
+   EXPECT_EQ(ret.routeKey, nullptr);
+   EXPECT_EQ(env.results->count(Reason::flowspecComponentTypeMissing), 1u);
+   EXPECT_EQ(pos.dataLeft(), 0u);
 }
 
 // Every cut of a rule's body, its length field set to the cut: the failure each step meets.
@@ -197,17 +223,81 @@ TEST(FlowspecParseNlriTest, BytesAfterTheNlriAreLeftForTheNext) {
 
 TEST(FlowspecParseNlriTest, SameBytesGiveTheSameKeyAndTheTableIsFoundOnce) {
    ParseEnv env;
-   EXPECT_EQ(env.contexts[0]->flowspecRouteKeyDedupTableRawPtr(), nullptr);
+   AfiSafi const v4 = AfiSafi::ipv4Flowspec();
+   EXPECT_EQ(env.contexts[0]->flowspecRouteKeyDedupTableRawPtr(v4), nullptr);
    auto a = env.key(false, "0e01180a0000022014000001038106");
-   EXPECT_EQ(env.contexts[0]->flowspecRouteKeyDedupTableRawPtr(), env.tables[0].ptr());
-   // The cache serves even once the VRF's registry no longer has the family.
-   env.vrf->dedupTablesVrfAfiSafiDel(AfiSafi::ipv4Flowspec());
+   EXPECT_EQ(env.contexts[0]->flowspecRouteKeyDedupTableRawPtr(v4), env.tables[0].ptr());
    auto b = env.key(false, "0e01180a0000022014000001038106");
    EXPECT_EQ(a.ptr(), b.ptr());
    EXPECT_TRUE(a->isDeduped());
    EXPECT_EQ(a->afi(), Afi::afiIpv4);
    EXPECT_EQ(env.tables[0]->size(), 1u);
    EXPECT_EQ(env.results->totalCount(), 0u);
+   // When the VRF's tables are replaced, the cache lets go of the old ones: the next NLRI
+   // lands in the new table.
+   auto replacement = flowspecRouteKeyDedupTableFactory(v4, BgpL3VrfId::defaultVrfId());
+   env.vrf->dedupTablesVrfAfiSafiIs(Ovk::makePtr<DedupTablesVrfAfiSafi>(v4, replacement, nullptr));
+   EXPECT_EQ(env.contexts[0]->flowspecRouteKeyDedupTableRawPtr(v4), nullptr);
+   auto c = env.key(false, "0e01180a0000022014000001038106");
+   EXPECT_NE(c.ptr(), a.ptr());
+   EXPECT_EQ(c->dedupTable(), replacement.ptr());
+}
+
+// A session parses both families through one parse context. Whichever family comes first,
+// each NLRI and each next hop lands in its own family's table: the same bytes make a key of
+// each family, and an IPv6 rule is one canonical key whatever the session parsed before it.
+TEST(FlowspecParseNlriTest, BothFamiliesThroughOneContextUseTheirOwnTables) {
+   auto vrf = Ovk::makePtr<DedupTablesVrf>(BgpL3VrfId::defaultVrfId());
+   Ovk::Ptr<FlowspecRouteKeyDedupTable> keys[2];
+   Ovk::Ptr<FlowspecGenNexthopDedupTable> nexthops[2];
+   Ovk::Ptr<FlowspecParseUpdateNlriRule> nlriRules[2];
+   Ovk::Ptr<FlowspecParseUpdateNextHopRule> nexthopRules[2];
+   for (bool v6 : {false, true}) {
+      AfiSafi const family = v6 ? AfiSafi::ipv6Flowspec() : AfiSafi::ipv4Flowspec();
+      keys[v6] = flowspecRouteKeyDedupTableFactory(family, BgpL3VrfId::defaultVrfId());
+      nexthops[v6] = flowspecGenNexthopDedupTableFactory(
+          BgpL3VrfId::defaultVrfId(), family, flowspecGenNexthopLifeTimeNotifieeFactory(false, nullptr, "bgp"), nullptr);
+      vrf->dedupTablesVrfAfiSafiIs(Ovk::makePtr<DedupTablesVrfAfiSafi>(family, keys[v6], nexthops[v6]));
+      nlriRules[v6] = Ovk::makePtr<FlowspecParseUpdateNlriRule>(BgpParseControl{}, family);
+      nexthopRules[v6] = Ovk::makePtr<FlowspecParseUpdateNextHopRule>(BgpParseControl{}, family);
+   }
+   auto const results = BgpParseUpdateResults::create();
+   auto const scratchpad = Ovk::makePtr<BgpParseUpdateAttributesScratchpad>(results);
+   // Parses next hop `nh` and NLRI `nlri` of one family in `context`.
+   auto update = [&](Ovk::Ptr<BgpParseContext> const& context, bool v6, std::string_view nh, std::string_view nlri) {
+      Bytes const field = fromHex(nh);
+      BgpParsePktPosition nhPos(field);
+      BgpParsePktPosition* p = &nhPos;
+      EXPECT_EQ(nexthopRules[v6]->inhale(context, p, scratchpad), BgpNotificationErrorUpdateMessageSubcode::noError);
+      Bytes const bytes = fromHex(nlri);
+      BgpParsePktPosition pos(bytes);
+      p = &pos;
+      return nlriRules[v6]->inhale(context, p, true, results).routeKey;
+   };
+   std::string const noPrefix = "03 03 81 06";
+   std::string const v6Rule = "13 01 80 00 fd 00 00 00 00 00 00 00 00 00 00 00 00 00 00 01";
+   Ovk::Ptr<RouteKey const> v6Keys[2];
+   for (bool v6First : {false, true}) {
+      SCOPED_TRACE(v6First ? "IPv6 first" : "IPv4 first");
+      auto const context = Ovk::makePtr<BgpParseContext>(vrf, "peer");
+      for (bool v6 : {v6First, !v6First}) {
+         Afi const afi = v6 ? Afi::afiIpv6 : Afi::afiIpv4;
+         for (std::string_view nh : {std::string_view(""), std::string_view(v6 ? "20010db8000000000000000000000001" : "c0000201")}) {
+            auto const key = update(context, v6, nh, noPrefix);
+            ASSERT_NE(key, nullptr);
+            EXPECT_EQ(key->afi(), afi);
+            EXPECT_EQ(key->dedupTable(), keys[v6].ptr());
+            GenNexthop const* const nexthop = scratchpad->nexthop().ptr();
+            ASSERT_NE(nexthop, nullptr);
+            EXPECT_EQ(nexthop->afisafi().afi(), afi);
+            EXPECT_EQ(nexthop->dedupTable(), nexthops[v6].ptr());
+         }
+         if (v6) v6Keys[v6First] = update(context, true, "", v6Rule);
+      }
+   }
+   ASSERT_NE(v6Keys[0], nullptr);
+   EXPECT_EQ(v6Keys[0].ptr(), v6Keys[1].ptr());
+   EXPECT_EQ(results->totalCount(), 0u);
 }
 
 TEST(FlowspecParseNlriTest, TracesTheLengthsRepeatsOffsetsAndTails) {
@@ -569,7 +659,7 @@ TEST(FlowspecParseNextHopTest, EqualFieldsShareOneNexthopAndReplacingReleases) {
    EXPECT_EQ(env.scratchpad->nexthop().ptr(), first.ptr());
    EXPECT_EQ(env.nexthops[0]->size(), markers + 1);
    // The table is looked up once per context.
-   EXPECT_EQ(env.contexts[0]->flowspecNexthopDedupTableRawPtr(), env.nexthops[0].ptr());
+   EXPECT_EQ(env.contexts[0]->flowspecNexthopDedupTableRawPtr(AfiSafi::ipv4Flowspec()), env.nexthops[0].ptr());
    ASSERT_EQ(env.run(false, "c0000202"), kAccepted);
    EXPECT_NE(env.scratchpad->nexthop().ptr(), first.ptr());
    EXPECT_EQ(env.nexthops[0]->size(), markers + 2);

@@ -409,9 +409,13 @@ TEST(FlowspecRouteKeyTest, LessThanCases) {
 }
 
 TEST(FlowspecRouteKeyTest, EqualKeysAreLessBothWaysWithOneTraceLine) {
-   auto t = table();
-   auto a = dedup(fromText("10.0.0.0/8;*;protocol =6;"), t);
-   auto b = dedup(fromText("10.0.0.0/8;*;protocol =6;"), t);
+   // Two canonical keys of equal content (from two tables), so that the line tells which key
+   // is which by its rule id.
+   auto t1 = table();
+   auto t2 = table();
+   auto a = dedup(fromText("10.0.0.0/8;*;protocol =6;"), t1);
+   auto b = dedup(fromText("10.0.0.0/8;*;protocol =6;"), t2);
+   ASSERT_NE(a->ruleId(), b->ruleId());
    Ovk::TraceCapture cap(flowspecTraceFacility(), 1u << 8);
    EXPECT_TRUE(less(*a, *b));
    auto const lines = cap.texts(8);

@@ -82,7 +82,7 @@ TEST(BgpParseTest, VrfRegistryFindsTablesByFamily) {
    std::ostringstream os;
    os << *ctx;
    EXPECT_EQ(os.str(), "peer 192.0.2.1 vrf=0");
-   EXPECT_EQ(ctx->flowspecRouteKeyDedupTableRawPtr(), nullptr);
+   EXPECT_EQ(ctx->flowspecRouteKeyDedupTableRawPtr(AfiSafi::ipv4Flowspec()), nullptr);
 }
 
 } // namespace

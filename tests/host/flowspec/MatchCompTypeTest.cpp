@@ -34,13 +34,25 @@ TEST(MatchCompTypeTest, NamesAreTheStandardsAndSharedStartsTakeTheLongest) {
 }
 
 TEST(MatchCompTypeTest, UnknownTextIsARangeErrorAndUnknownNumbersPrintAsSuch) {
-   for (std::string text : {"", "Destination", "port", "Flowlabel"}) {
+   for (std::string text : {"", "Destination", "port", "Flowlabel", "unknown(13)", "unknown(014)", "unknown()",
+                            "unknown(14", "unknown(4294967296)"}) {
       char const* pos = text.data();
       EXPECT_THROW(parseMatchCompType(pos, text.data() + text.size()), Ovk::RangeError) << text;
       EXPECT_FALSE(matchCompTypeFromName(text));
    }
    EXPECT_EQ(toStrep(static_cast<MatchCompType>(14)), "unknown(14)");
    EXPECT_FALSE(matchCompTypeFromName("unknown(14)"));
+}
+
+// A type beyond the named ones prints as "unknown(N)", which must read back as N, so that a
+// component of any type round-trips through its text form.
+TEST(MatchCompTypeTest, NumbersBeyondTheNamesReadBackFromTheirText) {
+   for (std::uint32_t n : {14u, 200u, 255u, 4294967295u}) {
+      std::string const text = toStrep(static_cast<MatchCompType>(n)) + ", rest";
+      char const* pos = text.data();
+      EXPECT_EQ(parseMatchCompType(pos, text.data() + text.size()), static_cast<MatchCompType>(n)) << text;
+      EXPECT_EQ(std::string_view(pos), ", rest") << text;
+   }
 }
 
 } // namespace
