@@ -74,20 +74,28 @@ class NlriReader {
    std::size_t remainingOtherNlriLen_ = 0;
 };
 
-std::optional<Failure> NlriReader::read() {
-   BgpParsePktPosition& pos = *position_;
-   // RFC 8955 section 4.1: one length byte below 0xf0, else two (0xf0 OR the high four bits).
+// RFC 8955 section 4.1: the NLRI's length field, one byte below 0xf0, else two (0xf0 OR the
+// high four bits); the length must not run past the bytes left. The one reader of the field.
+Ovk::Result<std::uint16_t, Failure> readNlriLength(BgpParsePktPosition& pos) {
    std::uint8_t first = 0;
-   if (!pos.consumeU8(&first)) return Failure(Kind::nlriLength);
+   if (!pos.consumeU8(&first)) return Ovk::failure(Failure(Kind::nlriLength));
    std::uint16_t nlriLen = first;
    if (first > 0xef) {
       std::uint8_t second = 0;
-      if (!pos.consumeU8(&second)) return Failure(Kind::nlriLengthAddend);
+      if (!pos.consumeU8(&second)) return Ovk::failure(Failure(Kind::nlriLengthAddend));
       nlriLen = static_cast<std::uint16_t>((first - 0xf0) * 256 + second);
    }
    if (nlriLen > pos.bytesLeft()) {
-      return Failure(Kind::nlriLenAboveBytesLeft, nlriLen, static_cast<std::uint32_t>(pos.bytesLeft()));
+      return Ovk::failure(Failure(Kind::nlriLenAboveBytesLeft, nlriLen, static_cast<std::uint32_t>(pos.bytesLeft())));
    }
+   return nlriLen;
+}
+
+std::optional<Failure> NlriReader::read() {
+   BgpParsePktPosition& pos = *position_;
+   Ovk::Result<std::uint16_t, Failure> const length = readNlriLength(pos);
+   if (!length) return length.reason();
+   std::uint16_t const nlriLen = length.value();
    remainingOtherNlriLen_ = pos.bytesLeft() - nlriLen;
    OVK_TRACE(flowspecTraceFacility(), 8,
              "parseCtx: " << context_ << " nlriLen=" << nlriLen << ", remainingOtherNlriLen=" << remainingOtherNlriLen_);
@@ -251,6 +259,14 @@ Ovk::FwkType const& FlowspecParseUpdateNlriRule::classFwkType() {
 }
 
 Ovk::FwkType const& FlowspecParseUpdateNlriRule::fwkType() const { return classFwkType(); }
+
+std::optional<std::size_t> FlowspecParseUpdateNlriRule::nlriExtent(BgpParsePktPosition const& position) const {
+   BgpParsePktPosition pos = position;
+   std::size_t const before = pos.bytesLeft();
+   Ovk::Result<std::uint16_t, Failure> const length = readNlriLength(pos);
+   if (!length) return std::nullopt;
+   return before - pos.bytesLeft() + length.value();
+}
 
 BgpParseUpdateNlriReturn FlowspecParseUpdateNlriRule::inhale(Ovk::Ptr<BgpParseContext> const& parseContext,
                                                              BgpParsePktPosition* const& position, bool,

@@ -15,6 +15,7 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <optional>
 #include <string>
 
 #include "BgpFlowspec/FlowspecNexthop.h"
@@ -82,6 +83,10 @@ class FlowspecParseUpdateNlriRule : public BgpParseUpdateNlriRuleBase {
    // table (assertion "routeKeyDedupTable != nullptr").
    BgpParseUpdateNlriReturn inhale(Ovk::Ptr<BgpParseContext> const& parseContext, BgpParsePktPosition* const& position,
                                    bool reachable, Ovk::Ptr<BgpParseUpdateResults> const& results) const override;
+
+   // RFC 8955 section 4.1: the size of the NLRI at `position`, its length field included;
+   // nothing when the length field is cut short or claims more than is left.
+   std::optional<std::size_t> nlriExtent(BgpParsePktPosition const& position) const override;
 
    // inhale, giving the failure instead of an empty return. Counts and traces the same.
    Ovk::Result<FlowspecRouteKey::PtrConst, FlowspecNlriParseFailure>

@@ -11,7 +11,7 @@ namespace Flowspecd {
 Agent::Agent(asio::io_context& io, AgentConfig config, Logger& logger)
     : io_(io), config_(std::move(config)), logger_(logger), scheduler_(EventLoopScheduler::create(io)),
       connector_(Ovk::makePtr<AsioConnector>(io)),
-      updateDecoding_(std::make_unique<UpdateDecoding>(logger, config_.localAs)), updateSink_(updateDecoding_.get()) {}
+      updateDecoding_(std::make_unique<UpdateDecoding>(logger)), updateSink_(updateDecoding_.get()) {}
 
 Agent::~Agent() { stop(); }
 

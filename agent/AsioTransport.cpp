@@ -94,6 +94,7 @@ void AsioTransport::readMore() {
 
 void AsioTransport::send(Bytes bytes) {
    if (closing_ || closed_) return;
+   queuedBytes_ += bytes.size();
    queue_.push_back(std::move(bytes));
    if (!writing_) writeNext();
 }
@@ -105,6 +106,7 @@ void AsioTransport::writeNext() {
       if (self->closed_) return;
       if (ec) {
          self->queue_.clear();
+         self->queuedBytes_ = 0;
          if (self->closing_) {
             self->finishClose();
          } else {
@@ -112,11 +114,16 @@ void AsioTransport::writeNext() {
          }
          return;
       }
+      self->queuedBytes_ -= self->queue_.front().size();
       self->queue_.pop_front();
       if (!self->queue_.empty()) {
          self->writeNext();
       } else if (self->closing_) {
          self->halfClose();
+      } else if (self->drained_) {
+         // A copy: the callback may queue more, or replace itself.
+         auto const drained = self->drained_;
+         drained();
       }
    });
 }
@@ -125,12 +132,14 @@ void AsioTransport::fail(std::string const& reason) {
    Receiver* r = receiver_;
    receiver_ = nullptr;
    queue_.clear();
+   queuedBytes_ = 0;
    finishClose();
    if (r) r->handleClosed(reason);
 }
 
 void AsioTransport::close() {
    receiver_ = nullptr;
+   drained_ = nullptr;
    if (closing_ || closed_) return;
    closing_ = true;
    lingerTimer_.expires_after(kCloseLinger);
@@ -155,6 +164,7 @@ void AsioTransport::halfClose() {
 void AsioTransport::finishClose() {
    if (closed_) return;
    closed_ = true;
+   drained_ = nullptr;
    std::error_code ec;
    lingerTimer_.cancel();
    socket_.shutdown(asio::ip::tcp::socket::shutdown_both, ec);

@@ -29,6 +29,8 @@ class AsioTransport : public Transport {
 
    void receiverIs(Receiver* r) override;
    void send(Bytes bytes) override;
+   std::size_t queuedBytes() const override { return queuedBytes_; }
+   void drainedCallbackIs(std::function<void()> drained) override { drained_ = std::move(drained); }
    void close() override;
    Endpoint local() const override { return local_; }
    Endpoint remote() const override { return remote_; }
@@ -47,8 +49,11 @@ class AsioTransport : public Transport {
    Endpoint local_;
    Endpoint remote_;
    Receiver* receiver_ = nullptr;
-   std::array<std::uint8_t, 8192> readBuffer_{};
+   // Large enough that a peer sending a full table at line rate is read in few calls.
+   std::array<std::uint8_t, 65536> readBuffer_{};
    std::deque<Bytes> queue_;
+   std::size_t queuedBytes_ = 0;
+   std::function<void()> drained_;
    bool writing_ = false;
    bool reading_ = false;
    bool closing_ = false;

@@ -26,24 +26,22 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/BgpMessage.h"
+#include "host/bgp/BgpMessage.h"
 #include "host/fwk/Result.h"
+#include "host/net/Endpoint.h"
 #include "host/net/IpGenAddr.h"
 
 namespace Flowspecd {
 
+// The agent speaks the host's BGP by its own names (messages, families, peers, the RIB).
+using namespace Routing::Bgp;
+
 constexpr std::uint16_t kBgpPort = 179;
 constexpr char const* kDefaultControlSocket = "/tmp/flowspecd.sock";
 
-struct Endpoint {
-   Ovnet::IpGenAddr address;
-   std::uint16_t port = kBgpPort;
-   // "127.0.0.1:179", "[::1]:179".
-   std::string str() const;
-   friend bool operator==(Endpoint const&, Endpoint const&) = default;
-};
-// "ADDR", "ADDR:PORT", "[V6ADDR]" or "[V6ADDR]:PORT"; a bare IPv6 address takes no port.
-std::optional<Endpoint> parseEndpoint(std::string_view text, std::uint16_t defaultPort = kBgpPort);
+using Ovnet::Endpoint;
+// "ADDR", "ADDR:PORT", "[V6ADDR]" or "[V6ADDR]:PORT", port 179 when it names none.
+inline std::optional<Endpoint> parseEndpoint(std::string_view text) { return Ovnet::parseEndpoint(text, kBgpPort); }
 
 struct NeighborConfig {
    Ovnet::IpGenAddr address;

@@ -15,19 +15,13 @@ Ovk::TaskId EventLoopScheduler::post(Ovk::Task task, std::string name) {
 
 Ovk::TaskId EventLoopScheduler::postAfter(Ovk::Duration delay, Ovk::Task task, std::string name) {
    if (delay < Ovk::Duration::zero()) delay = Ovk::Duration::zero();
-   Ovk::TaskId const id = nextId_++;
-   Key const k{now() + delay, id};
-   queue_.emplace(k, Entry{std::move(task), std::move(name)});
-   byId_.emplace(id, k);
+   Ovk::TaskId const id = queue_.postAt(now() + delay, std::move(task), std::move(name));
    arm();
    return id;
 }
 
 bool EventLoopScheduler::cancel(Ovk::TaskId id) {
-   auto it = byId_.find(id);
-   if (it == byId_.end()) return false;
-   queue_.erase(it->second);
-   byId_.erase(it);
+   if (!queue_.cancel(id)) return false;
    if (queue_.empty()) {
       // Nothing left to wait for: an idle loop must be able to run out of work.
       armedFor_ = Ovk::Clock::time_point::max();
@@ -40,7 +34,7 @@ bool EventLoopScheduler::cancel(Ovk::TaskId id) {
 
 void EventLoopScheduler::arm() {
    if (queue_.empty()) return;
-   auto const due = queue_.begin()->first.due;
+   auto const due = queue_.earliestDue();
    if (due >= armedFor_) return;
    armedFor_ = due;
    timer_.expires_at(due);
@@ -56,19 +50,10 @@ void EventLoopScheduler::arm() {
 
 void EventLoopScheduler::runDue() {
    auto const until = now();
-   Ovk::TaskId const lastId = nextId_;
-   while (!queue_.empty()) {
-      auto const& front = queue_.begin()->first;
-      if (front.due > until) break;
-      if (front.id >= lastId) {
-         // Posted during this batch for no later than now: keep the order, but let socket
-         // completions run first.
-         break;
-      }
-      auto node = queue_.extract(queue_.begin());
-      byId_.erase(node.key().id);
-      node.mapped().task();
-   }
+   // Tasks posted during this batch wait for the next one, even when due now: they keep their
+   // order, and socket completions run first.
+   Ovk::TaskId const postedBefore = queue_.nextId();
+   while (std::optional<Ovk::Task> task = queue_.takeDue(until, postedBefore)) (*task)();
 }
 
 } // namespace Flowspecd

@@ -8,7 +8,6 @@
 
 #include <asio/io_context.hpp>
 #include <asio/steady_timer.hpp>
-#include <map>
 #include <memory>
 
 #include "host/fwk/Scheduler.h"
@@ -30,22 +29,11 @@ class EventLoopScheduler : public Ovk::TaskScheduler {
    std::size_t pending() const { return queue_.size(); }
 
  private:
-   struct Key {
-      Ovk::Clock::time_point due;
-      Ovk::TaskId id;
-      bool operator<(Key const& o) const { return due != o.due ? due < o.due : id < o.id; }
-   };
-   struct Entry {
-      Ovk::Task task;
-      std::string name;
-   };
    void arm();
    void runDue();
 
    asio::steady_timer timer_;
-   std::map<Key, Entry> queue_;
-   std::map<Ovk::TaskId, Key> byId_;
-   Ovk::TaskId nextId_ = 1;
+   Ovk::TaskQueue queue_;
    // The due time the timer is armed for; max when it is idle.
    Ovk::Clock::time_point armedFor_ = Ovk::Clock::time_point::max();
    // Set to false on destruction; completions that outlive the scheduler see it and stop.

@@ -22,8 +22,26 @@ std::chrono::seconds seconds(std::uint32_t s) { return std::chrono::seconds(s); 
 
 } // namespace
 
-void UpdateSink::handleEstablished(Neighbor const&, Negotiated const&) {}
-void UpdateSink::handleSessionDown(Neighbor const&) {}
+UpdateOutcome UpdateOutcome::of(BgpParsedUpdate const& u) {
+   UpdateOutcome o;
+   if (u.notification) {
+      o.reset = Notification{u.notification->code, u.notification->subcode,
+                             Bytes(u.notification->data.begin(), u.notification->data.end())};
+   }
+   o.endOfRib = u.endOfRib();
+   if (o.endOfRib) return o;
+   if (!u.withdrawnRoutes.empty() || !u.ipv4Nlri.empty()) o.familyIs(kIpv4Unicast);
+   for (BgpParsedMpAttribute const* mp : {&u.mpReach, &u.mpUnreach}) {
+      if (mp->present && mp->nlriBytes != 0) o.familyIs(mp->afiSafi);
+   }
+   return o;
+}
+
+void UpdateSink::handleEstablished(BgpPeer const&, Negotiated const& negotiated, BgpPeerOutput& output) {
+   for (AfiSafi const f : negotiated.families) output.sendEndOfRib(f);
+}
+void UpdateSink::handleSessionDown(BgpPeer const&) {}
+void UpdateSink::handleRouteRefresh(BgpPeer const&, AfiSafi) {}
 
 char const* stateName(BgpState s) {
    switch (s) {
@@ -37,8 +55,9 @@ char const* stateName(BgpState s) {
    return "Idle";
 }
 
-// One TCP connection of the neighbor, from the moment it is up.
-class Neighbor::Connection : public Ovk::PtrInterface, public Transport::Receiver {
+// One TCP connection of the neighbor, from the moment it is up; once Established, the
+// session's way out.
+class Neighbor::Connection : public Ovk::PtrInterface, public Transport::Receiver, public BgpPeerOutput {
  public:
    Connection(Neighbor& owner, Ovk::Ptr<Transport> t, Origin o)
        : owner_(owner), transport(std::move(t)), origin(o), local(transport->local()), remote(transport->remote()) {}
@@ -47,10 +66,10 @@ class Neighbor::Connection : public Ovk::PtrInterface, public Transport::Receive
       Ovk::Ptr<Connection> const self(this); // a message may end the connection
       framer.feed(bytes);
       while (open) {
-         auto next = framer.next();
+         auto next = framer.nextView();
          if (!next) break;
          if (!next->ok()) {
-            owner_.drop(*this, next->reason(), "");
+            owner_.closeConnection(*this, next->reason(), "");
             break;
          }
          owner_.handleMessage(*this, next->value());
@@ -58,7 +77,18 @@ class Neighbor::Connection : public Ovk::PtrInterface, public Transport::Receive
    }
    void handleClosed(std::string const& reason) override {
       Ovk::Ptr<Connection> const self(this);
-      owner_.drop(*this, std::nullopt, "connection closed by the peer (" + reason + ")");
+      owner_.closeConnection(*this, std::nullopt, "connection closed by the peer (" + reason + ")");
+   }
+
+   void sendUpdate(ByteView message) override {
+      if (open) owner_.send(*this, message, MessageType::update);
+   }
+   void sendEndOfRib(AfiSafi family) override {
+      if (open) owner_.send(*this, encodeEndOfRib(family), MessageType::update);
+   }
+   std::size_t queuedBytes() const override { return transport->queuedBytes(); }
+   void drainedCallbackIs(std::function<void()> drained) override {
+      if (open) transport->drainedCallbackIs(std::move(drained));
    }
 
    Neighbor& owner_;
@@ -73,6 +103,7 @@ class Neighbor::Connection : public Ovk::PtrInterface, public Transport::Receive
    std::optional<Ovk::TaskId> keepaliveTimer;
    std::optional<OpenMessage> remoteOpen;
    Negotiated negotiated;
+   BgpPeer peer;
    Ovk::Clock::time_point establishedAt{};
 };
 
@@ -82,6 +113,7 @@ Neighbor::Neighbor(NeighborConfig config, LocalSpeaker local, Deps deps)
    OVK_ASSERT(deps_.scheduler);
    OVK_ASSERT(deps_.connector);
    OVK_ASSERT(deps_.logger != nullptr);
+   OVK_ASSERT(deps_.updates != nullptr);
 }
 
 Neighbor::~Neighbor() {
@@ -97,24 +129,31 @@ Neighbor::~Neighbor() {
 void Neighbor::log(std::string const& event) const { deps_.logger->log(config_.address.str(), event); }
 
 BgpState Neighbor::state() const {
-   BgpState s = connections_.empty() ? base_ : BgpState::idle;
+   BgpState s = connections_.empty() ? neighborState_ : BgpState::idle;
    for (auto const& c : connections_) s = std::max(s, c->state);
    return s;
 }
 
-void Neighbor::noteState() {
-   BgpState const s = state();
-   if (s == shown_) return;
-   log(std::string("state ") + stateName(shown_) + " -> " + stateName(s));
-   shown_ = s;
+void Neighbor::transition(Connection* c, BgpState to) {
+   if (c) {
+      c->state = to;
+   } else {
+      neighborState_ = to;
+   }
+   BgpState const shown = state();
+   if (shown != reportedState_) {
+      log(std::string("state ") + stateName(reportedState_) + " -> " + stateName(shown));
+      reportedState_ = shown;
+   }
+   if (c && to == BgpState::established) enterEstablished(*c);
+   if (!c && to == BgpState::idle) enterIdle();
 }
 
 void Neighbor::start() {
    if (started_) return;
    started_ = true;
    if (config_.passive) {
-      base_ = BgpState::active;
-      noteState();
+      transition(nullptr, BgpState::active);
    } else {
       connectNow();
    }
@@ -124,11 +163,8 @@ void Neighbor::stop(Notification const& why) {
    started_ = false;
    cancelConnecting();
    auto const all = connections_;
-   for (auto const& c : all) drop(*c, why, "");
-   if (connections_.empty()) {
-      base_ = BgpState::idle;
-      noteState();
-   }
+   for (auto const& c : all) closeConnection(*c, why, "");
+   if (connections_.empty()) transition(nullptr, BgpState::idle);
 }
 
 void Neighbor::cancelConnecting() {
@@ -144,8 +180,7 @@ void Neighbor::cancelConnecting() {
 
 void Neighbor::connectNow() {
    cancelConnecting();
-   base_ = BgpState::connect;
-   noteState();
+   transition(nullptr, BgpState::connect);
    Endpoint const remote{config_.address, config_.port};
    log("connecting to " + remote.str() +
        (local_.sourceAddress ? " from " + local_.sourceAddress->str() : std::string()));
@@ -170,11 +205,8 @@ void Neighbor::handleConnectDone(Ovk::Ptr<Transport> t, std::string const& error
    if (!t) {
       lastError_ = "connect to " + Endpoint{config_.address, config_.port}.str() + " failed: " + error;
       log(lastError_);
-      if (connections_.empty()) {
-         // RFC 4271 section 8.2.2, Connect state: on a failed attempt, wait in Active.
-         base_ = BgpState::active;
-         noteState();
-      }
+      // RFC 4271 section 8.2.2, Connect state: on a failed attempt, wait in Active.
+      if (connections_.empty()) transition(nullptr, BgpState::active);
       return;
    }
    if (connectRetryTimer_) {
@@ -207,7 +239,7 @@ void Neighbor::handleIncoming(Ovk::Ptr<Transport> transport) {
    // A new connection from the peer replaces an older one it made that has not come up.
    for (auto const& c : connections_) {
       if (c->origin == Origin::remote) {
-         drop(*c, Notification{ErrorCode::cease, CeaseSubcode::connectionCollision, {}}, "");
+         closeConnection(*c, Notification{ErrorCode::cease, CeaseSubcode::connectionCollision, {}}, "");
          break;
       }
    }
@@ -224,7 +256,7 @@ void Neighbor::addConnection(Ovk::Ptr<Transport> t, Origin origin) {
    c->transport->receiverIs(c.ptr());
    send(*c, encodeOpen(localOpen_), MessageType::open);
    restartHoldTimer(*c);
-   noteState();
+   transition(c.ptr(), BgpState::openSent);
 }
 
 void Neighbor::send(Connection& c, Bytes bytes, MessageType type) {
@@ -238,6 +270,8 @@ void Neighbor::send(Connection& c, Bytes bytes, MessageType type) {
    c.transport->send(std::move(bytes));
 }
 
+void Neighbor::send(Connection& c, ByteView bytes, MessageType type) { send(c, Bytes(bytes.begin(), bytes.end()), type); }
+
 void Neighbor::restartHoldTimer(Connection& c) {
    if (c.holdTimer) deps_.scheduler->cancel(*c.holdTimer);
    c.holdTimer.reset();
@@ -245,7 +279,7 @@ void Neighbor::restartHoldTimer(Connection& c) {
    if (hold == 0) return;
    c.holdTimer = deps_.scheduler->postAfter(seconds(hold), [this, cp = Ovk::Ptr<Connection>(&c)] {
       cp->holdTimer.reset();
-      drop(*cp, Notification{ErrorCode::holdTimerExpired, 0, {}}, "");
+      closeConnection(*cp, Notification{ErrorCode::holdTimerExpired, 0, {}}, "");
    }, "hold");
 }
 
@@ -261,7 +295,7 @@ void Neighbor::startKeepaliveTimer(Connection& c) {
    }, "keepalive");
 }
 
-void Neighbor::handleMessage(Connection& c, Message const& m) {
+void Neighbor::handleMessage(Connection& c, MessageView const& m) {
    ++counters_.messagesIn;
    auto const fsmError = [&c] {
       std::uint8_t const sub = c.state == BgpState::openSent      ? FsmSubcode::inOpenSent
@@ -273,12 +307,13 @@ void Neighbor::handleMessage(Connection& c, Message const& m) {
    case MessageType::notification: {
       ++counters_.notificationsIn;
       auto n = parseNotification(m.body());
-      drop(c, std::nullopt, "received NOTIFICATION " + (n ? notificationText(n.value()) : std::string("(unreadable)")));
+      closeConnection(c, std::nullopt,
+                      "received NOTIFICATION " + (n ? notificationText(n.value()) : std::string("(unreadable)")));
       return;
    }
    case MessageType::open:
       if (c.state != BgpState::openSent) {
-         drop(c, fsmError(), "");
+         closeConnection(c, fsmError(), "");
          return;
       }
       handleOpen(c, m);
@@ -286,9 +321,9 @@ void Neighbor::handleMessage(Connection& c, Message const& m) {
    case MessageType::keepalive:
       ++counters_.keepalivesIn;
       if (c.state == BgpState::openSent) {
-         drop(c, fsmError(), "");
+         closeConnection(c, fsmError(), "");
       } else if (c.state == BgpState::openConfirm) {
-         handleEstablished(c);
+         transition(&c, BgpState::established);
       } else {
          restartHoldTimer(c);
       }
@@ -296,7 +331,7 @@ void Neighbor::handleMessage(Connection& c, Message const& m) {
    case MessageType::update:
       ++counters_.updatesIn;
       if (c.state != BgpState::established) {
-         drop(c, fsmError(), "");
+         closeConnection(c, fsmError(), "");
          return;
       }
       handleUpdate(c, m);
@@ -304,41 +339,44 @@ void Neighbor::handleMessage(Connection& c, Message const& m) {
    case MessageType::routeRefresh: {
       ++counters_.routeRefreshesIn;
       if (c.state != BgpState::established) {
-         drop(c, fsmError(), "");
+         closeConnection(c, fsmError(), "");
          return;
       }
       auto family = parseRouteRefresh(m.body());
       if (!family) {
-         drop(c, family.reason(), "");
+         closeConnection(c, family.reason(), "");
          return;
       }
       restartHoldTimer(c);
-      // Nothing is advertised yet, so a refresh has nothing to send again.
+      bool const wanted = c.negotiated.routeRefresh &&
+                          std::find(c.negotiated.families.begin(), c.negotiated.families.end(), family.value()) !=
+                              c.negotiated.families.end();
       log("route refresh received for " + familyName(family.value()) +
-          (c.negotiated.routeRefresh ? "" : " (route refresh was not negotiated; ignored)"));
+          (wanted ? "" : " (not negotiated for the session; ignored)"));
+      if (wanted) deps_.updates->handleRouteRefresh(c.peer, family.value());
       return;
    }
    }
 }
 
-void Neighbor::handleOpen(Connection& c, Message const& m) {
+void Neighbor::handleOpen(Connection& c, MessageView const& m) {
    auto parsed = parseOpen(m.body());
    if (!parsed) {
-      drop(c, parsed.reason(), "");
+      closeConnection(c, parsed.reason(), "");
       return;
    }
    OpenMessage const& remote = parsed.value();
    log("received OPEN: AS " + std::to_string(remote.as()) + ", identifier " + idText(remote.bgpId) +
        ", hold time " + std::to_string(remote.holdTime) + ", families " + familiesText(remote.families));
    if (auto bad = checkOpen(remote, OpenExpectations{config_.remoteAs, local_.as, local_.routerId})) {
-      drop(c, *bad, "");
+      closeConnection(c, *bad, "");
       return;
    }
    Negotiated neg = negotiate(localOpen_, remote);
    if (neg.families.empty()) {
       // RFC 5492 section 5: the data lists the capabilities the session cannot do without.
-      drop(c, Notification{ErrorCode::open, OpenSubcode::unsupportedCapability,
-                           multiprotocolCapabilities(localOpen_.families)}, "");
+      closeConnection(c, Notification{ErrorCode::open, OpenSubcode::unsupportedCapability,
+                                      multiprotocolCapabilities(localOpen_.families)}, "");
       return;
    }
    // RFC 4271 section 6.8: of two connections with the same peer, the one started by the
@@ -351,71 +389,47 @@ void Neighbor::handleOpen(Connection& c, Message const& m) {
       Notification const collision{ErrorCode::cease, CeaseSubcode::connectionCollision, {}};
       Origin const keep = local_.routerId < remote.bgpId ? Origin::remote : Origin::local;
       if (other->state == BgpState::established || c.origin != keep) {
-         drop(c, collision, "");
+         closeConnection(c, collision, "");
          return;
       }
-      drop(*other, collision, "");
+      closeConnection(*other, collision, "");
    }
    c.remoteOpen = remote;
    c.negotiated = std::move(neg);
+   c.peer = BgpPeer{config_.address, config_.remoteAs, local_.as, remote.bgpId, BgpL3VrfId::defaultVrfId()};
    send(c, encodeKeepalive(), MessageType::keepalive);
-   c.state = BgpState::openConfirm;
+   transition(&c, BgpState::openConfirm);
    restartHoldTimer(c);
    startKeepaliveTimer(c);
-   noteState();
 }
 
-void Neighbor::handleEstablished(Connection& c) {
-   c.state = BgpState::established;
+void Neighbor::enterEstablished(Connection& c) {
    c.establishedAt = deps_.scheduler->now();
    ++counters_.establishedTransitions;
    cancelConnecting();
    Notification const collision{ErrorCode::cease, CeaseSubcode::connectionCollision, {}};
    auto const all = connections_;
    for (auto const& o : all) {
-      if (o.ptr() != &c) drop(*o, collision, "");
+      if (o.ptr() != &c) closeConnection(*o, collision, "");
    }
    restartHoldTimer(c);
-   noteState();
    log("session established: families " + familiesText(c.negotiated.families) + ", hold time " +
        std::to_string(c.negotiated.holdTime) + ", keepalive " + std::to_string(c.negotiated.keepaliveTime));
-   if (deps_.updates) deps_.updates->handleEstablished(*this, c.negotiated);
-   // RFC 4724 section 2: End-of-RIB after the initial updates, of which there are none yet.
-   for (auto const f : c.negotiated.families) send(c, encodeEndOfRib(f), MessageType::update);
+   deps_.updates->handleEstablished(c.peer, c.negotiated, c);
 }
 
-void Neighbor::handleUpdate(Connection& c, Message const& m) {
-   auto summary = summarizeUpdate(m.body());
-   // Without a decoder the summary's framing checks decide; with one, the decoder does.
-   if (!summary && !deps_.updates) {
-      drop(c, summary.reason(), "");
-      return;
-   }
+void Neighbor::handleUpdate(Connection& c, MessageView const& m) {
    restartHoldTimer(c);
-   if (!summary) {
-      if (auto n = deps_.updates->handleUpdate(*this, m, nullptr)) drop(c, *n, "");
-      return;
+   UpdateOutcome const outcome = deps_.updates->handleUpdate(c.peer, m);
+   if (outcome.endOfRib) {
+      ++counters_.endOfRibIn[*outcome.endOfRib];
+      log("End-of-RIB received for " + familyName(*outcome.endOfRib));
    }
-   UpdateSummary const& s = summary.value();
-   if (auto eor = s.endOfRib()) {
-      ++counters_.endOfRibIn[*eor];
-      log("End-of-RIB received for " + familyName(*eor));
-   } else {
-      std::vector<AfiSafi> families;
-      if (s.withdrawnBytes || s.nlriBytes) families.push_back(kIpv4Unicast);
-      for (auto const& p : s.parts) {
-         if (p.nlriBytes && std::find(families.begin(), families.end(), p.family) == families.end()) {
-            families.push_back(p.family);
-         }
-      }
-      for (auto const f : families) ++counters_.familyUpdatesIn[f];
-   }
-   if (deps_.updates) {
-      if (auto n = deps_.updates->handleUpdate(*this, m, &s)) drop(c, *n, "");
-   }
+   for (std::size_t i = 0; i < outcome.familyCount; ++i) ++counters_.familyUpdatesIn[outcome.families[i]];
+   if (outcome.reset) closeConnection(c, *outcome.reset, "");
 }
 
-void Neighbor::drop(Connection& c, std::optional<Notification> notify, std::string const& reason) {
+void Neighbor::closeConnection(Connection& c, std::optional<Notification> notify, std::string const& reason) {
    if (!c.open) return;
    Ovk::Ptr<Connection> const keep(&c);
    if (notify) {
@@ -435,24 +449,18 @@ void Neighbor::drop(Connection& c, std::optional<Notification> notify, std::stri
    connections_.erase(std::remove(connections_.begin(), connections_.end(), keep), connections_.end());
    if (wasEstablished) {
       log("session down");
-      if (deps_.updates) deps_.updates->handleSessionDown(*this);
+      deps_.updates->handleSessionDown(c.peer);
    }
-   if (connections_.empty()) {
-      afterConnectionsGone();
-   } else {
-      noteState();
-   }
+   transition(nullptr, connections_.empty() ? BgpState::idle : neighborState_);
 }
 
-void Neighbor::afterConnectionsGone() {
+void Neighbor::enterIdle() {
+   if (!connections_.empty()) return;
    cancelConnecting();
-   base_ = BgpState::idle;
-   noteState();
    if (!started_) return;
    // Automatic restart: a passive neighbor waits for the peer, an active one tries again
    // after connect-retry.
-   base_ = BgpState::active;
-   noteState();
+   transition(nullptr, BgpState::active);
    if (!config_.passive) startConnectRetryTimer();
 }
 

@@ -15,6 +15,7 @@
 // Everything runs on the scheduler's task thread.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -22,9 +23,11 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/BgpMessage.h"
 #include "agent/Config.h"
 #include "agent/Transport.h"
+#include "host/bgp/BgpMessage.h"
+#include "host/bgp/BgpPeer.h"
+#include "host/bgp/BgpUpdateDecoder.h"
 #include "host/fwk/Ptr.h"
 #include "host/fwk/Scheduler.h"
 
@@ -43,21 +46,41 @@ class Logger {
 
 class Neighbor;
 
-// Where received UPDATE messages go once their framing has been checked. The UPDATE
-// decoder plugs in here.
+// What the UPDATE sink made of one UPDATE, for the session.
+struct UpdateOutcome {
+   // The session ends with this NOTIFICATION (RFC 7606 session reset).
+   std::optional<Notification> reset;
+   // The UPDATE was the End-of-RIB marker of this family (RFC 4724 section 2).
+   std::optional<AfiSafi> endOfRib;
+   // The families whose routes or withdrawals it carried (IPv4 unicast fields, MP_REACH_NLRI,
+   // MP_UNREACH_NLRI: at most three).
+   std::array<AfiSafi, 3> families{};
+   std::size_t familyCount = 0;
+   void familyIs(AfiSafi f) {
+      for (std::size_t i = 0; i < familyCount; ++i) {
+         if (families[i] == f) return;
+      }
+      if (familyCount < families.size()) families[familyCount++] = f;
+   }
+   // What the UPDATE decoder found: its End-of-RIB, its families, and its NOTIFICATION when
+   // the UPDATE resets the session.
+   static UpdateOutcome of(BgpParsedUpdate const& update);
+};
+
+// Where an established session's UPDATEs go, and who decides what it sends: the agent's RIB.
 class UpdateSink {
  public:
-   // `update` is the whole message, header included. `summary` is null when the message's
-   // attributes could not be framed: with a sink the decision is the sink's (RFC 7606 treats
-   // some of those errors as withdrawals, not resets). A NOTIFICATION in the answer resets
-   // the session with it.
-   virtual std::optional<Notification> handleUpdate(Neighbor const& from, Message const& update,
-                                                    UpdateSummary const* summary) = 0;
-   // A session of `from` reached Established with what both OPENs agreed on; UPDATEs of it
-   // follow. By default nothing.
-   virtual void handleEstablished(Neighbor const& from, Negotiated const& negotiated);
-   // The established session of `from` ended. By default nothing.
-   virtual void handleSessionDown(Neighbor const& from);
+   // `update` is one whole message, header included, valid during the call.
+   virtual UpdateOutcome handleUpdate(BgpPeer const& peer, MessageView const& update) = 0;
+   // A session of `peer` reached Established with what both OPENs agreed on; UPDATEs of it
+   // follow. `output` is the session's way out, valid until handleSessionDown. By default
+   // the session sends End-of-RIB for every family it negotiated, having nothing else to
+   // send.
+   virtual void handleEstablished(BgpPeer const& peer, Negotiated const& negotiated, BgpPeerOutput& output);
+   // The established session of `peer` ended.
+   virtual void handleSessionDown(BgpPeer const& peer);
+   // The peer asks for `family` again (RFC 2918); by default there is nothing to send.
+   virtual void handleRouteRefresh(BgpPeer const& peer, AfiSafi family);
    virtual ~UpdateSink() = default;
 };
 
@@ -104,7 +127,7 @@ class Neighbor : public Ovk::PtrInterface {
       Ovk::Ptr<Ovk::TaskScheduler> scheduler;
       Ovk::Ptr<Connector> connector;
       Logger* logger = nullptr;
-      UpdateSink* updates = nullptr; // may be null: UPDATEs are only counted
+      UpdateSink* updates = nullptr; // where UPDATEs go; required
    };
    // RFC 4271 section 8.2.2: the hold time while waiting for the peer's OPEN.
    static constexpr std::uint16_t kOpenHoldSeconds = 240;
@@ -136,18 +159,21 @@ class Neighbor : public Ovk::PtrInterface {
    void startConnectRetryTimer();
    void cancelConnecting();
    void addConnection(Ovk::Ptr<Transport> t, Origin origin);
-   void handleMessage(Connection& c, Message const& m);
-   void handleOpen(Connection& c, Message const& m);
-   void handleUpdate(Connection& c, Message const& m);
-   void handleEstablished(Connection& c);
+   void handleMessage(Connection& c, MessageView const& m);
+   void handleOpen(Connection& c, MessageView const& m);
+   void handleUpdate(Connection& c, MessageView const& m);
    void send(Connection& c, Bytes bytes, MessageType type);
+   void send(Connection& c, ByteView bytes, MessageType type);
    // Ends a connection, sending `notify` first when given; `reason` goes to the last error.
-   void drop(Connection& c, std::optional<Notification> notify, std::string const& reason);
+   void closeConnection(Connection& c, std::optional<Notification> notify, std::string const& reason);
    void restartHoldTimer(Connection& c);
    void startKeepaliveTimer(Connection& c);
-   void afterConnectionsGone();
-   // The one funnel for state changes: logs every change of the shown state.
-   void noteState();
+   // The one funnel for state changes: sets the state of connection `c`, or the neighbor's
+   // own (Idle, Connect, Active) when `c` is null; logs every change of the state shown; and
+   // runs the entry actions of the state entered.
+   void transition(Connection* c, BgpState to);
+   void enterEstablished(Connection& c);
+   void enterIdle();
    void log(std::string const& event) const;
 
    NeighborConfig config_;
@@ -155,8 +181,8 @@ class Neighbor : public Ovk::PtrInterface {
    Deps deps_;
    OpenMessage localOpen_;
    bool started_ = false;
-   BgpState base_ = BgpState::idle; // Idle, Connect or Active
-   BgpState shown_ = BgpState::idle;
+   BgpState neighborState_ = BgpState::idle; // Idle, Connect or Active
+   BgpState reportedState_ = BgpState::idle; // the state last logged
    Ovk::Ptr<ConnectAttempt> attempt_;
    std::optional<Ovk::TaskId> connectRetryTimer_;
    std::vector<Ovk::Ptr<Connection>> connections_;

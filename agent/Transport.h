@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
-#include "agent/ByteCursor.h"
 #include "agent/Config.h"
+#include "host/bgp/ByteCursor.h"
 #include "host/fwk/Ptr.h"
 #include "host/net/IpGenAddr.h"
 
@@ -31,6 +31,11 @@ class Transport : public Ovk::PtrInterface {
    virtual void receiverIs(Receiver* r) = 0;
    // Queues bytes; they are written in order.
    virtual void send(Bytes bytes) = 0;
+   // Bytes queued and not yet written.
+   virtual std::size_t queuedBytes() const = 0;
+   // `drained` runs on the task thread each time the queue has been written out (empty: no
+   // call). Dropped when the connection closes.
+   virtual void drainedCallbackIs(std::function<void()> drained) = 0;
    // Writes what is queued, then closes our side and waits for the peer to close its own
    // (both bounded in time). The receiver hears nothing more after this call.
    virtual void close() = 0;

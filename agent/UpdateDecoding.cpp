@@ -64,29 +64,28 @@ struct UpdateDecoding::Peer {
    std::map<AfiSafi, std::unordered_set<Ovk::Ptr<RouteKey const>>> rules;
 };
 
-UpdateDecoding::UpdateDecoding(Logger& logger, std::uint32_t localAs)
-    : logger_(logger), localAs_(localAs), plugin_(std::make_unique<Plugin>()) {}
+UpdateDecoding::UpdateDecoding(Logger& logger) : logger_(logger), plugin_(std::make_unique<Plugin>()) {}
 
 UpdateDecoding::~UpdateDecoding() {
    // Keys go before the tables that hold them.
    peers_.clear();
 }
 
-UpdateDecoding::Peer& UpdateDecoding::peerOf(Neighbor const& from) {
-   std::unique_ptr<Peer>& p = peers_[from.config().address];
+UpdateDecoding::Peer& UpdateDecoding::peerOf(BgpPeer const& from) {
+   std::unique_ptr<Peer>& p = peers_[from.address];
    if (!p) {
       p = std::make_unique<Peer>();
-      p->context = Ovk::makePtr<BgpParseContext>(plugin_->vrf, from.config().address.str());
+      p->context = Ovk::makePtr<BgpParseContext>(plugin_->vrf, from.address.str());
    }
    if (!p->decoder) startSession(*p, from, nullptr);
    return *p;
 }
 
-void UpdateDecoding::startSession(Peer& peer, Neighbor const& from, Negotiated const* negotiated) {
+void UpdateDecoding::startSession(Peer& peer, BgpPeer const& from, Negotiated const* negotiated) {
    if (peer.decoder) add(peer.earlier, peer.decoder->counters());
    BgpUpdateDecoder::Options options;
    options.fourOctetAs = negotiated ? negotiated->fourOctetAs : true;
-   options.externalPeer = from.config().remoteAs != localAs_;
+   options.externalPeer = !from.internal();
    peer.decoder = std::make_unique<BgpUpdateDecoder>(peer.context, options);
    // The families the session agreed on; without a session, both.
    for (auto const& [family, collections] : plugin_->collections) {
@@ -96,29 +95,28 @@ void UpdateDecoding::startSession(Peer& peer, Neighbor const& from, Negotiated c
    }
 }
 
-void UpdateDecoding::handleEstablished(Neighbor const& from, Negotiated const& negotiated) {
+void UpdateDecoding::handleEstablished(BgpPeer const& from, Negotiated const& negotiated, BgpPeerOutput& output) {
    Peer& peer = peerOf(from);
    startSession(peer, from, &negotiated);
+   UpdateSink::handleEstablished(from, negotiated, output);
 }
 
-void UpdateDecoding::handleSessionDown(Neighbor const& from) {
-   auto const it = peers_.find(from.config().address);
+void UpdateDecoding::handleSessionDown(BgpPeer const& from) {
+   auto const it = peers_.find(from.address);
    if (it == peers_.end()) return;
    // RFC 4271 section 8.2.2 (Established, on any event ending the session): the peer's routes
    // go with it.
    it->second->rules.clear();
 }
 
-std::optional<Notification> UpdateDecoding::handleUpdate(Neighbor const& from, Message const& update,
-                                                         UpdateSummary const*) {
+UpdateOutcome UpdateDecoding::handleUpdate(BgpPeer const& from, MessageView const& update) {
    Peer& peer = peerOf(from);
    BgpParsedUpdate const& u = peer.decoder->decode(update.bytes);
    if (u.action == BgpUpdateAction::sessionReset) {
-      logger_.log(from.config().address.str(), "UPDATE refused: " + errorsText(u));
-      BgpUpdateNotification const& n = *u.notification;
-      return Notification{n.code, n.subcode, Bytes(n.data.begin(), n.data.end())};
+      logger_.log(from.address.str(), "UPDATE refused: " + errorsText(u));
+      return UpdateOutcome::of(u);
    }
-   if (!u.errors.empty()) logger_.log(from.config().address.str(), "UPDATE " + std::string(toStrep(u.action)) + ": " + errorsText(u));
+   if (!u.errors.empty()) logger_.log(from.address.str(), "UPDATE " + std::string(toStrep(u.action)) + ": " + errorsText(u));
    // RFC 7606 section 2: under treat-as-withdraw the announced routes are withdrawn too.
    bool const withdrawAll = u.announcedWithdrawn();
    for (BgpParsedNlri const& n : u.nlri) {
@@ -130,7 +128,7 @@ std::optional<Notification> UpdateDecoding::handleUpdate(Neighbor const& from, M
          rules.erase(n.routeKey);
       }
    }
-   return std::nullopt;
+   return UpdateOutcome::of(u);
 }
 
 std::optional<UpdateDecoding::PeerView> UpdateDecoding::peer(Ovnet::IpGenAddr const& neighbor) const {

@@ -28,15 +28,14 @@ namespace Flowspecd {
 class UpdateDecoding : public UpdateSink {
  public:
    // `localAs` tells external peers from internal ones.
-   UpdateDecoding(Logger& logger, std::uint32_t localAs);
+   explicit UpdateDecoding(Logger& logger);
    ~UpdateDecoding() override;
    UpdateDecoding(UpdateDecoding const&) = delete;
    UpdateDecoding& operator=(UpdateDecoding const&) = delete;
 
-   std::optional<Notification> handleUpdate(Neighbor const& from, Message const& update,
-                                            UpdateSummary const* summary) override;
-   void handleEstablished(Neighbor const& from, Negotiated const& negotiated) override;
-   void handleSessionDown(Neighbor const& from) override;
+   UpdateOutcome handleUpdate(BgpPeer const& from, MessageView const& update) override;
+   void handleEstablished(BgpPeer const& from, Negotiated const& negotiated, BgpPeerOutput& output) override;
+   void handleSessionDown(BgpPeer const& from) override;
 
    // What one neighbor's UPDATEs gave, over all its sessions.
    struct PeerView {
@@ -54,11 +53,10 @@ class UpdateDecoding : public UpdateSink {
  private:
    struct Peer;
    struct Plugin;
-   Peer& peerOf(Neighbor const& from);
-   void startSession(Peer& peer, Neighbor const& from, Negotiated const* negotiated);
+   Peer& peerOf(BgpPeer const& from);
+   void startSession(Peer& peer, BgpPeer const& from, Negotiated const* negotiated);
 
    Logger& logger_;
-   std::uint32_t localAs_;
    std::unique_ptr<Plugin> plugin_;
    std::map<Ovnet::IpGenAddr, std::unique_ptr<Peer>> peers_;
 };

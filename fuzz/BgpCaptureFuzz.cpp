@@ -4,12 +4,13 @@
 #include <cstdint>
 #include <span>
 
+#include "host/bgp/BgpMessage.h"
 #include "tools/capture/BgpCapture.h"
 
 namespace {
 
 void check(BgpCapture::Message const& m) {
-   if (m.bytes.size() < BgpCapture::kHeaderSize) __builtin_trap();
+   if (m.bytes.size() < Routing::Bgp::kHeaderSize) __builtin_trap();
    std::size_t const len = (std::size_t{m.bytes[16]} << 8) | m.bytes[17];
    if (len != m.bytes.size()) __builtin_trap();
 }

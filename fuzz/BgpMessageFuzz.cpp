@@ -6,11 +6,11 @@
 #include <cstdint>
 #include <vector>
 
-#include "agent/BgpMessage.h"
+#include "host/bgp/BgpMessage.h"
 
 namespace {
 
-using namespace Flowspecd;
+using namespace Routing::Bgp;
 
 std::vector<Bytes> frame(ByteView stream, std::size_t cut) {
    MessageFramer f;
@@ -49,14 +49,10 @@ void check(Message const& m) {
       (void)notificationText(n.value());
       break;
    }
-   case MessageType::update: {
-      auto s = summarizeUpdate(m.body());
-      if (s) (void)s.value().endOfRib();
-      break;
-   }
    case MessageType::routeRefresh:
       (void)parseRouteRefresh(m.body());
       break;
+   case MessageType::update: // the UPDATE decoder has a target of its own
    case MessageType::keepalive:
       break;
    }

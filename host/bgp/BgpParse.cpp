@@ -163,4 +163,8 @@ Ovk::FwkType const& BgpParseUpdateNlriRuleBase::fwkType() const { return classFw
 
 void BgpParseUpdateNlriRuleBase::additionalTreatAsUnreachChecks(Ovk::Ptr<BgpParseUpdateResults> const&, bool) const {}
 
+std::optional<std::size_t> BgpParseUpdateNlriRuleBase::nlriExtent(BgpParsePktPosition const&) const {
+   return std::nullopt;
+}
+
 } // namespace Routing::Bgp

@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <iosfwd>
+#include <optional>
 #include <span>
 #include <string>
 #include <unordered_map>
@@ -338,6 +339,11 @@ class BgpParseUpdateNlriRuleBase : public Ovk::PtrInterface {
    // Checks a family adds to decide that its NLRI are to be treated as withdrawn; none by
    // default.
    virtual void additionalTreatAsUnreachChecks(Ovk::Ptr<BgpParseUpdateResults> const& results, bool reachable) const;
+   // Where the NLRI at `position` ends (its size in bytes, from `position` on), read from its
+   // own framing, for a family whose NLRI carry their length: the decoder then finds the next
+   // NLRI after one this rule refused. Nothing when the NLRI's framing itself is broken, and
+   // by default (the rest of the attribute cannot be framed).
+   virtual std::optional<std::size_t> nlriExtent(BgpParsePktPosition const& position) const;
 
  protected:
    ~BgpParseUpdateNlriRuleBase() override = default;

@@ -13,21 +13,16 @@ namespace {
 using Reason = BgpParseCountReason;
 using Subcode = BgpNotificationErrorUpdateMessageSubcode;
 
-constexpr std::size_t kHeaderSize = 19;
-constexpr std::size_t kMinUpdateSize = 23; // header, withdrawn routes length, attribute length
-constexpr std::uint8_t kMessageTypeUpdate = 2;
-
-// NOTIFICATION codes (RFC 4271 section 4.5) and the Message Header Error subcodes.
-constexpr std::uint8_t kMessageHeaderError = 1;
-constexpr std::uint8_t kUpdateMessageError = 3;
-constexpr std::uint8_t kConnectionNotSynchronized = 1;
-constexpr std::uint8_t kBadMessageLength = 2;
-constexpr std::uint8_t kBadMessageType = 3;
-
-// Attribute flags (RFC 4271 section 4.3).
-constexpr std::uint8_t kFlagOptional = 0x80;
-constexpr std::uint8_t kFlagTransitive = 0x40;
-constexpr std::uint8_t kFlagExtendedLength = 0x10;
+constexpr std::size_t kMinUpdateSize = kHeaderSize + 4; // withdrawn routes length, attribute length
+constexpr std::uint8_t kMessageTypeUpdate = static_cast<std::uint8_t>(MessageType::update);
+constexpr std::uint8_t kMessageHeaderError = ErrorCode::messageHeader;
+constexpr std::uint8_t kUpdateMessageError = ErrorCode::update;
+constexpr std::uint8_t kConnectionNotSynchronized = HeaderSubcode::connectionNotSynchronized;
+constexpr std::uint8_t kBadMessageLength = HeaderSubcode::badMessageLength;
+constexpr std::uint8_t kBadMessageType = HeaderSubcode::badMessageType;
+constexpr std::uint8_t kFlagOptional = BgpAttrFlag::optional;
+constexpr std::uint8_t kFlagTransitive = BgpAttrFlag::transitive;
+constexpr std::uint8_t kFlagExtendedLength = BgpAttrFlag::extendedLength;
 
 // AS_PATH segment types (RFC 4271 section 4.3, RFC 5065 section 3).
 constexpr std::uint8_t kAsSet = 1, kAsConfedSequence = 3, kAsConfedSet = 4; // 2 is AS_SEQUENCE
@@ -86,31 +81,6 @@ bool asPathValid(std::span<std::uint8_t const> value, std::size_t asWidth) {
       if (!pos.consumeData(count * asWidth)) return false;
    }
    return true;
-}
-
-// RFC 8955 section 4.1: the size of the flowspec NLRI at `pos` (length field included), or
-// nothing when its length field is cut short or claims more than is left.
-std::optional<std::size_t> flowspecNlriExtent(BgpParsePktPosition pos) {
-   std::uint8_t first = 0;
-   if (!pos.consumeU8(&first)) return std::nullopt;
-   std::size_t len = first;
-   std::size_t fieldBytes = 1;
-   if (first > 0xef) {
-      std::uint8_t second = 0;
-      if (!pos.consumeU8(&second)) return std::nullopt;
-      len = (first - 0xf0u) * 256u + second;
-      fieldBytes = 2;
-   }
-   if (len > pos.bytesLeft()) return std::nullopt;
-   return fieldBytes + len;
-}
-
-// Where an NLRI that a rule refused ends, for the families whose NLRI carry their own
-// length: then the next NLRI can still be found and the UPDATE treated as withdrawn. For
-// others nothing: the rest of the attribute cannot be framed.
-std::optional<std::size_t> nlriExtent(AfiSafi family, BgpParsePktPosition const& pos) {
-   if (family.safi() == Safi::flowspec || family.safi() == Safi::flowspecVpn) return flowspecNlriExtent(pos);
-   return std::nullopt;
 }
 
 // Texts of the decoder's reasons, indexed by their number.
@@ -592,7 +562,7 @@ void BgpUpdateDecoder::Run::nlriField(BgpParsePktPosition field, AfiSafi afiSafi
       // carries its length). Otherwise the attribute cannot be framed: session reset with
       // Optional Attribute Error (RFC 4760 section 7, RFC 7606 section 5.3).
       Reason const reason = results().lastReason();
-      if (std::optional<std::size_t> const extent = nlriExtent(afiSafi, field)) {
+      if (std::optional<std::size_t> const extent = rule->nlriExtent(field)) {
          std::span<std::uint8_t const> bytes;
          field.consumeView(*extent, &bytes);
          out_.nlri.push_back({afiSafi, reachable, pathId, bytes, nullptr, reason, given});

@@ -34,20 +34,13 @@
 #include <vector>
 
 #include "host/bgp/AfiSafi.h"
+#include "host/bgp/BgpMessage.h"
 #include "host/bgp/BgpParse.h"
 #include "host/bgp/BgpParseRules.h"
 #include "host/fwk/Ptr.h"
 #include "host/net/IpGenAddr.h"
 
 namespace Routing::Bgp {
-
-// Path attribute type codes (RFC 4271, RFC 1997, RFC 4360, RFC 4456, RFC 4760, RFC 5701,
-// RFC 6793).
-namespace BgpAttrType {
-inline constexpr std::uint8_t origin = 1, asPath = 2, nextHop = 3, med = 4, localPref = 5, atomicAggregate = 6,
-                              aggregator = 7, communities = 8, mpReachNlri = 14, mpUnreachNlri = 15,
-                              extCommunities = 16, as4Path = 17, as4Aggregator = 18, ipv6ExtCommunities = 25;
-}
 
 // The approaches of RFC 7606 section 2, weakest first.
 enum class BgpUpdateAction : std::uint8_t { accept, attributeDiscard, treatAsWithdraw, sessionReset };

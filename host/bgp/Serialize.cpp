@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "host/fwk/Assert.h"
+
 namespace Routing::Bgp {
 
 void Serialize::addData(std::uint8_t const* data, std::size_t n) {
@@ -13,6 +15,11 @@ void Serialize::addData(std::uint8_t const* data, std::size_t n) {
       heap_.insert(heap_.end(), data, data + n);
    }
    size_ += n;
+}
+
+void Serialize::patchU8(std::size_t at, std::uint8_t v) {
+   OVK_ASSERT(at < size_);
+   data()[at] = v;
 }
 
 } // namespace Routing::Bgp

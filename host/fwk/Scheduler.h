@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -36,6 +37,38 @@ class TaskScheduler : public PtrInterface {
    ~TaskScheduler() override = default;
 };
 
+// The queue of a scheduler: tasks by due time and, for equal times, by posting order.
+class TaskQueue {
+ public:
+   // Queues `task` for `due` and returns its id; ids grow with every post.
+   TaskId postAt(Clock::time_point due, Task task, std::string name);
+   // Forgets a task not yet taken; false when it was unknown.
+   bool cancel(TaskId id);
+   bool empty() const { return queue_.empty(); }
+   std::size_t size() const { return queue_.size(); }
+   // The earliest task's due time; the queue must not be empty.
+   Clock::time_point earliestDue() const { return queue_.begin()->first.due; }
+   // Takes the earliest task when it is due by `now` and was posted before `postedBefore`
+   // (an id below it); nothing otherwise.
+   std::optional<Task> takeDue(Clock::time_point now, TaskId postedBefore = UINT64_MAX);
+   // The id the next post will get.
+   TaskId nextId() const { return nextId_; }
+
+ private:
+   struct Key {
+      Clock::time_point due;
+      TaskId id;
+      bool operator<(Key const& o) const { return due != o.due ? due < o.due : id < o.id; }
+   };
+   struct Entry {
+      Task task;
+      std::string name;
+   };
+   std::map<Key, Entry> queue_;
+   std::map<TaskId, Key> byId_;
+   TaskId nextId_ = 1;
+};
+
 // A scheduler for tests: tasks run only inside runReady() and advance().
 class ManualScheduler : public TaskScheduler {
  public:
@@ -53,19 +86,8 @@ class ManualScheduler : public TaskScheduler {
    std::size_t pending() const { return queue_.size(); }
 
  private:
-   struct Key {
-      Clock::time_point due;
-      TaskId id;
-      bool operator<(Key const& o) const { return due != o.due ? due < o.due : id < o.id; }
-   };
-   struct Entry {
-      Task task;
-      std::string name;
-   };
-   std::map<Key, Entry> queue_;
-   std::map<TaskId, Key> byId_;
+   TaskQueue queue_;
    Clock::time_point now_{};
-   TaskId nextId_ = 1;
 };
 
 } // namespace Ovk

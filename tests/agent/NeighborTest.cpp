@@ -37,6 +37,11 @@ class FakeTransport : public Transport {
    }
    Endpoint local() const override { return local_; }
    Endpoint remote() const override { return remote_; }
+   std::size_t queuedBytes() const override { return queued; }
+   void drainedCallbackIs(std::function<void()> d) override { drainedCallback = std::move(d); }
+   void drained() {
+      if (drainedCallback) drainedCallback();
+   }
 
    void deliver(Bytes const& bytes) {
       ASSERT_NE(receiver, nullptr) << "the neighbor does not read this connection";
@@ -66,6 +71,8 @@ class FakeTransport : public Transport {
    Receiver* receiver = nullptr;
    std::vector<Bytes> sent;
    bool closed = false;
+   std::size_t queued = 0;
+   std::function<void()> drainedCallback;
 
  private:
    Endpoint local_;
@@ -111,18 +118,33 @@ class Lines : public Logger {
    std::vector<std::string> lines;
 };
 
+// Decodes what it gets with the host's UPDATE decoder (no family rules: routes are not read)
+// and answers with what the decoder found, or with `answer` when one is set.
 class RecordingSink : public UpdateSink {
  public:
-   std::optional<Notification> handleUpdate(Neighbor const&, Message const& m, UpdateSummary const* s) override {
-      updates.push_back(m.bytes);
-      summarized.push_back(s != nullptr);
-      return answer;
+   UpdateOutcome handleUpdate(BgpPeer const& peer, MessageView const& m) override {
+      updates.push_back(Bytes(m.bytes.begin(), m.bytes.end()));
+      peers.push_back(peer);
+      UpdateOutcome o = UpdateOutcome::of(decoder.decode(m.bytes));
+      if (answer) o.reset = answer;
+      return o;
    }
-   void handleEstablished(Neighbor const&, Negotiated const& n) override { sessions.push_back(n.families.size()); }
-   void handleSessionDown(Neighbor const&) override { sessions.push_back(0); }
+   void handleEstablished(BgpPeer const& peer, Negotiated const& n, BgpPeerOutput& out) override {
+      sessions.push_back(n.families.size());
+      output = &out;
+      UpdateSink::handleEstablished(peer, n, out);
+   }
+   void handleSessionDown(BgpPeer const&) override {
+      sessions.push_back(0);
+      output = nullptr;
+   }
+   void handleRouteRefresh(BgpPeer const&, AfiSafi family) override { refreshes.push_back(family); }
+   BgpUpdateDecoder decoder{Ovk::makePtr<BgpParseContext>(nullptr, "test"), {}};
    std::vector<Bytes> updates;
-   std::vector<bool> summarized;
+   std::vector<BgpPeer> peers;
    std::vector<std::size_t> sessions; // families of each session up, 0 for each down
+   std::vector<AfiSafi> refreshes;
+   BgpPeerOutput* output = nullptr;
    std::optional<Notification> answer;
 };
 
@@ -253,7 +275,6 @@ TEST_F(NeighborTest, TruncatedMessageEndsInHoldTimerExpiryWhileWaitingForOpen) {
 }
 
 TEST_F(NeighborTest, EveryMessageErrorSendsItsNotification) {
-   sinkInUse = nullptr; // the neighbor's own checks alone
    Bytes wrongMarker = encodeKeepalive();
    wrongMarker[3] = 0;
    Bytes longKeepalive = encodeKeepalive();
@@ -284,7 +305,7 @@ TEST_F(NeighborTest, EveryMessageErrorSendsItsNotification) {
       {"KEEPALIVE before OPEN", false, encodeKeepalive(), {5, 1, {}}},
       {"UPDATE before OPEN", false, encodeEndOfRib(kIpv4Flowspec), {5, 1, {}}},
       {"OPEN when established", true, peerOpen(), {5, 3, {}}},
-      {"UPDATE with attributes past its end", true, badUpdate, {3, 1, {}}},
+      {"UPDATE with path attributes past its end", true, badUpdate, {3, 1, {}}},
    };
    for (auto const& c : cases) {
       SCOPED_TRACE(c.name);
@@ -422,11 +443,14 @@ TEST_F(NeighborTest, UpdatesAreCountedPerFamilyAndHandedOn) {
    EXPECT_EQ(c.endOfRibIn, (std::map<AfiSafi, std::uint64_t>{{kIpv4Flowspec, 1}}));
    ASSERT_EQ(sink.updates.size(), 4u);
    EXPECT_EQ(sink.updates[0], v4);
-   // An UPDATE whose attributes cannot be framed goes to the sink too, unsummarised: what it
+   // The sink knows the peer by its identity, with the identifier its OPEN gave.
+   EXPECT_EQ(sink.peers[0], (BgpPeer{config.address, 65002, 65001, kPeerId, BgpL3VrfId::defaultVrfId()}));
+   EXPECT_FALSE(sink.peers[0].internal());
+   // An UPDATE whose attributes cannot be framed goes to the sink like any other: what it
    // means (RFC 7606 treat-as-withdraw or a reset) is the decoder's call.
    t->deliver(hex("ffffffffffffffffffffffffffffffff00200200000009400101004002050201"));
    EXPECT_EQ(neighbor->state(), BgpState::established);
-   EXPECT_EQ(sink.summarized, (std::vector<bool>{true, true, true, true, false}));
+   EXPECT_EQ(sink.updates.size(), 5u);
    EXPECT_EQ(sink.sessions, std::vector<std::size_t>{2});
    // The decoder behind the sink may reset the session.
    sink.answer = Notification{ErrorCode::update, 10, {}};
@@ -436,12 +460,36 @@ TEST_F(NeighborTest, UpdatesAreCountedPerFamilyAndHandedOn) {
    EXPECT_EQ(sink.sessions, (std::vector<std::size_t>{2, 0}));
 }
 
-TEST_F(NeighborTest, RouteRefreshIsAcceptedWhenEstablished) {
+TEST_F(NeighborTest, RouteRefreshOfANegotiatedFamilyReachesTheSink) {
    auto t = connectOut();
    establish(*t);
    t->deliver(encodeRouteRefresh(kIpv4Flowspec));
+   t->deliver(encodeRouteRefresh(kIpv4Unicast)); // not negotiated: ignored
    EXPECT_EQ(neighbor->state(), BgpState::established);
-   EXPECT_EQ(neighbor->status().counters.routeRefreshesIn, 1u);
+   EXPECT_EQ(neighbor->status().counters.routeRefreshesIn, 2u);
+   EXPECT_EQ(sink.refreshes, std::vector<AfiSafi>{kIpv4Flowspec});
+}
+
+// The session's way out: what the sink sends goes out as UPDATEs and is counted; the
+// transport's queue is visible; the output goes when the session does.
+TEST_F(NeighborTest, EstablishedSessionsGiveTheSinkAWayOut) {
+   auto t = connectOut();
+   establish(*t);
+   ASSERT_NE(sink.output, nullptr);
+   // The default: End-of-RIB for both families, at once.
+   EXPECT_EQ(t->count(MessageType::update), 2u);
+   Bytes const eor = encodeEndOfRib(kIpv6Flowspec);
+   sink.output->sendUpdate(eor);
+   EXPECT_EQ(t->sent.back(), eor);
+   EXPECT_EQ(neighbor->status().counters.updatesOut, 3u);
+   t->queued = 100;
+   EXPECT_EQ(sink.output->queuedBytes(), 100u);
+   int drained = 0;
+   sink.output->drainedCallbackIs([&] { ++drained; });
+   t->drained();
+   EXPECT_EQ(drained, 1);
+   t->peerCloses();
+   EXPECT_EQ(sink.output, nullptr);
 }
 
 } // namespace

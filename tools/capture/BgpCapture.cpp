@@ -1,5 +1,7 @@
 #include "tools/capture/BgpCapture.h"
 
+#include "host/bgp/BgpMessage.h"
+
 #include "host/bgp/BgpParse.h"
 
 #include <pcap/pcap.h>
@@ -40,21 +42,14 @@ bool subtypeShape(std::uint16_t subtype, SubtypeShape& s) {
    }
 }
 
+// One whole message, as the sessions' framer reads a header.
 bool isBgpMessage(std::span<std::uint8_t const> m) {
-   if (m.size() < kHeaderSize) return false;
-   for (std::size_t i = 0; i < 16; ++i) {
-      if (m[i] != 0xff) return false;
-   }
-   std::size_t const len = (std::size_t{m[16]} << 8) | m[17];
-   return len == m.size();
+   if (m.size() < Routing::Bgp::kHeaderSize) return false;
+   auto const header = Routing::Bgp::parseHeader(m.first(Routing::Bgp::kHeaderSize), kMaxMessage);
+   return header && header.value().length == m.size();
 }
 
 } // namespace
-
-std::string Endpoint::str() const {
-   if (addr.isIpv6()) return "[" + addr.str() + "]:" + std::to_string(port);
-   return addr.str() + ":" + std::to_string(port);
-}
 
 void readMrt(std::span<std::uint8_t const> data, MessageSink const& sink, Stats& stats) {
    Cursor c(data);
@@ -93,7 +88,7 @@ void readMrt(std::span<std::uint8_t const> data, MessageSink const& sink, Stats&
          m.peerAs = p;
          m.localAs = l;
       }
-      ok = ok && r.consumeU16ntoh(&ifIndex) && r.consumeU16ntoh(&afi) && consumeAddress(r, afi, m.from.addr) && consumeAddress(r, afi, m.to.addr);
+      ok = ok && r.consumeU16ntoh(&ifIndex) && r.consumeU16ntoh(&afi) && consumeAddress(r, afi, m.from.address) && consumeAddress(r, afi, m.to.address);
       if (!ok || !isBgpMessage(r.rest())) {
          ++stats.malformed;
          continue;
@@ -124,7 +119,8 @@ struct StreamAssembler::Stream {
    bool started = false;
    bool dead = false;              // desynchronised: ignore the rest of the stream
    std::uint32_t nextSeq = 0;      // sequence number of the next byte expected
-   std::vector<std::uint8_t> buf;  // contiguous bytes not yet cut into messages
+   // Contiguous bytes, cut into messages by the sessions' own framer.
+   Routing::Bgp::MessageFramer framer{kMaxMessage};
    std::map<std::uint32_t, std::vector<std::uint8_t>> pending; // early segments, by seq
 };
 
@@ -133,7 +129,7 @@ StreamAssembler::~StreamAssembler() = default;
 
 StreamAssembler::Stream& StreamAssembler::stream(Endpoint const& from, Endpoint const& to) {
    for (auto& s : streams_) {
-      if (s->from.port == from.port && s->to.port == to.port && s->from.addr == from.addr && s->to.addr == to.addr) {
+      if (s->from.port == from.port && s->to.port == to.port && s->from.address == from.address && s->to.address == to.address) {
          return *s;
       }
    }
@@ -151,7 +147,7 @@ void StreamAssembler::segment(Endpoint const& from, Endpoint const& to, std::uin
       s.started = true;
       s.dead = false;
       s.nextSeq = seq + 1;
-      s.buf.clear();
+      s.framer = Routing::Bgp::MessageFramer(kMaxMessage);
       s.pending.clear();
       return;
    }
@@ -172,7 +168,7 @@ void StreamAssembler::segment(Endpoint const& from, Endpoint const& to, std::uin
    }
    auto const overlap = static_cast<std::size_t>(-static_cast<std::int64_t>(ahead));
    if (overlap < payload.size()) {
-      s.buf.insert(s.buf.end(), payload.begin() + static_cast<std::ptrdiff_t>(overlap), payload.end());
+      s.framer.feed(payload.subspan(overlap));
       s.nextSeq += static_cast<std::uint32_t>(payload.size() - overlap);
    }
    // Segments that were early may fit now.
@@ -184,7 +180,7 @@ void StreamAssembler::segment(Endpoint const& from, Endpoint const& to, std::uin
       }
       auto const skip = static_cast<std::size_t>(-static_cast<std::int64_t>(d));
       if (skip < it->second.size()) {
-         s.buf.insert(s.buf.end(), it->second.begin() + static_cast<std::ptrdiff_t>(skip), it->second.end());
+         s.framer.feed(std::span<std::uint8_t const>(it->second).subspan(skip));
          s.nextSeq += static_cast<std::uint32_t>(it->second.size() - skip);
       }
       it = s.pending.erase(it);
@@ -201,29 +197,22 @@ void StreamAssembler::finish() {
 }
 
 void StreamAssembler::drain(Stream& s, Endpoint const& from, Endpoint const& to, double timestamp) {
-   std::size_t used = 0;
-   while (s.buf.size() - used >= kHeaderSize) {
-      std::span<std::uint8_t const> head(s.buf.data() + used, kHeaderSize);
-      bool marker = std::all_of(head.begin(), head.begin() + 16, [](std::uint8_t b) { return b == 0xff; });
-      std::size_t const len = (std::size_t{head[16]} << 8) | head[17];
-      if (!marker || len < kHeaderSize) {
+   while (auto next = s.framer.nextView()) {
+      if (!*next) {
+         // Not BGP, or the bytes stopped looking like it: nothing after can be framed.
          ++stats_.desynchronised;
          s.dead = true;
-         s.buf.clear();
          s.pending.clear();
          return;
       }
-      if (s.buf.size() - used < len) break;
       Message m;
       m.timestamp = timestamp;
       m.from = from;
       m.to = to;
-      m.bytes = std::span<std::uint8_t const>(s.buf.data() + used, len);
+      m.bytes = next->value().bytes;
       ++stats_.messages;
       sink_(m);
-      used += len;
    }
-   s.buf.erase(s.buf.begin(), s.buf.begin() + static_cast<std::ptrdiff_t>(used));
 }
 
 namespace {
@@ -314,8 +303,8 @@ bool readPcapFile(std::string const& path, MessageSink const& sink, Stats& stats
             ++stats.skipped;
             continue;
          }
-         from.addr = Ovnet::IpGenAddr::ipv4(src.first<4>());
-         to.addr = Ovnet::IpGenAddr::ipv4(dst.first<4>());
+         from.address = Ovnet::IpGenAddr::ipv4(src.first<4>());
+         to.address = Ovnet::IpGenAddr::ipv4(dst.first<4>());
          if (!c.consumeView(std::min<std::size_t>(total - ihl, c.dataLeft()), &segment)) continue;
       } else {
          std::uint32_t vtcfl = 0;
@@ -327,8 +316,8 @@ bool readPcapFile(std::string const& path, MessageSink const& sink, Stats& stats
             ++stats.malformed;
             continue;
          }
-         from.addr = Ovnet::IpGenAddr::ipv6(src.first<16>());
-         to.addr = Ovnet::IpGenAddr::ipv6(dst.first<16>());
+         from.address = Ovnet::IpGenAddr::ipv6(src.first<16>());
+         to.address = Ovnet::IpGenAddr::ipv6(dst.first<16>());
          Cursor body(c.rest().first(std::min<std::size_t>(payloadLen, c.dataLeft())));
          // Hop-by-hop, routing and destination options headers precede TCP.
          bool ok = true;

@@ -16,15 +16,12 @@
 #include <string>
 #include <vector>
 
+#include "host/net/Endpoint.h"
 #include "host/net/IpGenAddr.h"
 
 namespace BgpCapture {
 
-struct Endpoint {
-   Ovnet::IpGenAddr addr;
-   std::uint16_t port = 0;
-   std::string str() const; // "10.0.0.1:179" or "[::1]:179"
-};
+using Ovnet::Endpoint;
 
 struct Message {
    double timestamp = 0;       // seconds since the epoch, with fraction
@@ -48,7 +45,6 @@ struct Stats {
 
 // The largest BGP message accepted (RFC 8654 extended messages).
 inline constexpr std::size_t kMaxMessage = 65535;
-inline constexpr std::size_t kHeaderSize = 19;
 
 // Reads an MRT file. False, with `error` set, when the file cannot be read at all.
 bool readMrtFile(std::string const& path, MessageSink const& sink, Stats& stats, std::string& error);

@@ -57,6 +57,13 @@ class FakeNlriRule : public BgpParseUpdateNlriRuleBase {
       auto key = newRouteKey<BytesKey>(Bytes(body, body + len));
       return {key->dedupRouteKey(table_.ptr()), nullptr, false};
    }
+   // A length byte and that many bytes, as flowspec NLRI are framed.
+   std::optional<std::size_t> nlriExtent(BgpParsePktPosition const& position) const override {
+      BgpParsePktPosition pos = position;
+      std::uint8_t len = 0;
+      if (!pos.consumeU8(&len) || len > pos.bytesLeft()) return std::nullopt;
+      return 1u + len;
+   }
 
  private:
    Ptr<BytesKeyTable> table_;

@@ -89,11 +89,11 @@ TEST(BgpCaptureTest, MrtRecordsOfEveryShape) {
    BgpCapture::readMrt(file, c.sink(), stats);
    ASSERT_EQ(c.meta.size(), 2u);
    EXPECT_EQ(c.meta[0].peerAs, 65001u);
-   EXPECT_EQ(c.meta[0].from.addr.str(), "10.0.0.1");
-   EXPECT_EQ(c.meta[0].to.addr.str(), "10.0.0.2");
+   EXPECT_EQ(c.meta[0].from.address.str(), "10.0.0.1");
+   EXPECT_EQ(c.meta[0].to.address.str(), "10.0.0.2");
    EXPECT_EQ(c.bytes[0], keepalive());
    EXPECT_EQ(c.meta[1].peerAs, 64512u);
-   EXPECT_EQ(c.meta[1].from.addr.str(), "::1");
+   EXPECT_EQ(c.meta[1].from.address.str(), "::1");
    EXPECT_DOUBLE_EQ(c.meta[1].timestamp, 1000.25);
    EXPECT_EQ(stats.records, 6u);
    EXPECT_EQ(stats.skipped, 2u);

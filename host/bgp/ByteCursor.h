@@ -1,7 +1,8 @@
-// Bounds-checked reading and writing of network byte order.
+// Bounds-checked reading of network byte order, for the BGP messages' fixed fields.
 //
 // ByteCursor reads from a view it does not own, through the host's packet position
-// (host/bgp/BgpParse.h), the one bounds-checked reader of the project. Every read either succeeds and advances, or
+// (host/bgp/BgpParse.h), the one bounds-checked reader of the project; Serialize
+// (host/bgp/Serialize.h) is the one writer. Every read either succeeds and advances, or
 // fails, returns false and leaves the position where it was. sub(n) splits off a cursor over
 // the next n bytes (for a field bounded by a length) and advances past them.
 #pragma once
@@ -13,7 +14,7 @@
 
 #include "host/bgp/BgpParse.h"
 
-namespace Flowspecd {
+namespace Routing::Bgp {
 
 using Bytes = std::vector<std::uint8_t>;
 using ByteView = std::span<std::uint8_t const>;
@@ -44,33 +45,7 @@ class ByteCursor {
 
  private:
    std::size_t size_;
-   Routing::Bgp::BgpParsePktPosition pos_;
+   BgpParsePktPosition pos_;
 };
 
-// Appends network byte order to a byte vector.
-class ByteWriter {
- public:
-   explicit ByteWriter(Bytes& out) : out_(out) {}
-   void u8(std::uint8_t v) { out_.push_back(v); }
-   void u16(std::uint16_t v) {
-      out_.push_back(static_cast<std::uint8_t>(v >> 8));
-      out_.push_back(static_cast<std::uint8_t>(v));
-   }
-   void u32(std::uint32_t v) {
-      u16(static_cast<std::uint16_t>(v >> 16));
-      u16(static_cast<std::uint16_t>(v));
-   }
-   void bytes(ByteView v) { out_.insert(out_.end(), v.begin(), v.end()); }
-   std::size_t size() const { return out_.size(); }
-   // Writes a 16-bit value over two bytes already written at `at`.
-   void patchU16(std::size_t at, std::uint16_t v) {
-      out_.at(at) = static_cast<std::uint8_t>(v >> 8);
-      out_.at(at + 1) = static_cast<std::uint8_t>(v);
-   }
-   void patchU8(std::size_t at, std::uint8_t v) { out_.at(at) = v; }
-
- private:
-   Bytes& out_;
-};
-
-} // namespace Flowspecd
+} // namespace Routing::Bgp

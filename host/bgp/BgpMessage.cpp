@@ -1,9 +1,9 @@
-#include "agent/BgpMessage.h"
+#include "host/bgp/BgpMessage.h"
 
 #include <algorithm>
 #include <array>
 
-namespace Flowspecd {
+namespace Routing::Bgp {
 
 namespace {
 
@@ -11,10 +11,6 @@ constexpr std::uint8_t kParamCapabilities = 2;
 constexpr std::uint8_t kCapMultiprotocol = 1;
 constexpr std::uint8_t kCapRouteRefresh = 2;
 constexpr std::uint8_t kCapFourOctetAs = 65;
-constexpr std::uint8_t kAttrMpReach = 14;
-constexpr std::uint8_t kAttrMpUnreach = 15;
-constexpr std::uint8_t kAttrFlagOptional = 0x80;
-constexpr std::uint8_t kAttrFlagExtendedLength = 0x10;
 
 Notification notify(std::uint8_t code, std::uint8_t subcode, Bytes data = {}) {
    return Notification{code, subcode, std::move(data)};
@@ -24,28 +20,20 @@ Bytes u16Bytes(std::uint16_t v) {
    return {static_cast<std::uint8_t>(v >> 8), static_cast<std::uint8_t>(v)};
 }
 
-// Starts a message: marker and type; the length is patched by finish().
-ByteWriter startMessage(Bytes& out, MessageType type) {
-   out.assign(16, 0xff);
-   ByteWriter w(out);
-   w.u16(0);
-   w.u8(static_cast<std::uint8_t>(type));
-   return w;
-}
-
-void finish(ByteWriter& w) { w.patchU16(16, static_cast<std::uint16_t>(w.size())); }
 
 struct LengthBounds {
    std::size_t min;
    std::size_t max;
 };
 
-// RFC 4271 section 4 and RFC 2918 section 3: the sizes each message type may have.
+// RFC 4271 section 4 and RFC 2918 section 3: the sizes each message type may have (the
+// largest message size is checked apart).
 std::optional<LengthBounds> boundsOf(std::uint8_t type) {
+   constexpr std::size_t kAny = 0xffff;
    switch (type) {
-   case 1: return LengthBounds{29, kMaxMessageSize};
-   case 2: return LengthBounds{23, kMaxMessageSize};
-   case 3: return LengthBounds{21, kMaxMessageSize};
+   case 1: return LengthBounds{29, kAny};
+   case 2: return LengthBounds{23, kAny};
+   case 3: return LengthBounds{21, kAny};
    case 4: return LengthBounds{19, 19};
    case 5: return LengthBounds{23, 23};
    default: return std::nullopt;
@@ -156,7 +144,7 @@ Notification ceaseWithMessage(std::uint8_t subcode, std::string_view message) {
    return n;
 }
 
-Ovk::Result<Header, Notification> parseHeader(ByteView header) {
+Ovk::Result<Header, Notification> parseHeader(ByteView header, std::size_t maxMessageSize) {
    ByteCursor c(header);
    ByteView marker;
    std::uint16_t length = 0;
@@ -167,7 +155,7 @@ Ovk::Result<Header, Notification> parseHeader(ByteView header) {
    if (!std::all_of(marker.begin(), marker.end(), [](std::uint8_t b) { return b == 0xff; })) {
       return Ovk::failure(notify(ErrorCode::messageHeader, HeaderSubcode::connectionNotSynchronized));
    }
-   if (length < kHeaderSize || length > kMaxMessageSize) {
+   if (length < kHeaderSize || length > maxMessageSize) {
       return Ovk::failure(notify(ErrorCode::messageHeader, HeaderSubcode::badMessageLength, u16Bytes(length)));
    }
    auto const bounds = boundsOf(type);
@@ -182,6 +170,10 @@ Ovk::Result<Header, Notification> parseHeader(ByteView header) {
 
 void MessageFramer::feed(ByteView data) {
    if (broken_) return;
+   if (start_ == buffer_.size()) {
+      buffer_.clear();
+      start_ = 0;
+   }
    // Drop what was consumed before growing, so the buffer stays near one message in size.
    if (start_ > 0 && start_ >= buffer_.size() / 2) {
       buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(start_));
@@ -190,23 +182,27 @@ void MessageFramer::feed(ByteView data) {
    buffer_.insert(buffer_.end(), data.begin(), data.end());
 }
 
-std::optional<Ovk::Result<Message, Notification>> MessageFramer::next() {
+std::optional<Ovk::Result<MessageView, Notification>> MessageFramer::nextView() {
    if (broken_ || buffered() < kHeaderSize) return std::nullopt;
    ByteView const pending = ByteView(buffer_).subspan(start_);
-   auto header = parseHeader(pending.first(kHeaderSize));
+   auto header = parseHeader(pending.first(kHeaderSize), maxMessageSize_);
    if (!header) {
       broken_ = true;
-      return Ovk::Result<Message, Notification>(Ovk::failure(header.reason()));
+      return Ovk::Result<MessageView, Notification>(Ovk::failure(header.reason()));
    }
    std::size_t const length = header.value().length;
    if (pending.size() < length) return std::nullopt;
-   Message m{header.value().type, Bytes(pending.begin(), pending.begin() + static_cast<std::ptrdiff_t>(length))};
    start_ += length;
-   if (start_ == buffer_.size()) {
-      buffer_.clear();
-      start_ = 0;
-   }
-   return Ovk::Result<Message, Notification>(std::move(m));
+   // The bytes stay where they are until the next feed().
+   return Ovk::Result<MessageView, Notification>(MessageView{header.value().type, pending.first(length)});
+}
+
+std::optional<Ovk::Result<Message, Notification>> MessageFramer::next() {
+   auto view = nextView();
+   if (!view) return std::nullopt;
+   if (!*view) return Ovk::Result<Message, Notification>(Ovk::failure(view->reason()));
+   MessageView const& v = view->value();
+   return Ovk::Result<Message, Notification>(Message{v.type, Bytes(v.bytes.begin(), v.bytes.end())});
 }
 
 OpenMessage localOpen(std::uint32_t as, std::uint16_t holdTime, std::uint32_t bgpId,
@@ -221,48 +217,64 @@ OpenMessage localOpen(std::uint32_t as, std::uint16_t holdTime, std::uint32_t bg
    return o;
 }
 
-Bytes multiprotocolCapabilities(std::vector<AfiSafi> const& families) {
-   Bytes caps;
-   ByteWriter c(caps);
+namespace {
+
+void addMultiprotocolCapabilities(Serialize& c, std::vector<AfiSafi> const& families) {
    for (AfiSafi const f : families) {
-      c.u8(kCapMultiprotocol);
-      c.u8(4);
-      c.u16(afiNumber(f));
-      c.u8(0);
-      c.u8(f.safi());
+      c.addU8(kCapMultiprotocol);
+      c.addU8(4);
+      c.addU16(afiNumber(f));
+      c.addU8(0);
+      c.addU8(f.safi());
    }
-   return caps;
+}
+
+} // namespace
+
+void startMessage(Serialize& out, MessageType type) {
+   out.clear();
+   for (int i = 0; i < 16; ++i) out.addU8(0xff);
+   out.addU16(0);
+   out.addU8(static_cast<std::uint8_t>(type));
+}
+
+void finishMessage(Serialize& out) { out.patchU16(16, static_cast<std::uint16_t>(out.size())); }
+
+Bytes multiprotocolCapabilities(std::vector<AfiSafi> const& families) {
+   Serialize caps;
+   addMultiprotocolCapabilities(caps, families);
+   return caps.byteVector();
 }
 
 Bytes encodeOpen(OpenMessage const& open) {
-   Bytes out;
-   ByteWriter w = startMessage(out, MessageType::open);
-   w.u8(open.version);
-   w.u16(open.myAs);
-   w.u16(open.holdTime);
-   w.u32(open.bgpId);
+   Serialize w;
+   startMessage(w, MessageType::open);
+   w.addU8(open.version);
+   w.addU16(open.myAs);
+   w.addU16(open.holdTime);
+   w.addU32(open.bgpId);
    std::size_t const optLenAt = w.size();
-   w.u8(0);
-   Bytes caps = multiprotocolCapabilities(open.families);
-   ByteWriter c(caps);
+   w.addU8(0);
+   Serialize caps;
+   addMultiprotocolCapabilities(caps, open.families);
    if (open.routeRefresh) {
-      c.u8(kCapRouteRefresh);
-      c.u8(0);
+      caps.addU8(kCapRouteRefresh);
+      caps.addU8(0);
    }
    if (open.fourOctetAs) {
-      c.u8(kCapFourOctetAs);
-      c.u8(4);
-      c.u32(*open.fourOctetAs);
+      caps.addU8(kCapFourOctetAs);
+      caps.addU8(4);
+      caps.addU32(*open.fourOctetAs);
    }
-   if (!caps.empty()) {
+   if (caps.size() != 0) {
       // A handful of capabilities fits one parameter (at most 255 bytes) by far.
-      w.u8(kParamCapabilities);
-      w.u8(static_cast<std::uint8_t>(caps.size()));
-      w.bytes(caps);
+      w.addU8(kParamCapabilities);
+      w.addU8(static_cast<std::uint8_t>(caps.size()));
+      w.addData(caps.bytes());
       w.patchU8(optLenAt, static_cast<std::uint8_t>(caps.size() + 2));
    }
-   finish(w);
-   return out;
+   finishMessage(w);
+   return w.byteVector();
 }
 
 Ovk::Result<OpenMessage, Notification> parseOpen(ByteView body) {
@@ -359,22 +371,22 @@ std::vector<std::string> capabilityNames(Negotiated const& n) {
 }
 
 Bytes encodeKeepalive() {
-   Bytes out;
-   ByteWriter w = startMessage(out, MessageType::keepalive);
-   finish(w);
-   return out;
+   Serialize w;
+   startMessage(w, MessageType::keepalive);
+   finishMessage(w);
+   return w.byteVector();
 }
 
 Bytes encodeNotification(Notification const& n) {
-   Bytes out;
-   ByteWriter w = startMessage(out, MessageType::notification);
-   w.u8(n.code);
-   w.u8(n.subcode);
+   Serialize w;
+   startMessage(w, MessageType::notification);
+   w.addU8(n.code);
+   w.addU8(n.subcode);
    // Keep the whole message within the maximum size.
    std::size_t const room = kMaxMessageSize - kHeaderSize - 2;
-   w.bytes(ByteView(n.data).first(std::min(room, n.data.size())));
-   finish(w);
-   return out;
+   w.addData(ByteView(n.data).first(std::min(room, n.data.size())));
+   finishMessage(w);
+   return w.byteVector();
 }
 
 Ovk::Result<Notification, Notification> parseNotification(ByteView body) {
@@ -389,13 +401,13 @@ Ovk::Result<Notification, Notification> parseNotification(ByteView body) {
 }
 
 Bytes encodeRouteRefresh(AfiSafi family) {
-   Bytes out;
-   ByteWriter w = startMessage(out, MessageType::routeRefresh);
-   w.u16(afiNumber(family));
-   w.u8(0);
-   w.u8(family.safi());
-   finish(w);
-   return out;
+   Serialize w;
+   startMessage(w, MessageType::routeRefresh);
+   w.addU16(afiNumber(family));
+   w.addU8(0);
+   w.addU8(family.safi());
+   finishMessage(w);
+   return w.byteVector();
 }
 
 Ovk::Result<AfiSafi, Notification> parseRouteRefresh(ByteView body) {
@@ -408,79 +420,18 @@ Ovk::Result<AfiSafi, Notification> parseRouteRefresh(ByteView body) {
    return afiSafi(afi, safi);
 }
 
-std::optional<AfiSafi> UpdateSummary::endOfRib() const {
-   if (withdrawnBytes != 0 || nlriBytes != 0) return std::nullopt;
-   if (attributeCount == 0) return kIpv4Unicast;
-   if (attributeCount == 1 && parts.size() == 1 && !parts[0].reach && parts[0].nlriBytes == 0) {
-      return parts[0].family;
-   }
-   return std::nullopt;
-}
-
-Ovk::Result<UpdateSummary, Notification> summarizeUpdate(ByteView body) {
-   auto const malformed = notify(ErrorCode::update, UpdateSubcode::malformedAttributeList);
-   auto const optionalError = notify(ErrorCode::update, UpdateSubcode::optionalAttributeError);
-   ByteCursor c(body);
-   UpdateSummary s;
-   std::uint16_t withdrawnLen = 0, attrLen = 0;
-   ByteCursor attrs(ByteView{});
-   if (!c.u16(withdrawnLen) || !c.skip(withdrawnLen) || !c.u16(attrLen) || !c.sub(attrLen, attrs)) {
-      return Ovk::failure(malformed);
-   }
-   s.withdrawnBytes = withdrawnLen;
-   s.nlriBytes = c.remaining();
-   bool sawReach = false, sawUnreach = false;
-   while (!attrs.empty()) {
-      std::uint8_t flags = 0, type = 0;
-      std::size_t len = 0;
-      if (!attrs.u8(flags) || !attrs.u8(type)) return Ovk::failure(malformed);
-      if (flags & kAttrFlagExtendedLength) {
-         std::uint16_t l = 0;
-         if (!attrs.u16(l)) return Ovk::failure(malformed);
-         len = l;
-      } else {
-         std::uint8_t l = 0;
-         if (!attrs.u8(l)) return Ovk::failure(malformed);
-         len = l;
-      }
-      ByteCursor value(ByteView{});
-      if (!attrs.sub(len, value)) return Ovk::failure(malformed);
-      ++s.attributeCount;
-      if (type != kAttrMpReach && type != kAttrMpUnreach) continue;
-      // RFC 7606 section 3 (g): a second MP_REACH_NLRI or MP_UNREACH_NLRI resets the session.
-      bool& seen = type == kAttrMpReach ? sawReach : sawUnreach;
-      if (seen) return Ovk::failure(malformed);
-      seen = true;
-      UpdateSummary::Part part;
-      part.reach = type == kAttrMpReach;
-      std::uint16_t afi = 0;
-      std::uint8_t safi = 0;
-      if (!value.u16(afi) || !value.u8(safi)) return Ovk::failure(optionalError);
-      part.family = afiSafi(afi, safi);
-      if (part.reach) {
-         std::uint8_t nextHopLen = 0, reserved = 0;
-         if (!value.u8(nextHopLen) || !value.skip(nextHopLen) || !value.u8(reserved)) {
-            return Ovk::failure(optionalError);
-         }
-      }
-      part.nlriBytes = value.remaining();
-      s.parts.push_back(part);
-   }
-   return s;
-}
-
 Bytes encodeEndOfRib(AfiSafi family) {
-   Bytes out;
-   ByteWriter w = startMessage(out, MessageType::update);
-   w.u16(0); // withdrawn routes
-   w.u16(6); // path attributes: one MP_UNREACH_NLRI holding only the family
-   w.u8(kAttrFlagOptional);
-   w.u8(kAttrMpUnreach);
-   w.u8(3);
-   w.u16(afiNumber(family));
-   w.u8(family.safi());
-   finish(w);
-   return out;
+   Serialize w;
+   startMessage(w, MessageType::update);
+   w.addU16(0); // withdrawn routes
+   w.addU16(6); // path attributes: one MP_UNREACH_NLRI holding only the family
+   w.addU8(BgpAttrFlag::optional);
+   w.addU8(BgpAttrType::mpUnreachNlri);
+   w.addU8(3);
+   w.addU16(afiNumber(family));
+   w.addU8(family.safi());
+   finishMessage(w);
+   return w.byteVector();
 }
 
-} // namespace Flowspecd
+} // namespace Routing::Bgp

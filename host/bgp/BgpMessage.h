@@ -1,7 +1,9 @@
-// BGP-4 messages on the wire (RFC 4271 section 4): the header and its framing on a byte
-// stream, OPEN with the capabilities the agent speaks (multiprotocol RFC 4760, route refresh
-// RFC 2918, 4-octet AS RFC 6793), KEEPALIVE, NOTIFICATION, ROUTE-REFRESH, and a summary of
-// an UPDATE's address families.
+// BGP-4 messages on the wire (RFC 4271 section 4): the one place that defines the header,
+// the message types, the NOTIFICATION codes and the path attribute types; the framing of a
+// byte stream into messages (used by the sessions and by the capture readers alike); OPEN
+// with the capabilities the agent speaks (multiprotocol RFC 4760, route refresh RFC 2918,
+// 4-octet AS RFC 6793), KEEPALIVE, NOTIFICATION, ROUTE-REFRESH and End-of-RIB. UPDATEs are
+// decoded by BgpUpdateDecoder.h.
 //
 // Everything that reads peer bytes returns a Result: the value, or the NOTIFICATION the
 // session must send because of them. Nothing here throws or keeps state beyond the framer.
@@ -15,14 +17,17 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/ByteCursor.h"
 #include "host/bgp/AfiSafi.h"
+#include "host/bgp/ByteCursor.h"
+#include "host/bgp/Serialize.h"
 #include "host/fwk/Result.h"
 
-namespace Flowspecd {
+namespace Routing::Bgp {
 
 constexpr std::size_t kHeaderSize = 19;
+// RFC 4271 section 4; RFC 8654 extended messages reach 65535.
 constexpr std::size_t kMaxMessageSize = 4096;
+constexpr std::size_t kMaxExtendedMessageSize = 65535;
 constexpr std::uint8_t kBgpVersion = 4;
 // RFC 6793: the 2-octet stand-in for an AS number above 65535.
 constexpr std::uint16_t kAsTrans = 23456;
@@ -37,16 +42,23 @@ enum class MessageType : std::uint8_t {
 // "OPEN", "UPDATE", ...
 char const* messageTypeName(MessageType t);
 
-// Address families are the host's packed AFI/SAFI pairs.
-using Routing::Bgp::AfiSafi;
-// The pair from its wire numbers, and back.
-constexpr AfiSafi afiSafi(std::uint16_t afi, std::uint8_t safi) {
-   return AfiSafi(static_cast<Routing::Bgp::Afi>(afi), safi);
+// Path attribute type codes (RFC 4271, RFC 1997, RFC 4360, RFC 4456, RFC 4760, RFC 5701,
+// RFC 6793) and flags (RFC 4271 section 4.3).
+namespace BgpAttrType {
+inline constexpr std::uint8_t origin = 1, asPath = 2, nextHop = 3, med = 4, localPref = 5, atomicAggregate = 6,
+                              aggregator = 7, communities = 8, mpReachNlri = 14, mpUnreachNlri = 15,
+                              extCommunities = 16, as4Path = 17, as4Aggregator = 18, ipv6ExtCommunities = 25;
 }
+namespace BgpAttrFlag {
+inline constexpr std::uint8_t optional = 0x80, transitive = 0x40, partial = 0x20, extendedLength = 0x10;
+}
+
+// The pair from its wire numbers, and back.
+constexpr AfiSafi afiSafi(std::uint16_t afi, std::uint8_t safi) { return AfiSafi(static_cast<Afi>(afi), safi); }
 constexpr std::uint16_t afiNumber(AfiSafi f) { return static_cast<std::uint16_t>(f.afi()); }
 inline constexpr AfiSafi kIpv4Flowspec = AfiSafi::ipv4Flowspec();
 inline constexpr AfiSafi kIpv6Flowspec = AfiSafi::ipv6Flowspec();
-inline constexpr AfiSafi kIpv4Unicast = afiSafi(1, Routing::Bgp::Safi::unicast);
+inline constexpr AfiSafi kIpv4Unicast = afiSafi(1, Safi::unicast);
 // "ipv4-flowspec", "ipv6-flowspec"; other families as "afi/safi" numbers ("1/1").
 std::string familyName(AfiSafi f);
 // The flowspec family of a configuration name; nothing for any other text.
@@ -67,7 +79,10 @@ constexpr std::uint8_t unspecific = 0, unsupportedVersion = 1, badPeerAs = 2, ba
                        unsupportedCapability = 7;
 }
 namespace UpdateSubcode {
-constexpr std::uint8_t malformedAttributeList = 1, attributeLengthError = 5, optionalAttributeError = 9;
+constexpr std::uint8_t malformedAttributeList = 1, unrecognizedWellKnownAttribute = 2, missingWellKnownAttribute = 3,
+                       attributeFlagsError = 4, attributeLengthError = 5, invalidOriginAttribute = 6,
+                       invalidNextHopAttribute = 8, optionalAttributeError = 9, invalidNetworkField = 10,
+                       malformedAsPath = 11;
 }
 namespace FsmSubcode {
 constexpr std::uint8_t inOpenSent = 1, inOpenConfirm = 2, inEstablished = 3;
@@ -97,8 +112,8 @@ struct Header {
 };
 // Reads a header of exactly kHeaderSize bytes: the marker must be all ones (else 1/1), the
 // type known (else 1/3 with the type as data) and the length within the bounds of that type
-// (else 1/2 with the length field as data).
-Ovk::Result<Header, Notification> parseHeader(ByteView header);
+// and at most `maxMessageSize` (else 1/2 with the length field as data).
+Ovk::Result<Header, Notification> parseHeader(ByteView header, std::size_t maxMessageSize = kMaxMessageSize);
 
 // One whole message: its type and its bytes, header included.
 struct Message {
@@ -106,22 +121,39 @@ struct Message {
    Bytes bytes;
    ByteView body() const { return ByteView(bytes).subspan(kHeaderSize); }
 };
+// The same as a view into the framer's buffer.
+struct MessageView {
+   MessageType type;
+   ByteView bytes;
+   ByteView body() const { return bytes.subspan(kHeaderSize); }
+};
 
-// Cuts a TCP byte stream into messages.
+// Cuts a byte stream (a TCP session, a reassembled capture) into messages.
 class MessageFramer {
  public:
+   explicit MessageFramer(std::size_t maxMessageSize = kMaxMessageSize) : maxMessageSize_(maxMessageSize) {}
    void feed(ByteView data);
-   // The next whole message; nothing while more bytes are needed; or the NOTIFICATION the
-   // broken stream calls for, after which the framer yields nothing more.
+   // The next whole message, as a view valid until the next feed(); nothing while more bytes
+   // are needed; or the NOTIFICATION the broken stream calls for, after which the framer
+   // yields nothing more.
+   std::optional<Ovk::Result<MessageView, Notification>> nextView();
+   // The same, copied.
    std::optional<Ovk::Result<Message, Notification>> next();
    // Bytes received and not yet returned as messages.
    std::size_t buffered() const { return buffer_.size() - start_; }
+   bool broken() const { return broken_; }
 
  private:
+   std::size_t maxMessageSize_;
    Bytes buffer_;
    std::size_t start_ = 0;
    bool broken_ = false;
 };
+
+// Starts a message in `out` (cleared first): marker, a length to be filled in, the type.
+void startMessage(Serialize& out, MessageType type);
+// Fills in the length of the message started in `out`.
+void finishMessage(Serialize& out);
 
 // An OPEN message with the capabilities the agent understands.
 struct OpenMessage {
@@ -176,26 +208,7 @@ Bytes encodeRouteRefresh(AfiSafi family);
 // Reads a ROUTE-REFRESH body (AFI, reserved, SAFI).
 Ovk::Result<AfiSafi, Notification> parseRouteRefresh(ByteView body);
 
-// The address families an UPDATE touches, found without decoding its routes.
-struct UpdateSummary {
-   struct Part {
-      AfiSafi family;
-      bool reach = false;        // MP_REACH_NLRI; else MP_UNREACH_NLRI
-      std::size_t nlriBytes = 0; // length of its NLRI (or withdrawn routes) field
-      friend bool operator==(Part const&, Part const&) = default;
-   };
-   std::size_t withdrawnBytes = 0; // IPv4 unicast withdrawn routes field
-   std::size_t nlriBytes = 0;      // IPv4 unicast NLRI field
-   std::size_t attributeCount = 0;
-   std::vector<Part> parts;        // one per MP_REACH_NLRI / MP_UNREACH_NLRI
-   // RFC 4724 section 2: an End-of-RIB marker is an UPDATE with nothing in it (IPv4 unicast)
-   // or with only an empty MP_UNREACH_NLRI; the family it ends.
-   std::optional<AfiSafi> endOfRib() const;
-};
-// Frames an UPDATE body: withdrawn routes and path attribute lengths must fit (else 3/1),
-// and MP_REACH_NLRI / MP_UNREACH_NLRI must hold an AFI and SAFI (else 3/9).
-Ovk::Result<UpdateSummary, Notification> summarizeUpdate(ByteView body);
 // An End-of-RIB marker for `family`.
 Bytes encodeEndOfRib(AfiSafi family);
 
-} // namespace Flowspecd
+} // namespace Routing::Bgp
