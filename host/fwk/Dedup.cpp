@@ -58,7 +58,14 @@ void DedupHandle::onOnlyAnchoredReferences() {
    table->deleteRef();
 }
 
-DedupHashTable::DedupHashTable() : slots_(kInitialSlots, nullptr) {}
+DedupHashTable::DedupHashTable() : slots_(kInitialSlots, 0) {}
+
+DedupHashTable::Slot DedupHashTable::slotOf(DedupHandle* h, std::uint32_t hash) {
+   auto const address = reinterpret_cast<Slot>(h);
+   // User-space addresses use the low 48 bits on the machines this runs on.
+   OVK_ASSERT((address >> kTagShift) == 0);
+   return address | tagOf(hash);
+}
 
 DedupHashTable::~DedupHashTable() { detachEntries(); }
 
@@ -70,10 +77,10 @@ void DedupHashTable::onZeroReferences() {
 void DedupHashTable::detachEntries() {
    // Entries still referenced from outside outlive the table: detach them.
    Ptr<DedupTableNotifiee> n = std::move(notifiee_);
-   for (DedupHandle*& h : slots_) {
-      if (!h) continue;
-      DedupHandle* e = h;
-      h = nullptr;
+   for (Slot& s : slots_) {
+      if (!s) continue;
+      DedupHandle* e = handleOf(s);
+      s = 0;
       --size_;
       e->table_ = nullptr;
       if (n) {
@@ -91,9 +98,12 @@ void DedupHashTable::notifieeIs(Ptr<DedupTableNotifiee> const& n) {
 
 std::size_t DedupHashTable::findSlot(DedupHandle const& probe, std::uint32_t hash) const {
    std::size_t const mask = slots_.size() - 1;
+   Slot const tag = tagOf(hash);
    for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
-      DedupHandle* h = slots_[i];
-      if (!h) return kNone;
+      Slot const s = slots_[i];
+      if (!s) return kNone;
+      if ((s & ~((Slot{1} << kTagShift) - 1)) != tag) continue;
+      DedupHandle* h = handleOf(s);
       if (h->hash_ == hash && h != &probe && h->compare(&probe)) return i;
    }
 }
@@ -102,7 +112,7 @@ Ptr<DedupHandle const> DedupHashTable::lookup(DedupHandle const& probe) const {
    std::size_t const i = findSlot(probe, probe.hash());
    if (i == kNone) return nullptr;
    ++counters_.hits;
-   return Ptr<DedupHandle const>(slots_[i]);
+   return Ptr<DedupHandle const>(handleOf(slots_[i]));
 }
 
 Ptr<DedupHandle const> DedupHashTable::lookupOrInsert(Ptr<DedupHandle> const& handle) const {
@@ -110,10 +120,13 @@ Ptr<DedupHandle const> DedupHashTable::lookupOrInsert(Ptr<DedupHandle> const& ha
    OVK_ASSERT(handle->state_ == DedupHandleState::neverDeduped);
    std::uint32_t const hash = handle->hash();
    std::size_t const mask = slots_.size() - 1;
+   Slot const tag = tagOf(hash);
    std::size_t i = hash & mask;
    for (;; i = (i + 1) & mask) {
-      DedupHandle* h = slots_[i];
-      if (!h) break;
+      Slot const s = slots_[i];
+      if (!s) break;
+      if ((s & ~((Slot{1} << kTagShift) - 1)) != tag) continue;
+      DedupHandle* h = handleOf(s);
       if (h->hash_ == hash && h->compare(handle.ptr())) {
          ++counters_.hits;
          return Ptr<DedupHandle const>(h);
@@ -125,7 +138,7 @@ Ptr<DedupHandle const> DedupHashTable::lookupOrInsert(Ptr<DedupHandle> const& ha
       std::size_t const m = slots_.size() - 1;
       for (i = hash & m; slots_[i]; i = (i + 1) & m) {}
    }
-   slots_[i] = handle.ptr();
+   slots_[i] = slotOf(handle.ptr(), hash);
    ++size_;
    ++counters_.inserts;
    handle->hash_ = hash;
@@ -136,31 +149,31 @@ Ptr<DedupHandle const> DedupHashTable::lookupOrInsert(Ptr<DedupHandle> const& ha
 }
 
 void DedupHashTable::grow() const {
-   std::vector<DedupHandle*> old(slots_.size() * 2, nullptr);
+   std::vector<Slot> old(slots_.size() * 2, 0);
    old.swap(slots_);
    std::size_t const mask = slots_.size() - 1;
-   for (DedupHandle* h : old) {
-      if (!h) continue;
-      std::size_t i = h->hash_ & mask;
+   for (Slot const s : old) {
+      if (!s) continue;
+      std::size_t i = handleOf(s)->hash_ & mask;
       while (slots_[i]) i = (i + 1) & mask;
-      slots_[i] = h;
+      slots_[i] = s;
    }
 }
 
 void DedupHashTable::remove(DedupHandle* h) const {
    std::size_t const mask = slots_.size() - 1;
    std::size_t i = h->hash_ & mask;
-   while (slots_[i] != h) {
-      OVK_ASSERT(slots_[i] != nullptr);
+   while (handleOf(slots_[i]) != h) {
+      OVK_ASSERT(slots_[i] != 0);
       i = (i + 1) & mask;
    }
    // Backward-shift deletion keeps every probe chain unbroken without tombstones.
    std::size_t j = i;
    for (;;) {
       j = (j + 1) & mask;
-      DedupHandle* e = slots_[j];
+      Slot const e = slots_[j];
       if (!e) break;
-      std::size_t const home = e->hash_ & mask;
+      std::size_t const home = handleOf(e)->hash_ & mask;
       // Move e into the hole when its home is not cyclically in (i, j].
       bool const between = (i <= j) ? (home > i && home <= j) : (home > i || home <= j);
       if (!between) {
@@ -168,7 +181,7 @@ void DedupHashTable::remove(DedupHandle* h) const {
          i = j;
       }
    }
-   slots_[i] = nullptr;
+   slots_[i] = 0;
    --size_;
    ++counters_.removes;
    if (notifiee_) notifiee_->handleRemove(h);

@@ -92,7 +92,7 @@ class DedupHashTable : public PtrInterface {
    std::size_t size() const { return size_; }
    std::size_t capacity() const { return slots_.size(); }
    // Bytes of the table's own index (the entries themselves are counted by their owners).
-   std::size_t indexBytes() const { return slots_.capacity() * sizeof(DedupHandle*); }
+   std::size_t indexBytes() const { return slots_.capacity() * sizeof(Slot); }
 
    struct Counters {
       std::uint64_t inserts = 0;
@@ -106,7 +106,7 @@ class DedupHashTable : public PtrInterface {
 
    // Calls f(handle) for every entry, in no particular order. f must not change the table.
    template <class F> void forEach(F&& f) const {
-      for (DedupHandle* h : slots_) if (h) f(h);
+      for (Slot const s : slots_) if (s) f(handleOf(s));
    }
 
  protected:
@@ -120,12 +120,21 @@ class DedupHashTable : public PtrInterface {
 
  private:
    friend class DedupHandle;
+   // A slot holds an entry's address and, in the 16 bits above the 48 an address uses, the
+   // top of its hash: probing compares those before it reads an entry, so a probe sequence
+   // costs the index's cache lines, not a read of every entry on the way.
+   using Slot = std::uintptr_t;
+   static constexpr unsigned kTagShift = 48;
+   static Slot slotOf(DedupHandle* h, std::uint32_t hash);
+   static DedupHandle* handleOf(Slot s) { return reinterpret_cast<DedupHandle*>(s & ((Slot{1} << kTagShift) - 1)); }
+   static Slot tagOf(std::uint32_t hash) { return Slot{hash >> 16} << kTagShift; }
+
    void detachEntries();
    void remove(DedupHandle* h) const;
    std::size_t findSlot(DedupHandle const& probe, std::uint32_t hash) const;
    void grow() const;
 
-   mutable std::vector<DedupHandle*> slots_;
+   mutable std::vector<Slot> slots_;
    mutable std::size_t size_ = 0;
    mutable Counters counters_;
    Ptr<DedupTableNotifiee> notifiee_;
