@@ -240,6 +240,24 @@ void FlowspecRouteKey::srcPrefixIs(Ovnet::IpGenPrefix const& prefix, std::uint8_
    prefixIs(kTagSrcPrefix, prefix, offset);
 }
 
+std::uint64_t FlowspecRouteKey::orderPrefix() const {
+   // The destination prefix's first 32 bits as digits of two bits, most significant first:
+   // 0 and 1 for the bits the prefix covers, 2 past its length. Comparing the numbers is
+   // comparing the prefixes as the rule order does: the bits both cover, lower first, then
+   // the longer prefix first (its bit sorts before the other's end). A rule without a
+   // destination prefix sorts after every rule with one.
+   PrefixEntry const e = prefixEntry(kTagDestPrefix);
+   if (!e.present()) return UINT64_MAX;
+   unsigned const patternBits = e.mask - e.offset;
+   std::uint64_t out = 0;
+   for (unsigned i = 0; i < 32; ++i) {
+      std::uint64_t digit = 2;
+      if (i < e.mask) digit = i < patternBits ? (e.pattern[i / 8] >> (7 - i % 8)) & 1u : 0u;
+      out = out << 2 | digit;
+   }
+   return out;
+}
+
 Ovnet::IpGenPrefix FlowspecRouteKey::destPrefix() const { return prefixEntry(kTagDestPrefix).prefix(isV6()); }
 Ovnet::IpGenPrefix FlowspecRouteKey::srcPrefix() const { return prefixEntry(kTagSrcPrefix).prefix(isV6()); }
 std::uint8_t FlowspecRouteKey::destPrefixOffset() const { return prefixEntry(kTagDestPrefix).offset; }

@@ -7,8 +7,9 @@
 namespace Routing::Bgp::FlowspecPlugin {
 
 Ovk::TraceFacility& flowspecTraceFacility() {
-   static Ovk::TraceFacility facility("BgpFlowspecPlugin", "flowspecplugin");
-   return facility;
+   // Never destroyed: objects released during static destruction may still trace.
+   static auto* const facility = new Ovk::TraceFacility("BgpFlowspecPlugin", "flowspecplugin");
+   return *facility;
 }
 
 // ---- FlowspecOpValComponent ----

@@ -5,17 +5,35 @@
 #include <iostream>
 
 #include "agent/ShowNeighbors.h"
+#include "host/plugin/PluginHost.h"
 
 namespace Flowspecd {
 
 Agent::Agent(asio::io_context& io, AgentConfig config, Logger& logger)
     : io_(io), config_(std::move(config)), logger_(logger), scheduler_(EventLoopScheduler::create(io)),
-      connector_(Ovk::makePtr<AsioConnector>(io)),
-      updateDecoding_(std::make_unique<UpdateDecoding>(logger)), updateSink_(updateDecoding_.get()) {}
+      connector_(Ovk::makePtr<AsioConnector>(io)) {}
 
-Agent::~Agent() { stop(); }
+Agent::~Agent() {
+   stop();
+   neighbors_.clear();
+   byAddress_.clear();
+   routing_ = nullptr;
+   if (context_) context_->shutdown();
+}
 
 Ovk::Result<bool, std::string> Agent::start() {
+   auto library = Plugin::loadPluginLibrary(config_.pluginPath);
+   if (!library) return Ovk::failure(library.reason());
+   logger_.log("-", "plugin library " + config_.pluginPath + " loaded");
+   Plugin::Context::Options options;
+   options.taskScheduler = scheduler_;
+   options.attributeCacheStatus = Hoard::AttributeCacheStatus::create();
+   options.local = BgpPeer{Ovnet::IpGenAddr(), config_.localAs, config_.localAs, config_.routerId, BgpL3VrfId::defaultVrfId()};
+   context_ = Plugin::startPlugins(std::move(options));
+   if (context_->afiSafiTable()->all().empty()) {
+      return Ovk::failure("the plugin library " + config_.pluginPath + " registered no address family");
+   }
+   routing_ = std::make_unique<BgpRouting>(logger_, context_);
    for (auto const& at : config_.listen) {
       auto l = AsioListener::create(io_, at, [this](Ovk::Ptr<Transport> t) { handleAccept(std::move(t)); });
       if (!l) {
@@ -33,7 +51,7 @@ Ovk::Result<bool, std::string> Agent::start() {
    }
    control_ = control.value();
    logger_.log("-", "control socket " + config_.controlSocket);
-   Neighbor::Deps const deps{scheduler_, connector_, &logger_, updateSink_};
+   Neighbor::Deps const deps{scheduler_, connector_, &logger_, routing_.get()};
    for (auto const& n : config_.neighbors) {
       LocalSpeaker const local{config_.localAs, config_.routerId, sourceAddress(config_, n)};
       auto neighbor = Ovk::makePtr<Neighbor>(n, local, deps);
@@ -75,8 +93,24 @@ std::vector<NeighborStatus> Agent::neighbors() const {
 }
 
 std::string Agent::handleControl(std::string_view request) const {
-   if (request == "show neighbors") return neighborsJson(neighbors()).dump();
-   if (request == "show updates") return updateDecoding_->json().dump();
+   if (request == "show neighbors") {
+      nlohmann::json answer = neighborsJson(neighbors());
+      for (auto& n : answer["neighbors"]) {
+         auto const address = Ovnet::IpGenAddr::parse(n["address"].get<std::string>());
+         auto const view = address ? routing_->peer(*address) : std::nullopt;
+         nlohmann::json received = nlohmann::json::object();
+         nlohmann::json accepted = nlohmann::json::object();
+         if (view) {
+            for (auto const& [family, count] : view->received) received[familyName(family)] = count;
+            for (auto const& [family, count] : view->accepted) accepted[familyName(family)] = count;
+         }
+         n["rulesReceived"] = received;
+         n["rulesAccepted"] = accepted;
+      }
+      return answer.dump();
+   }
+   if (request == "show updates") return routing_->updatesJson().dump();
+   if (request == "show summary") return routing_->summaryJson().dump();
    return nlohmann::json{{"error", "unknown request: " + std::string(request)}}.dump();
 }
 

@@ -11,8 +11,8 @@
 #include "agent/Config.h"
 #include "agent/ControlSocket.h"
 #include "agent/EventLoop.h"
+#include "agent/BgpRouting.h"
 #include "agent/Neighbor.h"
-#include "agent/UpdateDecoding.h"
 
 namespace Flowspecd {
 
@@ -21,17 +21,17 @@ class Agent : public Ovk::PtrInterface {
    Agent(asio::io_context& io, AgentConfig config, Logger& logger);
    ~Agent() override;
 
-   // Opens the listeners and the control socket and starts every neighbor. The reason when
-   // a socket cannot be opened (the agent is then stopped).
+   // Loads the plugin library and starts the plugins (default VRF, RIB, export), opens the
+   // listeners and the control socket and starts every neighbor. The reason when the plugin
+   // library cannot be loaded or a socket cannot be opened (the agent is then stopped, with
+   // nothing half-built).
    Ovk::Result<bool, std::string> start();
    // Sends a Cease (Administrative Shutdown) to every peer and closes every socket. The
    // event loop then runs out of work once the last bytes are written.
    void stop();
 
-   // Where UPDATEs go after their framing is checked: by default the agent's own decoding
-   // (updateDecoding()); null: they are only counted. Takes effect at start().
-   void updateSinkIs(UpdateSink* sink) { updateSink_ = sink; }
-   UpdateDecoding const& updateDecoding() const { return *updateDecoding_; }
+   // The routing the sessions feed; null before start().
+   BgpRouting* routing() const { return routing_.get(); }
    std::vector<NeighborStatus> neighbors() const;
    // Answers one control request line.
    std::string handleControl(std::string_view request) const;
@@ -47,12 +47,12 @@ class Agent : public Ovk::PtrInterface {
    Ovk::Ptr<EventLoopScheduler> scheduler_;
    Ovk::Ptr<AsioConnector> connector_;
    // Before the neighbors, which hold it as their UPDATE sink: it outlives them.
-   std::unique_ptr<UpdateDecoding> updateDecoding_;
+   Ovk::Ptr<Plugin::Context> context_;
+   std::unique_ptr<BgpRouting> routing_;
    std::vector<Ovk::Ptr<AsioListener>> listeners_;
    Ovk::Ptr<ControlServer> control_;
    std::vector<Ovk::Ptr<Neighbor>> neighbors_;
    std::map<Ovnet::IpGenAddr, Neighbor*> byAddress_;
-   UpdateSink* updateSink_ = nullptr;
 };
 
 // Log lines on standard error: "2024-05-01T10:00:00.123Z 127.0.0.2 state Idle -> Connect".

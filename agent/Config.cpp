@@ -169,6 +169,10 @@ void readNeighbor(Checker& check, toml::table const& t, NeighborConfig& n) {
 
 } // namespace
 
+std::string pluginPathIn(std::string_view dir) { return std::string(dir) + "/" + kPluginLibrary; }
+
+std::string defaultPluginPath() { return pluginPathIn(FS_DEFAULT_PLUGIN_DIR); }
+
 std::string ConfigError::str() const {
    if (line == 0) return file + ": " + text;
    return file + ":" + std::to_string(line) + ": " + text;
@@ -186,7 +190,7 @@ Ovk::Result<AgentConfig, ConfigErrors> parseConfig(std::string_view text, std::s
    toml::table const& root = parsed.table();
    AgentConfig config;
    config.source = fileName;
-   check.onlyKeys(root, {"router-id", "local-as", "listen", "control-socket", "neighbor"}, "");
+   check.onlyKeys(root, {"router-id", "local-as", "listen", "control-socket", "plugin-dir", "neighbor"}, "");
 
    if (auto const* v = root.get("router-id")) {
       if (auto id = check.string(*v, "router-id")) {
@@ -228,6 +232,15 @@ Ovk::Result<AgentConfig, ConfigErrors> parseConfig(std::string_view text, std::s
       }
    } else {
       config.listen = {*parseEndpoint("0.0.0.0"), *parseEndpoint("[::]")};
+   }
+   if (auto const* v = root.get("plugin-dir")) {
+      if (auto s = check.string(*v, "plugin-dir")) {
+         if (s->empty()) {
+            check.error(*v, "plugin-dir must not be empty");
+         } else {
+            config.pluginPath = pluginPathIn(*s);
+         }
+      }
    }
    if (auto const* v = root.get("control-socket")) {
       if (auto s = check.string(*v, "control-socket")) {

@@ -4,6 +4,7 @@
 //   local-as = 65001                   # 1 to 4294967295, not 23456, required
 //   listen = ["127.0.0.1:1179", "[::1]:1179"]   # "ADDR[:PORT]", port 179 when left out
 //   control-socket = "/tmp/flowspecd.sock"
+//   plugin-dir = "/usr/lib/flowspecd"   # where libBgpFlowspec.so is; the build's by default
 //
 //   [[neighbor]]
 //   address = "127.0.0.2"              # IPv4 or IPv6, required, unique
@@ -38,6 +39,11 @@ using namespace Routing::Bgp;
 
 constexpr std::uint16_t kBgpPort = 179;
 constexpr char const* kDefaultControlSocket = "/tmp/flowspecd.sock";
+constexpr char const* kPluginLibrary = "libBgpFlowspec.so";
+// The plugin library in `dir`.
+std::string pluginPathIn(std::string_view dir);
+// The plugin library of the build (or installation) the agent came from.
+std::string defaultPluginPath();
 
 using Ovnet::Endpoint;
 // "ADDR", "ADDR:PORT", "[V6ADDR]" or "[V6ADDR]:PORT", port 179 when it names none.
@@ -62,6 +68,7 @@ struct AgentConfig {
    std::uint32_t localAs = 0;
    std::vector<Endpoint> listen;
    std::string controlSocket = kDefaultControlSocket;
+   std::string pluginPath = defaultPluginPath();
    std::vector<NeighborConfig> neighbors;
 };
 

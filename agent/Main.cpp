@@ -1,6 +1,6 @@
 // flowspecd: the BGP flowspec agent.
 //
-//   flowspecd [--config FILE] [--control-socket PATH]   runs in the foreground
+//   flowspecd [--config FILE] [--control-socket PATH] [--plugin LIB]   runs in the foreground
 //   flowspecd --check FILE                              validates a configuration only
 //   flowspecd --print-default-config                    shows the built-in configuration
 //
@@ -33,10 +33,12 @@ int main(int argc, char** argv) {
    std::string configFile;
    std::string controlSocket;
    std::string checkFile;
+   std::string pluginPath;
    bool printDefault = false;
    app.add_option("--config", configFile, "configuration file (TOML); the built-in one when left out");
    app.add_option("--control-socket", controlSocket, "control socket path (overrides the configuration)");
    app.add_option("--check", checkFile, "validate this configuration file and exit");
+   app.add_option("--plugin", pluginPath, "the flowspec plugin library to load (overrides plugin-dir)");
    app.add_flag("--print-default-config", printDefault, "print the built-in configuration and exit");
    CLI11_PARSE(app, argc, argv);
 
@@ -60,6 +62,7 @@ int main(int argc, char** argv) {
       return 1;
    }
    if (!controlSocket.empty()) config.value().controlSocket = controlSocket;
+   if (!pluginPath.empty()) config.value().pluginPath = pluginPath;
 
    std::signal(SIGPIPE, SIG_IGN);
    asio::io_context io;

@@ -3,8 +3,9 @@
 namespace Routing::Bgp {
 
 Ovk::TraceFacility& bgpTraceFacility() {
-   static Ovk::TraceFacility facility("Bgp", "bgp");
-   return facility;
+   // Never destroyed: objects released during static destruction may still trace.
+   static auto* const facility = new Ovk::TraceFacility("Bgp", "bgp");
+   return *facility;
 }
 
 } // namespace Routing::Bgp

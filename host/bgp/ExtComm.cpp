@@ -55,20 +55,49 @@ char const* toStrep(ExtCommClassification c) {
    return "?";
 }
 
+namespace {
+
+template <class C>
+Ovk::Ptr<ExtComm> make(std::uint64_t v) {
+   return Ovk::makePtr<C>(v);
+}
+
+template <class C>
+Ovk::Ptr<ExtCommIp6> makeIp6(std::span<std::uint8_t const, ExtCommIp6::kSize> b) {
+   return Ovk::makePtr<C>(b);
+}
+
+constexpr ExtCommKind kFlowspecKinds[] = {
+    {0x8006, &make<FlowspecExtCommTrafficRate>},      {0x8007, &make<FlowspecExtCommTrafficAction>},
+    {0x8009, &make<FlowspecExtCommTrafficMarking>},   {0x8008, &make<FlowspecExtCommRedirectVrfRdAs>},
+    {0x8208, &make<FlowspecExtCommRedirectVrfRdAs>},  {0x8108, &make<FlowspecExtCommRedirectVrfRdIpv4>},
+    {0x010c, &make<FlowspecExtCommRedirectIpv4>},     {0x0800, &make<FlowspecExtCommRedirectNexthop>},
+    {0x800c, &make<FlowspecExtCommUnsupported>},
+};
+
+constexpr ExtCommIp6Kind kFlowspecIp6Kinds[] = {
+    {0x000c, &makeIp6<FlowspecExtCommRedirectIpv6>},
+    {0x000d, &makeIp6<FlowspecExtCommRedirectVrfIpv6>},
+    {0x800b, &makeIp6<FlowspecExtCommRedirectVrfIpv6>},
+};
+
+} // namespace
+
+std::span<ExtCommKind const> flowspecExtCommKinds() noexcept { return kFlowspecKinds; }
+std::span<ExtCommIp6Kind const> flowspecExtCommIp6Kinds() noexcept { return kFlowspecIp6Kinds; }
+
+Ovk::Ptr<ExtComm> ExtComm::createBase(std::uint64_t v) {
+   auto const typeSub = static_cast<std::uint16_t>(v >> 48);
+   if (typeSub == 0x0002 || typeSub == 0x0102 || typeSub == 0x0202) return Ovk::makePtr<ExtCommRouteTarget>(v);
+   return Ovk::makePtr<ExtComm>(v);
+}
+
 Ovk::Ptr<ExtComm> ExtComm::create(std::uint64_t v) {
    auto const typeSub = static_cast<std::uint16_t>(v >> 48);
-   switch (typeSub) {
-    case 0x0002: case 0x0102: case 0x0202: return Ovk::makePtr<ExtCommRouteTarget>(v);
-    case 0x8006: return Ovk::makePtr<FlowspecExtCommTrafficRate>(v);
-    case 0x8007: return Ovk::makePtr<FlowspecExtCommTrafficAction>(v);
-    case 0x8009: return Ovk::makePtr<FlowspecExtCommTrafficMarking>(v);
-    case 0x8008: case 0x8208: return Ovk::makePtr<FlowspecExtCommRedirectVrfRdAs>(v);
-    case 0x8108: return Ovk::makePtr<FlowspecExtCommRedirectVrfRdIpv4>(v);
-    case 0x010c: return Ovk::makePtr<FlowspecExtCommRedirectIpv4>(v);
-    case 0x0800: return Ovk::makePtr<FlowspecExtCommRedirectNexthop>(v);
-    case 0x800c: return Ovk::makePtr<FlowspecExtCommUnsupported>(v);
-    default: return Ovk::makePtr<ExtComm>(v);
+   for (ExtCommKind const& k : kFlowspecKinds) {
+      if (k.typeSubtype == typeSub) return k.create(v);
    }
+   return createBase(v);
 }
 
 Ovk::Ptr<ExtComm> ExtComm::create(std::span<std::uint8_t const, 8> b) {
@@ -191,11 +220,10 @@ ExtCommIp6::ExtCommIp6(std::span<std::uint8_t const, kSize> b) noexcept { std::m
 
 Ovk::Ptr<ExtCommIp6> ExtCommIp6::create(std::span<std::uint8_t const, kSize> b) {
    auto const typeSub = static_cast<std::uint16_t>((b[0] << 8) | b[1]);
-   switch (typeSub) {
-    case 0x000c: return Ovk::makePtr<FlowspecExtCommRedirectIpv6>(b);
-    case 0x000d: case 0x800b: return Ovk::makePtr<FlowspecExtCommRedirectVrfIpv6>(b);
-    default: return Ovk::makePtr<ExtCommIp6>(b);
+   for (ExtCommIp6Kind const& k : kFlowspecIp6Kinds) {
+      if (k.typeSubtype == typeSub) return k.create(b);
    }
+   return Ovk::makePtr<ExtCommIp6>(b);
 }
 
 Ovnet::IpGenAddr ExtCommIp6::address() const noexcept {

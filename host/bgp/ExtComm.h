@@ -49,8 +49,11 @@ struct ExtCommField {
 
 class ExtComm : public Ovk::DedupHandle {
  public:
-   // The community of this 64-bit value, of the kind its type and subtype bytes name.
+   // The community of this 64-bit value, of the kind its type and subtype bytes name, for
+   // every kind the host knows (ExtCommParse.h teaches an agent's parser the same kinds).
    static Ovk::Ptr<ExtComm> create(std::uint64_t value);
+   // The same for the kinds of the host itself alone (route targets), else a plain community.
+   static Ovk::Ptr<ExtComm> createBase(std::uint64_t value);
    // The same from 8 wire bytes.
    static Ovk::Ptr<ExtComm> create(std::span<std::uint8_t const, 8> bytes);
 
@@ -218,6 +221,19 @@ class FlowspecExtCommRedirectVrfIpv6 : public ExtCommIp6 {
 
 std::ostream& operator<<(std::ostream& os, ExtComm const& c);
 std::ostream& operator<<(std::ostream& os, ExtCommIp6 const& c);
+
+// The flowspec kinds by type and subtype (the type byte high), one table for ExtComm::create
+// and the flowspec extended-community parse state machine.
+struct ExtCommKind {
+   std::uint16_t typeSubtype;
+   Ovk::Ptr<ExtComm> (*create)(std::uint64_t value);
+};
+struct ExtCommIp6Kind {
+   std::uint16_t typeSubtype;
+   Ovk::Ptr<ExtCommIp6> (*create)(std::span<std::uint8_t const, ExtCommIp6::kSize> bytes);
+};
+std::span<ExtCommKind const> flowspecExtCommKinds() noexcept;
+std::span<ExtCommIp6Kind const> flowspecExtCommIp6Kinds() noexcept;
 
 // An ordered list of communities, as a path attribute carries them.
 template <class C>

@@ -189,4 +189,37 @@ Ovk::FwkType const& GenNexthopDedupTable::classFwkType() {
 
 Ovk::FwkType const& GenNexthopDedupTable::fwkType() const { return classFwkType(); }
 
+// ---- IpPlugin::IpGenNexthop ----
+
+namespace IpPlugin {
+
+Ovk::FwkType const& IpGenNexthop::classFwkType() {
+   static constexpr Ovk::FwkType type("Routing::Bgp::IpPlugin::IpGenNexthop");
+   return type;
+}
+
+Ovk::FwkType const& IpGenNexthop::fwkType() const { return classFwkType(); }
+
+AfiSafi IpGenNexthop::afisafi() const {
+   return AfiSafi(addr_.isIpv6() ? Afi::afiIpv6 : Afi::afiIpv4, Safi::unicast);
+}
+
+Ovk::String IpGenNexthop::serialize() const {
+   auto const b = addr_.bytes();
+   return Ovk::String(b.data(), b.size());
+}
+
+bool IpGenNexthop::compareDerived(GenNexthop const* other) const {
+   return static_cast<IpGenNexthop const*>(other)->addr_ == addr_;
+}
+
+std::uint32_t IpGenNexthop::hash() const {
+   auto const b = addr_.bytes();
+   return Ovk::String::hashBytes(b.data(), b.size());
+}
+
+void IpGenNexthop::formatDerivedType(std::ostream& os) const { os << "addr=" << addr_.str(); }
+
+} // namespace IpPlugin
+
 } // namespace Routing::Bgp

@@ -213,4 +213,33 @@ class GenNexthopDedupTable : public GenNexthopDedupTableBase {
    ~GenNexthopDedupTable() override = default;
 };
 
+namespace IpPlugin {
+
+// The host's plain IP next hop: an address, as a session's transport address is given to a
+// family's transport next-hop hook.
+class IpGenNexthop : public GenNexthop {
+ public:
+   explicit IpGenNexthop(Ovnet::IpGenAddr addr) : addr_(addr) {}
+   static Ovk::Ptr<IpGenNexthop> create(Ovnet::IpGenAddr addr) { return Ovk::makePtr<IpGenNexthop>(addr); }
+   static Ovk::FwkType const& classFwkType();
+   Ovk::FwkType const& fwkType() const override;
+
+   Ovnet::IpGenAddr const& addr() const { return addr_; }
+   Ovnet::IpGenAddr addrOrNone() const override { return addr_; }
+   AfiSafi afisafi() const override;
+   Ovk::String serialize() const override;
+   bool compareDerived(GenNexthop const* other) const override;
+   std::uint32_t hash() const override;
+   bool isPreResolved() const override { return true; }
+   void formatDerivedType(std::ostream& os) const override;
+
+ protected:
+   ~IpGenNexthop() override = default;
+
+ private:
+   Ovnet::IpGenAddr addr_;
+};
+
+} // namespace IpPlugin
+
 } // namespace Routing::Bgp

@@ -1,5 +1,6 @@
 #include "host/bgp/RouteKey.h"
 
+#include <new>
 #include <ostream>
 #include <sstream>
 
@@ -69,6 +70,16 @@ Ovk::FwkType const& RouteKey::classFwkType() {
 }
 
 Ovk::FwkType const& RouteKey::fwkType() const { return classFwkType(); }
+
+void* RouteKey::operator new(std::size_t size) {
+   void* const block = ::operator new(size + sizeof(RibRouteSlot));
+   new (block) RibRouteSlot();
+   return static_cast<char*>(block) + sizeof(RibRouteSlot);
+}
+
+void RouteKey::operator delete(void* p) noexcept {
+   if (p) ::operator delete(static_cast<char*>(p) - sizeof(RibRouteSlot));
+}
 
 Ovk::Ptr<RouteKey const> RouteKey::dedupRouteKey(RouteKeyDedupTableBase const* table) {
    OVK_ASSERT(table != nullptr);

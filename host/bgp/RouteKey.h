@@ -21,6 +21,7 @@
 
 #include "host/bgp/AfiSafi.h"
 #include "host/bgp/BgpVrfId.h"
+#include "host/fwk/Assert.h"
 #include "host/fwk/Dedup.h"
 #include "host/fwk/FwkType.h"
 #include "host/fwk/Ptr.h"
@@ -63,6 +64,10 @@ class RouteKeyBase : public Ovk::DedupHandle {
    // The family's route order: true when this key sorts before `other`, a key of the same
    // family and table. Every concrete key type answers; the default aborts.
    virtual bool lessThan(Ovk::Ptr<RouteKeyBase const> const& other) const;
+   // A summary of the key's place in that order, for ordered containers: a key whose
+   // summary is lower sorts first; keys of equal summaries are ordered by lessThan. By
+   // default 0 (lessThan decides alone).
+   virtual std::uint64_t orderPrefix() const { return 0; }
 
    // The facility the host traces this key's table operations on.
    virtual Ovk::TraceFacility& traceFacility() const;
@@ -105,10 +110,29 @@ class RouteKeySerializeArguments : public Ovk::PtrInterface {
    ~RouteKeySerializeArguments() override = default;
 };
 
+// The host RIB's bookkeeping of a route key: the route's best path and where its other paths
+// are. It lies in front of the key, in the same allocation (RouteKey::operator new), so that
+// finding a key's route costs no lookup and no memory beyond these 16 bytes. Only the RIB
+// of the key's table (one VRF, one family) writes it.
+struct RibRouteSlot {
+   void const* bestAttrs = nullptr;  // the best path's RtAttr, referenced; null: no path
+   std::uint32_t bestSource = 0;     // the best path's source (RibSources index)
+   std::uint32_t state = 0;          // RibTable's: changed bit and the index of other paths
+};
+
 class RouteKey : public RouteKeyBase {
  public:
    static Ovk::FwkType const& classFwkType();
    Ovk::FwkType const& fwkType() const override;
+
+   // Keys are allocated with their RIB slot in front (zeroed). Every key is made through
+   // newRouteKey (below), so that RouteKey lies at the start of the object.
+   static void* operator new(std::size_t size);
+   static void operator delete(void* p) noexcept;
+   // The slot of a key made by newRouteKey.
+   RibRouteSlot& ribSlot() const noexcept {
+      return *reinterpret_cast<RibRouteSlot*>(reinterpret_cast<std::uintptr_t>(this) - sizeof(RibRouteSlot));
+   }
 
    // Interns this never-deduplicated key in `table` (not null): returns the table's equal
    // key, or enters this one and returns it. The caller holds a reference to this key.
@@ -130,6 +154,8 @@ class RouteKey : public RouteKeyBase {
 template <class T, class... Args>
 Ovk::Ptr<T> newRouteKey(Args&&... args) {
    Ovk::Ptr<T> key = Ovk::makePtr<T>(std::forward<Args>(args)...);
+   // The RIB slot lies in front of the RouteKey part: it must start the object.
+   OVK_ASSERT(static_cast<void const*>(static_cast<RouteKey const*>(key.ptr())) == static_cast<void const*>(key.ptr()));
    key->postConstructor();
    return key;
 }

@@ -86,6 +86,8 @@ class Ptr {
 
    template <class U> bool operator==(Ptr<U> const& o) const noexcept { return p_ == o.ptr(); }
    bool operator==(std::nullptr_t) const noexcept { return p_ == nullptr; }
+   // By address: interned objects are ordered by identity.
+   template <class U> bool operator<(Ptr<U> const& o) const noexcept { return p_ < o.ptr(); }
 
  private:
    T* p_ = nullptr;

@@ -21,8 +21,9 @@ bool nameChar(char c) {
 } // namespace
 
 Ovk::TraceFacility& mnemoTrace() {
-   static Ovk::TraceFacility facility("Mnemo", "mnemo");
-   return facility;
+   // Never destroyed: objects released during static destruction may still trace.
+   static auto* const facility = new Ovk::TraceFacility("Mnemo", "mnemo");
+   return *facility;
 }
 
 char const* toStrep(SlateError e) {

@@ -6,6 +6,8 @@
 #include "BgpFlowspec/FlowspecParseNlri.h"
 #include "host/bgp/BgpVrfId.h"
 #include "host/bgp/ExtComm.h"
+#include "host/bgp/PathAttributes.h"
+#include "host/plugin/PluginHost.h"
 #include "tools/capture/BgpCapture.h"
 #include "tools/flowspec/NlriCodec.h"
 
@@ -45,20 +47,17 @@ json communityJson(C const& c, std::span<std::uint8_t const> bytes) {
            {"fields", fields}};
 }
 
-// Calls fn(community, bytes) for the 8-byte and then the 20-byte communities.
+// Calls fn(community, bytes) for the 8-byte and then the 20-byte communities, each of the
+// kind the plugins taught `rules`.
 template <class Fn>
-void forEachCommunity(BgpParseUpdateAttributesScratchpad const& a, Fn&& fn) {
-   BgpParsePktPosition eight(a.extCommunities.value);
-   std::span<std::uint8_t const> b;
-   while (eight.consumeView(8, &b)) {
-      Ovk::Ptr<ExtComm> const c = ExtComm::create(b.first<8>());
-      fn(*c, b);
+void forEachCommunity(BgpParseUpdateAttributesScratchpad const& a, ExtCommParseRuleCollections const& rules, Fn&& fn) {
+   ExtCommList const eight = extCommListOf(a.extCommunities.value, &rules, nullptr);
+   for (auto const& c : eight.items()) {
+      auto const b = c->bytes();
+      fn(*c, std::span<std::uint8_t const>(b));
    }
-   BgpParsePktPosition twenty(a.ipv6ExtCommunities.value);
-   while (twenty.consumeView(ExtCommIp6::kSize, &b)) {
-      Ovk::Ptr<ExtCommIp6> const c = ExtCommIp6::create(b.first<ExtCommIp6::kSize>());
-      fn(*c, b);
-   }
+   ExtCommIp6List const twenty = extCommIp6ListOf(a.ipv6ExtCommunities.value, &rules, nullptr);
+   for (auto const& c : twenty.items()) fn(*c, c->bytes());
 }
 
 std::vector<std::string> communities(std::span<std::uint8_t const> value) {
@@ -121,26 +120,28 @@ std::uint8_t messageType(std::span<std::uint8_t const> message) {
 
 // ---- Session ----
 
+// The plugins as the agent runs them (the flowspec plugin is linked into the tool, so it
+// registered when the tool started): their context, and a decoder over the default VRF's
+// tables with the rule collections of both flowspec families.
 struct UpdateDecodeSession::Impl {
+   static Ovk::Ptr<Plugin::Context> startContext() {
+      Plugin::Context::Options options;
+      options.attributeCacheStatus = Hoard::AttributeCacheStatus::create();
+      return Plugin::startPlugins(std::move(options));
+   }
    Impl()
-       : vrf(Ovk::makePtr<DedupTablesVrf>(BgpL3VrfId::defaultVrfId())),
-         context(Ovk::makePtr<BgpParseContext>(vrf, "decode")),
+       : plugins(startContext()),
+         context(Ovk::makePtr<BgpParseContext>(plugins->dedupTablesVrf(BgpL3VrfId::defaultVrfId()), "decode")),
          decoder(context, {.fourOctetAs = true, .detectAsWidth = true, .externalPeer = false, .maxMessageSize = 65535}) {
-      auto const notifiee = flowspecGenNexthopLifeTimeNotifieeFactory(false, nullptr, "decode");
       for (AfiSafi const family : {AfiSafi::ipv4Flowspec(), AfiSafi::ipv6Flowspec()}) {
-         vrf->dedupTablesVrfAfiSafiIs(Ovk::makePtr<DedupTablesVrfAfiSafi>(
-             family, flowspecRouteKeyDedupTableFactory(family, BgpL3VrfId::defaultVrfId()),
-             flowspecGenNexthopDedupTableFactory(BgpL3VrfId::defaultVrfId(), family, notifiee, nullptr)));
-         auto collections = BgpParseRuleCollections::create(family);
-         plugins.push_back(flowspecParsePluginSmFactory(collections, family));
-         decoder.ruleCollectionsIs(collections, {});
+         decoder.ruleCollectionsIs(plugins->parseRuleCollections(family), {});
       }
    }
+   ~Impl() { plugins->shutdown(); }
 
-   Ovk::Ptr<DedupTablesVrf> vrf;
+   Ovk::Ptr<Plugin::Context> plugins;
    Ovk::Ptr<BgpParseContext> context;
    BgpUpdateDecoder decoder;
-   std::vector<Ovk::Ptr<FlowspecParsePluginSm>> plugins;
 };
 
 UpdateDecodeSession::UpdateDecodeSession() : impl_(std::make_unique<Impl>()) {}
@@ -184,7 +185,8 @@ json UpdateDecodeSession::updateJson(BgpParsedUpdate const& u, std::size_t index
    out["nextHop"] = u.mpReach.nextHopRead ? json(hexOf(u.mpReach.nextHop)) : json(nullptr);
    BgpParseUpdateAttributesScratchpad const& a = *u.attributes;
    json comms = json::array();
-   forEachCommunity(a, [&](auto const& c, std::span<std::uint8_t const> b) { comms.push_back(communityJson(c, b)); });
+   forEachCommunity(a, *impl_->plugins->parseExtCommRuleCollections(),
+                    [&](auto const& c, std::span<std::uint8_t const> b) { comms.push_back(communityJson(c, b)); });
    out["extendedCommunities"] = comms;
    json announced = json::array();
    json withdrawn = json::array();
@@ -270,7 +272,7 @@ void UpdateDecodeSession::updateText(BgpParsedUpdate const& u, std::size_t index
       }
       out << '\n';
    }
-   forEachCommunity(*u.attributes, [&](auto const& c, std::span<std::uint8_t const> b) {
+   forEachCommunity(*u.attributes, *impl_->plugins->parseExtCommRuleCollections(), [&](auto const& c, std::span<std::uint8_t const> b) {
       out << "  community " << c.toStrep() << " [" << hexOf(b) << "]\n";
    });
    for (json const& p : j["ipv4Withdrawn"]) out << "  withdraw ipv4 " << p.get<std::string>() << '\n';

@@ -1,0 +1,245 @@
+#include "agent/BgpRouting.h"
+
+#include <algorithm>
+
+namespace Flowspecd {
+
+namespace {
+
+void add(BgpUpdateDecoderCounters& into, BgpUpdateDecoderCounters const& from) {
+   into.messages += from.messages;
+   for (std::size_t i = 0; i < into.actions.size(); ++i) into.actions[i] += from.actions[i];
+   for (auto const& [family, f] : from.families) {
+      BgpUpdateDecoderCounters::Family& t = into.families[family];
+      t.announced += f.announced;
+      t.withdrawn += f.withdrawn;
+      t.refused += f.refused;
+      t.updates += f.updates;
+   }
+   for (auto const& [reason, n] : from.reasons) into.reasons[reason] += n;
+}
+
+std::string errorsText(BgpParsedUpdate const& u) {
+   std::string text;
+   for (BgpUpdateError const& e : u.errors) {
+      if (!text.empty()) text += ", ";
+      text += toStrep(e.reason);
+      if (char const* const t = bgpUpdateErrorText(e.reason); *t) text += std::string(" (") + t + ")";
+      text += std::string(": ") + toStrep(e.action);
+   }
+   return text;
+}
+
+} // namespace
+
+// One neighbor: its source in the RIB, and what its current session reads with.
+struct BgpRouting::Peer {
+   BgpPeer identity;
+   RibSource source = kLocalRibSource;
+   bool established = false;
+   std::unique_ptr<BgpUpdateDecoder> decoder;
+   Ovk::Ptr<AdjRibinCollection> adjRibins;
+   std::unique_ptr<PathAttributesBuilder> attributes;
+   std::map<AfiSafi, Ovk::Ptr<RibTable>> tables; // the families of the session
+   BgpUpdateDecoderCounters previousSessions;
+   std::map<AfiSafi, std::uint64_t> unknownWithdrawals;
+   std::uint64_t attributeSetsBuilt = 0;
+   std::uint64_t attributeSetsReused = 0;
+};
+
+BgpRouting::BgpRouting(Logger& logger, Ovk::Ptr<Plugin::Context> context)
+    : logger_(logger), context_(std::move(context)) {
+   OVK_ASSERT(context_);
+}
+
+BgpRouting::~BgpRouting() {
+   // The sessions' paths go before the tables and keys they point into.
+   for (auto const& [address, p] : peers_) {
+      for (auto const& [family, table] : p->tables) table->pathDelAll(p->source);
+   }
+   peers_.clear();
+}
+
+Ovk::Ptr<RibTable> BgpRouting::ribTable(AfiSafi family) const {
+   auto const& vrfs = context_->allVrfInstanceStatus();
+   auto const it = vrfs.find(BgpL3VrfId::defaultVrfId());
+   return it == vrfs.end() ? nullptr : Plugin::getBribTable(*context_, *it->second, family);
+}
+
+BgpRouting::Peer* BgpRouting::peerOf(BgpPeer const& from) const {
+   auto const it = peers_.find(from.address);
+   return it == peers_.end() ? nullptr : it->second.get();
+}
+
+void BgpRouting::handleEstablished(BgpPeer const& from, Negotiated const& negotiated, BgpPeerOutput& output) {
+   std::unique_ptr<Peer>& slot = peers_[from.address];
+   if (!slot) slot = std::make_unique<Peer>();
+   Peer& p = *slot;
+   if (p.established) handleSessionDown(p.identity);
+   p.identity = from;
+   p.source = context_->ribSources()->sourceIs(from);
+   p.established = true;
+
+   BgpUpdateDecoder::Options options;
+   options.fourOctetAs = negotiated.fourOctetAs;
+   options.externalPeer = !from.internal();
+   auto parseContext = Ovk::makePtr<BgpParseContext>(context_->dedupTablesVrf(from.vrfId), from.address.str());
+   p.decoder = std::make_unique<BgpUpdateDecoder>(parseContext, options);
+   p.adjRibins = AdjRibinCollection::create();
+   p.tables.clear();
+   auto const inputTables = context_->inputDedupTables(from.vrfId);
+   for (AfiSafi const family : negotiated.families) {
+      Ovk::Ptr<Plugin::AfiSafiHelpers> const helpers = context_->afiSafiTable()->helpers(family);
+      auto const hook = helpers ? helpers->hookAs<Plugin::BgpInputConstructAdjRibinAfiSafiPluginBase>(
+                                      Plugin::HookId::constructAdjRibin)
+                                : nullptr;
+      Ovk::Ptr<RibTable> const table = ribTable(family);
+      if (!hook || !table) continue; // no plugin serves the family: its NLRI are skipped
+      p.decoder->ruleCollectionsIs(context_->parseRuleCollections(family), {});
+      hook->instantiateAdjRibin(AdjRibinType::received, p.adjRibins, inputTables);
+      if (auto adjRibin = p.adjRibins->adjRibin(fromAfiSafi(family))) adjRibin->sourceIs(p.source);
+      p.tables[family] = table;
+   }
+   p.attributes = std::make_unique<PathAttributesBuilder>(context_->rtAttrDedupTable(), context_->coreDedupTables(),
+                                                          context_->parseExtCommRuleCollections());
+   UpdateSink::handleEstablished(from, negotiated, output);
+}
+
+void BgpRouting::handleSessionDown(BgpPeer const& from) {
+   Peer* const p = peerOf(from);
+   if (!p || !p->established) return;
+   p->established = false;
+   // RFC 4271 section 8.2.2: the peer's routes go with its session.
+   for (auto const& [family, table] : p->tables) {
+      table->pathDelAll(p->source);
+      table->flushChanges();
+   }
+   // The session's decoder, whose last result still holds rules, and its attributes go too;
+   // their counts stay.
+   add(p->previousSessions, p->decoder->counters());
+   p->attributeSetsBuilt += p->attributes->built();
+   p->attributeSetsReused += p->attributes->reused();
+   p->decoder = nullptr;
+   p->attributes = nullptr;
+   p->adjRibins = nullptr;
+}
+
+UpdateOutcome BgpRouting::handleUpdate(BgpPeer const& from, MessageView const& update) {
+   Peer* const p = peerOf(from);
+   // Sessions are known from their Established on: anything else is a broken invariant.
+   OVK_ASSERT(p && p->established);
+   BgpParsedUpdate const& u = p->decoder->decode(update.bytes);
+   if (u.action == BgpUpdateAction::sessionReset) {
+      logger_.log(from.address.str(), "UPDATE refused: " + errorsText(u));
+      return UpdateOutcome::of(u);
+   }
+   if (!u.errors.empty()) {
+      logger_.log(from.address.str(), "UPDATE " + std::string(toStrep(u.action)) + ": " + errorsText(u));
+   }
+   // RFC 7606 section 2: under treat-as-withdraw the announced rules are withdrawn too.
+   bool const withdrawAll = u.announcedWithdrawn();
+   RibTable* table = nullptr;
+   AfiSafi tableFamily;
+   auto tableOf = [&](AfiSafi family) -> RibTable* {
+      if (table && tableFamily == family) return table;
+      auto const it = p->tables.find(family);
+      tableFamily = family;
+      table = it == p->tables.end() ? nullptr : it->second.ptr();
+      return table;
+   };
+   for (BgpParsedNlri const& n : u.nlri) {
+      if (!n.routeKey || (n.reachable && !withdrawAll)) continue;
+      RibTable* const t = tableOf(n.afiSafi);
+      if (t && !t->pathDel(*n.routeKey, p->source)) ++p->unknownWithdrawals[n.afiSafi];
+   }
+   if (!withdrawAll) {
+      Ovk::Ptr<RtAttr const> attrs;
+      Ovk::Ptr<AdjRibin> adjRibin;
+      for (BgpParsedNlri const& n : u.nlri) {
+         if (!n.routeKey || !n.reachable) continue;
+         RibTable* const t = tableOf(n.afiSafi);
+         if (!t) continue;
+         if (!attrs) attrs = p->attributes->rtAttrOf(*u.attributes);
+         if (!adjRibin || adjRibin->nlriType() != n.routeKey->nlriType()) {
+            adjRibin = p->adjRibins->adjRibin(n.routeKey->nlriType());
+            if (!adjRibin) continue;
+         }
+         AdjRibinPath const path = adjRibin->instantiateRibinPathFromNlriResults(
+             PathKey{n.routeKey.ptr(), p->source, n.pathId}, attrs, n);
+         t->pathIs(*path.routeKey, path.source, path.attrs);
+      }
+   }
+   for (auto const& [family, t] : p->tables) {
+      if (t->pendingChanges() != 0) t->flushChanges();
+   }
+   return UpdateOutcome::of(u);
+}
+
+std::optional<BgpRouting::PeerView> BgpRouting::peer(Ovnet::IpGenAddr const& neighbor) const {
+   auto const it = peers_.find(neighbor);
+   if (it == peers_.end()) return std::nullopt;
+   Peer const& p = *it->second;
+   PeerView v;
+   v.counters = p.previousSessions;
+   if (p.decoder) add(v.counters, p.decoder->counters());
+   for (auto const& [family, table] : p.tables) {
+      v.received[family] = table->pathsOf(p.source);
+      v.accepted[family] = table->bestOf(p.source);
+   }
+   v.unknownWithdrawals = p.unknownWithdrawals;
+   return v;
+}
+
+nlohmann::json BgpRouting::updatesJson() const {
+   nlohmann::json neighbors = nlohmann::json::array();
+   for (auto const& [address, p] : peers_) {
+      PeerView const v = *peer(address);
+      nlohmann::json outcomes;
+      for (BgpUpdateAction const a : {BgpUpdateAction::accept, BgpUpdateAction::attributeDiscard,
+                                      BgpUpdateAction::treatAsWithdraw, BgpUpdateAction::sessionReset}) {
+         outcomes[toStrep(a)] = v.counters.action(a);
+      }
+      nlohmann::json families = nlohmann::json::object();
+      for (auto const& [family, f] : v.counters.families) {
+         auto const rules = v.received.find(family);
+         auto const unknown = v.unknownWithdrawals.find(family);
+         families[familyName(family)] = {{"updates", f.updates},
+                                         {"announced", f.announced},
+                                         {"withdrawn", f.withdrawn},
+                                         {"refused", f.refused},
+                                         {"withdrawnUnknown", unknown == v.unknownWithdrawals.end() ? 0 : unknown->second},
+                                         {"rules", rules == v.received.end() ? 0 : rules->second}};
+      }
+      nlohmann::json reasons = nlohmann::json::object();
+      for (auto const& [reason, n] : v.counters.reasons) reasons[toStrep(reason)] = n;
+      neighbors.push_back({{"address", address.str()},
+                           {"messages", v.counters.messages},
+                           {"outcomes", outcomes},
+                           {"families", families},
+                           {"reasons", reasons}});
+   }
+   return {{"neighbors", neighbors}};
+}
+
+nlohmann::json BgpRouting::summaryJson() const {
+   nlohmann::json vrfs = nlohmann::json::array();
+   for (auto const& [vrfId, vrf] : context_->allVrfInstanceStatus()) {
+      nlohmann::json families = nlohmann::json::object();
+      for (auto const& [family, table] : vrf->ribTables()) {
+         families[familyName(family)] = {{"rules", table->routes()}, {"paths", table->paths()}, {"indexBytes", table->bytes()}};
+      }
+      vrfs.push_back({{"name", vrf->name()}, {"id", vrfId.value()}, {"families", families}});
+   }
+   std::uint64_t built = 0;
+   std::uint64_t reused = 0;
+   for (auto const& [address, p] : peers_) {
+      built += p->attributeSetsBuilt + (p->attributes ? p->attributes->built() : 0);
+      reused += p->attributeSetsReused + (p->attributes ? p->attributes->reused() : 0);
+   }
+   return {{"vrfs", vrfs},
+           {"attributeSets", context_->rtAttrDedupTable()->size()},
+           {"attributeSetsBuilt", built},
+           {"attributeSetsReused", reused}};
+}
+
+} // namespace Flowspecd

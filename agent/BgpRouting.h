@@ -1,0 +1,71 @@
+// The agent's routing: received UPDATEs into the RIB through the plugins, per session.
+//
+// BgpRouting is the sessions' UpdateSink. For each established session it makes an UPDATE
+// decoder over the context's rule collections of the families the session negotiated (the
+// plugins' parse rules are installed there), the session's adjacency RIB-ins (each family's
+// hook 0) and a builder of its interned path attributes. Each accepted UPDATE changes the
+// paths of the session's source in the default VRF's RIB tables: withdrawals (and, under
+// RFC 7606 treat-as-withdraw, the announcements too) first, then announcements, so that an
+// UPDATE that announces and withdraws one rule leaves it announced (RFC 4271 section 4.3
+// for the like case of IPv4 prefixes). The table's changes are then flushed to the
+// forwarding export, in the same pass of the event loop. A session that goes down takes its
+// paths with it (RFC 4271 section 8.2.2).
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+
+#include <nlohmann/json.hpp>
+
+#include "agent/Neighbor.h"
+#include "host/bgp/BgpUpdateDecoder.h"
+#include "host/plugin/Plugin.h"
+
+namespace Flowspecd {
+
+class BgpRouting : public UpdateSink {
+ public:
+   BgpRouting(Logger& logger, Ovk::Ptr<Plugin::Context> context);
+   ~BgpRouting() override;
+   BgpRouting(BgpRouting const&) = delete;
+   BgpRouting& operator=(BgpRouting const&) = delete;
+
+   UpdateOutcome handleUpdate(BgpPeer const& from, MessageView const& update) override;
+   void handleEstablished(BgpPeer const& from, Negotiated const& negotiated, BgpPeerOutput& output) override;
+   void handleSessionDown(BgpPeer const& from) override;
+
+   Plugin::Context& context() const { return *context_; }
+   // The default VRF's RIB table of `family`; null when no plugin serves it.
+   Ovk::Ptr<RibTable> ribTable(AfiSafi family) const;
+
+   // What one neighbor's UPDATEs gave, over all its sessions.
+   struct PeerView {
+      BgpUpdateDecoderCounters counters;
+      std::map<AfiSafi, std::size_t> received; // paths in the RIB now, per family
+      std::map<AfiSafi, std::size_t> accepted; // of them, the best paths of their rules
+      std::map<AfiSafi, std::uint64_t> unknownWithdrawals;
+   };
+   // Empty for a neighbor that never had a session.
+   std::optional<PeerView> peer(Ovnet::IpGenAddr const& neighbor) const;
+
+   // "show updates": {"neighbors": [{"address", "messages", "outcomes": {"accept",
+   // "attribute-discard", "treat-as-withdraw", "session-reset"}, "families": {"ipv4-flowspec":
+   // {"updates", "announced", "withdrawn", "refused", "rules"}}, "reasons": {name: count}}]},
+   // neighbors in address order.
+   nlohmann::json updatesJson() const;
+   // "show summary": {"vrfs": [{"name", "families": {"ipv4-flowspec": {"rules", "paths",
+   // "indexBytes"}}}], "attributeSets", "attributeSetsBuilt", "attributeSetsReused"}.
+   nlohmann::json summaryJson() const;
+
+ private:
+   struct Peer;
+   Peer* peerOf(BgpPeer const& from) const;
+
+   Logger& logger_;
+   Ovk::Ptr<Plugin::Context> context_;
+   std::map<Ovnet::IpGenAddr, std::unique_ptr<Peer>> peers_;
+};
+
+} // namespace Flowspecd

@@ -1,0 +1,152 @@
+// What a peer sent: the adjacency RIB-in of one session and address family, and the dedup
+// tables received routes are interned in.
+//
+// An address family's plugin builds the AdjRibin of each session (its hook 0) and the path
+// of each received NLRI (instantiateRibinPathFromNlriResults). The paths themselves live in
+// the VRF's RibTable under the session's RibSource: the adjacency RIB-in of a peer is the
+// set of its paths there, counted here.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+
+#include "host/bgp/AfiSafi.h"
+#include "host/bgp/BgpParse.h"
+#include "host/bgp/BgpUpdateDecoder.h"
+#include "host/bgp/BgpVrfId.h"
+#include "host/bgp/PathAttributes.h"
+#include "host/bgp/Rib.h"
+#include "host/bgp/RouteKey.h"
+#include "host/fwk/Notification.h"
+#include "host/fwk/Ptr.h"
+
+namespace Routing::Bgp {
+
+// Which RIB-in of a peer: what it sent as received.
+enum class AdjRibinType : std::uint8_t { received = 0 };
+char const* toStrep(AdjRibinType type);
+
+// The BGP instance a RIB-in belongs to; the agent runs one.
+struct BgpInstanceEpoch {
+   std::uint32_t value = 1;
+   friend bool operator==(BgpInstanceEpoch, BgpInstanceEpoch) = default;
+};
+
+// What names one path: its route key, its source and its RFC 7911 path identifier.
+struct PathKey {
+   RouteKey const* routeKey = nullptr;
+   RibSource source = kLocalRibSource;
+   std::uint32_t pathId = 0;
+};
+
+// A received NLRI as the UPDATE decoder gave it.
+using BgpParseNlriResults = BgpParsedNlri;
+
+// One path of an adjacency RIB-in, as a family's RIB-in builds it; the RIB keeps it.
+struct AdjRibinPath {
+   RouteKey const* routeKey = nullptr;
+   Ovk::Ptr<RtAttr const> attrs;
+   RibSource source = kLocalRibSource;
+};
+
+// A plugin's changes to received attributes; flowspec has none.
+class BgpInputAfiSafiAttributeModificationPluginBase : public Ovk::PtrInterface {
+ protected:
+   ~BgpInputAfiSafiAttributeModificationPluginBase() override = default;
+};
+
+// One family's dedup tables in every VRF. The family's VRF state machine fills it; the host
+// listens, and puts each VRF's tables where the VRF's sessions parse (DedupTablesVrf).
+class BgpAfiSafiDedupTablesAllVrf : public Ovk::PtrInterface {
+ public:
+   explicit BgpAfiSafiDedupTablesAllVrf(AfiSafi afiSafi) : afiSafi_(afiSafi) {}
+   AfiSafi afiSafi() const { return afiSafi_; }
+   // Registers `afiSafi`'s tables of VRF `vrfId`, replacing those it had.
+   void dedupTablesVrfAfiSafiIs(AfiSafi afiSafi, BgpVrfIdBase vrfId, Ovk::Ptr<RouteKeyDedupTableBase> routeKeyTable,
+                                Ovk::Ptr<GenNexthopDedupTableBase> nexthopTable);
+   // Removes the tables of VRF `vrfId`.
+   void dedupTablesVrfAfiSafiDel(BgpVrfIdBase vrfId);
+   // The tables of VRF `vrfId`, or null.
+   Ovk::Ptr<DedupTablesVrfAfiSafi> dedupTablesVrfAfiSafi(BgpVrfIdBase vrfId) const;
+   std::map<BgpVrfIdBase, Ovk::Ptr<DedupTablesVrfAfiSafi>> const& all() const { return tables_; }
+
+   // Hears every registration and removal (null tables for a removal).
+   using Listener = std::function<void(BgpVrfIdBase, Ovk::Ptr<DedupTablesVrfAfiSafi> const&)>;
+   void listenerIs(Listener listener) { listener_ = std::move(listener); }
+
+ private:
+   AfiSafi afiSafi_;
+   std::map<BgpVrfIdBase, Ovk::Ptr<DedupTablesVrfAfiSafi>> tables_;
+   Listener listener_;
+};
+
+// The tables what one session receives is interned in.
+class BgpInputDedupTables : public Ovk::PtrInterface {
+ public:
+   BgpInputDedupTables(Ovk::Ptr<DedupTablesVrf> vrfTables, Ovk::Ptr<RtAttrDedupTable> attrTable,
+                       Ovk::Ptr<CoreDedupTables> coreTables)
+       : vrfTables_(std::move(vrfTables)), attrTable_(std::move(attrTable)), coreTables_(std::move(coreTables)) {}
+   DedupTablesVrf* dedupVrfTablesRawPtr() const { return vrfTables_.ptr(); }
+   Ovk::Ptr<DedupTablesVrf> const& vrfTables() const { return vrfTables_; }
+   Ovk::Ptr<RtAttrDedupTable> const& attrTable() const { return attrTable_; }
+   Ovk::Ptr<CoreDedupTables> const& coreTables() const { return coreTables_; }
+
+ private:
+   Ovk::Ptr<DedupTablesVrf> vrfTables_;
+   Ovk::Ptr<RtAttrDedupTable> attrTable_;
+   Ovk::Ptr<CoreDedupTables> coreTables_;
+};
+
+class AdjRibin : public Ovk::PtrInterface, public Ovk::NotificationSwitch {
+ public:
+   AdjRibin(AdjRibinType type, NlriType nlriType, BgpInstanceEpoch epoch, Ovk::Ptr<BgpInputDedupTables const> inputTables,
+            Ovk::Ptr<BgpInputAfiSafiAttributeModificationPluginBase const> attributeModification);
+
+   AdjRibinType type() const { return type_; }
+   NlriType nlriType() const { return nlriType_; }
+   BgpInstanceEpoch epoch() const { return epoch_; }
+   Ovk::Ptr<BgpInputDedupTables const> const& inputTables() const { return inputTables_; }
+
+   // The path of one received NLRI, with the interned attributes of its UPDATE.
+   virtual AdjRibinPath instantiateRibinPathFromNlriResults(PathKey const& pathKey, Ovk::Ptr<RtAttr const> const& attrs,
+                                                            BgpParseNlriResults const& nlriResults) const = 0;
+
+   // ---- The host's bookkeeping ----
+
+   // The session's source in the RIB (set by the host when it installs the RIB-in).
+   RibSource source() const { return source_; }
+   void sourceIs(RibSource source) { source_ = source; }
+   // Withdrawals of rules the session never announced (its paths are counted by the RIB).
+   std::uint64_t unknownWithdrawals() const { return unknownWithdrawals_; }
+   void unknownWithdrawalInc() { ++unknownWithdrawals_; }
+
+ protected:
+   ~AdjRibin() override = default;
+
+ private:
+   AdjRibinType type_;
+   NlriType nlriType_;
+   BgpInstanceEpoch epoch_;
+   Ovk::Ptr<BgpInputDedupTables const> inputTables_;
+   Ovk::Ptr<BgpInputAfiSafiAttributeModificationPluginBase const> attributeModification_;
+   RibSource source_ = kLocalRibSource;
+   std::uint64_t unknownWithdrawals_ = 0;
+};
+
+// The RIB-ins of one session, by NLRI type.
+class AdjRibinCollection : public Ovk::PtrInterface {
+ public:
+   static Ovk::Ptr<AdjRibinCollection> create() { return Ovk::makePtr<AdjRibinCollection>(); }
+   // Installs `adjRibin`, replacing the one of its NLRI type.
+   void adjRibinIs(Ovk::Ptr<AdjRibin> const& adjRibin);
+   Ovk::Ptr<AdjRibin> adjRibin(NlriType nlriType) const;
+   std::map<NlriType, Ovk::Ptr<AdjRibin>> const& adjRibins() const { return adjRibins_; }
+
+ private:
+   std::map<NlriType, Ovk::Ptr<AdjRibin>> adjRibins_;
+};
+
+} // namespace Routing::Bgp

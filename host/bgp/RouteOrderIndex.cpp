@@ -1,0 +1,313 @@
+#include "host/bgp/RouteOrderIndex.h"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "host/fwk/Assert.h"
+
+namespace Routing::Bgp {
+
+namespace {
+// About 512 bytes a leaf and a kilobyte an inner node.
+constexpr std::size_t kLeafKeys = 60;
+constexpr std::size_t kInnerChildren = 64;
+} // namespace
+
+struct RouteOrderIndex::Node {
+   bool leaf = true;
+   std::uint32_t n = 0; // keys of a leaf, children of an inner node
+   Inner* parent = nullptr;
+};
+
+struct RouteOrderIndex::Leaf : Node {
+   Leaf* next = nullptr;
+   Leaf* prev = nullptr;
+   RouteKey const* keys[kLeafKeys];
+};
+
+struct RouteOrderIndex::Inner : Node {
+   // seps[i] is the first key of children[i + 1]'s subtree.
+   Node* children[kInnerChildren];
+   RouteKey const* seps[kInnerChildren - 1];
+   std::size_t indexOf(Node const* child) const {
+      for (std::size_t i = 0; i < n; ++i) {
+         if (children[i] == child) return i;
+      }
+      OVK_FATAL("a node is a child of its parent");
+   }
+};
+
+namespace {
+
+// RouteKeyBase::lessThan without a reference count change per call.
+bool lessThanRaw(RouteKey const& a, RouteKey const& b) {
+   Ovk::Ptr<RouteKeyBase const> other = Ovk::Ptr<RouteKeyBase const>::adopt(&b);
+   bool const less = a.lessThan(other);
+   other.release();
+   return less;
+}
+
+} // namespace
+
+bool RouteOrderIndex::orderLess(RouteKey const& a, RouteKey const& b) {
+   std::uint64_t const pa = a.orderPrefix();
+   std::uint64_t const pb = b.orderPrefix();
+   if (pa != pb) return pa < pb;
+   // lessThan answers true both ways for keys the order holds equal.
+   return lessThanRaw(a, b) && !lessThanRaw(b, a);
+}
+
+bool RouteOrderIndex::less(RouteKey const* a, RouteKey const* b) {
+   if (a == b) return false;
+   std::uint64_t const pa = a->orderPrefix();
+   std::uint64_t const pb = b->orderPrefix();
+   if (pa != pb) return pa < pb;
+   bool const ab = lessThanRaw(*a, *b);
+   bool const ba = lessThanRaw(*b, *a);
+   if (ab != ba) return ab;
+   return a < b;
+}
+
+RouteOrderIndex::RouteOrderIndex() = default;
+
+RouteOrderIndex::~RouteOrderIndex() {
+   // Free every node: leaves through their list, inner nodes level by level.
+   if (!root_) return;
+   std::vector<Node*> level{root_};
+   while (!level.empty()) {
+      std::vector<Node*> below;
+      for (Node* node : level) {
+         if (node->leaf) {
+            delete static_cast<Leaf*>(node);
+         } else {
+            auto* inner = static_cast<Inner*>(node);
+            below.insert(below.end(), inner->children, inner->children + inner->n);
+            delete inner;
+         }
+      }
+      level.swap(below);
+   }
+}
+
+RouteOrderIndex::Leaf* RouteOrderIndex::leafFor(RouteKey const* key) const {
+   Node* node = root_;
+   while (node && !node->leaf) {
+      auto* inner = static_cast<Inner*>(node);
+      // The child whose range holds `key`: after every separator not greater than it.
+      RouteKey const* const* const first = inner->seps;
+      RouteKey const* const* const last = first + (inner->n - 1);
+      RouteKey const* const* const it =
+          std::upper_bound(first, last, key, [](RouteKey const* k, RouteKey const* sep) { return less(k, sep); });
+      node = inner->children[it - first];
+   }
+   return static_cast<Leaf*>(node);
+}
+
+void RouteOrderIndex::insert(RouteKey const* key) {
+   ++size_;
+   if (!root_) {
+      auto* leaf = new Leaf();
+      leaf->keys[0] = key;
+      leaf->n = 1;
+      root_ = leaf;
+      ++leaves_;
+      return;
+   }
+   Leaf* leaf = leafFor(key);
+   auto* pos = std::lower_bound(leaf->keys, leaf->keys + leaf->n, key, less);
+   auto const at = static_cast<std::size_t>(pos - leaf->keys);
+   if (leaf->n < kLeafKeys) {
+      std::memmove(leaf->keys + at + 1, leaf->keys + at, (leaf->n - at) * sizeof(RouteKey const*));
+      leaf->keys[at] = key;
+      ++leaf->n;
+      return;
+   }
+   // Split. A key past the end of the last leaf starts a leaf of its own, so that a table
+   // sent in order fills its leaves; elsewhere the leaf splits in halves.
+   auto* right = new Leaf();
+   ++leaves_;
+   if (at == leaf->n && !leaf->next) {
+      right->keys[0] = key;
+      right->n = 1;
+   } else {
+      std::size_t const half = kLeafKeys / 2;
+      right->n = static_cast<std::uint32_t>(kLeafKeys - half);
+      std::memcpy(right->keys, leaf->keys + half, right->n * sizeof(RouteKey const*));
+      leaf->n = static_cast<std::uint32_t>(half);
+      Leaf* into = at <= half ? leaf : right;
+      std::size_t const i = at <= half ? at : at - half;
+      std::memmove(into->keys + i + 1, into->keys + i, (into->n - i) * sizeof(RouteKey const*));
+      into->keys[i] = key;
+      ++into->n;
+   }
+   right->next = leaf->next;
+   right->prev = leaf;
+   if (leaf->next) leaf->next->prev = right;
+   leaf->next = right;
+   // Give the new node to the parents, splitting them in turn when they are full.
+   Node* left = leaf;
+   Node* newNode = right;
+   RouteKey const* sep = right->keys[0];
+   for (;;) {
+      Inner* parent = left->parent;
+      if (!parent) {
+         auto* root = new Inner();
+         ++inners_;
+         root->leaf = false;
+         root->children[0] = left;
+         root->children[1] = newNode;
+         root->seps[0] = sep;
+         root->n = 2;
+         left->parent = root;
+         newNode->parent = root;
+         root_ = root;
+         return;
+      }
+      std::size_t const i = parent->indexOf(left);
+      if (parent->n < kInnerChildren) {
+         std::memmove(parent->children + i + 2, parent->children + i + 1, (parent->n - i - 1) * sizeof(Node*));
+         std::memmove(parent->seps + i + 1, parent->seps + i, (parent->n - 1 - i) * sizeof(RouteKey const*));
+         parent->children[i + 1] = newNode;
+         parent->seps[i] = sep;
+         ++parent->n;
+         newNode->parent = parent;
+         return;
+      }
+      // The parent is full: lay out its children and the new one, then split them.
+      Node* children[kInnerChildren + 1];
+      RouteKey const* seps[kInnerChildren];
+      std::memcpy(children, parent->children, (i + 1) * sizeof(Node*));
+      children[i + 1] = newNode;
+      std::memcpy(children + i + 2, parent->children + i + 1, (parent->n - i - 1) * sizeof(Node*));
+      std::memcpy(seps, parent->seps, i * sizeof(RouteKey const*));
+      seps[i] = sep;
+      std::memcpy(seps + i + 1, parent->seps + i, (parent->n - 1 - i) * sizeof(RouteKey const*));
+      std::size_t const total = kInnerChildren + 1;
+      // Appending at the right edge keeps the left node full, as for leaves.
+      std::size_t const leftCount = i + 1 == parent->n ? total - 1 : total / 2;
+      auto* sibling = new Inner();
+      ++inners_;
+      sibling->leaf = false;
+      parent->n = static_cast<std::uint32_t>(leftCount);
+      std::memcpy(parent->children, children, leftCount * sizeof(Node*));
+      std::memcpy(parent->seps, seps, (leftCount - 1) * sizeof(RouteKey const*));
+      sibling->n = static_cast<std::uint32_t>(total - leftCount);
+      std::memcpy(sibling->children, children + leftCount, sibling->n * sizeof(Node*));
+      std::memcpy(sibling->seps, seps + leftCount, (sibling->n - 1) * sizeof(RouteKey const*));
+      for (std::size_t c = 0; c < parent->n; ++c) parent->children[c]->parent = parent;
+      for (std::size_t c = 0; c < sibling->n; ++c) sibling->children[c]->parent = sibling;
+      left = parent;
+      newNode = sibling;
+      sep = seps[leftCount - 1];
+   }
+}
+
+void RouteOrderIndex::erase(RouteKey const* key) {
+   Leaf* leaf = leafFor(key);
+   OVK_ASSERT(leaf != nullptr);
+   auto* pos = std::lower_bound(leaf->keys, leaf->keys + leaf->n, key, less);
+   auto const at = static_cast<std::size_t>(pos - leaf->keys);
+   OVK_ASSERT(at < leaf->n && leaf->keys[at] == key);
+   --size_;
+   // A separator naming the key (it was the first of a subtree) now names its successor,
+   // which becomes that subtree's first; when there is none, the subtree is emptied and its
+   // separator goes with it below.
+   if (at == 0) {
+      RouteKey const* successor = leaf->n > 1 ? leaf->keys[1] : leaf->next ? leaf->next->keys[0] : nullptr;
+      if (successor) {
+         for (Inner* p = leaf->parent; p; p = p->parent) {
+            for (std::size_t s = 0; s + 1 < p->n; ++s) {
+               if (p->seps[s] == key) p->seps[s] = successor;
+            }
+         }
+      }
+   }
+   std::memmove(leaf->keys + at, leaf->keys + at + 1, (leaf->n - at - 1) * sizeof(RouteKey const*));
+   --leaf->n;
+   if (leaf->n != 0) return;
+   // An empty leaf leaves the tree, and so does every inner node it leaves empty.
+   if (leaf->prev) leaf->prev->next = leaf->next;
+   if (leaf->next) leaf->next->prev = leaf->prev;
+   Node* gone = leaf;
+   Inner* parent = leaf->parent;
+   delete leaf;
+   --leaves_;
+   while (parent) {
+      std::size_t const i = parent->indexOf(gone);
+      std::memmove(parent->children + i, parent->children + i + 1, (parent->n - i - 1) * sizeof(Node*));
+      std::size_t const s = i == 0 ? 0 : i - 1;
+      if (parent->n > 1) {
+         std::memmove(parent->seps + s, parent->seps + s + 1, (parent->n - 2 - s) * sizeof(RouteKey const*));
+      }
+      --parent->n;
+      if (parent->n != 0) break;
+      gone = parent;
+      Inner* up = parent->parent;
+      delete parent;
+      --inners_;
+      parent = up;
+   }
+   if (size_ == 0) {
+      root_ = nullptr;
+      return;
+   }
+   // A root with one child hands the tree to it.
+   while (root_ && !root_->leaf && root_->n == 1) {
+      auto* old = static_cast<Inner*>(root_);
+      root_ = old->children[0];
+      root_->parent = nullptr;
+      delete old;
+      --inners_;
+   }
+}
+
+RouteOrderIndex::Iterator RouteOrderIndex::lowerBound(RouteKey const& probe) const {
+   Node* node = root_;
+   if (!node) return end();
+   auto const elementBefore = [&probe](RouteKey const* k) { return orderLess(*k, probe); };
+   while (!node->leaf) {
+      auto* inner = static_cast<Inner*>(node);
+      // The last child whose first key is before the probe: equivalent keys may lie on both
+      // sides of a separator, and the first of them is wanted.
+      std::size_t c = 0;
+      while (c + 1 < inner->n && elementBefore(inner->seps[c])) ++c;
+      node = inner->children[c];
+   }
+   auto* leaf = static_cast<Leaf*>(node);
+   std::size_t i = 0;
+   while (i < leaf->n && elementBefore(leaf->keys[i])) ++i;
+   if (i < leaf->n) return Iterator(leaf, i);
+   return leaf->next ? Iterator(leaf->next, 0) : end();
+}
+
+RouteOrderIndex::Iterator RouteOrderIndex::find(RouteKey const* key) const {
+   Leaf* leaf = leafFor(key);
+   if (!leaf) return end();
+   auto* pos = std::lower_bound(leaf->keys, leaf->keys + leaf->n, key, less);
+   if (pos == leaf->keys + leaf->n || *pos != key) return end();
+   return Iterator(leaf, static_cast<std::size_t>(pos - leaf->keys));
+}
+
+RouteOrderIndex::Iterator RouteOrderIndex::begin() const {
+   Node* node = root_;
+   if (!node) return end();
+   while (!node->leaf) node = static_cast<Inner*>(node)->children[0];
+   return Iterator(node, 0);
+}
+
+std::size_t RouteOrderIndex::bytes() const { return leaves_ * sizeof(Leaf) + inners_ * sizeof(Inner); }
+
+RouteKey const* RouteOrderIndex::Iterator::operator*() const {
+   return static_cast<RouteOrderIndex::Leaf const*>(leaf_)->keys[index_];
+}
+
+RouteOrderIndex::Iterator& RouteOrderIndex::Iterator::operator++() {
+   auto const* leaf = static_cast<RouteOrderIndex::Leaf const*>(leaf_);
+   if (++index_ < leaf->n) return *this;
+   leaf_ = leaf->next;
+   index_ = 0;
+   return *this;
+}
+
+} // namespace Routing::Bgp
