@@ -249,13 +249,21 @@ std::uint64_t FlowspecRouteKey::orderPrefix() const {
    PrefixEntry const e = prefixEntry(kTagDestPrefix);
    if (!e.present()) return UINT64_MAX;
    unsigned const patternBits = e.mask - e.offset;
-   std::uint64_t out = 0;
-   for (unsigned i = 0; i < 32; ++i) {
-      std::uint64_t digit = 2;
-      if (i < e.mask) digit = i < patternBits ? (e.pattern[i / 8] >> (7 - i % 8)) & 1u : 0u;
-      out = out << 2 | digit;
-   }
-   return out;
+   std::uint32_t bits = 0;
+   for (unsigned i = 0; i < 4 && i * 8 < patternBits; ++i) bits |= std::uint32_t{e.pattern[i]} << (24 - 8 * i);
+   if (patternBits < 32) bits &= ~(0xffffffffu >> patternBits);
+   std::uint32_t const covered = e.mask >= 32 ? 0xffffffffu : ~(0xffffffffu >> e.mask);
+   // Each bit i of a 32-bit word becomes bit 2i of a 64-bit one (most significant first).
+   auto spread = [](std::uint32_t x) {
+      std::uint64_t v = x;
+      v = (v | v << 16) & 0x0000ffff0000ffffull;
+      v = (v | v << 8) & 0x00ff00ff00ff00ffull;
+      v = (v | v << 4) & 0x0f0f0f0f0f0f0f0full;
+      v = (v | v << 2) & 0x3333333333333333ull;
+      v = (v | v << 1) & 0x5555555555555555ull;
+      return v;
+   };
+   return spread(bits & covered) | spread(~covered) << 1;
 }
 
 Ovnet::IpGenPrefix FlowspecRouteKey::destPrefix() const { return prefixEntry(kTagDestPrefix).prefix(isV6()); }

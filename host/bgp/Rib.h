@@ -73,10 +73,8 @@ class RibTable : public Ovk::PtrInterface {
    // Hears each key whose best path changed (appeared, changed, went) at flushChanges().
    class Reactor {
     public:
+      virtual ~Reactor() = default;
       virtual void handleRouteEntry(RouteKey const* key) = 0;
-
-    protected:
-      ~Reactor() = default;
    };
 
    RibTable(BgpVrfIdBase vrfId, AfiSafi afiSafi, Ovk::Ptr<RibSources const> sources);

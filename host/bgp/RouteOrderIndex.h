@@ -6,7 +6,9 @@
 // total order on the keys of one table. The index does not hold references: its owner keeps
 // every key it holds alive.
 //
-// Inserting at the end of the order (a peer sending its table in order) fills leaves whole.
+// Each entry keeps the key's order prefix beside it, so that most comparisons read the index
+// alone. Inserting at the end of the order (a peer sending its table in order) costs one
+// comparison and fills leaves whole.
 #pragma once
 
 #include <cstddef>
@@ -60,10 +62,13 @@ class RouteOrderIndex {
    static bool orderLess(RouteKey const& a, RouteKey const& b);
 
  private:
+   struct Entry;
    struct Node;
    struct Leaf;
    struct Inner;
-   Leaf* leafFor(RouteKey const* key) const;
+   static bool entryLess(Entry const& a, Entry const& b);
+   Leaf* leafFor(Entry const& e) const;
+   Leaf* lastLeaf() const;
 
    Node* root_ = nullptr;
    std::size_t size_ = 0;

@@ -424,6 +424,32 @@ TEST(FlowspecRouteKeyTest, EqualKeysAreLessBothWaysWithOneTraceLine) {
    EXPECT_EQ(cap.lines()[0].line.rfind("FlowspecRouteKey:", 0), 0u);
 }
 
+// The order prefix summarises the rule order: a lower prefix means an earlier rule, and
+// keys the order holds apart never get prefixes the other way round.
+TEST(FlowspecRouteKeyTest, OrderPrefixAgreesWithTheRuleOrder) {
+   std::mt19937 rng(7);
+   for (bool v6 : {false, true}) {
+      std::vector<FlowspecRouteKey::Ptr> keys;
+      for (int i = 0; i < 300; ++i) keys.push_back(randomModel(rng, v6).build());
+      for (auto const& a : keys) {
+         for (auto const& b : keys) {
+            bool const strictlyBefore = less(*a, *b) && !less(*b, *a);
+            if (a->orderPrefix() < b->orderPrefix()) {
+               ASSERT_TRUE(strictlyBefore);
+            }
+            if (strictlyBefore) {
+               ASSERT_LE(a->orderPrefix(), b->orderPrefix());
+            }
+         }
+      }
+   }
+   // Exact for IPv4: the longer of two nested prefixes first, unset last.
+   auto const p = [](char const* text) { return fromText(text)->orderPrefix(); };
+   EXPECT_LT(p("10.1.0.0/16;*;"), p("10.0.0.0/8;*;"));
+   EXPECT_LT(p("9.255.0.0/16;*;"), p("10.0.0.0/8;*;"));
+   EXPECT_LT(p("0.0.0.0/0;*;"), p("*;*;"));
+}
+
 // lessThan against the order as described, and the properties sorting relies on: for keys
 // that differ in what it reads, exactly one of a<b and b<a holds, and the order is
 // transitive.
