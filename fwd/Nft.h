@@ -6,7 +6,8 @@
 // then does nft name the line of each error ("FILE:LINE:COLUMNS: Error: MESSAGE"); for a
 // buffer it names none. A batch either commits whole or not at all.
 //
-// Not thread-safe; one per thread.
+// Its netlink socket belongs to the network namespace the object was made in. Not
+// thread-safe; one per thread.
 #pragma once
 
 #include <optional>
