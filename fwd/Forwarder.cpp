@@ -57,7 +57,9 @@ Forwarder::Step Forwarder::step() {
    std::uint64_t const g = reader_->generation();
    if (applied_ == g || refusedGeneration_ == g) return Step::unchanged;
    std::uint64_t const damagedBefore = reader_->stats().damaged;
+   auto const t0 = std::chrono::steady_clock::now();
    Mnemo::SlateSnapshot snap = reader_->snapshot(100, Mnemo::SnapshotOrder::slotOrder);
+   snapshotMs_ = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
    if (snap.status == Mnemo::SnapshotStatus::unsettled) return Step::unsettled;
    if (reader_->stats().damaged != damagedBefore) {
       refusedGeneration_ = snap.generation;
@@ -67,6 +69,7 @@ Forwarder::Step Forwarder::step() {
    }
    lastReport_ = table_.apply(snap.rules);
    applied_ = snap.generation;
+   if (lastReport_.ok && onApplied_) onApplied_(snap.generation);
    writeStatus();
    if (!lastReport_.ok) {
       say("nftables refused table inet " + table_.config().name + ": " + lastReport_.error);

@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <optional>
 #include <string>
@@ -48,9 +49,12 @@ class Forwarder {
    Step step();
    // Steps until `stop` turns true. Returns 0.
    int run(std::atomic<bool> const& stop);
+   // Called after each generation that reached the kernel (benchmarks time changes by it).
+   void onAppliedIs(std::function<void(std::uint64_t generation)> f) { onApplied_ = std::move(f); }
 
    std::uint64_t appliedGeneration() const { return applied_.value_or(0); }
    ApplyReport const& lastReport() const { return lastReport_; }
+   double lastSnapshotMs() const { return snapshotMs_; }
 
  private:
    void say(std::string const& message);  // once per distinct message
@@ -64,6 +68,8 @@ class Forwarder {
    std::optional<std::uint64_t> refusedGeneration_;
    ApplyReport lastReport_;
    std::string lastMessage_;
+   std::function<void(std::uint64_t)> onApplied_;
+   double snapshotMs_ = 0;
 };
 
 char const* toStrep(Forwarder::Step s);

@@ -1,9 +1,10 @@
 #include "fwd/FwdTable.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <unordered_set>
+#include <string_view>
 
 namespace Fwd {
 
@@ -17,6 +18,7 @@ struct FwdTable::Entry {
    std::optional<RedirectTarget> target;  // held while compiled to redirect
    std::string failure;                   // nftables' or the kernel's refusal
    Block* block = nullptr;
+   std::uint64_t seen = 0;  // the apply that last found the rule
    bool programmable() const { return compiled.kind == CompiledRule::Kind::install && failure.empty(); }
 };
 
@@ -52,6 +54,11 @@ constexpr std::size_t maxIdsPerLine = 1024;
 constexpr unsigned maxAttempts = 64;
 
 } // namespace
+
+std::size_t FwdTable::KeyHash::operator()(Key const& k) const noexcept {
+   auto const w = k.words();
+   return std::hash<std::string_view>{}(std::string_view(reinterpret_cast<char const*>(w.data()), w.size_bytes()));
+}
 
 FwdTable::FwdTable(TableConfig cfg, Nft& nft, PolicyRoutes* routes) : cfg_(std::move(cfg)), nft_(nft), routes_(routes) {
    // Rules at our priority with our marks are what an earlier run left: the marks may now
@@ -364,25 +371,18 @@ void FwdTable::commit() {
 }
 
 ApplyReport FwdTable::apply(std::vector<Flowspec::Rule> const& rules) {
+   using Clock = std::chrono::steady_clock;
+   auto const ms = [](Clock::time_point a, Clock::time_point b) { return std::chrono::duration<double, std::milli>(b - a).count(); };
+   auto const start = Clock::now();
    ApplyReport rep;
-   std::unordered_map<Key, Flowspec::Rule const*> want;
-   want.reserve(rules.size());
-   for (auto const& r : rules) want.emplace(r.key, &r);
-   for (auto it = entries_.begin(); it != entries_.end();) {
-      if (want.count(it->first) != 0) {
-         ++it;
-         continue;
-      }
-      release(*it->second);
-      deadCounters_.push_back(it->second->counterId);
-      it = entries_.erase(it);
-      ++rep.removed;
-   }
-   for (auto const& [key, r] : want) {
-      auto it = entries_.find(key);
+   // One pass over the rules marks each entry it finds (one hash lookup, no copy of the key),
+   // a second pass drops the entries no rule marked.
+   ++applySerial_;
+   for (Flowspec::Rule const& r : rules) {
+      auto it = entries_.find(r.key);
       if (it == entries_.end()) {
          auto e = std::make_unique<Entry>();
-         e->rule = *r;
+         e->rule = r;
          if (!freeCounterIds_.empty()) {
             e->counterId = freeCounterIds_.back();
             freeCounterIds_.pop_back();
@@ -390,15 +390,30 @@ ApplyReport FwdTable::apply(std::vector<Flowspec::Rule> const& rules) {
             e->counterId = nextCounterId_++;
          }
          newCounters_.push_back(e->counterId);
-         auto [pos, fresh] = entries_.emplace(key, std::move(e));
+         e->seen = applySerial_;
+         auto [pos, fresh] = entries_.emplace(r.key, std::move(e));
          pos->second->key = &pos->first;
          compile(*pos->second);
          ++rep.added;
-      } else if (!(it->second->rule == *r)) {
-         it->second->rule = *r;
-         compile(*it->second);
+         continue;
+      }
+      Entry& e = *it->second;
+      e.seen = applySerial_;
+      if (!(e.rule == r)) {
+         e.rule = r;
+         compile(e);
          ++rep.changed;
       }
+   }
+   for (auto it = entries_.begin(); it != entries_.end();) {
+      if (it->second->seen == applySerial_) {
+         ++it;
+         continue;
+      }
+      release(*it->second);
+      deadCounters_.push_back(it->second->counterId);
+      it = entries_.erase(it);
+      ++rep.removed;
    }
 
    for (unsigned attempt = 0; attempt < maxAttempts; ++attempt) {
@@ -430,8 +445,11 @@ ApplyReport FwdTable::apply(std::vector<Flowspec::Rule> const& rules) {
       rep.full = rep.full || full;
       rep.batchLines = owners.size();
       ++rep.attempts;
+      auto const t0 = Clock::now();
       NftRunResult const res = batch.empty() ? NftRunResult{true, {}} : nft_.run(batch);
+      rep.nftMs += ms(t0, Clock::now());
       if (res.ok) {
+         rep.prepareMs = ms(start, Clock::now()) - rep.nftMs;
          commit();
          needFull_ = false;
          tableError_.clear();

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -54,8 +55,32 @@ class Request {
 
 unsigned char familyOf(AddressFamily af) { return af == AddressFamily::ipv6 ? AF_INET6 : AF_INET; }
 
-// The payload of a netlink message (NLMSG_DATA without its C cast).
-void const* payload(nlmsghdr const* m) { return reinterpret_cast<char const*>(m) + NLMSG_HDRLEN; }
+// Calls f(header, payload, payload length) for each whole netlink message in [buf, buf + n)
+// until f returns false. Headers are copied out, so the buffer needs no alignment.
+template <class F>
+void forEachMessage(char const* buf, std::size_t n, F f) {
+   std::size_t off = 0;
+   while (n - off >= sizeof(nlmsghdr)) {
+      nlmsghdr h{};
+      std::memcpy(&h, buf + off, sizeof h);
+      if (h.nlmsg_len < NLMSG_HDRLEN || h.nlmsg_len > n - off) return;
+      if (!f(h, buf + off + NLMSG_HDRLEN, std::size_t{h.nlmsg_len} - NLMSG_HDRLEN)) return;
+      off += std::min<std::size_t>(NLMSG_ALIGN(h.nlmsg_len), n - off);
+   }
+}
+
+// Calls f(type, data, length) for each route attribute in [p, p + n).
+template <class F>
+void forEachAttr(char const* p, std::size_t n, F f) {
+   std::size_t off = 0;
+   while (n - off >= sizeof(rtattr)) {
+      rtattr a{};
+      std::memcpy(&a, p + off, sizeof a);
+      if (a.rta_len < sizeof a || a.rta_len > n - off) return;
+      f(a.rta_type, p + off + RTA_LENGTH(0), std::size_t{a.rta_len} - RTA_LENGTH(0));
+      off += std::min<std::size_t>(RTA_ALIGN(a.rta_len), n - off);
+   }
+}
 
 std::string errorText(int rc) { return rc == 0 ? std::string() : std::strerror(-rc); }
 
@@ -78,11 +103,15 @@ int PolicyRoutes::talk(void* msg, std::size_t len) {
    while (true) {
       ssize_t const n = ::recv(fd_, buf.data(), buf.size(), 0);
       if (n < 0) return -errno;
-      std::size_t left = static_cast<std::size_t>(n);
-      for (auto* r = reinterpret_cast<nlmsghdr*>(buf.data()); NLMSG_OK(r, left); r = NLMSG_NEXT(r, left)) {
-         if (r->nlmsg_seq != seq_ || r->nlmsg_type != NLMSG_ERROR) continue;
-         return static_cast<nlmsgerr const*>(payload(r))->error;
-      }
+      std::optional<int> answer;
+      forEachMessage(buf.data(), static_cast<std::size_t>(n), [&](nlmsghdr const& mh, char const* body, std::size_t bodyLen) {
+         if (mh.nlmsg_seq != seq_ || mh.nlmsg_type != NLMSG_ERROR || bodyLen < sizeof(int)) return true;
+         int err = 0;
+         std::memcpy(&err, body, sizeof err);  // nlmsgerr starts with the error
+         answer = err;
+         return false;
+      });
+      if (answer) return *answer;
    }
 }
 
@@ -141,27 +170,28 @@ unsigned PolicyRoutes::clearMarkRules(std::uint32_t lo, std::uint32_t hi) {
       while (!done) {
          ssize_t const n = ::recv(fd_, buf.data(), buf.size(), 0);
          if (n <= 0) break;
-         std::size_t left = static_cast<std::size_t>(n);
-         for (auto* m = reinterpret_cast<nlmsghdr*>(buf.data()); NLMSG_OK(m, left); m = NLMSG_NEXT(m, left)) {
-            if (m->nlmsg_type == NLMSG_DONE || m->nlmsg_type == NLMSG_ERROR) {
+         forEachMessage(buf.data(), static_cast<std::size_t>(n), [&](nlmsghdr const& mh, char const* body, std::size_t len) {
+            if (mh.nlmsg_type == NLMSG_DONE || mh.nlmsg_type == NLMSG_ERROR) {
                done = true;
-               break;
+               return false;
             }
-            auto const* rh = static_cast<fib_rule_hdr const*>(payload(m));
+            if (len < sizeof(fib_rule_hdr)) return true;
+            fib_rule_hdr rh{};
+            std::memcpy(&rh, body, sizeof rh);
             std::optional<std::uint32_t> prio;
             std::optional<std::uint32_t> mark;
-            std::uint32_t table = rh->table;
-            std::size_t alen = m->nlmsg_len - NLMSG_LENGTH(sizeof *rh);
-            for (auto const* a = reinterpret_cast<rtattr const*>(reinterpret_cast<char const*>(rh) + NLMSG_ALIGN(sizeof *rh));
-                 RTA_OK(a, alen); a = RTA_NEXT(a, alen)) {
-               std::uint32_t v = 0;
-               if (RTA_PAYLOAD(a) >= sizeof v) std::memcpy(&v, RTA_DATA(a), sizeof v);
-               if (a->rta_type == FRA_PRIORITY) prio = v;
-               if (a->rta_type == FRA_FWMARK) mark = v;
-               if (a->rta_type == FRA_TABLE) table = v;
-            }
+            std::uint32_t table = rh.table;
+            forEachAttr(body + NLMSG_ALIGN(sizeof rh), len - std::min(len, std::size_t{NLMSG_ALIGN(sizeof rh)}),
+                        [&](unsigned short type, char const* data, std::size_t dlen) {
+                           std::uint32_t v = 0;
+                           if (dlen >= sizeof v) std::memcpy(&v, data, sizeof v);
+                           if (type == FRA_PRIORITY) prio = v;
+                           if (type == FRA_FWMARK) mark = v;
+                           if (type == FRA_TABLE) table = v;
+                        });
             if (prio == priority_ && mark && *mark >= lo && *mark <= hi) ours.push_back({*mark, table});
-         }
+            return true;
+         });
       }
       for (Found const& o : ours) {
          delMarkRule(f, o.mark, o.table);

@@ -391,7 +391,7 @@ void compileActions(Flowspec::Rule const& r, CompileConfig const& cfg, CompiledR
    if (c.sample) c.nflogGroup = cfg.nflogGroup;
    c.verdict = goOn ? Verdict::next : Verdict::accept;
    if (r.actions.has(actionPolice)) {
-      double const rate = r.rate;
+      double const rate = static_cast<double>(r.rate);
       if (std::isnan(rate)) return refuse("police rate nan is not a rate");
       if (rate < 0) return refuse("police rate " + rateText(rate) + " bytes/second is negative");
       if (rate > maxPoliceRate) {
