@@ -12,6 +12,8 @@ PACKAGES=(
   libpcap-dev
   # the agent and the tools: event loop and sockets, configuration, JSON, command lines
   libasio-dev libtomlplusplus-dev nlohmann-json3-dev libcli11-dev
+  # flowspec-fwd: the kernel's nftables through libnftables, and the tools its tests drive
+  nftables libnftables-dev iproute2
   # BGP speakers the interoperability tests peer with
   gobgpd bird2 exabgp frr
 )

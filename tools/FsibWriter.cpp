@@ -1,7 +1,13 @@
 // fsib-writer: puts rules into the FSIB from a process of its own, as the flowspec export
 // does, so that `flowspec fsib --watch` (or any other reader) can be tried without an agent.
 //
-//   fsib-writer --rule 'TEXT' [--rule ...]     add these rules (drop), leave them, exit
+//   fsib-writer --rule 'TEXT [=> ACTIONS]' [--rule ...]
+//                                              add these rules, leave them, exit; ACTIONS
+//                                              are words as Flowspec::ruleActionsFromText
+//                                              reads them ("police=1000 terminal"), drop
+//                                              when none; "v6:" before TEXT makes a rule
+//                                              without prefixes IPv6 (else IPv4)
+//   fsib-writer --keep --delete 'TEXT' ...     delete these rules
 //   fsib-writer --rules N --burst              program N generated rules at once, say how long
 //   fsib-writer --rules N [--steps S]          add, change and delete generated rules one at a
 //                                              time, every --interval-ms, S steps (0: forever)
@@ -52,6 +58,17 @@ Rule generatedRule(std::uint32_t i, std::uint32_t variant) {
    return r;
 }
 
+// A key from rule text; "v6:" first makes it IPv6, else the prefixes or IPv4 decide.
+bool keyFromText(std::string text, Flowspec::FlowspecKey& key) {
+   if (text.starts_with("v6:")) {
+      key.afIs(Ovnet::AddressFamily::ipv6);
+      text = text.substr(3);
+   }
+   if (!key.copyInStrCli(text)) return false;
+   if (key.af() == Ovnet::AddressFamily::unspecified) key.afIs(Ovnet::AddressFamily::ipv4);
+   return true;
+}
+
 void report(char const* what, Rule const& r, Flowspec::RuleIsResult result) {
    std::cout << what << ' ' << r.key.toStrepCli() << " -> " << toStrep(result) << '\n' << std::flush;
 }
@@ -62,13 +79,15 @@ int main(int argc, char** argv) {
    CLI::App app{"fsib-writer: put rules into the FSIB from another process"};
    std::string prefix = Mnemo::defaultSlatePrefix;
    std::vector<std::string> texts;
+   std::vector<std::string> deletes;
    std::uint32_t rules = 16;
    std::uint64_t steps = 0;
    unsigned intervalMs = 500;
    bool burst = false;
    bool keep = false;
    app.add_option("--prefix", prefix, "segment prefix")->capture_default_str();
-   app.add_option("--rule", texts, "a rule in the rule text form, added with action drop");
+   app.add_option("--rule", texts, "a rule in the rule text form, then optionally \"=> ACTIONS\" (default drop)");
+   app.add_option("--delete", deletes, "a rule to delete, in the rule text form");
    app.add_option("--rules", rules, "how many generated rules")->capture_default_str()->check(CLI::Range(1u, 1u << 20));
    app.add_flag("--burst", burst, "program the generated rules at once and report the time");
    app.add_option("--steps", steps, "changes to make one at a time (0: forever)")->capture_default_str();
@@ -88,10 +107,23 @@ int main(int argc, char** argv) {
    std::cout << "writing " << *em.segmentName(Mnemo::fsibPath) << '\n';
    if (!keep) fsib->ruleDelAll();
    int rc = 0;
+   for (std::string const& text : deletes) {
+      Flowspec::FlowspecKey key;
+      Flowspec::FlowspecSlateKey slate;
+      if (!keyFromText(text, key)) {
+         std::cerr << "fsib-writer: not a rule: " << text << '\n';
+         rc = 1;
+         continue;
+      }
+      slate.copyInFlowspecKey(key);
+      std::cout << "delete " << slate.toStrepCli() << (fsib->ruleDel(slate) ? "" : " (not there)") << '\n' << std::flush;
+   }
    if (!texts.empty()) {
       for (std::uint32_t i = 0; i < texts.size(); ++i) {
          Flowspec::FlowspecKey key;
-         if (!key.copyInStrCli(texts[i])) {
+         std::size_t const arrow = texts[i].find("=>");
+         std::string const actions = arrow == std::string::npos ? std::string() : texts[i].substr(arrow + 2);
+         if (!keyFromText(texts[i].substr(0, arrow), key)) {
             std::cerr << "fsib-writer: not a rule: " << texts[i] << '\n';
             rc = 1;
             continue;
@@ -99,9 +131,16 @@ int main(int argc, char** argv) {
          Rule r;
          r.key.copyInFlowspecKey(key);
          r.ruleId = i + 1;
-         r.actions.set(Flowspec::actionDrop);
+         std::string why;
+         if (!Flowspec::ruleActionsFromText(actions, r, &why)) {
+            std::cerr << "fsib-writer: " << texts[i] << ": " << why << '\n';
+            rc = 1;
+            continue;
+         }
          report("add", r, fsib->ruleIs(r));
       }
+   } else if (!deletes.empty()) {
+      // Only deletions.
    } else if (burst) {
       std::vector<Rule> all;
       all.reserve(rules);

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <iosfwd>
 #include <string>
+#include <string_view>
 
 #include "host/flowspec/FlowspecSlateKey.h"
 #include "host/net/IpGenAddr.h"
@@ -75,6 +76,14 @@ struct Rule {
    // Field by field; the rates compare by their bits, so a rule with a NaN rate equals itself.
    friend bool operator==(Rule const& a, Rule const& b) noexcept;
 };
+
+// Sets the actions of `r` from words separated by spaces or commas, for test writers and
+// people: `drop`, `accept` (no action), `police=BYTES_PER_SECOND`, `dscp=N`, `sample`,
+// `terminal` (the traffic-action terminal bit: evaluation goes on), `redirect-vrf=ID`,
+// `redirect-ip=ADDRESS`, `copy` (the redirect copies), `bits=0xNN` (raw action bits). The
+// empty text is `drop`. On an error returns false, leaves `r` as it was and, when `whyNot`
+// is given, says which word is wrong.
+bool ruleActionsFromText(std::string_view text, Rule& r, std::string* whyNot = nullptr);
 
 std::ostream& operator<<(std::ostream& os, ActionFieldSet a);
 std::ostream& operator<<(std::ostream& os, TrafficRedirect const& r);

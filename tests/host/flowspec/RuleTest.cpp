@@ -87,3 +87,42 @@ TEST(RuleTest, TextFormShowsEveryField) {
 }
 
 } // namespace
+
+TEST(RuleTest, ActionsFromText) {
+   struct Row {
+      char const* text;
+      bool ok;
+      std::uint32_t actions;
+      std::uint32_t trafficAction = 0;
+   } const rows[] = {
+      {"", true, Flowspec::actionDrop},
+      {"accept", true, Flowspec::actionNone},
+      {"police=1000,terminal", true, Flowspec::actionPolice | Flowspec::actionTrafficAction, Flowspec::trafficActionTerminal},
+      {"sample drop", true, Flowspec::actionTrafficAction | Flowspec::actionDrop, Flowspec::trafficActionSample},
+      {"redirect-ip=192.0.2.1 copy dscp=46", true, Flowspec::actionRedirect | Flowspec::actionSetDscp},
+      {"bits=0x81", true, 0x81},
+      {"dscp=64", false, 0},
+      {"police=fast", false, 0},
+      {"redirect-vrf=16777215", false, 0},
+      {"discard", false, 0},
+   };
+   for (auto const& row : rows) {
+      SCOPED_TRACE(row.text);
+      Flowspec::Rule r;
+      r.dscp = 3;
+      std::string why;
+      EXPECT_EQ(Flowspec::ruleActionsFromText(row.text, r, &why), row.ok);
+      if (!row.ok) {
+         EXPECT_EQ(r.dscp, 3) << "a refused text leaves the rule as it was";
+         EXPECT_NE(why, "");
+         continue;
+      }
+      EXPECT_EQ(r.actions.value(), row.actions);
+      EXPECT_EQ(r.trafficAction, row.trafficAction);
+   }
+   Flowspec::Rule r;
+   ASSERT_TRUE(Flowspec::ruleActionsFromText("redirect-ip=192.0.2.1 copy police=125.5", r));
+   EXPECT_EQ(r.trafficRedirect.address.str(), "192.0.2.1");
+   EXPECT_TRUE(r.trafficRedirect.copy);
+   EXPECT_EQ(r.rate, 125.5f);
+}

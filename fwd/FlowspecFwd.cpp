@@ -1,0 +1,141 @@
+// flowspec-fwd: programs the FSIB into a Linux nftables table of its own and keeps the table
+// equal to it; `--show` lists every FSIB rule with its install status and counters.
+//
+//   flowspec-fwd [--fsib-prefix P] [--table NAME] [--hook prerouting|input|forward]
+//                [--interfaces IF,...] [--once] [--remove-on-exit] [--vrf-table ID=TABLE ...]
+//   flowspec-fwd --show [--json] [--table NAME]
+//
+// Runs in the foreground and logs on standard error. SIGTERM or SIGINT ends it; the table
+// stays (forwarding goes on) unless --remove-on-exit.
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include "fwd/Forwarder.h"
+#include "fwd/FwdShow.h"
+#include "fwd/FwdStatus.h"
+#include "fwd/VrfTables.h"
+#include "host/mnemo/EntityManager.h"
+
+namespace {
+
+std::atomic<bool> stopNow{false};
+
+void onSignal(int) { stopNow.store(true); }
+
+bool validName(std::string const& s, std::size_t max) {
+   if (s.empty() || s.size() > max) return false;
+   for (char c : s) {
+      if (std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '_' && c != '-' && c != '.') return false;
+   }
+   return std::isalpha(static_cast<unsigned char>(s[0])) != 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+   CLI::App app{"flowspec-fwd: the FSIB programmed into Linux nftables"};
+   std::string prefix = Mnemo::defaultSlatePrefix;
+   std::string hookName = "prerouting";
+   std::string statusFile;
+   std::string vrfConfig;
+   std::vector<std::string> vrfSpecs;
+   std::vector<std::string> interfaces;
+   bool once = false;
+   bool removeOnExit = false;
+   bool show = false;
+   bool json = false;
+   Fwd::TableConfig cfg;
+   Fwd::FollowConfig follow;
+   std::uint32_t rulePriority = 900;
+   app.add_option("--fsib-prefix", prefix, "segment prefix of the FSIB")->capture_default_str();
+   app.add_option("--table", cfg.name, "nftables table (family inet) to own")->capture_default_str();
+   app.add_option("--hook", hookName, "prerouting, input or forward")->capture_default_str();
+   app.add_option("--priority", cfg.priority, "priority of the base chain")->capture_default_str();
+   app.add_option("--interfaces", interfaces, "only packets arriving on these interfaces")->delimiter(',');
+   app.add_flag("--once", once, "program the FSIB once and exit");
+   app.add_flag("--remove-on-exit", removeOnExit, "delete the table and the policy routing on exit");
+   app.add_option("--vrf-table", vrfSpecs, "VRF id to Linux routing table, ID=TABLE (repeatable)");
+   app.add_option("--vrf-config", vrfConfig, "file of `ID TABLE` lines");
+   app.add_option("--nflog-group", cfg.compile.nflogGroup, "nflog group of sampled packets")->capture_default_str();
+   app.add_option("--mark-base", cfg.markBase, "first firewall mark of redirect targets")->capture_default_str();
+   app.add_option("--route-table-base", cfg.routeTableBase, "first routing table of redirect addresses")->capture_default_str();
+   app.add_option("--rule-priority", rulePriority, "preference of the ip rules of redirects")->capture_default_str();
+   app.add_option("--block-size", cfg.blockSize, "FSIB rules per nftables chain block")->capture_default_str()->check(CLI::Range(1, 4096));
+   app.add_option("--status-file", statusFile, "where the install status goes (default /run/flowspec-fwd/TABLE.json)");
+   app.add_option("--poll-max-ms", follow.pollMaxMs, "longest pause between looks at the FSIB")->capture_default_str()->check(CLI::Range(1, 1000));
+   app.add_flag("--show", show, "list the FSIB's rules with install status and counters");
+   app.add_flag("--json", json, "with --show: JSON");
+   CLI11_PARSE(app, argc, argv);
+
+   if (!validName(cfg.name, 32)) {
+      std::cerr << "flowspec-fwd: --table " << cfg.name << ": letters, digits, '_', '-', '.', starting with a letter\n";
+      return 2;
+   }
+   for (std::string const& i : interfaces) {
+      if (i.empty() || i.size() > 15 || i.find_first_of("\"\\ ") != std::string::npos) {
+         std::cerr << "flowspec-fwd: --interfaces: \"" << i << "\" is not an interface name\n";
+         return 2;
+      }
+   }
+   cfg.interfaces = interfaces;
+   auto const hook = Fwd::hookFromName(hookName);
+   if (!hook) {
+      std::cerr << "flowspec-fwd: --hook " << hookName << ": expected prerouting, input or forward\n";
+      return 2;
+   }
+   cfg.compile.hook = *hook;
+   if (statusFile.empty()) statusFile = Fwd::defaultStatusPath(cfg.name);
+   auto const segment = Mnemo::slateSegmentName(prefix, Mnemo::fsibPath);
+   if (!segment) {
+      std::cerr << "flowspec-fwd: --fsib-prefix " << prefix << " cannot name a segment\n";
+      return 2;
+   }
+   if (show) {
+      return Fwd::showRules({*segment, cfg.name, statusFile, json}, std::cout, std::cerr);
+   }
+   if (!vrfConfig.empty()) {
+      std::ifstream in(vrfConfig);
+      std::stringstream ss;
+      ss << in.rdbuf();
+      if (!in) {
+         std::cerr << "flowspec-fwd: cannot read " << vrfConfig << '\n';
+         return 2;
+      }
+      auto t = Fwd::parseVrfTables(ss.str());
+      if (!t) {
+         std::cerr << "flowspec-fwd: " << vrfConfig << ": " << t.reason() << '\n';
+         return 2;
+      }
+      cfg.compile.vrfTables = t.value();
+   }
+   for (std::string const& s : vrfSpecs) {
+      if (std::string const e = Fwd::addVrfTable(s, cfg.compile.vrfTables); !e.empty()) {
+         std::cerr << "flowspec-fwd: --vrf-table " << s << ": " << e << '\n';
+         return 2;
+      }
+   }
+
+   std::signal(SIGTERM, onSignal);
+   std::signal(SIGINT, onSignal);
+   Fwd::Nft nft;
+   Fwd::PolicyRoutes routes(rulePriority);
+   Fwd::FwdTable table(cfg, nft, &routes);
+   follow.segment = *segment;
+   follow.statusFile = statusFile;
+   Fwd::Forwarder fwd(follow, table, std::cerr);
+   int rc = 0;
+   if (once) {
+      // Waits briefly for a writer in the middle of a change.
+      Fwd::Forwarder::Step s = fwd.step();
+      for (int i = 0; i < 100 && s == Fwd::Forwarder::Step::unsettled; ++i) s = fwd.step();
+      rc = s == Fwd::Forwarder::Step::applied ? 0 : 1;
+   } else {
+      rc = fwd.run(stopNow);
+   }
+   if (removeOnExit) table.remove();
+   return rc;
+}

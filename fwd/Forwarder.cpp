@@ -1,0 +1,100 @@
+#include "fwd/Forwarder.h"
+
+#include <chrono>
+#include <ostream>
+#include <thread>
+
+#include "fwd/FwdStatus.h"
+
+namespace Fwd {
+
+char const* toStrep(Forwarder::Step s) {
+   switch (s) {
+    case Forwarder::Step::applied: return "applied";
+    case Forwarder::Step::failed: return "failed";
+    case Forwarder::Step::unchanged: return "unchanged";
+    case Forwarder::Step::noSegment: return "noSegment";
+    case Forwarder::Step::refused: return "refused";
+    case Forwarder::Step::unsettled: return "unsettled";
+   }
+   return "?";
+}
+
+Forwarder::Forwarder(FollowConfig cfg, FwdTable& table, std::ostream& log)
+   : cfg_(std::move(cfg)), table_(table), log_(log) {}
+
+void Forwarder::say(std::string const& message) {
+   if (message == lastMessage_) return;
+   lastMessage_ = message;
+   log_ << "flowspec-fwd: " << message << std::endl;
+}
+
+void Forwarder::writeStatus() {
+   if (cfg_.statusFile.empty()) return;
+   std::string err;
+   if (!writeStatusFile(cfg_.statusFile, table_.config().name, cfg_.segment, appliedGeneration(), table_.statuses(), &err)) {
+      say(err);
+   }
+}
+
+Forwarder::Step Forwarder::step() {
+   std::string const left = ": table inet " + table_.config().name + " left as it was";
+   if (reader_ && reader_->retired()) reader_.reset();  // the writer made a new segment
+   if (!reader_) {
+      auto r = Mnemo::SlateRuleSetReader::open(cfg_.segment);
+      if (!r) {
+         if (r.reason() == Mnemo::SlateError::noSegment) {
+            say("waiting for the FSIB segment " + cfg_.segment);
+            return Step::noSegment;
+         }
+         say("refused the FSIB segment " + cfg_.segment + " (" + Mnemo::toStrep(r.reason()) +
+             ": not an FSIB of this format version, truncated, or not an FSIB at all)" + left);
+         return Step::refused;
+      }
+      reader_.emplace(std::move(r.value()));
+      refusedGeneration_.reset();
+   }
+   std::uint64_t const g = reader_->generation();
+   if (applied_ == g || refusedGeneration_ == g) return Step::unchanged;
+   std::uint64_t const damagedBefore = reader_->stats().damaged;
+   auto const t0 = std::chrono::steady_clock::now();
+   Mnemo::SlateSnapshot snap = reader_->snapshot(100, Mnemo::SnapshotOrder::slotOrder);
+   snapshotMs_ = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+   if (snap.status == Mnemo::SnapshotStatus::unsettled) return Step::unsettled;
+   if (reader_->stats().damaged != damagedBefore) {
+      refusedGeneration_ = snap.generation;
+      say("refused generation " + std::to_string(snap.generation) + " of the FSIB segment " + cfg_.segment + ": " +
+          std::to_string(reader_->stats().damaged - damagedBefore) + " damaged records" + left);
+      return Step::refused;
+   }
+   lastReport_ = table_.apply(snap.rules);
+   applied_ = snap.generation;
+   if (lastReport_.ok && onApplied_) onApplied_(snap.generation);
+   writeStatus();
+   if (!lastReport_.ok) {
+      say("nftables refused table inet " + table_.config().name + ": " + lastReport_.error);
+      return Step::failed;
+   }
+   say("generation " + std::to_string(snap.generation) + ": " + std::to_string(snap.rules.size()) + " rules, " +
+       std::to_string(table_.programmedRules()) + " programmed");
+   return Step::applied;
+}
+
+int Forwarder::run(std::atomic<bool> const& stop) {
+   using std::chrono::milliseconds;
+   unsigned interval = cfg_.pollMinMs;
+   while (!stop.load(std::memory_order_relaxed)) {
+      Step const s = step();
+      if (s == Step::applied || s == Step::failed || s == Step::unsettled) {
+         interval = cfg_.pollMinMs;
+      } else {
+         std::this_thread::sleep_for(milliseconds(interval));
+         // Waiting for a segment or past a refusal need not be quick.
+         unsigned const cap = s == Step::unchanged ? cfg_.pollMaxMs : std::max(cfg_.pollMaxMs, 100u);
+         interval = std::min(cap, std::max(1u, interval * 2));
+      }
+   }
+   return 0;
+}
+
+} // namespace Fwd

@@ -1,0 +1,77 @@
+// Follows the FSIB and keeps the nftables table equal to it.
+//
+// The FSIB's generation moves on every change, so comparing it with the generation last
+// applied misses nothing. The follower polls it: every pollMinMs after a change, the
+// interval doubling while nothing changes up to pollMaxMs (5 ms by default, so that a
+// change is seen within the 10 ms a single-rule change may take end to end; each poll is
+// one load from shared memory). A snapshot is taken in slot order (the table orders the
+// rules itself, and sorts only on a full install).
+//
+// A segment that is not an FSIB of this format (another format version, truncated, some
+// other object) or whose records are damaged is refused with a message, and the table is
+// left as it was. A snapshot the writer kept disturbing is not applied; the next poll
+// tries again.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <iosfwd>
+#include <optional>
+#include <string>
+
+#include "fwd/FwdTable.h"
+#include "host/mnemo/SlateRuleSetReader.h"
+
+namespace Fwd {
+
+struct FollowConfig {
+   std::string segment;         // the FSIB's segment name
+   std::string statusFile;      // empty: none written
+   unsigned pollMinMs = 1;
+   unsigned pollMaxMs = 5;
+};
+
+class Forwarder {
+ public:
+   enum class Step : std::uint8_t {
+      applied,     // a new generation is in the table
+      failed,      // nftables refused the table (message said)
+      unchanged,   // nothing new
+      noSegment,   // no FSIB yet
+      refused,     // not an FSIB of this format, or damaged: the table is as it was
+      unsettled,   // the writer kept changing it; try again
+   };
+
+   Forwarder(FollowConfig cfg, FwdTable& table, std::ostream& log);
+
+   // One look at the FSIB: applies it when its generation moved.
+   Step step();
+   // Steps until `stop` turns true. Returns 0.
+   int run(std::atomic<bool> const& stop);
+   // Called after each generation that reached the kernel (benchmarks time changes by it).
+   void onAppliedIs(std::function<void(std::uint64_t generation)> f) { onApplied_ = std::move(f); }
+
+   std::uint64_t appliedGeneration() const { return applied_.value_or(0); }
+   ApplyReport const& lastReport() const { return lastReport_; }
+   double lastSnapshotMs() const { return snapshotMs_; }
+
+ private:
+   void say(std::string const& message);  // once per distinct message
+   void writeStatus();
+
+   FollowConfig cfg_;
+   FwdTable& table_;
+   std::ostream& log_;
+   std::optional<Mnemo::SlateRuleSetReader> reader_;
+   std::optional<std::uint64_t> applied_;
+   std::optional<std::uint64_t> refusedGeneration_;
+   ApplyReport lastReport_;
+   std::string lastMessage_;
+   std::function<void(std::uint64_t)> onApplied_;
+   double snapshotMs_ = 0;
+};
+
+char const* toStrep(Forwarder::Step s);
+
+} // namespace Fwd

@@ -1,0 +1,96 @@
+#include "fwd/FwdShow.h"
+
+#include <map>
+#include <ostream>
+
+#include <nlohmann/json.hpp>
+
+#include "fwd/FwdStatus.h"
+#include "fwd/Nft.h"
+#include "host/mnemo/SlateRuleSetReader.h"
+
+namespace Fwd {
+
+namespace {
+
+struct Counts {
+   std::uint64_t packets = 0;
+   std::uint64_t bytes = 0;
+};
+
+// The table's counter set, element by element.
+std::map<std::uint32_t, Counts> readCounters(std::string const& table, std::string* error) {
+   std::map<std::uint32_t, Counts> out;
+   Nft nft;
+   auto const j = nft.listJson("list set inet " + table + " rule_counts", error);
+   if (!j || !j->contains("nftables")) return out;
+   for (auto const& item : (*j)["nftables"]) {
+      if (!item.contains("set") || !item["set"].contains("elem")) continue;
+      for (auto const& el : item["set"]["elem"]) {
+         if (!el.contains("elem")) continue;
+         auto const& e = el["elem"];
+         if (!e.contains("val") || !e["val"].is_number_unsigned() || !e.contains("counter")) continue;
+         out[e["val"].get<std::uint32_t>()] = {e["counter"].value("packets", std::uint64_t{0}),
+                                               e["counter"].value("bytes", std::uint64_t{0})};
+      }
+   }
+   return out;
+}
+
+} // namespace
+
+int showRules(ShowOptions const& opt, std::ostream& out, std::ostream& err) {
+   auto rd = Mnemo::SlateRuleSetReader::open(opt.segment);
+   if (!rd) {
+      err << "flowspec-fwd: cannot read the FSIB segment " << opt.segment << ": " << Mnemo::toStrep(rd.reason()) << '\n';
+      return 1;
+   }
+   Mnemo::SlateSnapshot const snap = rd.value().snapshot();
+   std::string statusError;
+   std::optional<StatusFile> const status = readStatusFile(opt.statusFile, &statusError);
+   std::string counterError;
+   std::map<std::uint32_t, Counts> const counts = readCounters(opt.table, &counterError);
+
+   nlohmann::json rules = nlohmann::json::array();
+   for (Flowspec::Rule const& r : snap.rules) {
+      std::string const key = r.key.toStrepCli();
+      StatusEntry e;
+      if (!status) {
+         e.reason = "flowspec-fwd has not programmed table inet " + opt.table + " (" + statusError + ")";
+      } else if (auto it = status->rules.find(key); it != status->rules.end()) {
+         e = it->second;
+      } else {
+         e.reason = "not programmed yet (table inet " + opt.table + " holds generation " +
+                    std::to_string(status->generation) + ", the FSIB is at " + std::to_string(snap.generation) + ")";
+      }
+      Counts c;
+      if (e.counterId != 0) {
+         if (auto it = counts.find(e.counterId); it != counts.end()) c = it->second;
+      }
+      rules.push_back({{"key", key},
+                       {"installed", e.installed},
+                       {"reason", e.reason.empty() ? nlohmann::json(nullptr) : nlohmann::json(e.reason)},
+                       {"packets", c.packets},
+                       {"bytes", c.bytes}});
+   }
+   if (opt.json) {
+      nlohmann::json j;
+      j["rules"] = std::move(rules);
+      j["table"] = "inet " + opt.table;
+      j["fsibGeneration"] = snap.generation;
+      j["programmedGeneration"] = status ? nlohmann::json(status->generation) : nlohmann::json(nullptr);
+      out << j.dump(2) << '\n';
+      return 0;
+   }
+   out << "table inet " << opt.table << ": FSIB generation " << snap.generation << ", programmed generation "
+       << (status ? std::to_string(status->generation) : std::string("none")) << '\n';
+   if (!counterError.empty()) out << "counters: " << counterError << '\n';
+   for (auto const& r : rules) {
+      out << r["key"].get<std::string>() << "\n    " << (r["installed"].get<bool>() ? "installed" : "not installed");
+      if (r["reason"].is_string()) out << ": " << r["reason"].get<std::string>();
+      out << "\n    packets " << r["packets"].get<std::uint64_t>() << "  bytes " << r["bytes"].get<std::uint64_t>() << '\n';
+   }
+   return 0;
+}
+
+} // namespace Fwd

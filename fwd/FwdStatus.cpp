@@ -1,0 +1,80 @@
+#include "fwd/FwdStatus.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <nlohmann/json.hpp>
+
+namespace Fwd {
+
+std::string defaultStatusPath(std::string const& table) { return "/run/flowspec-fwd/" + table + ".json"; }
+
+bool writeStatusFile(std::string const& path, std::string const& table, std::string const& segment,
+                     std::uint64_t generation, std::vector<RuleStatus> const& rules, std::string* error) {
+   nlohmann::json j;
+   j["table"] = "inet " + table;
+   j["segment"] = segment;
+   j["generation"] = generation;
+   j["pid"] = static_cast<std::uint32_t>(::getpid());
+   nlohmann::json& list = j["rules"] = nlohmann::json::array();
+   for (RuleStatus const& r : rules) {
+      list.push_back({{"key", r.key.toStrepCli()},
+                      {"installed", r.installed},
+                      {"reason", r.reason.empty() ? nlohmann::json(nullptr) : nlohmann::json(r.reason)},
+                      {"counter", r.counterId}});
+   }
+   std::error_code ec;
+   std::filesystem::path const p(path);
+   if (p.has_parent_path()) std::filesystem::create_directories(p.parent_path(), ec);
+   std::string const tmp = path + ".tmp";
+   {
+      std::ofstream out(tmp, std::ios::trunc);
+      out << j.dump() << '\n';
+      if (!out) {
+         if (error != nullptr) *error = "cannot write " + tmp + ": " + std::strerror(errno);
+         return false;
+      }
+   }
+   if (std::rename(tmp.c_str(), path.c_str()) != 0) {
+      if (error != nullptr) *error = "cannot rename " + tmp + ": " + std::strerror(errno);
+      return false;
+   }
+   return true;
+}
+
+std::optional<StatusFile> readStatusFile(std::string const& path, std::string* error) {
+   std::ifstream in(path);
+   if (!in) {
+      if (error != nullptr) *error = "no status file " + path;
+      return std::nullopt;
+   }
+   std::stringstream ss;
+   ss << in.rdbuf();
+   auto const j = nlohmann::json::parse(ss.str(), nullptr, false);
+   if (j.is_discarded() || !j.is_object() || !j.contains("rules") || !j["rules"].is_array()) {
+      if (error != nullptr) *error = path + " is not a flowspec-fwd status file";
+      return std::nullopt;
+   }
+   StatusFile f;
+   f.table = j.value("table", "");
+   f.segment = j.value("segment", "");
+   f.generation = j.value("generation", std::uint64_t{0});
+   f.pid = j.value("pid", std::uint32_t{0});
+   for (auto const& r : j["rules"]) {
+      if (!r.is_object() || !r.contains("key") || !r["key"].is_string()) continue;
+      StatusEntry e;
+      e.installed = r.value("installed", false);
+      if (r.contains("reason") && r["reason"].is_string()) e.reason = r["reason"].get<std::string>();
+      e.counterId = r.value("counter", std::uint32_t{0});
+      f.rules[r["key"].get<std::string>()] = std::move(e);
+   }
+   return f;
+}
+
+} // namespace Fwd

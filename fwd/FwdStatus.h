@@ -1,0 +1,46 @@
+// The install status flowspec-fwd leaves for `flowspec-fwd --show`: a small JSON file the
+// running instance rewrites (to a temporary name, then renamed over, so a reader never sees
+// half of it) after every transaction.
+//
+//   {"table": "inet NAME", "segment": "/PREFIX.routing.bgp.flowspec", "generation": G,
+//    "pid": PID, "rules": [{"key": TEXT, "installed": BOOL, "reason": TEXT|null,
+//                           "counter": ID}]}
+//
+// `generation` is the FSIB generation the table holds; `counter` the rule's element in the
+// table's counter set. Counts themselves are read from the kernel by --show, never stored.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "fwd/FwdTable.h"
+
+namespace Fwd {
+
+struct StatusEntry {
+   bool installed = false;
+   std::string reason;
+   std::uint32_t counterId = 0;
+};
+
+struct StatusFile {
+   std::string table;
+   std::string segment;
+   std::uint64_t generation = 0;
+   std::uint32_t pid = 0;
+   std::map<std::string, StatusEntry> rules;  // by rule text
+};
+
+// The default place: /run/flowspec-fwd/TABLE.json.
+std::string defaultStatusPath(std::string const& table);
+
+// Writes the file (creating its directory); false with `error` set when it cannot.
+bool writeStatusFile(std::string const& path, std::string const& table, std::string const& segment,
+                     std::uint64_t generation, std::vector<RuleStatus> const& rules, std::string* error);
+// Reads it; empty with `error` set when it is missing or not such a file.
+std::optional<StatusFile> readStatusFile(std::string const& path, std::string* error);
+
+} // namespace Fwd

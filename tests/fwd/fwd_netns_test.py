@@ -1,0 +1,382 @@
+#!/usr/bin/env python3
+"""flowspec-fwd with real packets between network namespaces this test makes.
+
+Topology (every namespace and address is the test's own; the host's ruleset and routes are
+never touched):
+
+    a (sender) --- r (router: flowspec-fwd at prerouting) --- b (the usual way)
+                                                         \\--- c (VRF table 100, redirects)
+
+b and c both accept any address of 198.19.0.0/16 (an AnyIP local route), so a packet
+that reaches c was redirected there. r routes 198.19.0.0/16 to b in its main table and to c
+in table 100, which stands for VRF 7 (--vrf-table 7=100).
+
+Cases (one per run, so that ctest lists them): rules, police, follow. Needs root; without
+it the test says so and exits 77 (skipped).
+"""
+import argparse
+import json
+import os
+import random
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+
+SKIP = 77
+IP_PKTINFO = getattr(socket, "IP_PKTINFO", 8)
+
+
+def sh(*cmd, check=True, **kw):
+    return subprocess.run(list(cmd), check=check, text=True, capture_output=True, **kw)
+
+
+class Topology:
+    def __init__(self, tag):
+        base = f"fsfwd{os.getpid()}{tag}"
+        self.ns = {n: base + n for n in "arbc"}
+        self.procs = []
+
+    def __enter__(self):
+        try:
+            for n in self.ns.values():
+                sh("ip", "netns", "add", n)
+            for x, y in (("a", "r"), ("r", "b"), ("r", "c")):
+                sh("ip", "link", "add", f"v{x}{y}", "netns", self.ns[x], "type", "veth", "peer", "name", f"v{y}{x}",
+                   "netns", self.ns[y])
+            plan = {
+                "a": ["addr add 198.18.1.2/24 dev var", "link set var up", "route add default via 198.18.1.1"],
+                "r": ["addr add 198.18.1.1/24 dev vra", "addr add 198.18.2.1/24 dev vrb", "addr add 198.18.3.1/24 dev vrc",
+                      "link set vra up", "link set vrb up", "link set vrc up",
+                      "route add 198.19.0.0/16 via 198.18.2.2", "route add 198.19.0.0/16 via 198.18.3.2 table 100"],
+                "b": ["addr add 198.18.2.2/24 dev vbr", "link set vbr up", "route add default via 198.18.2.1",
+                      "route add local 198.19.0.0/16 dev lo"],
+                "c": ["addr add 198.18.3.2/24 dev vcr", "link set vcr up", "route add default via 198.18.3.1",
+                      "route add local 198.19.0.0/16 dev lo"],
+            }
+            for n, cmds in plan.items():
+                self.run(n, "ip", "link", "set", "lo", "up")
+                for c in cmds:
+                    self.run(n, "ip", *c.split())
+            for k in ("net.ipv4.ip_forward=1", "net.ipv4.conf.all.rp_filter=0", "net.ipv4.conf.default.rp_filter=0"):
+                self.run("r", "sysctl", "-qw", k)
+        except Exception:
+            self.__exit__(None, None, None)
+            raise
+        return self
+
+    def __exit__(self, *exc):
+        for p in self.procs:
+            if p.poll() is None:
+                p.kill()
+                p.wait()
+        for n in self.ns.values():
+            sh("ip", "netns", "del", n, check=False)
+
+    def cmd(self, n, *cmd):
+        return ["ip", "netns", "exec", self.ns[n], *cmd]
+
+    def run(self, n, *cmd, check=True):
+        return sh(*self.cmd(n, *cmd), check=check)
+
+    def start(self, n, *cmd, **kw):
+        p = subprocess.Popen(self.cmd(n, *cmd), text=True, **kw)
+        self.procs.append(p)
+        return p
+
+
+def receive(ports, seconds):
+    """Counts UDP datagrams per (destination address, port) and the TOS bytes seen."""
+    socks = []
+    for port in ports:
+        s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        s.setsockopt(socket.IPPROTO_IP, socket.IP_RECVTOS, 1)
+        s.setsockopt(socket.IPPROTO_IP, IP_PKTINFO, 1)
+        s.bind(("0.0.0.0", port))
+        s.setblocking(False)
+        socks.append((port, s))
+    seen = {}
+    end = time.monotonic() + seconds
+    import select
+    while time.monotonic() < end:
+        ready, _, _ = select.select([s for _, s in socks], [], [], 0.05)
+        for s in ready:
+            port = s.getsockname()[1]
+            while True:
+                try:
+                    data, anc, _, _ = s.recvmsg(65535, 256)
+                except BlockingIOError:
+                    break
+                tos, dst = None, None
+                for level, kind, blob in anc:
+                    if level == socket.IPPROTO_IP and kind == socket.IP_TOS:
+                        tos = blob[0]
+                    if level == socket.IPPROTO_IP and kind == IP_PKTINFO:
+                        dst = socket.inet_ntoa(blob[8:12])
+                e = seen.setdefault(f"{dst}:{port}", {"packets": 0, "bytes": 0, "tos": []})
+                e["packets"] += 1
+                e["bytes"] += len(data)
+                if tos not in e["tos"]:
+                    e["tos"].append(tos)
+    print(json.dumps(seen), flush=True)
+
+
+def send(dst, port, count, size, pps):
+    s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    gap = 1.0 / pps if pps else 0
+    start = time.monotonic()
+    for i in range(count):
+        try:
+            s.sendto(b"x" * size, (dst, port))
+        except OSError:
+            pass
+        if gap:
+            delay = start + (i + 1) * gap - time.monotonic()
+            if delay > 0:
+                time.sleep(delay)
+
+
+class Case:
+    def __init__(self, args, tag):
+        self.args = args
+        self.prefix = f"fsfwdtest{os.getpid()}{tag}"
+        self.work = tempfile.mkdtemp(prefix="fsfwd")
+        self.status = os.path.join(self.work, "status.json")
+        self.failures = []
+
+    def close(self):
+        try:
+            os.unlink(f"/dev/shm/{self.prefix}.routing.bgp.flowspec")
+        except FileNotFoundError:
+            pass
+
+    def check(self, ok, what):
+        print(("ok   " if ok else "FAIL ") + what, flush=True)
+        if not ok:
+            self.failures.append(what)
+
+    def write(self, *rules, keep=False, deletes=()):
+        cmd = [self.args.writer, "--prefix", self.prefix]
+        if keep:
+            cmd.append("--keep")
+        for r in rules:
+            cmd += ["--rule", r]
+        for d in deletes:
+            cmd += ["--delete", d]
+        sh(*cmd)
+
+    def fwd(self, *extra):
+        return [self.args.fwd, "--fsib-prefix", self.prefix, "--status-file", self.status, "--table", "fsfwd",
+                "--vrf-table", "7=100", *extra]
+
+    def show(self, topo):
+        out = topo.run("r", *self.fwd("--show", "--json")).stdout
+        return {r["key"]: r for r in json.loads(out)["rules"]}
+
+    def traffic(self, topo, flows, seconds=1.5):
+        """flows: (dst, port, count, size, pps). Returns what b and c received."""
+        ports = sorted({f[1] for f in flows})
+        script = os.path.abspath(__file__)
+        rx = {n: topo.start(n, sys.executable, script, "receive", "--ports", ",".join(map(str, ports)),
+                            "--seconds", str(seconds + 1.0), stdout=subprocess.PIPE) for n in "bc"}
+        time.sleep(0.4)
+        senders = [topo.start("a", sys.executable, script, "send", "--to", d, "--port", str(p), "--count", str(c),
+                              "--size", str(s), "--pps", str(pps)) for d, p, c, s, pps in flows]
+        for p in senders:
+            p.wait(timeout=60)
+        return {n: json.loads(p.communicate(timeout=30)[0] or "{}") for n, p in rx.items()}
+
+
+def got(seen, ns, dst, port):
+    return seen[ns].get(f"{dst}:{port}", {"packets": 0, "bytes": 0, "tos": []})
+
+
+def case_rules(args):
+    c = Case(args, "rules")
+    try:
+        with Topology("x") as t:
+            udp = "protocol =17;"
+            c.write("198.19.1.1/32;*;" + udp + "destination-port =5001; => drop",
+                    "198.19.2.1/32;*; => dscp=46",
+                    "198.19.3.1/32;*;" + udp + "destination-port =5003; => accept",
+                    "198.19.3.0/24;*; => drop",
+                    "198.19.4.1/32;*; => redirect-vrf=7",
+                    "198.19.5.1/32;*; => redirect-ip=198.18.3.2",
+                    "198.19.6.1/32;*; => redirect-ip=198.18.3.2 copy",
+                    "198.19.7.1/32;*;" + udp + " => dscp=10 terminal",
+                    "198.19.7.0/24;*; => dscp=20",
+                    "198.19.8.1/32;*; => redirect-vrf=8")
+            r = t.run("r", *c.fwd("--once"), check=False)
+            c.check(r.returncode == 0, f"flowspec-fwd --once programs the FSIB ({r.stderr.strip()})")
+            n, size = 20, 100
+            seen = c.traffic(t, [("198.19.1.1", 5001, n, size, 200), ("198.19.1.1", 5002, n, size, 200),
+                                 ("198.19.2.1", 5001, n, size, 200),
+                                 ("198.19.3.1", 5003, n, size, 200), ("198.19.3.1", 5004, n, size, 200),
+                                 ("198.19.3.2", 5003, n, size, 200),
+                                 ("198.19.4.1", 5001, n, size, 200), ("198.19.5.1", 5001, n, size, 200),
+                                 ("198.19.6.1", 5001, n, size, 200), ("198.19.7.1", 5001, n, size, 200)])
+            c.check(got(seen, "b", "198.19.1.1", 5001)["packets"] == 0, "drop: the matching flow is dropped")
+            c.check(got(seen, "b", "198.19.1.1", 5002)["packets"] == n, "drop: the flow beside it passes")
+            c.check(got(seen, "b", "198.19.2.1", 5001)["tos"] == [46 << 2], "DSCP: marked 46")
+            c.check(got(seen, "b", "198.19.3.1", 5003)["packets"] == n, "precedence: the more specific accept wins")
+            c.check(got(seen, "b", "198.19.3.1", 5004)["packets"] == 0, "precedence: the general drop holds elsewhere")
+            c.check(got(seen, "b", "198.19.3.2", 5003)["packets"] == 0, "precedence: ... and for other hosts")
+            vrf = got(seen, "c", "198.19.4.1", 5001)["packets"], got(seen, "b", "198.19.4.1", 5001)["packets"]
+            c.check(vrf == (n, 0), f"redirect to VRF 7: delivered through table 100 (c, b got {vrf})")
+            ip = got(seen, "c", "198.19.5.1", 5001)["packets"], got(seen, "b", "198.19.5.1", 5001)["packets"]
+            c.check(ip == (n, 0), f"redirect to 198.18.3.2: delivered there (c, b got {ip})")
+            cp = got(seen, "c", "198.19.6.1", 5001)["packets"], got(seen, "b", "198.19.6.1", 5001)["packets"]
+            c.check(cp == (n, n), f"copy to 198.18.3.2: both get the packets (c, b got {cp})")
+            c.check(got(seen, "b", "198.19.7.1", 5001)["tos"] == [20 << 2],
+                    "terminal bit set: evaluation went on to the next rule")
+            shown = c.show(t)
+            k = "198.19.1.1/32;*;protocol =17;destination-port =5001;"
+            c.check(shown[k]["installed"] and shown[k]["packets"] == n and shown[k]["bytes"] == n * (size + 28),
+                    f"--show counts the dropped flow ({shown[k]})")
+            k = "198.19.3.0/24;*;"
+            c.check(shown[k]["packets"] == 2 * n, f"--show counts the general rule ({shown[k]})")
+            k = "198.19.8.1/32;*;"
+            c.check(not shown[k]["installed"] and "no Linux routing table is configured" in shown[k]["reason"],
+                    f"a VRF without a table is not installed, with the reason ({shown[k]})")
+            text = t.run("r", *c.fwd("--show")).stdout
+            c.check("not installed: redirect to VRF 8" in text and "packets 20  bytes 2560" in text,
+                    "--show in text")
+    finally:
+        c.close()
+    return c.failures
+
+
+def case_police(args):
+    c = Case(args, "police")
+    try:
+        with Topology("p") as t:
+            rate = 20000
+            c.write(f"198.19.8.1/32;*; => police={rate}")
+            r = t.run("r", *c.fwd("--once"), check=False)
+            c.check(r.returncode == 0, "flowspec-fwd --once programs the FSIB")
+            seconds, pps, size = 2.0, 200, 500
+            seen = c.traffic(t, [("198.19.8.1", 5001, int(seconds * pps), size, pps)], seconds=seconds)
+            passed = got(seen, "b", "198.19.8.1", 5001)["packets"] * (size + 28)
+            # The bucket holds one second at the rate, and refills at the rate while we send.
+            want = rate * (seconds + 1)
+            c.check(0.7 * want <= passed <= 1.3 * want,
+                    f"police {rate} bytes/second: {passed} IP bytes passed in {seconds} s, about {want} expected")
+            shown = c.show(t)["198.19.8.1/32;*;"]
+            c.check(shown["packets"] == int(seconds * pps), f"--show counts every packet the rule saw ({shown})")
+    finally:
+        c.close()
+    return c.failures
+
+
+def count_rules(t):
+    out = t.run("r", "nft", "list", "table", "inet", "fsfwd", check=False).stdout
+    return out.count("update @rule_counts")
+
+
+def case_follow(args):
+    c = Case(args, "follow")
+    try:
+        with Topology("f") as t:
+            c.write("198.19.9.0/24;*; => accept")
+            d = t.start("r", *c.fwd(), stderr=subprocess.PIPE)
+
+            def wait_for(pred, what, timeout=5.0):
+                end = time.monotonic() + timeout
+                while time.monotonic() < end:
+                    if pred():
+                        return True
+                    time.sleep(0.05)
+                c.check(False, "timed out waiting until " + what)
+                return False
+
+            key = "198.19.9.1/32;*;"
+            wait_for(lambda: c.show(t).get("198.19.9.0/24;*;", {}).get("installed"), "the daemon programs the FSIB")
+            c.write(key + " => drop", keep=True)
+            if wait_for(lambda: c.show(t).get(key, {}).get("installed"), "the added rule is installed"):
+                seen = c.traffic(t, [("198.19.9.1", 5001, 10, 100, 200), ("198.19.9.2", 5001, 10, 100, 200)], 0.5)
+                c.check(got(seen, "b", "198.19.9.1", 5001)["packets"] == 0, "a rule added while running drops")
+                c.check(got(seen, "b", "198.19.9.2", 5001)["packets"] == 10, "... and only its flow")
+            c.write(deletes=[key], keep=True)
+            wait_for(lambda: key not in c.show(t), "the rule is gone from the FSIB")
+            time.sleep(0.2)
+            seen = c.traffic(t, [("198.19.9.1", 5001, 10, 100, 200)], 0.5)
+            c.check(got(seen, "b", "198.19.9.1", 5001)["packets"] == 10, "a deleted rule no longer drops")
+            d.send_signal(signal.SIGTERM)
+            d.wait(timeout=10)
+            c.check(count_rules(t) == 1, "on exit the table stays")
+
+            # A foreign object where the FSIB should be: refused, the table as it was.
+            before = t.run("r", "nft", "list", "ruleset").stdout
+            bad = f"{c.prefix}bad"
+            with open(f"/dev/shm/{bad}.routing.bgp.flowspec", "wb") as f:
+                f.write(os.urandom(65536))
+            try:
+                r = t.run("r", args.fwd, "--fsib-prefix", bad, "--table", "fsfwd", "--once",
+                          "--status-file", c.status + ".bad", check=False)
+            finally:
+                os.unlink(f"/dev/shm/{bad}.routing.bgp.flowspec")
+            c.check(r.returncode == 1 and "refused the FSIB segment" in r.stderr and "left as it was" in r.stderr,
+                    f"a foreign segment is refused with a message ({r.stderr.strip()})")
+            c.check(t.run("r", "nft", "list", "ruleset").stdout == before, "... and the table is as it was")
+
+            # Killed mid-update: the table is the old one or the new one, never a mix.
+            sizes = {}
+            took = 0.0
+            for rules in (12288, 6000):
+                sh(args.writer, "--prefix", c.prefix, "--rules", str(rules), "--burst")
+                start = time.monotonic()
+                t.run("r", *c.fwd("--once"), check=False)
+                took = max(took, time.monotonic() - start)
+                sizes[rules] = count_rules(t)
+            rng = random.Random(18)
+            seen_counts = set()
+            for i in range(6):
+                sh(args.writer, "--prefix", c.prefix, "--rules", str(12288 if i % 2 == 0 else 6000), "--burst")
+                p = t.start("r", *c.fwd("--once"), stderr=subprocess.DEVNULL)
+                time.sleep(rng.uniform(0.1 * took, 1.3 * took))
+                p.kill()
+                p.wait()
+                n = count_rules(t)
+                seen_counts.add(n)
+                c.check(n in sizes.values(), f"killed mid-update ({i}): {n} rules, one of the whole tables {sizes}")
+            print(f"info table sizes after the kills: {sorted(seen_counts)}")
+            t.run("r", *c.fwd("--once", "--remove-on-exit"), check=False)
+            c.check(t.run("r", "nft", "list", "tables").stdout.strip() == "", "--remove-on-exit removes the tables")
+    finally:
+        c.close()
+    return c.failures
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("case", choices=["rules", "police", "follow", "receive", "send"])
+    ap.add_argument("--fwd")
+    ap.add_argument("--writer")
+    ap.add_argument("--ports")
+    ap.add_argument("--seconds", type=float, default=1.0)
+    ap.add_argument("--to")
+    ap.add_argument("--port", type=int)
+    ap.add_argument("--count", type=int)
+    ap.add_argument("--size", type=int)
+    ap.add_argument("--pps", type=float, default=0)
+    args = ap.parse_args()
+    if args.case == "receive":
+        return receive([int(p) for p in args.ports.split(",")], args.seconds)
+    if args.case == "send":
+        return send(args.to, args.port, args.count, args.size, args.pps)
+    if os.geteuid() != 0:
+        print("SKIP: the flowspec-fwd traffic tests need root (network namespaces and nftables)")
+        return SKIP
+    if subprocess.run(["ip", "netns", "list"], capture_output=True).returncode != 0:
+        print("SKIP: no ip netns here")
+        return SKIP
+    failures = {"rules": case_rules, "police": case_police, "follow": case_follow}[args.case](args)
+    print(f"{args.case}: {'FAILED: ' + '; '.join(failures) if failures else 'passed'}")
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main() or 0)
