@@ -7,6 +7,7 @@
 #include <ostream>
 #include <typeindex>
 
+#include "BgpFlowspec/FlowspecFsibExport.h"
 #include "BgpFlowspec/FlowspecPluginHoardReaders.h"
 #include "host/fwk/Assert.h"
 #include "host/fwk/Trace.h"
@@ -97,6 +98,10 @@ void FlowspecPluginMain::addExportHooks() {
       OVK_TRACE(flowspecTraceFacility(), 3, "No entityManager, not creating routeConfigSmFactory");
       return;
    }
+   auto factory = Ovk::makePtr<FlowspecRouteConfigSmFactory>(afiSafi_, context_->entityManager(), context_->rtToVrfIdList(),
+                                                             context_->coreDedupTables(), rkToRedirVrfId_);
+   factory->hasNotificationActiveIs(true);
+   afiSafiHelpers_->hookIs(Plugin::HookId::routeConfigSmFactory, factory);
 }
 
 void FlowspecPluginMain::addShowHooks() {}
@@ -177,6 +182,10 @@ FlowspecFamilyPlugin::~FlowspecFamilyPlugin() { main_ = nullptr; }
 void FlowspecFamilyPlugin::init(Context* context) {
    main_ = FlowspecPluginMain::FlowspecPluginMainIs(Ovk::Ptr<Context>(context), afiSafi_);
    OVK_TRACE(flowspecTraceFacility(), 5, name_ << " loaded!!");
+}
+
+void FlowspecFamilyPlugin::tearDown(Context* context) {
+   if (main_ && main_->context().ptr() == context) main_ = nullptr;
 }
 
 namespace {

@@ -94,6 +94,8 @@ class FlowspecFamilyPlugin : public Plugin::PluginBase<Context> {
    ~FlowspecFamilyPlugin() override;
    // Builds the main object, replacing the one an earlier init built.
    void init(Context* context) override;
+   // Drops the main object built for `context`, if it is the current one.
+   void tearDown(Context* context) override;
    Ovk::Ptr<FlowspecPluginMain> const& main() const { return main_; }
    std::string const& name() const { return name_; }
 

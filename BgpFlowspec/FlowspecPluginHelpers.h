@@ -128,6 +128,7 @@ class FlowspecFwdTgtSm : public Plugin::FwdTgtBaseSm {
    // Lets the route-config state machines go (the FSIB stays for the forwarding plane).
    void nonFileDescriptorCleanup() override;
    void handleTables() override;
+   Plugin::BgpRibRouteConfigRootSm const* routeConfigRootSmRaw() const override { return routeConfigRootSm_.ptr(); }
 
  protected:
    ~FlowspecFwdTgtSm() override;

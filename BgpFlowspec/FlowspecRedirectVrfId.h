@@ -11,12 +11,14 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <memory>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
 
 #include "BgpFlowspec/FlowspecRouteKey.h"
 #include "host/bgp/ExtComm.h"
+#include "host/bgp/RtImport.h"
 #include "host/fwk/Ptr.h"
 
 namespace Routing::Bgp::FlowspecPlugin {
@@ -67,6 +69,43 @@ class FlowspecRouteKeySet : public Ovk::PtrInterface {
  private:
    Ovk::Ptr<ExtComm const> rtExtComm_;
    std::unordered_set<FlowspecRouteKey const*> keys_;
+};
+
+class FlowspecRouteConfigSm;
+
+// Follows one route-target list (VpnRtToVrfIdList): a route target whose VRFs change
+// re-translates the rules that named it. Attaching runs handleRtExtCommAll.
+class FlowspecRtExtCommReactor : public VpnRtToVrfIdList::Reactor {
+ public:
+   FlowspecRtExtCommReactor(FlowspecRouteConfigSm& sm, Ovk::Ptr<VpnRtToVrfIdList> list);
+   ~FlowspecRtExtCommReactor() override;
+   void handleRtExtComm(Ovk::Ptr<ExtComm const> const& rt);
+   // handleRtExtComm for every route target some rule named.
+   void handleRtExtCommAll();
+   void handleKey(Ovk::Ptr<ExtComm const> const& rt) override { handleRtExtComm(rt); }
+   void handleAll() override { handleRtExtCommAll(); }
+
+ private:
+   FlowspecRouteConfigSm& sm_;
+};
+
+// Follows the VPN families of the import configuration (AfiSafiRtToVrfIdList): when the
+// state machine's VPN family comes, its route-target list is followed; when it goes, every
+// rule that named a route target is re-translated. Attaching runs handleVpnAfiSafiAll.
+class FlowspecVpnAfiSafiReactor : public AfiSafiRtToVrfIdList::Reactor {
+ public:
+   FlowspecVpnAfiSafiReactor(FlowspecRouteConfigSm& sm, Ovk::Ptr<AfiSafiRtToVrfIdList> list);
+   ~FlowspecVpnAfiSafiReactor() override;
+   void handleVpnAfiSafi(AfiSafi afiSafi);
+   void handleVpnAfiSafiAll();
+   void handleKey(AfiSafi const& afiSafi) override { handleVpnAfiSafi(afiSafi); }
+   void handleAll() override { handleVpnAfiSafiAll(); }
+   FlowspecRtExtCommReactor* rtExtCommReactor() const { return rtExtCommReactor_.get(); }
+   void rtExtCommReactorIs(std::unique_ptr<FlowspecRtExtCommReactor> reactor);
+
+ private:
+   FlowspecRouteConfigSm& sm_;
+   std::unique_ptr<FlowspecRtExtCommReactor> rtExtCommReactor_;
 };
 
 } // namespace Routing::Bgp::FlowspecPlugin

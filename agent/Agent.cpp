@@ -1,10 +1,12 @@
 #include "agent/Agent.h"
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <iostream>
 
 #include "agent/ShowNeighbors.h"
+#include "host/bgp/RtImport.h"
 #include "host/plugin/PluginHost.h"
 
 namespace Flowspecd {
@@ -19,6 +21,10 @@ Agent::~Agent() {
    byAddress_.clear();
    routing_ = nullptr;
    if (context_) context_->shutdown();
+   if (entityManager_ && entityManager_->mountCount(Mnemo::fsibPath) != 0) {
+      entityManager_->cleanup(Mnemo::fsibPath);
+      entityManager_->doUnmount(Mnemo::fsibPath);
+   }
 }
 
 Ovk::Result<bool, std::string> Agent::start() {
@@ -29,7 +35,20 @@ Ovk::Result<bool, std::string> Agent::start() {
    options.taskScheduler = scheduler_;
    options.attributeCacheStatus = Hoard::AttributeCacheStatus::create();
    options.local = BgpPeer{Ovnet::IpGenAddr(), config_.localAs, config_.localAs, config_.routerId, BgpL3VrfId::defaultVrfId()};
+   // The FSIB is the agent's: mounted here first, so that a segment another agent writes is
+   // a clear error at start, and the export's mount shares this one.
+   entityManager_ = Ovk::makePtr<Mnemo::EntityManager>(config_.fsibPrefix);
+   Mnemo::MountInfo fsibInfo;
+   fsibInfo.collectionIs(Mnemo::fsibCollection, Mnemo::fsibRuleCount);
+   Mnemo::MountStatus const mounted = entityManager_->doMount(Mnemo::fsibPath, Mnemo::fsibType, fsibInfo);
+   if (mounted != Mnemo::MountStatus::mounted) {
+      std::string const name = entityManager_->segmentName(Mnemo::fsibPath).value_or("?");
+      return Ovk::failure("cannot write the FSIB " + name + " (" + Mnemo::toStrep(mounted) +
+                          "): is another flowspecd running with fsib-prefix \"" + config_.fsibPrefix + "\"?");
+   }
+   options.entityManager = entityManager_;
    context_ = Plugin::startPlugins(std::move(options));
+   applyVrfs();
    if (context_->afiSafiTable()->all().empty()) {
       return Ovk::failure("the plugin library " + config_.pluginPath + " registered no address family");
    }
@@ -86,6 +105,79 @@ void Agent::handleAccept(Ovk::Ptr<Transport> t) {
    it->second->handleIncoming(std::move(t));
 }
 
+void Agent::applyVrfs() {
+   Plugin::Context& ctx = *context_;
+   // VRFs: gone ones first, then new ones.
+   std::vector<BgpVrfIdBase> gone;
+   for (auto const& [id, vrf] : ctx.allVrfInstanceStatus()) {
+      if (id == BgpL3VrfId::defaultVrfId()) continue;
+      bool const kept = std::any_of(config_.vrfs.begin(), config_.vrfs.end(), [&](VrfConfig const& v) {
+         return v.id && *v.id == id.value() && v.name == vrf->name();
+      });
+      if (!kept) gone.push_back(id);
+   }
+   for (BgpVrfIdBase const id : gone) ctx.vrfDel(id);
+   for (VrfConfig const& v : config_.vrfs) ctx.vrfIs(BgpVrfIdBase(*v.id), v.name);
+   // Route target -> the VRFs importing it, the same for both address families.
+   std::map<std::uint64_t, Ovk::Ptr<VrfIdList>> wanted;
+   for (VrfConfig const& v : config_.vrfs) {
+      for (std::uint64_t rt : v.importRouteTargets) {
+         Ovk::Ptr<VrfIdList>& list = wanted[rt];
+         if (!list) list = VrfIdList::create();
+         list->vrfs[*v.id] = BgpVrfIdBase(*v.id);
+      }
+   }
+   for (auto const& [rtFamily, vpnFamily] : {std::pair{kIpv4UnicastAfiSafi, kVpnIpv4AfiSafi}, std::pair{kIpv6UnicastAfiSafi, kVpnIpv6AfiSafi}}) {
+      RtToVrfIdList& top = *ctx.rtToVrfIdList();
+      Ovk::Ptr<AfiSafiRtToVrfIdList> byVpn = top.find(rtFamily) ? *top.find(rtFamily) : AfiSafiRtToVrfIdList::create();
+      Ovk::Ptr<VpnRtToVrfIdList> byRt = byVpn->find(vpnFamily) ? *byVpn->find(vpnFamily) : VpnRtToVrfIdList::create();
+      // Only what changed is told to the export, key by key.
+      std::vector<Ovk::Ptr<ExtComm const>> dropped;
+      for (auto const& [rt, vrfs] : byRt->entries()) {
+         if (wanted.count(rt->value()) == 0) dropped.push_back(rt);
+      }
+      for (auto const& rt : dropped) byRt->del(rt);
+      for (auto const& [value, vrfs] : wanted) {
+         Ovk::Ptr<ExtComm const> const rt = ctx.coreDedupTables()->extCommIs(ExtComm::createBase(value));
+         Ovk::Ptr<VrfIdList const> const* now = byRt->find(rt);
+         if (now && *now && (*now)->vrfs == vrfs->vrfs) continue;
+         byRt->set(rt, vrfs);
+      }
+      if (!byVpn->find(vpnFamily)) byVpn->set(vpnFamily, byRt);
+      if (!top.find(rtFamily)) top.set(rtFamily, byVpn);
+   }
+}
+
+bool Agent::reload(std::string const& file) {
+   if (file.empty()) {
+      logger_.log("-", "SIGHUP: running on the built-in configuration, nothing to read again");
+      return false;
+   }
+   auto fresh = loadConfigFile(file);
+   if (!fresh) {
+      for (auto const& e : fresh.reason()) logger_.log("-", "SIGHUP: " + e.str());
+      logger_.log("-", "SIGHUP: the configuration is refused as a whole; the running one stays");
+      return false;
+   }
+   AgentConfig& next = fresh.value();
+   // What a reload does not change is kept and said.
+   auto const sameNeighbors = [&] {
+      if (next.neighbors.size() != config_.neighbors.size()) return false;
+      for (std::size_t i = 0; i < next.neighbors.size(); ++i) {
+         if (next.neighbors[i].address != config_.neighbors[i].address) return false;
+      }
+      return true;
+   };
+   if (!sameNeighbors() || next.listen != config_.listen || next.localAs != config_.localAs ||
+       next.routerId != config_.routerId || next.fsibPrefix != config_.fsibPrefix) {
+      logger_.log("-", "SIGHUP: changes of neighbors, listeners, AS, router-id or fsib-prefix take effect at the next start");
+   }
+   config_.vrfs = std::move(next.vrfs);
+   applyVrfs();
+   logger_.log("-", "SIGHUP: configuration " + file + " applied (" + std::to_string(config_.vrfs.size()) + " VRF(s))");
+   return true;
+}
+
 std::vector<NeighborStatus> Agent::neighbors() const {
    std::vector<NeighborStatus> all;
    for (auto const& n : neighbors_) all.push_back(n->status());
@@ -100,12 +192,15 @@ std::string Agent::handleControl(std::string_view request) const {
          auto const view = address ? routing_->peer(*address) : std::nullopt;
          nlohmann::json received = nlohmann::json::object();
          nlohmann::json accepted = nlohmann::json::object();
+         nlohmann::json refused = nlohmann::json::object();
          if (view) {
             for (auto const& [family, count] : view->received) received[familyName(family)] = count;
             for (auto const& [family, count] : view->accepted) accepted[familyName(family)] = count;
+            for (auto const& [family, count] : view->fsibRefusals) refused[familyName(family)] = count;
          }
          n["rulesReceived"] = received;
          n["rulesAccepted"] = accepted;
+         n["fsibRefusals"] = refused;
       }
       return answer.dump();
    }

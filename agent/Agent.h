@@ -30,6 +30,10 @@ class Agent : public Ovk::PtrInterface {
    // event loop then runs out of work once the last bytes are written.
    void stop();
 
+   // Reads `file` again and applies what may change while running (VRFs and their imports);
+   // a file with mistakes is refused whole and the running configuration stays. False when
+   // nothing was applied.
+   bool reload(std::string const& file);
    // The routing the sessions feed; null before start().
    BgpRouting* routing() const { return routing_.get(); }
    std::vector<NeighborStatus> neighbors() const;
@@ -40,6 +44,8 @@ class Agent : public Ovk::PtrInterface {
 
  private:
    void handleAccept(Ovk::Ptr<Transport> t);
+   // Makes the context's VRFs and route-target imports those of the configuration.
+   void applyVrfs();
 
    asio::io_context& io_;
    AgentConfig config_;
@@ -47,6 +53,7 @@ class Agent : public Ovk::PtrInterface {
    Ovk::Ptr<EventLoopScheduler> scheduler_;
    Ovk::Ptr<AsioConnector> connector_;
    // Before the neighbors, which hold it as their UPDATE sink: it outlives them.
+   Ovk::Ptr<Mnemo::EntityManager> entityManager_;
    Ovk::Ptr<Plugin::Context> context_;
    std::unique_ptr<BgpRouting> routing_;
    std::vector<Ovk::Ptr<AsioListener>> listeners_;

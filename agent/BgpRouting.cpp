@@ -110,10 +110,8 @@ void BgpRouting::handleSessionDown(BgpPeer const& from) {
    if (!p || !p->established) return;
    p->established = false;
    // RFC 4271 section 8.2.2: the peer's routes go with its session.
-   for (auto const& [family, table] : p->tables) {
-      table->pathDelAll(p->source);
-      table->flushChanges();
-   }
+   for (auto const& [family, table] : p->tables) table->pathDelAll(p->source);
+   flush(*p);
    // The session's decoder, whose last result still holds rules, and its attributes go too;
    // their counts stay.
    add(p->previousSessions, p->decoder->counters());
@@ -169,10 +167,38 @@ UpdateOutcome BgpRouting::handleUpdate(BgpPeer const& from, MessageView const& u
          t->pathIs(*path.routeKey, path.source, path.attrs);
       }
    }
-   for (auto const& [family, t] : p->tables) {
-      if (t->pendingChanges() != 0) t->flushChanges();
-   }
+   flush(*p);
    return UpdateOutcome::of(u);
+}
+
+void BgpRouting::flush(Peer& p) {
+   bool changed = false;
+   for (auto const& [family, t] : p.tables) {
+      if (t->pendingChanges() == 0) continue;
+      t->flushChanges();
+      changed = true;
+   }
+   if (changed) noteRefusals();
+}
+
+Ovk::Ptr<FwdTgtRouteConfigSm> BgpRouting::exportSm(AfiSafi family) const {
+   return context_->routeConfigSm(ForwardingTarget::flowspec, BgpL3VrfId::defaultVrfId(), family);
+}
+
+void BgpRouting::noteRefusals() {
+   std::uint64_t refused = 0;
+   for (AfiSafi const family : {kIpv4Flowspec, kIpv6Flowspec}) {
+      if (auto sm = exportSm(family)) refused += sm->exportCounters().refusedFull;
+   }
+   if (refused == refusalsSeen_) return;
+   auto const now = Ovk::Clock::now();
+   bool const newBurst = refusalsLogged_ == 0 || now - lastRefusal_ > std::chrono::minutes(1);
+   refusalsSeen_ = refused;
+   lastRefusal_ = now;
+   if (!newBurst) return;
+   logger_.log("-", "FSIB full: rules refused (" + std::to_string(refused - refusalsLogged_) +
+                        " since the last report; flowspec fsib shows the counts)");
+   refusalsLogged_ = refused;
 }
 
 std::optional<BgpRouting::PeerView> BgpRouting::peer(Ovnet::IpGenAddr const& neighbor) const {
@@ -187,6 +213,13 @@ std::optional<BgpRouting::PeerView> BgpRouting::peer(Ovnet::IpGenAddr const& nei
       v.accepted[family] = table->bestOf(p.source);
    }
    v.unknownWithdrawals = p.unknownWithdrawals;
+   for (auto const& [family, table] : p.tables) {
+      auto const sm = exportSm(family);
+      if (!sm) continue;
+      auto const& by = sm->exportCounters().refusedFullBySource;
+      auto const refused = by.find(p.source);
+      v.fsibRefusals[family] = refused == by.end() ? 0 : refused->second;
+   }
    return v;
 }
 
@@ -226,7 +259,16 @@ nlohmann::json BgpRouting::summaryJson() const {
    for (auto const& [vrfId, vrf] : context_->allVrfInstanceStatus()) {
       nlohmann::json families = nlohmann::json::object();
       for (auto const& [family, table] : vrf->ribTables()) {
-         families[familyName(family)] = {{"rules", table->routes()}, {"paths", table->paths()}, {"indexBytes", table->bytes()}};
+         nlohmann::json f = {{"rules", table->routes()}, {"paths", table->paths()}, {"indexBytes", table->bytes()}};
+         if (auto sm = context_->routeConfigSm(ForwardingTarget::flowspec, vrfId, family)) {
+            auto const& c = sm->exportCounters();
+            f["fsib"] = {{"added", c.added},
+                         {"replaced", c.replaced},
+                         {"deleted", c.deleted},
+                         {"refusedFull", c.refusedFull},
+                         {"notExportable", c.notExportable}};
+         }
+         families[familyName(family)] = f;
       }
       vrfs.push_back({{"name", vrf->name()}, {"id", vrfId.value()}, {"families", families}});
    }

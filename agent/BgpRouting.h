@@ -46,6 +46,7 @@ class BgpRouting : public UpdateSink {
       std::map<AfiSafi, std::size_t> received; // paths in the RIB now, per family
       std::map<AfiSafi, std::size_t> accepted; // of them, the best paths of their rules
       std::map<AfiSafi, std::uint64_t> unknownWithdrawals;
+      std::map<AfiSafi, std::uint64_t> fsibRefusals; // its best rules the full FSIB refused
    };
    // Empty for a neighbor that never had a session.
    std::optional<PeerView> peer(Ovnet::IpGenAddr const& neighbor) const;
@@ -55,17 +56,26 @@ class BgpRouting : public UpdateSink {
    // {"updates", "announced", "withdrawn", "refused", "rules"}}, "reasons": {name: count}}]},
    // neighbors in address order.
    nlohmann::json updatesJson() const;
-   // "show summary": {"vrfs": [{"name", "families": {"ipv4-flowspec": {"rules", "paths",
-   // "indexBytes"}}}], "attributeSets", "attributeSetsBuilt", "attributeSetsReused"}.
+   // "show summary": {"vrfs": [{"name", "id", "families": {"ipv4-flowspec": {"rules",
+   // "paths", "indexBytes", "fsib": {"added", "replaced", "deleted", "refusedFull",
+   // "notExportable"}}}}], "attributeSets", "attributeSetsBuilt", "attributeSetsReused"}.
    nlohmann::json summaryJson() const;
+   // The export state machine of the default VRF's `family`; null when nothing exports.
+   Ovk::Ptr<FwdTgtRouteConfigSm> exportSm(AfiSafi family) const;
 
  private:
    struct Peer;
    Peer* peerOf(BgpPeer const& from) const;
+   void flush(Peer& p);
+   // Logs refusals of the full FSIB once per burst (a burst ends after a quiet minute).
+   void noteRefusals();
 
    Logger& logger_;
    Ovk::Ptr<Plugin::Context> context_;
    std::map<Ovnet::IpGenAddr, std::unique_ptr<Peer>> peers_;
+   std::uint64_t refusalsLogged_ = 0;
+   std::uint64_t refusalsSeen_ = 0;
+   Ovk::Clock::time_point lastRefusal_{};
 };
 
 } // namespace Flowspecd

@@ -167,31 +167,8 @@ void readNeighbor(Checker& check, toml::table const& t, NeighborConfig& n) {
    }
 }
 
-} // namespace
-
-std::string pluginPathIn(std::string_view dir) { return std::string(dir) + "/" + kPluginLibrary; }
-
-std::string defaultPluginPath() { return pluginPathIn(FS_DEFAULT_PLUGIN_DIR); }
-
-std::string ConfigError::str() const {
-   if (line == 0) return file + ": " + text;
-   return file + ":" + std::to_string(line) + ": " + text;
-}
-
-Ovk::Result<AgentConfig, ConfigErrors> parseConfig(std::string_view text, std::string const& fileName) {
-   Checker check(fileName);
-   toml::parse_result parsed = toml::parse(text, fileName);
-   if (!parsed) {
-      auto const& e = parsed.error();
-      check.error(e.source().begin.line, "TOML syntax error at column " + std::to_string(e.source().begin.column) +
-                                            ": " + std::string(e.description()));
-      return Ovk::failure(check.take());
-   }
-   toml::table const& root = parsed.table();
-   AgentConfig config;
-   config.source = fileName;
-   check.onlyKeys(root, {"router-id", "local-as", "listen", "control-socket", "plugin-dir", "neighbor"}, "");
-
+// The keys of the top level: identity, listeners, sockets, where the plugin is.
+void readGlobals(Checker& check, toml::table const& root, AgentConfig& config) {
    if (auto const* v = root.get("router-id")) {
       if (auto id = check.string(*v, "router-id")) {
          auto a = Ovnet::IpGenAddr::parse(*id);
@@ -233,6 +210,18 @@ Ovk::Result<AgentConfig, ConfigErrors> parseConfig(std::string_view text, std::s
    } else {
       config.listen = {*parseEndpoint("0.0.0.0"), *parseEndpoint("[::]")};
    }
+   if (auto const* v = root.get("fsib-prefix")) {
+      if (auto s = check.string(*v, "fsib-prefix")) {
+         bool const ok = !s->empty() && s->size() <= 64 && std::all_of(s->begin(), s->end(), [](char c) {
+            return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
+         });
+         if (!ok) {
+            check.error(*v, "fsib-prefix is 1 to 64 letters, digits, '-' or '_', not \"" + *s + "\"");
+         } else {
+            config.fsibPrefix = *s;
+         }
+      }
+   }
    if (auto const* v = root.get("plugin-dir")) {
       if (auto s = check.string(*v, "plugin-dir")) {
          if (s->empty()) {
@@ -251,6 +240,10 @@ Ovk::Result<AgentConfig, ConfigErrors> parseConfig(std::string_view text, std::s
          }
       }
    }
+}
+
+// [[neighbor]] tables.
+void readNeighbors(Checker& check, toml::table const& root, AgentConfig& config) {
    if (auto const* v = root.get("neighbor")) {
       auto const* list = v->as_array();
       if (!list || !list->is_array_of_tables()) {
@@ -269,6 +262,107 @@ Ovk::Result<AgentConfig, ConfigErrors> parseConfig(std::string_view text, std::s
          }
       }
    }
+}
+
+// [[vrf]] tables: names, ids (assigned from 1 when left out) and imported route targets.
+void readVrfs(Checker& check, toml::table const& root, AgentConfig& config) {
+   auto const* v = root.get("vrf");
+   if (!v) return;
+   auto const* list = v->as_array();
+   if (!list || !list->is_array_of_tables()) {
+      check.error(*v, "VRFs are written as [[vrf]] tables");
+      return;
+   }
+   for (auto const& item : *list) {
+      toml::table const& t = *item.as_table();
+      VrfConfig vrf;
+      vrf.line = Checker::lineOf(t);
+      check.onlyKeys(t, {"name", "id", "import-route-targets"}, "[[vrf]]");
+      if (auto const* n = t.get("name")) {
+         if (auto name = check.string(*n, "name")) {
+            if (name->empty() || name->size() > kMaxVrfName) {
+               check.error(*n, "a VRF name has 1 to " + std::to_string(kMaxVrfName) + " bytes");
+            } else if (*name == "default") {
+               check.error(*n, "the VRF name \"default\" is the default VRF's");
+            } else {
+               vrf.name = *name;
+            }
+         }
+      } else {
+         check.error(vrf.line, "a [[vrf]] needs a name");
+      }
+      if (auto const* n = t.get("id")) {
+         if (auto id = check.integer(*n, "id", 1, kMaxVrfId)) vrf.id = static_cast<std::uint32_t>(*id);
+      }
+      if (auto const* n = t.get("import-route-targets")) {
+         auto const* rts = n->as_array();
+         if (!rts) {
+            check.error(*n, "import-route-targets must be a list such as [\"65000:100\", \"192.0.2.1:7\"]");
+         } else {
+            for (auto const& rt : *rts) {
+               auto const text = rt.value_exact<std::string>();
+               auto const value = text ? parseRouteTarget(*text) : std::nullopt;
+               if (!value) {
+                  check.error(Checker::lineOf(rt) ? Checker::lineOf(rt) : Checker::lineOf(*n),
+                              "a route target is AS:NUMBER (AS up to 65535, NUMBER up to 4294967295), "
+                              "IPV4:NUMBER or AS4:NUMBER (AS above 65535, NUMBER up to 65535), not " +
+                                  (text ? "\"" + *text + "\"" : std::string("a value of another type")));
+               } else if (std::find(vrf.importRouteTargets.begin(), vrf.importRouteTargets.end(), *value) ==
+                          vrf.importRouteTargets.end()) {
+                  vrf.importRouteTargets.push_back(*value);
+               }
+            }
+         }
+      }
+      for (auto const& other : config.vrfs) {
+         if (!vrf.name.empty() && other.name == vrf.name) {
+            check.error(vrf.line, "VRF " + vrf.name + " is already defined on line " + std::to_string(other.line));
+         }
+         if (vrf.id && other.id == vrf.id) {
+            check.error(vrf.line, "VRF id " + std::to_string(*vrf.id) + " is already VRF " + other.name + "'s");
+         }
+      }
+      config.vrfs.push_back(std::move(vrf));
+   }
+   // VRFs without an id get the lowest free ones, in file order.
+   std::uint32_t next = 1;
+   for (auto& vrf : config.vrfs) {
+      if (vrf.id) continue;
+      auto taken = [&](std::uint32_t id) {
+         return std::any_of(config.vrfs.begin(), config.vrfs.end(), [id](VrfConfig const& o) { return o.id == id; });
+      };
+      while (taken(next)) ++next;
+      vrf.id = next++;
+   }
+}
+
+} // namespace
+
+std::string pluginPathIn(std::string_view dir) { return std::string(dir) + "/" + kPluginLibrary; }
+
+std::string defaultPluginPath() { return pluginPathIn(FS_DEFAULT_PLUGIN_DIR); }
+
+std::string ConfigError::str() const {
+   if (line == 0) return file + ": " + text;
+   return file + ":" + std::to_string(line) + ": " + text;
+}
+
+Ovk::Result<AgentConfig, ConfigErrors> parseConfig(std::string_view text, std::string const& fileName) {
+   Checker check(fileName);
+   toml::parse_result parsed = toml::parse(text, fileName);
+   if (!parsed) {
+      auto const& e = parsed.error();
+      check.error(e.source().begin.line, "TOML syntax error at column " + std::to_string(e.source().begin.column) +
+                                            ": " + std::string(e.description()));
+      return Ovk::failure(check.take());
+   }
+   toml::table const& root = parsed.table();
+   AgentConfig config;
+   config.source = fileName;
+   check.onlyKeys(root, {"router-id", "local-as", "listen", "control-socket", "plugin-dir", "fsib-prefix", "neighbor", "vrf"}, "");
+   readGlobals(check, root, config);
+   readNeighbors(check, root, config);
+   readVrfs(check, root, config);
    if (!check.clean()) return Ovk::failure(check.take());
    return config;
 }

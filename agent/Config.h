@@ -5,6 +5,12 @@
 //   listen = ["127.0.0.1:1179", "[::1]:1179"]   # "ADDR[:PORT]", port 179 when left out
 //   control-socket = "/tmp/flowspecd.sock"
 //   plugin-dir = "/usr/lib/flowspecd"   # where libBgpFlowspec.so is; the build's by default
+//   fsib-prefix = "flowspecd"          # the FSIB's shared-memory name starts /PREFIX.
+//
+//   [[vrf]]                            # where redirect-to-VRF communities lead
+//   name = "scrubbing"                 # 1 to 100 bytes, unique, not "default"
+//   id = 10                            # 1 to 16777214; the lowest free one when left out
+//   import-route-targets = ["65000:100", "192.0.2.1:7", "4200000000:1"]
 //
 //   [[neighbor]]
 //   address = "127.0.0.2"              # IPv4 or IPv6, required, unique
@@ -28,6 +34,7 @@
 #include <vector>
 
 #include "host/bgp/BgpMessage.h"
+#include "host/bgp/ExtComm.h"
 #include "host/fwk/Result.h"
 #include "host/net/Endpoint.h"
 #include "host/net/IpGenAddr.h"
@@ -62,6 +69,16 @@ struct NeighborConfig {
    std::uint32_t line = 0; // where its table starts
 };
 
+inline constexpr std::size_t kMaxVrfName = 100;
+inline constexpr std::int64_t kMaxVrfId = 0xfffffe; // 0 is the default VRF, 0xffffff means none
+
+struct VrfConfig {
+   std::string name;
+   std::optional<std::uint32_t> id;    // set for every VRF of a parsed configuration
+   std::vector<std::uint64_t> importRouteTargets; // route-target extended communities
+   std::uint32_t line = 0;
+};
+
 struct AgentConfig {
    std::string source; // file name, or "<built-in>"
    std::uint32_t routerId = 0;
@@ -69,7 +86,9 @@ struct AgentConfig {
    std::vector<Endpoint> listen;
    std::string controlSocket = kDefaultControlSocket;
    std::string pluginPath = defaultPluginPath();
+   std::string fsibPrefix = "flowspecd";
    std::vector<NeighborConfig> neighbors;
+   std::vector<VrfConfig> vrfs;
 };
 
 struct ConfigError {

@@ -10,6 +10,7 @@
 #include <asio/signal_set.hpp>
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <functional>
 #include <iostream>
 
 #include "agent/Agent.h"
@@ -73,10 +74,21 @@ int main(int argc, char** argv) {
       logger.log("-", started.reason());
       return 1;
    }
+   // SIGHUP reads the configuration file again.
+   asio::signal_set hangups(io, SIGHUP);
+   std::function<void()> waitHangup = [&] {
+      hangups.async_wait([&](std::error_code const& ec, int) {
+         if (ec) return;
+         agent->reload(configFile);
+         waitHangup();
+      });
+   };
+   waitHangup();
    asio::signal_set signals(io, SIGINT, SIGTERM);
    signals.async_wait([&](std::error_code const& ec, int signo) {
       if (ec) return;
       logger.log("-", std::string("signal ") + (signo == SIGINT ? "SIGINT" : "SIGTERM") + ": sending Cease to every peer");
+      hangups.cancel();
       agent->stop();
    });
    io.run();

@@ -39,6 +39,7 @@ agent=$!
 cat >"$work/peer.toml" <<'TOML'
 router-id = "127.0.0.2"
 local-as = 65002
+fsib-prefix = "flowspecd-demo-peer"
 listen = ["127.0.0.2:1180"]
 [[neighbor]]
 address = "127.0.0.1"

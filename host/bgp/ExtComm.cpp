@@ -84,6 +84,35 @@ constexpr ExtCommIp6Kind kFlowspecIp6Kinds[] = {
 } // namespace
 
 std::span<ExtCommKind const> flowspecExtCommKinds() noexcept { return kFlowspecKinds; }
+
+std::optional<std::uint64_t> parseRouteTarget(std::string_view text) {
+   auto const colon = text.rfind(':');
+   if (colon == std::string_view::npos) return std::nullopt;
+   auto number = [](std::string_view d) -> std::optional<std::uint64_t> {
+      if (d.empty() || d.size() > 10) return std::nullopt;
+      std::uint64_t v = 0;
+      for (char c : d) {
+         if (c < '0' || c > '9') return std::nullopt;
+         v = v * 10 + static_cast<std::uint64_t>(c - '0');
+      }
+      return v;
+   };
+   auto const local = number(text.substr(colon + 1));
+   if (!local) return std::nullopt;
+   std::string_view const global = text.substr(0, colon);
+   if (auto const addr = Ovnet::IpGenAddr::parse(global); addr && addr->isIpv4()) {
+      if (*local > 0xffff) return std::nullopt;
+      return std::uint64_t{0x0102} << 48 | std::uint64_t{addr->ipv4HostOrder()} << 16 | *local;
+   }
+   auto const as = number(global);
+   if (!as || *as > 0xffffffffull) return std::nullopt;
+   if (*as <= 0xffff) {
+      if (*local > 0xffffffffull) return std::nullopt;
+      return std::uint64_t{0x0002} << 48 | *as << 32 | *local;
+   }
+   if (*local > 0xffff) return std::nullopt;
+   return std::uint64_t{0x0202} << 48 | *as << 16 | *local;
+}
 std::span<ExtCommIp6Kind const> flowspecExtCommIp6Kinds() noexcept { return kFlowspecIp6Kinds; }
 
 Ovk::Ptr<ExtComm> ExtComm::createBase(std::uint64_t v) {

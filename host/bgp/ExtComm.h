@@ -20,6 +20,8 @@
 #include <array>
 #include <cstdint>
 #include <iosfwd>
+#include <optional>
+#include <string_view>
 #include <span>
 #include <string>
 #include <vector>
@@ -233,6 +235,11 @@ struct ExtCommIp6Kind {
    Ovk::Ptr<ExtCommIp6> (*create)(std::span<std::uint8_t const, ExtCommIp6::kSize> bytes);
 };
 std::span<ExtCommKind const> flowspecExtCommKinds() noexcept;
+
+// A route target (RFC 4360 section 4) from its text: "AS:N" with a 2-octet AS and a 4-octet
+// number (type 0x00), "A.B.C.D:N" with a 2-octet number (type 0x01), "AS:N" with an AS above
+// 65535 and a 2-octet number (type 0x02). The community's 64-bit value, or nothing.
+std::optional<std::uint64_t> parseRouteTarget(std::string_view text);
 std::span<ExtCommIp6Kind const> flowspecExtCommIp6Kinds() noexcept;
 
 // An ordered list of communities, as a path attribute carries them.

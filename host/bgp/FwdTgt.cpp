@@ -51,6 +51,8 @@ void FwdTgtRouteConfigSm::routeTableDel() {
    routeTable_ = nullptr;
 }
 
+std::string FwdTgtRouteConfigSm::notInForwardingReason(RouteKey const&) const { return {}; }
+
 void FwdTgtRouteConfigSm::handleRouteEntryAll() {
    if (!routeTable_) return;
    routeTable_->forEachRouteKey([this](RouteKey const* key) { handleRouteEntry(key); });

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -92,6 +93,20 @@ class FwdTgtRouteConfigSm : public Ovk::PtrInterface, public Ovk::NotificationSw
    // The state machine is retired (its factory's cleanup): what it made outside goes.
    virtual void handleDestroyed() {}
 
+   // What the target did with the routes, for the agent's show commands.
+   struct ExportCounters {
+      std::uint64_t added = 0;          // rules entered in the forwarding table
+      std::uint64_t replaced = 0;       // rules changed there
+      std::uint64_t deleted = 0;        // rules taken out
+      std::uint64_t refusedFull = 0;    // rules the full table refused
+      std::uint64_t notExportable = 0;  // routes the target cannot take (a won't-export reason)
+      std::map<RibSource, std::uint64_t> refusedFullBySource; // by the best path's source
+   };
+   ExportCounters const& exportCounters() const { return counters_; }
+   // Why `key`'s best route is not in the target's table; empty when it is there. By
+   // default nothing is said.
+   virtual std::string notInForwardingReason(RouteKey const& key) const;
+
    void hasNotificationActiveIs(bool on) override;
 
  protected:
@@ -99,8 +114,11 @@ class FwdTgtRouteConfigSm : public Ovk::PtrInterface, public Ovk::NotificationSw
                        Ovk::Ptr<RibRouteVrfAfiSafiFwdTgtTable> routeTable);
    ~FwdTgtRouteConfigSm() override;
 
+   ExportCounters counters_;
+
  private:
    void listen(bool on);
+
    BgpVrfIdBase vrfIdBase_;
    AfiSafi afiSafi_;
    ForwardingTarget target_;

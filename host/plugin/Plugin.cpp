@@ -262,6 +262,13 @@ void Context::forwardingTargetsIs() {
    }
 }
 
+Ovk::Ptr<FwdTgtRouteConfigSm> Context::routeConfigSm(ForwardingTarget target, BgpVrfIdBase vrfId, AfiSafi afiSafi) const {
+   auto const it = fwdTgtSms_.find(target);
+   if (it == fwdTgtSms_.end()) return nullptr;
+   BgpRibRouteConfigRootSm const* root = it->second->routeConfigRootSmRaw();
+   return root ? root->routeConfigSm(vrfId, afiSafi) : nullptr;
+}
+
 void Context::shutdown() {
    // The export first, while the RIB it reads is whole; its state machines leave what they
    // wrote for the forwarding plane.
@@ -276,6 +283,7 @@ void Context::shutdown() {
    for (auto const& [id, vrf] : vrfs_) ids.push_back(id);
    for (BgpVrfIdBase const id : ids) vrfDel(id);
    mains_.clear();
+   DefaultPluginLoader().tearDownAll(this);
 }
 
 Ovk::Ptr<RibTable> getBribTable(Context const&, VrfInstanceStatus const& vrf, AfiSafi afiSafi) {

@@ -58,6 +58,7 @@ class PluginBaseInitCaller {
  public:
    explicit PluginBaseInitCaller(PluginBase<ContextT>* plugin) : plugin_(plugin) {}
    void init(ContextT* context) const { plugin_->init(context); }
+   void tearDown(ContextT* context) const { plugin_->tearDown(context); }
    PluginBase<ContextT>* plugin() const { return plugin_; }
 
  private:
@@ -74,6 +75,9 @@ class Loader {
           : loader_(loader), caller_(caller) {}
       void init(ContextT* context) const {
          if (caller_) caller_->init(context);
+      }
+      void tearDown(ContextT* context) const {
+         if (caller_) caller_->tearDown(context);
       }
       Loader* loader() const { return loader_; }
       PluginBaseInitCaller<ContextT> const* caller() const { return caller_; }
@@ -113,6 +117,12 @@ class Loader {
       auto const callers = initCallers_;
       for (auto const& c : callers) c->init(context);
    }
+   // The host of `context` goes: every plugin drops what it built for it, in reverse order,
+   // so that nothing of the host outlives it in a plugin object that lives to process end.
+   void tearDownAll(ContextT* context) {
+      auto const callers = initCallers_;
+      for (auto it = callers.rbegin(); it != callers.rend(); ++it) (*it)->tearDown(context);
+   }
    // A plugin object goes: its registrations stay, and call nothing.
    void callerDel(PluginBaseInitCaller<ContextT> const* caller) {
       for (auto const& c : initCallers_) {
@@ -143,6 +153,8 @@ class PluginBase {
    PluginBase& operator=(PluginBase const&) = delete;
 
    virtual void init(ContextT* context) = 0;
+   // The host of `context` goes: what init built for it is released. By default nothing.
+   virtual void tearDown(ContextT*) {}
    PluginBaseInitCaller<ContextT> const* initCaller() const { return initCaller_; }
 
  private:
@@ -366,6 +378,8 @@ class FwdTgtBaseSm : public Ovk::PtrInterface, public Ovk::NotificationSwitch {
    virtual void preDestroyCleanup() {}
    // The host added tables to the target: the state machine makes what it needs for them.
    virtual void handleTables() {}
+   // The root state machine of the target's route-config state machines, if it runs one.
+   virtual BgpRibRouteConfigRootSm const* routeConfigRootSmRaw() const { return nullptr; }
 
  protected:
    FwdTgtBaseSm(ForwardingTarget target, Ovk::Ptr<FwdTgtStateBase> state, Ovk::Ptr<Context> context)
@@ -470,6 +484,8 @@ class Context : public Ovk::PtrInterface {
    Ovk::Ptr<BgpInputDedupTables const> inputDedupTables(BgpVrfIdBase vrfId);
    // The forwarding target's tables, made on first use.
    Ovk::Ptr<RouteFwdTgtTable> routeFwdTgtTable(ForwardingTarget target);
+   // The route-config state machine of a target, VRF and family; null when none runs.
+   Ovk::Ptr<FwdTgtRouteConfigSm> routeConfigSm(ForwardingTarget target, BgpVrfIdBase vrfId, AfiSafi afiSafi) const;
    // Builds the state and state machine of every registered forwarding target that has none
    // (after the plugins and the VRFs are there), and tells those built of new tables.
    void forwardingTargetsIs();

@@ -2,12 +2,15 @@
 // control sockets.
 #include "agent/Agent.h"
 
+#include "host/mnemo/SlateSegment.h"
+
 #include <gtest/gtest.h>
 
 #include <asio/post.hpp>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <fstream>
+#include <unistd.h>
 #include <thread>
 
 namespace Flowspecd {
@@ -26,9 +29,18 @@ std::uint16_t freePort(char const* address) {
    return a.local_endpoint().port();
 }
 
+// An FSIB prefix of this test process's own, so that parallel tests never share a segment.
+std::string fsibPrefix(char const* who) { return std::string("agenttest-") + who + "-" + std::to_string(getpid()); }
+
+// Removes the FSIB segment an agent of `prefix` left behind.
+void unlinkFsib(std::string const& prefix) {
+   if (auto name = Mnemo::EntityManager(prefix).segmentName(Mnemo::fsibPath)) Mnemo::unlinkSlateSegment(*name);
+}
+
 AgentConfig config(std::string const& self, std::uint16_t port, std::string const& peer, std::uint16_t peerPort,
                    std::uint32_t as, std::uint32_t peerAs, bool passive, std::string const& socket) {
-   std::string const text = "router-id = \"" + self + "\"\nlocal-as = " + std::to_string(as) + "\nlisten = [\"" + self +
+   std::string const text = "fsib-prefix = \"" + fsibPrefix(self.c_str() + 8) + "\"\n" +
+                            "router-id = \"" + self + "\"\nlocal-as = " + std::to_string(as) + "\nlisten = [\"" + self +
                             ":" + std::to_string(port) + "\"]\ncontrol-socket = \"" + socket +
                             "\"\n[[neighbor]]\naddress = \"" + peer + "\"\nport = " + std::to_string(peerPort) +
                             "\nremote-as = " + std::to_string(peerAs) + "\nhold-time = 3\nconnect-retry = 1\npassive = " +
@@ -112,6 +124,47 @@ TEST(Agent, TwoAgentsPeerAndShowTheirSessions) {
    asio::post(io, [&] { b->stop(); });
    loop.join(); // the loop runs out of work once both agents are stopped
    EXPECT_FALSE(controlRequest(sockB, "show neighbors", 1s).ok());
+   a = nullptr;
+   b = nullptr;
+   unlinkFsib(fsibPrefix("31"));
+   unlinkFsib(fsibPrefix("32"));
+}
+
+// One FSIB has one writer: a second agent on the same fsib-prefix does not start, and says
+// why; with the first gone it starts.
+TEST(Agent, SecondAgentOnOneFsibIsRefusedAtStart) {
+   asio::io_context io;
+   QuietLogger logger;
+   std::string const dir = testing::TempDir();
+   auto first = Ovk::makePtr<Agent>(io, config("127.0.0.35", freePort("127.0.0.35"), "127.0.0.36", 179, 1, 2, true,
+                                               dir + "/flowspecd-agent-test-d.sock"), logger);
+   ASSERT_TRUE(first->start().ok());
+   AgentConfig same = config("127.0.0.35", freePort("127.0.0.35"), "127.0.0.36", 179, 1, 2, true,
+                             dir + "/flowspecd-agent-test-e.sock");
+   auto second = Ovk::makePtr<Agent>(io, same, logger);
+   auto const r = second->start();
+   ASSERT_FALSE(r.ok());
+   EXPECT_NE(r.reason().find("cannot write the FSIB /" + fsibPrefix("35") + ".routing.bgp.flowspec"), std::string::npos)
+       << r.reason();
+   first = nullptr;
+   second = Ovk::makePtr<Agent>(io, same, logger);
+   EXPECT_TRUE(second->start().ok());
+   second = nullptr;
+   unlinkFsib(fsibPrefix("35"));
+}
+
+// A plugin library that is not there stops the start, naming the path and the loader's reason.
+TEST(Agent, MissingPluginLibraryIsAClearError) {
+   asio::io_context io;
+   QuietLogger logger;
+   AgentConfig c = config("127.0.0.37", freePort("127.0.0.37"), "127.0.0.38", 179, 1, 2, true,
+                          testing::TempDir() + "/flowspecd-agent-test-f.sock");
+   c.pluginPath = "/nonexistent/libBgpFlowspec.so";
+   auto a = Ovk::makePtr<Agent>(io, c, logger);
+   auto const r = a->start();
+   ASSERT_FALSE(r.ok());
+   EXPECT_NE(r.reason().find("cannot load the plugin library /nonexistent/libBgpFlowspec.so: "), std::string::npos)
+       << r.reason();
 }
 
 TEST(Agent, ListenFailureIsReported) {
@@ -124,6 +177,8 @@ TEST(Agent, ListenFailureIsReported) {
    auto r = a->start();
    ASSERT_FALSE(r.ok());
    EXPECT_NE(r.reason().find("cannot listen on 127.0.0.33:" + std::to_string(port)), std::string::npos) << r.reason();
+   a = nullptr;
+   unlinkFsib(fsibPrefix("33"));
 }
 
 TEST(ControlSocket, StaleFileIsReplacedButOthersAreKept) {

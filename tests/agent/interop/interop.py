@@ -132,8 +132,11 @@ class Agent:
         self.workdir = workdir
         self.socket = os.path.join(workdir, "flowspecd.sock")
         self.config = os.path.join(workdir, "flowspecd.toml")
+        # An FSIB of the test's own: tests running side by side never share one.
+        self.fsib_prefix = f"interop-{os.getpid()}"
         lines = [f'router-id = "{router_id or address}"', f"local-as = {LOCAL_AS}",
-                 f'listen = ["{address}:{port}", "[::1]:{port}"]', f'control-socket = "{self.socket}"']
+                 f'listen = ["{address}:{port}", "[::1]:{port}"]', f'control-socket = "{self.socket}"',
+                 f'fsib-prefix = "{self.fsib_prefix}"']
         for n in neighbors:
             lines += ["", "[[neighbor]]"]
             for k, v in n.items():
@@ -176,7 +179,12 @@ class Agent:
         return wait_until(f"neighbor {address} {state}", ok, timeout)
 
     def stop(self):
-        return self.proc.stop() if self.proc else None
+        status = self.proc.stop() if self.proc else None
+        try:
+            os.unlink(f"/dev/shm/{self.fsib_prefix}.routing.bgp.flowspec")
+        except OSError:
+            pass
+        return status
 
 
 

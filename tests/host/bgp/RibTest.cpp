@@ -76,22 +76,25 @@ TEST(RibTest, DecisionProcessOneRowPerTieBreak) {
    RibSource const ext2 = sources->sourceIs(peerOf("10.0.0.2", 65003, 4));
    RibSource const int1 = sources->sourceIs(peerOf("10.0.0.3", 65001, 3));
    RibSource const ext3 = sources->sourceIs(peerOf("10.0.0.4", 65002, 5));
+   // The rows point at attribute sets the table would hold; here `held` holds them.
+   std::vector<Ovk::Ptr<RtAttr const>> held;
+   auto hold = [&held](Ovk::Ptr<RtAttr const> a) -> Ovk::Ptr<RtAttr const> const& { return held.emplace_back(std::move(a)); };
    struct Row {
       char const* name;
       RibPath winner;
       RibPath loser;
    };
    Row const rows[] = {
-       {"higher LOCAL_PREF", {env.attr(200, 5).ptr(), ext1}, {env.attr(100, 1).ptr(), ext2}},
-       {"shorter AS_PATH", {env.attr(100, 1).ptr(), ext1}, {env.attr(100, 2).ptr(), ext2}},
-       {"lower ORIGIN", {env.attr(100, 1, BgpOrigin::igp).ptr(), ext1}, {env.attr(100, 1, BgpOrigin::egp).ptr(), ext2}},
-       {"lower MED, same neighbour AS", {env.attr(100, 1, BgpOrigin::igp, 5).ptr(), ext1},
-        {env.attr(100, 1, BgpOrigin::igp, 10).ptr(), ext3}},
-       {"the agent's own path", {env.attr(100, 1).ptr(), kLocalRibSource}, {env.attr(100, 1).ptr(), ext1}},
-       {"external over internal", {env.attr(100, 1).ptr(), ext1}, {env.attr(100, 1, BgpOrigin::igp, {}, 65001).ptr(), int1}},
-       {"lower router id (MED of other ASes ignored)", {env.attr(100, 1, BgpOrigin::igp, 50, 65003).ptr(), ext2},
-        {env.attr(100, 1, BgpOrigin::igp, 5, 65002).ptr(), ext1}},
-       {"lower peer address", {env.attr(100, 1).ptr(), ext1}, {env.attr(100, 1).ptr(), ext3}},
+       {"higher LOCAL_PREF", {hold(env.attr(200, 5)).ptr(), ext1}, {hold(env.attr(100, 1)).ptr(), ext2}},
+       {"shorter AS_PATH", {hold(env.attr(100, 1)).ptr(), ext1}, {hold(env.attr(100, 2)).ptr(), ext2}},
+       {"lower ORIGIN", {hold(env.attr(100, 1, BgpOrigin::igp)).ptr(), ext1}, {hold(env.attr(100, 1, BgpOrigin::egp)).ptr(), ext2}},
+       {"lower MED, same neighbour AS", {hold(env.attr(100, 1, BgpOrigin::igp, 5)).ptr(), ext1},
+        {hold(env.attr(100, 1, BgpOrigin::igp, 10)).ptr(), ext3}},
+       {"the agent's own path", {hold(env.attr(100, 1)).ptr(), kLocalRibSource}, {hold(env.attr(100, 1)).ptr(), ext1}},
+       {"external over internal", {hold(env.attr(100, 1)).ptr(), ext1}, {hold(env.attr(100, 1, BgpOrigin::igp, {}, 65001)).ptr(), int1}},
+       {"lower router id (MED of other ASes ignored)", {hold(env.attr(100, 1, BgpOrigin::igp, 50, 65003)).ptr(), ext2},
+        {hold(env.attr(100, 1, BgpOrigin::igp, 5, 65002)).ptr(), ext1}},
+       {"lower peer address", {hold(env.attr(100, 1)).ptr(), ext1}, {hold(env.attr(100, 1)).ptr(), ext3}},
    };
    for (Row const& r : rows) {
       SCOPED_TRACE(r.name);

@@ -1,0 +1,158 @@
+// The forwarding export: the best route of every flowspec rule becomes one Flowspec::Rule in
+// the FSIB, with the rule's match and the actions its communities ask for.
+//
+// One FlowspecRouteConfigSm runs per VRF and flowspec family (the agent makes them through
+// FlowspecRouteConfigSmFactory, hook 6). It mounts the FSIB when it starts, empties it and
+// walks every route of its table; from then on each change of a best route (handleRouteEntry)
+// adds, replaces or deletes exactly that rule. Communities are read IPv6-address-specific
+// list first, then the other list, each in its own order:
+//   traffic-rate 0          drop;       any other rate  police at that rate (bytes/s);
+//   traffic-action          sample and terminal flags;  traffic-marking  set DSCP;
+//   redirect to IPv4/IPv6   the address, chosen among several by shouldExport (below);
+//   redirect to next hop    the path's next hop, likewise;
+//   redirect to VRF         through the route-target import configuration
+//                           (FlowspecRedirectVrfId.h).
+// Rules the forwarding plane cannot honour (a won't-export reason) never reach the FSIB; a
+// full FSIB refuses new rules, which are counted and never overwrite one.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "BgpFlowspec/FlowspecRedirectVrfId.h"
+#include "BgpFlowspec/FlowspecRouteKey.h"
+#include "host/bgp/FwdTgt.h"
+#include "host/bgp/PathAttributes.h"
+#include "host/bgp/RtImport.h"
+#include "host/flowspec/RuleSet.h"
+#include "host/mnemo/EntityManager.h"
+#include "host/plugin/Plugin.h"
+
+namespace Routing::Bgp::FlowspecPlugin {
+
+// ---- Which redirect wins ----
+
+// Whether a redirect to an IPv4 address may set the rule's redirect, given the redirect
+// chosen so far: never on IPv6 flowspec; always when none is chosen; on equal copy flags the
+// later one wins; otherwise only a non-copy redirect replaces a copy one.
+bool shouldExport(AfiSafi afiSafi, FlowspecExtCommRedirectIpv4 const* extComm, Flowspec::TrafficRedirect const& current);
+// The same for an IPv6 address, never on IPv4 flowspec.
+bool shouldExport(AfiSafi afiSafi, FlowspecExtCommRedirectIpv6 const* extComm, Flowspec::TrafficRedirect const& current);
+// Whether a redirect to the path's next hop (at `nexthopAddr`) may set the redirect: never
+// without an address; always when none is chosen; over a copy redirect when it is not one;
+// otherwise the earlier redirect stays (a tie keeps the first, unlike the address kinds).
+bool shouldExport(FlowspecExtCommRedirectNexthop const* extComm, Ovnet::IpGenAddr const& nexthopAddr,
+                  Flowspec::TrafficRedirect const& current);
+
+class FlowspecVpnAfiSafiReactor;
+
+class FlowspecRouteConfigSm : public FwdTgtRouteConfigSm {
+ public:
+   // Builds the state machine, mounts the FSIB and starts the export (handleInitialized).
+   FlowspecRouteConfigSm(BgpVrfIdBase vrfIdBase, AfiSafi afiSafi, Ovk::Ptr<RibRouteVrfAfiSafiFwdTgtTable> routeTable,
+                         Ovk::Ptr<Mnemo::EntityManager> entityManager, Ovk::Ptr<RtToVrfIdList> rtToVrfIdList,
+                         Ovk::Ptr<CoreDedupTables> coreDedupTables, Ovk::Ptr<FlowspecRkToRedirVrfId> rkToRedirVrfId);
+   static Ovk::FwkType const& classFwkType();
+   virtual Ovk::FwkType const& fwkType() const;
+
+   // The best route of `key` changed: the FSIB's rule of it follows.
+   void handleRouteEntry(RouteKey const* baseRouteKey) override;
+   // Mounts "routing/bgp/flowspec", empties it, walks every route, attaches the import
+   // configuration's reactors.
+   void handleInitialized();
+   // Unmounts the FSIB and drops the reactors; later changes are deferred.
+   void handleDestroyed() override;
+
+   // The reactions to the top level of the import configuration.
+   void handleRtAfiSafi(AfiSafi afiSafi);
+   void handleRtAfiSafiAll();
+
+   Ovk::Ptr<Flowspec::RuleSet> const& fsib() const { return fsib_; }
+   void fsibIs(Ovk::Ptr<Flowspec::RuleSet> fsib) { fsib_ = std::move(fsib); }
+   FlowspecVpnAfiSafiReactor* vpnAfiSafiReactor() const { return vpnAfiSafiReactor_.get(); }
+   void vpnAfiSafiReactorIs(std::unique_ptr<FlowspecVpnAfiSafiReactor> reactor);
+   Ovk::Ptr<Mnemo::EntityManager> const& entityManager() const { return entityManager_; }
+   Ovk::Ptr<RtToVrfIdList> const& rtToVrfIdList() const { return rtToVrfIdList_; }
+   Ovk::Ptr<CoreDedupTables> const& coreDedupTables() const { return coreDedupTables_; }
+   Ovk::Ptr<FlowspecRkToRedirVrfId> const& rkToRedirVrfId() const { return rkToRedirVrfId_; }
+
+   // The unicast and VPN families redirect-to-VRF route targets are looked up in.
+   AfiSafi redirVrfRtAfiSafi() const;
+   AfiSafi redirVrfVpnAfiSafi() const;
+
+   // Route target -> the rules that named it.
+   FlowspecRouteKeySet* rtToRouteKeySet(ExtComm const* rt) const;
+   FlowspecRouteKeySet& rtToRouteKeySetIs(Ovk::Ptr<ExtComm const> const& rt);
+   void rtToRouteKeySetDel(ExtComm const* rt);
+   void rtToRouteKeySetDelAll() { rtToRouteKeySet_.clear(); }
+   std::unordered_map<ExtComm const*, Ovk::Ptr<FlowspecRouteKeySet>> const& rtToRouteKeySets() const {
+      return rtToRouteKeySet_;
+   }
+   // Re-translates every rule of every route target's set.
+   void retranslateAll();
+
+   // Empty when the rule is in the FSIB; else why not: the won't-export reason, no best
+   // route, the FSIB full, or not mounted.
+   std::string notInForwardingReason(RouteKey const& key) const override;
+
+ protected:
+   ~FlowspecRouteConfigSm() override;
+
+ private:
+   class RtAfiSafiReactor;
+   // Removes the key from every route target's set, and from the redirect-VRF map.
+   void forgetRedirects(FlowspecRouteKey const& key);
+
+   Ovk::Ptr<Mnemo::EntityManager> entityManager_;
+   Ovk::Ptr<RtToVrfIdList> rtToVrfIdList_;
+   std::unique_ptr<RtAfiSafiReactor> rtAfiSafiReactor_;
+   Ovk::Ptr<CoreDedupTables> coreDedupTables_;
+   std::unordered_map<ExtComm const*, Ovk::Ptr<FlowspecRouteKeySet>> rtToRouteKeySet_;
+   Ovk::Ptr<FlowspecRkToRedirVrfId> rkToRedirVrfId_;
+   Ovk::Ptr<Flowspec::RuleSet> fsib_;
+   std::unique_ptr<FlowspecVpnAfiSafiReactor> vpnAfiSafiReactor_;
+   // The rules in the FSIB: a full FSIB refuses any other without the slate key being built.
+   std::unordered_set<FlowspecRouteKey const*> inFsib_;
+};
+
+// One community of the flowspec classification, applied to the rule being built (one
+// instantiation per list kind, with one body).
+template <class C>
+void translateExtComm(FlowspecRouteConfigSm& sm, C const* extComm, PathAttributesContents const& pathAttrs,
+                      Flowspec::Rule& rule, Flowspec::ActionFieldSet& actions, bool& redirectNexthopIpSet,
+                      FlowspecRouteKey const& routeKey);
+
+// A redirect-to-VRF community (its route target's type, subtype and the community's value).
+void translateRedirVrf(FlowspecRouteConfigSm& sm, Flowspec::Rule& rule, Flowspec::ActionFieldSet& actions,
+                       bool redirectNexthopIpSet, FlowspecRouteKey const& routeKey, std::uint8_t rtType,
+                       std::uint8_t rtSubtype, std::uint64_t value);
+
+// Hook 6: the export state machine of each VRF's flowspec table.
+class FlowspecRouteConfigSmFactory : public Plugin::RouteConfigSmFactoryBase {
+ public:
+   FlowspecRouteConfigSmFactory(AfiSafi afiSafi, Ovk::Ptr<Mnemo::EntityManager> entityManager,
+                                Ovk::Ptr<RtToVrfIdList> rtToVrfIdList, Ovk::Ptr<CoreDedupTables> coreDedupTables,
+                                Ovk::Ptr<FlowspecRkToRedirVrfId> rkToRedirVrfId);
+   static Ovk::FwkType const& classFwkType();
+   virtual Ovk::FwkType const& fwkType() const;
+
+   Ovk::Ptr<FwdTgtRouteConfigSm> instantiate(BgpVrfIdBase const& vrfIdBase,
+                                             Ovk::Ptr<RibRouteVrfAfiSafiFwdTgtTable> const& routeTable,
+                                             Ovk::Ptr<NexthopListMapBase const> const& nexthopListMap) override;
+   // The FSIB stays as it is for the forwarding plane; the state machine writes no more.
+   void detach(Ovk::Ptr<FwdTgtRouteConfigSm> const& sm) override;
+
+ protected:
+   ~FlowspecRouteConfigSmFactory() override = default;
+
+ private:
+   Ovk::Ptr<Mnemo::EntityManager> entityManager_;
+   Ovk::Ptr<RtToVrfIdList> rtToVrfIdList_;
+   Ovk::Ptr<CoreDedupTables> coreDedupTables_;
+   Ovk::Ptr<FlowspecRkToRedirVrfId> rkToRedirVrfId_;
+};
+
+} // namespace Routing::Bgp::FlowspecPlugin

@@ -1,0 +1,359 @@
+// The forwarding export over a real context (the plugin started as the agent starts it), a
+// real RIB table and the FSIB in shared memory under a prefix of the test's own.
+#include "BgpFlowspec/FlowspecFsibExport.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <bit>
+#include <cstring>
+
+#include "BgpFlowspec/FlowspecParseNlri.h"
+#include "host/mnemo/SlateSegment.h"
+#include "host/plugin/PluginHost.h"
+
+namespace Routing::Bgp::FlowspecPlugin {
+namespace {
+
+using Flowspec::ActionFieldSet;
+
+// Community values.
+std::uint64_t rate(float bytesPerSecond) {
+   return std::uint64_t{0x8006} << 48 | std::uint64_t{std::bit_cast<std::uint32_t>(bytesPerSecond)};
+}
+std::uint64_t trafficAction(std::uint8_t flags) { return std::uint64_t{0x8007} << 48 | flags; }
+std::uint64_t marking(std::uint8_t dscp) { return std::uint64_t{0x8009} << 48 | dscp; }
+std::uint64_t redirectIpv4(char const* addr, bool copy) {
+   return std::uint64_t{0x010c} << 48 | std::uint64_t{Ovnet::IpGenAddr::parse(addr)->ipv4HostOrder()} << 16 | (copy ? 1u : 0u);
+}
+std::uint64_t redirectNexthop(bool copy) { return std::uint64_t{0x0800} << 48 | (copy ? 1u : 0u); }
+std::uint64_t redirectVrf(std::uint16_t as, std::uint32_t local) {
+   return std::uint64_t{0x8008} << 48 | std::uint64_t{as} << 32 | local;
+}
+std::array<std::uint8_t, 20> redirectIpv6(char const* addr, bool copy) {
+   std::array<std::uint8_t, 20> b{};
+   b[1] = 0x0c;
+   Ovnet::IpGenAddr const a = *Ovnet::IpGenAddr::parse(addr);
+   std::memcpy(b.data() + 2, a.bytes().data(), 16);
+   b[19] = copy ? 1 : 0;
+   return b;
+}
+
+class ExportEnv {
+ public:
+   ExportEnv() {
+      Plugin::Context::Options o;
+      o.attributeCacheStatus = Hoard::AttributeCacheStatus::create();
+      o.entityManager = Ovk::makePtr<Mnemo::EntityManager>(prefix_);
+      context = Plugin::startPlugins(std::move(o));
+      source = context->ribSources()->sourceIs(
+          BgpPeer{*Ovnet::IpGenAddr::parse("192.0.2.9"), 65002, 65001, 9, BgpVrfIdBase{}});
+   }
+   ~ExportEnv() {
+      context->shutdown();
+      context = nullptr;
+      if (auto name = Mnemo::EntityManager(prefix_).segmentName(Mnemo::fsibPath)) Mnemo::unlinkSlateSegment(*name);
+   }
+
+   RibTable& table(bool v6 = false) const {
+      return *context->allVrfInstanceStatus().at(BgpVrfIdBase{})->ribTable(v6 ? AfiSafi::ipv6Flowspec() : AfiSafi::ipv4Flowspec());
+   }
+   FlowspecRouteConfigSm& sm(bool v6 = false) const {
+      auto sm = context->routeConfigSm(ForwardingTarget::flowspec, BgpVrfIdBase{}, v6 ? AfiSafi::ipv6Flowspec() : AfiSafi::ipv4Flowspec());
+      auto* export_ = dynamic_cast<FlowspecRouteConfigSm*>(sm.ptr());
+      OVK_ASSERT(export_ != nullptr);
+      return *export_;
+   }
+   FlowspecRouteKey::PtrConst key(char const* text, bool v6 = false) const {
+      auto const* tables = context->dedupTablesVrf(BgpVrfIdBase{})->dedupTablesVrfAfiSafi(v6 ? AfiSafi::ipv6Flowspec() : AfiSafi::ipv4Flowspec());
+      FlowspecRouteKey::Ptr k = flowspecRouteKeyFactory(v6 ? Afi::afiIpv6 : Afi::afiIpv4);
+      EXPECT_TRUE(k->copyInStrCli(text)) << text;
+      auto canonical = k->dedupRouteKey(tables->routeKeyDedupTableRawPtr());
+      return FlowspecRouteKey::PtrConst(static_cast<FlowspecRouteKey const*>(canonical.ptr()));
+   }
+   Ovk::Ptr<RtAttr const> attrs(std::vector<std::uint64_t> comms, std::vector<std::array<std::uint8_t, 20>> comms6 = {},
+                                char const* nexthop = nullptr, bool v6 = false) const {
+      PathAttributesContents c;
+      c.origin = BgpOrigin::igp;
+      auto const* rules = context->parseExtCommRuleCollections().ptr();
+      for (std::uint64_t v : comms) c.extCommList.push(context->coreDedupTables()->extCommIs(rules->create(v)));
+      for (auto const& b : comms6) c.extCommIp6List.push(context->coreDedupTables()->extCommIp6Is(rules->create(b)));
+      auto const* tables = context->dedupTablesVrf(BgpVrfIdBase{})->dedupTablesVrfAfiSafi(v6 ? AfiSafi::ipv6Flowspec() : AfiSafi::ipv4Flowspec());
+      Ovnet::IpGenAddr const addr = nexthop ? *Ovnet::IpGenAddr::parse(nexthop) : Ovnet::IpGenAddr();
+      auto nh = flowspecGenNexthopFactory(v6 ? Afi::afiIpv6 : Afi::afiIpv4, addr, Ovk::String());
+      c.nexthop = nh->dedup(Ovk::Ptr<GenNexthopDedupTableBase const>(tables->nexthopDedupTableRawPtr()), false);
+      return context->rtAttrDedupTable()->rtAttrIs(std::move(c));
+   }
+   void announce(FlowspecRouteKey const& k, Ovk::Ptr<RtAttr const> const& a, bool v6 = false) const {
+      table(v6).pathIs(k, source, a);
+      table(v6).flushChanges();
+   }
+   void withdraw(FlowspecRouteKey const& k, bool v6 = false) const {
+      table(v6).pathDel(k, source);
+      table(v6).flushChanges();
+   }
+   std::optional<Flowspec::Rule> rule(FlowspecRouteKey const& k, bool v6 = false) const {
+      Flowspec::FlowspecSlateKey slate;
+      slate.copyInFlowspecKey(k.slateKey());
+      return sm(v6).fsib()->rule(slate);
+   }
+   // Route target `value` imported by VRF `vrfId` in both families, or none when 0.
+   void importIs(std::uint64_t rt, std::uint32_t vrfId) const {
+      for (auto [rtFamily, vpnFamily] : {std::pair{kIpv4UnicastAfiSafi, kVpnIpv4AfiSafi}, std::pair{kIpv6UnicastAfiSafi, kVpnIpv6AfiSafi}}) {
+         RtToVrfIdList& top = *context->rtToVrfIdList();
+         if (!top.find(rtFamily)) top.set(rtFamily, AfiSafiRtToVrfIdList::create());
+         AfiSafiRtToVrfIdList& byVpn = **top.find(rtFamily);
+         if (!byVpn.find(vpnFamily)) byVpn.set(vpnFamily, VpnRtToVrfIdList::create());
+         VpnRtToVrfIdList& byRt = **byVpn.find(vpnFamily);
+         auto const key = context->coreDedupTables()->extCommIs(ExtComm::createBase(rt));
+         if (vrfId == 0) {
+            byRt.del(key);
+         } else {
+            auto list = VrfIdList::create();
+            list->vrfs[vrfId] = BgpVrfIdBase(vrfId);
+            byRt.set(key, list);
+         }
+      }
+   }
+
+   Ovk::Ptr<Plugin::Context> context;
+   RibSource source = 0;
+
+ private:
+   std::string prefix_ = "exporttest-" + std::to_string(getpid());
+};
+
+constexpr std::uint64_t kRt100 = std::uint64_t{0x0002} << 48 | std::uint64_t{65000} << 32 | 100; // 65000:100
+
+// ---- Translation: one row per community kind and per combination that matters ----
+
+TEST(FlowspecFsibExportTest, TranslationTable) {
+   ExportEnv env;
+   env.importIs(kRt100, 10);
+   struct Row {
+      char const* name;
+      std::vector<std::uint64_t> comms;
+      std::vector<std::array<std::uint8_t, 20>> comms6;
+      char const* nexthop;
+      std::uint32_t actions;
+      float rate;
+      std::uint32_t trafficAction;
+      std::uint8_t dscp;
+      std::uint32_t vrf;
+      char const* address; // "" for none
+      bool copy;
+   };
+   constexpr std::uint32_t none = Flowspec::TrafficRedirect::noVrfId;
+   Row const rows[] = {
+       {"no community", {}, {}, nullptr, Flowspec::actionNone, 0, 0, 0, none, "", false},
+       {"rate 0 drops", {rate(0)}, {}, nullptr, Flowspec::actionDrop, 0, 0, 0, none, "", false},
+       {"rate polices", {rate(1250)}, {}, nullptr, Flowspec::actionPolice, 1250, 0, 0, none, "", false},
+       {"zero and non-zero rate", {rate(0), rate(500)}, {}, nullptr, Flowspec::actionDrop | Flowspec::actionPolice, 500, 0, 0, none, "", false},
+       {"both traffic-action flags", {trafficAction(3)}, {}, nullptr, Flowspec::actionTrafficAction, 0, 3, 0, none, "", false},
+       {"no traffic-action flag", {trafficAction(0)}, {}, nullptr, Flowspec::actionNone, 0, 0, 0, none, "", false},
+       {"a later empty traffic-action clears", {trafficAction(2), trafficAction(0)}, {}, nullptr, Flowspec::actionTrafficAction, 0, 0, 0, none, "", false},
+       {"DSCP 0xff is 0x3f", {marking(0xff)}, {}, nullptr, Flowspec::actionSetDscp, 0, 0, 0x3f, none, "", false},
+       {"redirect to IP gets this VRF", {redirectIpv4("198.51.100.1", false)}, {}, nullptr, Flowspec::actionRedirect, 0, 0, 0, 0, "198.51.100.1", false},
+       {"VRF then IPv4 redirect: both", {redirectVrf(65000, 100), redirectIpv4("198.51.100.1", false)}, {}, nullptr, Flowspec::actionRedirect, 0, 0, 0, 10, "198.51.100.1", false},
+       {"next hop then VRF in one list: only the VRF", {redirectNexthop(false), redirectVrf(65000, 100)}, {}, "192.0.2.7", Flowspec::actionRedirect, 0, 0, 0, 10, "", false},
+       {"two non-copy IPv4: the later", {redirectIpv4("198.51.100.1", false), redirectIpv4("198.51.100.2", false)}, {}, nullptr, Flowspec::actionRedirect, 0, 0, 0, 0, "198.51.100.2", false},
+       {"copy after non-copy is ignored", {redirectIpv4("198.51.100.1", false), redirectIpv4("198.51.100.2", true)}, {}, nullptr, Flowspec::actionRedirect, 0, 0, 0, 0, "198.51.100.1", false},
+       {"non-copy after copy takes over", {redirectIpv4("198.51.100.1", true), redirectIpv4("198.51.100.2", false)}, {}, nullptr, Flowspec::actionRedirect, 0, 0, 0, 0, "198.51.100.2", false},
+       {"two next hops of one copy flag: the first", {redirectIpv4("198.51.100.1", false), redirectNexthop(false)}, {}, "192.0.2.7", Flowspec::actionRedirect, 0, 0, 0, 0, "198.51.100.1", false},
+       {"next hop without address", {redirectNexthop(false)}, {}, nullptr, Flowspec::actionNone, 0, 0, 0, none, "", false},
+       {"non-copy next hop over a copy address", {redirectIpv4("198.51.100.1", true), redirectNexthop(false)}, {}, "192.0.2.7", Flowspec::actionRedirect, 0, 0, 0, 0, "192.0.2.7", false},
+       {"IPv6 redirect on IPv4 flowspec", {}, {redirectIpv6("2001:db8::1", false)}, nullptr, Flowspec::actionNone, 0, 0, 0, none, "", false},
+       {"unresolved VRF redirect", {redirectVrf(65000, 999)}, {}, nullptr, Flowspec::actionNone, 0, 0, 0, none, "", false},
+   };
+   int i = 0;
+   for (Row const& r : rows) {
+      SCOPED_TRACE(r.name);
+      auto const k = env.key(("10.0." + std::to_string(i++) + ".0/24;*;").c_str());
+      env.announce(*k, env.attrs(r.comms, r.comms6, r.nexthop));
+      auto const rule = env.rule(*k);
+      ASSERT_TRUE(rule);
+      EXPECT_EQ(rule->actions, ActionFieldSet(r.actions));
+      EXPECT_EQ(rule->rate, r.rate);
+      EXPECT_EQ(rule->trafficAction, r.trafficAction);
+      EXPECT_EQ(rule->dscp, r.dscp);
+      EXPECT_EQ(rule->trafficRedirect.vrfId, r.vrf);
+      EXPECT_EQ(rule->trafficRedirect.address.isUnspecified() ? "" : rule->trafficRedirect.address.str(), r.address);
+      EXPECT_EQ(rule->trafficRedirect.copy, r.copy);
+      EXPECT_EQ(rule->ruleId, static_cast<std::uint32_t>(k->ruleId()));
+   }
+   // An IPv4 redirect on IPv6 flowspec is never exported either.
+   auto const k6 = env.key("2001:db8::/32;*;", true);
+   env.announce(*k6, env.attrs({redirectIpv4("198.51.100.1", false)}, {}, nullptr, true), true);
+   EXPECT_EQ(env.rule(*k6, true)->actions, ActionFieldSet(Flowspec::actionNone));
+   env.announce(*k6, env.attrs({}, {redirectIpv6("2001:db8::1", true)}, nullptr, true), true);
+   EXPECT_EQ(env.rule(*k6, true)->trafficRedirect.address.str(), "2001:db8::1");
+   EXPECT_TRUE(env.rule(*k6, true)->trafficRedirect.copy);
+}
+
+// A rule forwarding cannot honour never reaches the FSIB, and says why.
+TEST(FlowspecFsibExportTest, UnexportableRulesStayOut) {
+   ExportEnv env;
+   auto const k = env.key("10.0.0.0/8;*;protocol =6;");
+   auto const* tables = env.context->dedupTablesVrf(BgpVrfIdBase{})->dedupTablesVrfAfiSafi(AfiSafi::ipv4Flowspec());
+   FlowspecRouteKey::Ptr odd = flowspecRouteKeyFactory(Afi::afiIpv4);
+   odd->copyInStrCli("10.9.0.0/16;*;protocol =6;");
+   FlowspecWontExportReason reason;
+   reason.componentTypeMoreThanOnceIs(true);
+   odd->wontExportReasonIs(reason);
+   auto canonical = odd->dedupRouteKey(tables->routeKeyDedupTableRawPtr());
+   auto const& unexportable = static_cast<FlowspecRouteKey const&>(*canonical);
+   env.announce(unexportable, env.attrs({rate(0)}));
+   env.announce(*k, env.attrs({rate(0)}));
+   EXPECT_FALSE(env.rule(unexportable));
+   EXPECT_TRUE(env.rule(*k));
+   EXPECT_EQ(env.sm().notInForwardingReason(unexportable), "cannot be forwarded: component type repeated");
+   EXPECT_EQ(env.sm().notInForwardingReason(*k), "");
+   EXPECT_EQ(env.sm().exportCounters().notExportable, 1u);
+}
+
+// Withdrawals and best-path changes follow; the FSIB holds exactly the best routes.
+TEST(FlowspecFsibExportTest, RulesFollowTheirBestRoutes) {
+   ExportEnv env;
+   auto const k = env.key("192.0.2.0/24;*;destination-port =80;");
+   env.announce(*k, env.attrs({rate(0)}));
+   EXPECT_EQ(env.rule(*k)->actions, ActionFieldSet(Flowspec::actionDrop));
+   env.announce(*k, env.attrs({rate(100)}));
+   EXPECT_EQ(env.rule(*k)->actions, ActionFieldSet(Flowspec::actionPolice));
+   EXPECT_EQ(env.sm().fsib()->ruleCount(), 1u);
+   env.withdraw(*k);
+   EXPECT_FALSE(env.rule(*k));
+   EXPECT_EQ(env.sm().notInForwardingReason(*k), "no best path");
+   auto const& c = env.sm().exportCounters();
+   EXPECT_EQ(c.added, 1u);
+   EXPECT_EQ(c.replaced, 1u);
+   EXPECT_EQ(c.deleted, 1u);
+}
+
+// A full FSIB refuses further rules and counts them by the best path's source; what it holds
+// stays. A rule leaving makes room for the next change.
+TEST(FlowspecFsibExportTest, AFullFsibRefusesAndCounts) {
+   ExportEnv env;
+   std::vector<FlowspecRouteKey::PtrConst> keys;
+   auto const a = env.attrs({rate(0)});
+   for (std::uint32_t i = 0; i < Mnemo::fsibRuleCount + 2; ++i) {
+      std::string const text = "10." + std::to_string(i >> 8) + "." + std::to_string(i & 0xff) + ".0/24;*;";
+      keys.push_back(env.key(text.c_str()));
+      env.table().pathIs(*keys.back(), env.source, a);
+   }
+   env.table().flushChanges();
+   EXPECT_EQ(env.sm().fsib()->ruleCount(), Mnemo::fsibRuleCount);
+   auto const& c = env.sm().exportCounters();
+   EXPECT_EQ(c.refusedFull, 2u);
+   EXPECT_EQ(c.refusedFullBySource.at(env.source), 2u);
+   EXPECT_EQ(env.sm().notInForwardingReason(*keys.back()), "FSIB full");
+   EXPECT_TRUE(env.rule(*keys.front()));
+   env.withdraw(*keys.front());
+   env.announce(*keys.back(), env.attrs({rate(5)}));
+   EXPECT_TRUE(env.rule(*keys.back()));
+}
+
+// ---- Redirect to VRF follows the import configuration, level by level ----
+
+TEST(FlowspecFsibExportTest, ImportChangesRetranslateExactlyTheDependentRules) {
+   ExportEnv env;
+   auto const redirected = env.key("10.1.0.0/16;*;");
+   auto const other = env.key("10.2.0.0/16;*;");
+   env.announce(*redirected, env.attrs({redirectVrf(65000, 100)}));
+   env.announce(*other, env.attrs({rate(0)}));
+   // Nothing imports the route target: no redirect, but the rule waits for it.
+   EXPECT_EQ(env.rule(*redirected)->actions, ActionFieldSet(Flowspec::actionNone));
+   // Only the rule that named the route target depends on it.
+   ASSERT_EQ(env.sm().rtToRouteKeySets().size(), 1u);
+   EXPECT_EQ(env.sm().rtToRouteKeySets().begin()->second->routeKey(),
+             (std::unordered_set<FlowspecRouteKey const*>{redirected.ptr()}));
+   // A VRF starts importing it: the waiting rule gains its redirect.
+   env.importIs(kRt100, 12);
+   EXPECT_EQ(env.rule(*redirected)->trafficRedirect.vrfId, 12u);
+   EXPECT_EQ(env.sm().rkToRedirVrfId()->map(redirected.ptr()), (FlowspecRedirVrfId{12, redirectVrf(65000, 100)}));
+   // Another VRF with a lower id imports it too: the lowest wins.
+   {
+      RtToVrfIdList& top = *env.context->rtToVrfIdList();
+      VpnRtToVrfIdList& byRt = **(*top.find(kIpv4UnicastAfiSafi))->find(kVpnIpv4AfiSafi);
+      auto list = VrfIdList::create();
+      list->vrfs[12] = BgpVrfIdBase(12);
+      list->vrfs[11] = BgpVrfIdBase(11);
+      byRt.set(env.context->coreDedupTables()->extCommIs(ExtComm::createBase(kRt100)), list);
+   }
+   EXPECT_EQ(env.rule(*redirected)->trafficRedirect.vrfId, 11u);
+   // The route target goes: the redirect goes.
+   env.importIs(kRt100, 0);
+   EXPECT_EQ(env.rule(*redirected)->actions, ActionFieldSet(Flowspec::actionNone));
+   EXPECT_TRUE(env.sm().rkToRedirVrfId()->map(redirected.ptr()).empty());
+   // Back, then the whole VPN family goes, then the unicast family's entry.
+   env.importIs(kRt100, 12);
+   EXPECT_EQ(env.rule(*redirected)->trafficRedirect.vrfId, 12u);
+   (*env.context->rtToVrfIdList()->find(kIpv4UnicastAfiSafi))->del(kVpnIpv4AfiSafi);
+   EXPECT_EQ(env.rule(*redirected)->actions, ActionFieldSet(Flowspec::actionNone));
+   env.importIs(kRt100, 12);
+   EXPECT_EQ(env.rule(*redirected)->trafficRedirect.vrfId, 12u);
+   env.context->rtToVrfIdList()->del(kIpv4UnicastAfiSafi);
+   EXPECT_EQ(env.rule(*redirected)->actions, ActionFieldSet(Flowspec::actionNone));
+   // The other rule was never translated again.
+   EXPECT_EQ(env.rule(*other)->actions, ActionFieldSet(Flowspec::actionDrop));
+   // Withdrawn, the rule leaves the route target's set.
+   env.withdraw(*redirected);
+   EXPECT_TRUE(env.sm().rtToRouteKeySets().empty());
+}
+
+// ---- Life cycle ----
+
+TEST(FlowspecFsibExportTest, StartEmptiesTheFsibAndEndsWithIt) {
+   std::string const prefix = "exporttest-life-" + std::to_string(getpid());
+   auto em = Ovk::makePtr<Mnemo::EntityManager>(prefix);
+   Mnemo::MountInfo info;
+   info.collectionIs(Mnemo::fsibCollection, Mnemo::fsibRuleCount);
+   ASSERT_EQ(em->doMount(Mnemo::fsibPath, Mnemo::fsibType, info), Mnemo::MountStatus::mounted);
+   auto stale = Ovk::ptrCast<Flowspec::RuleSet>(em->getEntity(Mnemo::fsibPath));
+   Flowspec::Rule r;
+   Flowspec::FlowspecKey fk;
+   ASSERT_TRUE(fk.copyInStrCli("203.0.113.0/24;*;"));
+   r.key.copyInFlowspecKey(fk);
+   ASSERT_EQ(stale->ruleIs(r), Flowspec::RuleIsResult::added);
+   {
+      Plugin::Context::Options o;
+      o.attributeCacheStatus = Hoard::AttributeCacheStatus::create();
+      o.entityManager = em;
+      auto context = Plugin::startPlugins(std::move(o));
+      // The export started from an empty FSIB: the stale rule is gone.
+      EXPECT_EQ(stale->ruleCount(), 0u);
+      auto sm = Ovk::ptrCast<FlowspecRouteConfigSm>(
+          context->routeConfigSm(ForwardingTarget::flowspec, BgpVrfIdBase{}, AfiSafi::ipv4Flowspec()));
+      ASSERT_TRUE(sm);
+      sm->handleDestroyed();
+      EXPECT_FALSE(sm->fsib());
+      // After the end, changes are deferred and change nothing.
+      Ovk::TraceCapture cap(flowspecTraceFacility(), 1u << 8);
+      auto k = flowspecRouteKeyFactory(Afi::afiIpv4);
+      k->copyInStrCli("10.0.0.0/8;*;");
+      auto const* t = context->dedupTablesVrf(BgpVrfIdBase{})->dedupTablesVrfAfiSafi(AfiSafi::ipv4Flowspec());
+      auto canonical = k->dedupRouteKey(t->routeKeyDedupTableRawPtr());
+      sm->handleRouteEntry(canonical.ptr());
+      EXPECT_TRUE(cap.contains("FSIB is not initialized yet, deferring", 8));
+      // Detaching a state machine without a mount does nothing.
+      auto factory = context->afiSafiTable()->helpers(AfiSafi::ipv4Flowspec())->hookAs<FlowspecRouteConfigSmFactory>(
+          Plugin::HookId::routeConfigSmFactory);
+      ASSERT_TRUE(factory);
+      factory->detach(sm);
+      context->shutdown();
+   }
+   em->doUnmount(Mnemo::fsibPath);
+   if (auto name = em->segmentName(Mnemo::fsibPath)) Mnemo::unlinkSlateSegment(*name);
+}
+
+TEST(FlowspecFsibExportDeathTest, DetachOfAnotherKindOfStateMachine) {
+   class Other : public FwdTgtRouteConfigSm {
+    public:
+      Other() : FwdTgtRouteConfigSm(BgpVrfIdBase{}, AfiSafi::ipv4Flowspec(), ForwardingTarget::flowspec, nullptr) {}
+      void handleRouteEntry(RouteKey const*) override {}
+   };
+   auto factory = Ovk::makePtr<FlowspecRouteConfigSmFactory>(AfiSafi::ipv4Flowspec(), nullptr, nullptr, nullptr, nullptr);
+   EXPECT_DEATH(factory->detach(Ovk::makePtr<Other>()), "Assertion `configSm' failed");
+}
+
+} // namespace
+} // namespace Routing::Bgp::FlowspecPlugin
