@@ -109,10 +109,12 @@ void Agent::applyVrfs() {
    Plugin::Context& ctx = *context_;
    // VRFs: gone ones first, then new ones.
    std::vector<BgpVrfIdBase> gone;
-   for (auto const& [id, vrf] : ctx.allVrfInstanceStatus()) {
+   for (auto const& entry : ctx.allVrfInstanceStatus()) {
+      BgpVrfIdBase const id = entry.first;
+      std::string const& name = entry.second->name();
       if (id == BgpL3VrfId::defaultVrfId()) continue;
       bool const kept = std::any_of(config_.vrfs.begin(), config_.vrfs.end(), [&](VrfConfig const& v) {
-         return v.id && *v.id == id.value() && v.name == vrf->name();
+         return v.id && *v.id == id.value() && v.name == name;
       });
       if (!kept) gone.push_back(id);
    }
