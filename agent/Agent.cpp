@@ -82,6 +82,9 @@ Ovk::Result<bool, std::string> Agent::start() {
 }
 
 void Agent::stop() {
+   // The FSIB keeps the rules of the last moment: a mitigation in force stays in force while
+   // the agent is down, and the next start replaces them with what its peers then announce.
+   if (context_) context_->detachForwarding();
    for (auto const& l : listeners_) l->close();
    listeners_.clear();
    if (control_) {

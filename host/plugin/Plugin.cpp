@@ -269,16 +269,18 @@ Ovk::Ptr<FwdTgtRouteConfigSm> Context::routeConfigSm(ForwardingTarget target, Bg
    return root ? root->routeConfigSm(vrfId, afiSafi) : nullptr;
 }
 
-void Context::shutdown() {
-   // The export first, while the RIB it reads is whole; its state machines leave what they
-   // wrote for the forwarding plane.
+void Context::detachForwarding() {
    auto sms = std::move(fwdTgtSms_);
    fwdTgtSms_.clear();
    for (auto& [target, sm] : sms) {
       sm->nonFileDescriptorCleanup();
       sm->hasNotificationActiveIs(false);
    }
-   sms.clear();
+}
+
+void Context::shutdown() {
+   // The export first, while the RIB it reads is whole.
+   detachForwarding();
    std::vector<BgpVrfIdBase> ids;
    for (auto const& [id, vrf] : vrfs_) ids.push_back(id);
    for (BgpVrfIdBase const id : ids) vrfDel(id);

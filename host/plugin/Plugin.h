@@ -492,6 +492,9 @@ class Context : public Ovk::PtrInterface {
    // Stops the forwarding targets' state machines and lets the plugins' objects go: the
    // agent's tear-down, before the context itself goes.
    void shutdown();
+   // The forwarding targets stop following the RIB and leave what they wrote for the
+   // forwarding plane; later changes of the RIB reach no target. Shutdown starts with it.
+   void detachForwarding();
 
  private:
    void addRibTables(VrfInstanceStatus& vrf);

@@ -1,6 +1,8 @@
 // flowspec show neighbors [--json]: the agent's neighbors, as a table or as the agent's
 // JSON answer. flowspec show updates [--json]: what the agent's UPDATE decoder made of each
-// neighbor's UPDATEs (outcomes, per-family counts, rules held, count reasons).
+// neighbor's UPDATEs (outcomes, per-family counts, rules held, count reasons). flowspec show
+// summary [--json]: per VRF and family, the rules in the best-path table, the paths behind
+// them and what the forwarding export did with them.
 #include <iomanip>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -74,6 +76,29 @@ void printUpdates(nlohmann::json const& answer, std::ostream& os) {
    }
 }
 
+// Lines of the "show summary" answer.
+void printSummary(nlohmann::json const& answer, std::ostream& os) {
+   for (auto const& v : answer.at("vrfs")) {
+      os << "VRF " << v.at("name").get<std::string>() << " (id " << v.at("id").get<std::uint64_t>() << ")\n";
+      for (auto const& [family, f] : v.at("families").items()) {
+         os << "  " << std::left << std::setw(15) << family << std::right << std::setw(9)
+            << f.at("rules").get<std::uint64_t>() << " rule(s) " << std::setw(9) << f.at("paths").get<std::uint64_t>()
+            << " path(s)";
+         if (f.contains("fsib")) {
+            auto const& x = f.at("fsib");
+            os << "  FSIB: added " << x.at("added").get<std::uint64_t>() << ", replaced "
+               << x.at("replaced").get<std::uint64_t>() << ", deleted " << x.at("deleted").get<std::uint64_t>()
+               << ", refused (full) " << x.at("refusedFull").get<std::uint64_t>() << ", not exportable "
+               << x.at("notExportable").get<std::uint64_t>();
+         }
+         os << '\n';
+      }
+   }
+   os << "attribute sets: " << answer.at("attributeSets").get<std::uint64_t>() << " held, "
+      << answer.at("attributeSetsBuilt").get<std::uint64_t>() << " built, "
+      << answer.at("attributeSetsReused").get<std::uint64_t>() << " reused\n";
+}
+
 int showAnswer(FlowspecTool::Options const& options, std::string const& request, bool json,
                void (*print)(nlohmann::json const&, std::ostream&)) {
    auto answer = Flowspecd::controlRequest(options.socketPath, request);
@@ -103,21 +128,25 @@ int showAnswer(FlowspecTool::Options const& options, std::string const& request,
    return 0;
 }
 
+// One "show WHAT [--json]" subcommand asking the agent `request`.
+void addShowSubcommand(CLI::App& show, FlowspecTool::Options& options, char const* what, char const* help,
+                       std::string request, void (*print)(nlohmann::json const&, std::ostream&)) {
+   auto* sub = show.add_subcommand(what, help);
+   CLI::Option* json = sub->add_flag("--json")->description("print the agent's JSON answer");
+   sub->callback([&options, json, request, print] {
+      bool const asJson = json->count() > 0;
+      options.run = [&options, asJson, request, print] { return showAnswer(options, request, asJson, print); };
+   });
+}
+
 void addShowCommand(CLI::App& app, FlowspecTool::Options& options) {
    auto* show = app.add_subcommand("show", "show what the agent knows");
    show->require_subcommand(1);
-   auto* neighbors = show->add_subcommand("neighbors", "the BGP neighbors and their sessions");
-   CLI::Option* json = neighbors->add_flag("--json")->description("print the agent's JSON answer");
-   neighbors->callback([&options, json] {
-      bool const asJson = json->count() > 0;
-      options.run = [&options, asJson] { return showAnswer(options, "show neighbors", asJson, printTable); };
-   });
-   auto* updates = show->add_subcommand("updates", "what the UPDATE decoder made of each neighbor's UPDATEs");
-   CLI::Option* updatesJson = updates->add_flag("--json")->description("print the agent's JSON answer");
-   updates->callback([&options, updatesJson] {
-      bool const asJson = updatesJson->count() > 0;
-      options.run = [&options, asJson] { return showAnswer(options, "show updates", asJson, printUpdates); };
-   });
+   addShowSubcommand(*show, options, "neighbors", "the BGP neighbors and their sessions", "show neighbors", printTable);
+   addShowSubcommand(*show, options, "updates", "what the UPDATE decoder made of each neighbor's UPDATEs",
+                     "show updates", printUpdates);
+   addShowSubcommand(*show, options, "summary", "per VRF and family: rules, paths and the FSIB export",
+                     "show summary", printSummary);
 }
 
 const FlowspecTool::SubcommandRegistration registration{"show", addShowCommand};

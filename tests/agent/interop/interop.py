@@ -4,6 +4,7 @@
   interop.py --flowspecd BIN --flowspec BIN peer NAME DIRECTION
         NAME: gobgp, bird, exabgp, frr; DIRECTION: we-connect, they-connect
   interop.py --flowspecd BIN --flowspec BIN faults
+  interop.py --flowspecd BIN --flowspec BIN export
 
 A peer test runs one flowspecd and one peer daemon, each on a 127.0.x.y address of its own
 (and both on ::1 for the IPv6 session, with ports of their own), with two sessions: one
@@ -16,6 +17,9 @@ connects; in "they-connect" flowspecd is passive. Each test checks, in order:
   5. flowspecd's shutdown (SIGTERM) reaches the peer as a Cease.
 The fault test runs flowspecd with one good peer (BIRD) and several misbehaving fake
 peers, and checks each fault gets its NOTIFICATION while the good session stays up.
+The export test runs flowspecd with GoBGP and BIRD announcing rules with every action and
+checks the best paths, and the FSIB as another process reads it, through a withdrawal, a
+reload of the VRF imports, a lost session and a restart of the agent.
 
 Every process is started here, bounded in time, and stopped by its PID. Exit status 0 when
 every check passed; the last lines say what failed and where the logs are.
@@ -127,7 +131,7 @@ class Process:
 class Agent:
     """flowspecd under test."""
 
-    def __init__(self, bins, workdir, address, port, neighbors, router_id=None):
+    def __init__(self, bins, workdir, address, port, neighbors, router_id=None, extra=""):
         self.flowspecd, self.flowspec = bins
         self.workdir = workdir
         self.socket = os.path.join(workdir, "flowspecd.sock")
@@ -141,9 +145,30 @@ class Agent:
             lines += ["", "[[neighbor]]"]
             for k, v in n.items():
                 lines.append(f"{k} = {json.dumps(v)}")
-        with open(self.config, "w") as f:
-            f.write("\n".join(lines) + "\n")
+        self.base_config = "\n".join(lines) + "\n"
+        self.write_config(extra)
         self.proc = None
+
+    def write_config(self, extra):
+        with open(self.config, "w") as f:
+            f.write(self.base_config + extra)
+
+    def reload(self, extra):
+        """Rewrites the configuration with `extra` and tells the agent (SIGHUP)."""
+        self.write_config(extra)
+        os.kill(self.proc.popen.pid, signal.SIGHUP)
+
+    def ask(self, *args):
+        r = subprocess.run([self.flowspec, "--socket", self.socket] + list(args), capture_output=True, text=True,
+                           timeout=10)
+        if r.returncode != 0:
+            raise RuntimeError(f"flowspec {' '.join(args)}: {r.stderr.strip()}")
+        return json.loads(r.stdout)
+
+    def fsib(self):
+        """The FSIB's rules as another process reads them from shared memory, by key."""
+        listing = self.ask("fsib", "--prefix", self.fsib_prefix, "--json")
+        return {r["key"]: r for r in listing["rules"]}
 
     def start(self):
         check = subprocess.run([self.flowspecd, "--check", self.config],
@@ -178,12 +203,13 @@ class Agent:
             return n if n["state"] == state and (extra is None or extra(n)) else None
         return wait_until(f"neighbor {address} {state}", ok, timeout)
 
-    def stop(self):
+    def stop(self, keep_fsib=False):
         status = self.proc.stop() if self.proc else None
-        try:
-            os.unlink(f"/dev/shm/{self.fsib_prefix}.routing.bgp.flowspec")
-        except OSError:
-            pass
+        if not keep_fsib:
+            try:
+                os.unlink(f"/dev/shm/{self.fsib_prefix}.routing.bgp.flowspec")
+            except OSError:
+                pass
         return status
 
 
@@ -320,7 +346,9 @@ class Speaker:
 class Peer:
     name = "?"
 
-    def __init__(self, workdir, address, port, agent_address, agent_port, passive):
+    def __init__(self, workdir, address, port, agent_address, agent_port, passive, asn=PEER_AS, ipv6=True):
+        self.asn = asn
+        self.ipv6 = ipv6
         self.workdir = workdir
         self.address = address
         self.port = port
@@ -331,7 +359,8 @@ class Peer:
 
     def sessions(self):
         """(our neighbor address as the agent sees it, the peer's local address, agent address)"""
-        return [(self.address, self.address, self.agent_address), ("::1", "::1", "::1")]
+        v4 = [(self.address, self.address, self.agent_address)]
+        return v4 + [("::1", "::1", "::1")] if self.ipv6 else v4
 
     def announce(self):
         pass
@@ -368,8 +397,9 @@ class GoBgp(Peer):
     def start(self):
         self.api = free_port(self.address)
         cfg = os.path.join(self.workdir, "gobgpd.toml")
-        lines = ["[global.config]", f"  as = {PEER_AS}", f'  router-id = "{self.address}"', f"  port = {self.port}",
-                 f'  local-address-list = ["{self.address}", "::1"]']
+        local = [self.address] + (["::1"] if self.ipv6 else [])
+        lines = ["[global.config]", f"  as = {self.asn}", f'  router-id = "{self.address}"', f"  port = {self.port}",
+                 f"  local-address-list = {json.dumps(local)}"]
         for _, local, remote in self.sessions():
             lines += ["[[neighbors]]", "  [neighbors.config]", f'    neighbor-address = "{remote}"',
                       f"    peer-as = {LOCAL_AS}", "  [neighbors.timers.config]", f"    hold-time = {HOLD}",
@@ -407,26 +437,33 @@ class GoBgp(Peer):
 
 class Bird(Peer):
     name = "bird"
+    # Static flowspec routes: (flow4 match, extended communities as (generic, hi, lo) pairs).
+    flow4 = [("dst 10.1.0.0/24; proto 6; dport 80, 443;", [(0x80060000, 0)])]
+    flow6 = [("dst 2001:db8:1::/48; next header 17;", [(0x80060000, 0)])]
+    # Extra AS numbers its exports prepend (a longer AS_PATH).
+    prepend = 0
 
     def start(self):
         cfg = os.path.join(self.workdir, "bird.conf")
         self.ctl = os.path.join(self.workdir, "bird.ctl")
+
+        def statics(kind, routes):
+            body = "".join(f"  route {kind} {{ {match} }} {{ " +
+                           "".join(f"bgp_ext_community.add((generic, {hi:#x}, {lo:#x})); " for hi, lo in comms) + "};"
+                           for match, comms in routes)
+            return f"protocol static {{ {kind} {{ table {'ft4' if kind == 'flow4' else 'ft6'}; }};" + body + " }"
+        export = "export all;" if not self.prepend else (
+            "export filter { " + "bgp_path.prepend(%d); " % self.asn * self.prepend + "accept; };")
         lines = [f"router id {self.address};", f'log "{os.path.join(self.workdir, "bird-events.log")}" all;',
-                 "flow4 table ft4;", "flow6 table ft6;",
-                 "protocol static { flow4 { table ft4; };",
-                 "  route flow4 { dst 10.1.0.0/24; proto 6; dport 80, 443; }"
-                 " { bgp_ext_community.add((generic, 0x80060000, 0)); }; }",
-                 "protocol static { flow6 { table ft6; };",
-                 "  route flow6 { dst 2001:db8:1::/48; next header 17; }"
-                 " { bgp_ext_community.add((generic, 0x80060000, 0)); }; }"]
+                 "flow4 table ft4;", "flow6 table ft6;", statics("flow4", self.flow4), statics("flow6", self.flow6)]
         for i, (_, local, remote) in enumerate(self.sessions()):
-            lines += [f"protocol bgp agent{i} {{", f"  local {local} port {self.port} as {PEER_AS};",
+            lines += [f"protocol bgp agent{i} {{", f"  local {local} port {self.port} as {self.asn};",
                       f"  neighbor {remote} port {self.agent_port} as {LOCAL_AS};", "  multihop 2; strict bind on;",
                       f"  hold time {HOLD}; keepalive time 1; connect retry time 1; connect delay time 1;",
                       "  error wait time 1, 2;",
                       f"  passive {'on' if self.passive else 'off'};",
-                      "  flow4 { table ft4; import all; export all; };",
-                      "  flow6 { table ft6; import all; export all; };", "}"]
+                      f"  flow4 {{ table ft4; import all; {export} }};",
+                      f"  flow6 {{ table ft6; import all; {export} }};", "}"]
         with open(cfg, "w") as f:
             f.write("\n".join(lines) + "\n")
         self.proc = Process("bird", ["bird", "-f", "-c", cfg, "-s", self.ctl, "-P",
@@ -636,6 +673,144 @@ def peer_test(bins, workdir, name, direction):
     return results
 
 # ----------------------------------------------------------------------------------------
+# Best path and the forwarding export: GoBGP (AS 65002) and BIRD (AS 65003, a longer AS_PATH)
+# announce IPv4 rules with every action; what reaches the FSIB is read by another process.
+
+DROP, POLICE, REDIRECT, SET_DSCP = 0x04, 0x08, 0x20, 0x40
+NO_VRF = 0xffffff
+
+
+def vrf_config(route_target):
+    return f'\n[[vrf]]\nname = "scrubbing"\nid = 10\nimport-route-targets = ["{route_target}"]\n'
+
+
+def rule_of(fsib, prefix):
+    """The FSIB rule whose destination prefix is `prefix`, or None."""
+    return next((r for k, r in fsib.items() if k.startswith(prefix + ";")), None)
+
+
+def fsib_matches(agent, want):
+    """want: destination prefix -> predicate of its rule (None: the rule must be absent).
+    The FSIB when every rule is as wanted and no other IPv4 rule is there, else None."""
+    fsib = agent.fsib()
+    v4 = [k for k in fsib if ":" not in k.split(";")[0]]
+    if len(v4) != sum(1 for p in want.values() if p is not None):
+        return None
+    for prefix, pred in want.items():
+        r = rule_of(fsib, prefix)
+        if (pred is None) != (r is None) or (r is not None and not pred(r)):
+            return None
+    return fsib or "an empty FSIB"
+
+
+def is_drop(r):
+    return r["actionBits"] & DROP and not r["actionBits"] & POLICE
+
+
+def is_police(rate):
+    return lambda r: r["actionBits"] & POLICE and abs(r["rate"] - rate) < 0.5
+
+
+def export_test(bins, workdir):
+    agent_address, gobgp_address, bird_address = "127.0.20.1", "127.0.20.2", "127.0.20.3"
+    agent_port = free_port(agent_address, "::1")
+    gobgp = GoBgp(workdir, gobgp_address, free_port(gobgp_address), agent_address, agent_port, passive=False,
+                  asn=65002, ipv6=False)
+    bird = Bird(workdir, bird_address, free_port(bird_address), agent_address, agent_port, passive=False,
+                asn=65003, ipv6=False)
+    # The same rule as GoBGP's first, policed instead of dropped; and a redirect to an address.
+    bird.flow4 = [("dst 10.1.0.0/24; proto 6;", [(0x80060000, 0x447a0000)]),
+                  ("dst 10.5.0.0/24;", [(0x010cc000, 0x02010000)])]
+    bird.flow6 = []
+    bird.prepend = 1
+    neighbors = [{"address": p.address, "port": p.port, "remote-as": p.asn, "passive": True, "hold-time": HOLD,
+                  "connect-retry": 1, "description": p.name} for p in (gobgp, bird)]
+    agent = Agent(bins, workdir, agent_address, agent_port, neighbors, extra=vrf_config("65000:100"))
+    results = {}
+    gobgp_rules = [["destination", "10.1.0.0/24", "protocol", "tcp", "then", "discard"],
+                   ["destination", "10.2.0.0/24", "then", "rate-limit", "1000"],
+                   ["destination", "10.3.0.0/24", "then", "mark", "10"],
+                   ["destination", "10.4.0.0/24", "then", "redirect", "65000:100"]]
+    redirect_vrf = lambda r: r["actionBits"] & REDIRECT and r["redirect"]["vrfId"] == 10
+    every = {"10.1.0.0/24": is_drop, "10.2.0.0/24": is_police(1000),
+             "10.3.0.0/24": lambda r: r["actionBits"] & SET_DSCP and r["dscp"] == 10,
+             "10.4.0.0/24": redirect_vrf,
+             "10.5.0.0/24": lambda r: r["actionBits"] & REDIRECT and r["redirect"]["address"] == "192.0.2.1"}
+    try:
+        gobgp.start()
+        bird.start()
+        agent.start()
+        for p in (gobgp, bird):
+            agent.wait_state(p.address, "Established", 40)
+        up = {p.address: agent.neighbor(p.address)["establishedTransitions"] for p in (gobgp, bird)}
+        wait_until("gobgp API", lambda: gobgp.gobgp("global") is not None, 15)
+        for r in gobgp_rules:
+            gobgp.gobgp("global", "rib", "-a", "ipv4-flowspec", "add", "match", *r)
+
+        # Both announce 10.1.0.0/24 proto 6: GoBGP's shorter AS_PATH wins, so the rule drops.
+        wait_until("every rule in the FSIB with its action", lambda: fsib_matches(agent, every), 20)
+        summary = agent.ask("show", "summary", "--json")
+        default = next(v for v in summary["vrfs"] if v["name"] == "default")["families"]["ipv4-flowspec"]
+        if (default["rules"], default["paths"]) != (5, 6):
+            raise Fail(f"best-path table: {default['rules']} rules, {default['paths']} paths; wanted 5 and 6")
+        n = agent.neighbors()
+        got = {p.name: (n[p.address]["rulesReceived"].get("ipv4-flowspec"),
+                        n[p.address]["rulesAccepted"].get("ipv4-flowspec")) for p in (gobgp, bird)}
+        if got != {"gobgp": (4, 4), "bird": (2, 1)}:
+            raise Fail(f"rules received and accepted per peer: {got}")
+        log(f"best paths: 5 rules from 6 paths, GoBGP's drop wins over BIRD's longer AS_PATH; per peer {got}")
+        results["best-path"] = "ok"
+        results["actions"] = "ok"
+
+        # GoBGP withdraws the shared rule: BIRD's path becomes best and the rule polices.
+        gobgp.gobgp("global", "rib", "-a", "ipv4-flowspec", "del", "match", *gobgp_rules[0][:4])
+        after_withdraw = dict(every, **{"10.1.0.0/24": is_police(1000)})
+        wait_until("BIRD's path of the shared rule in the FSIB", lambda: fsib_matches(agent, after_withdraw), 15)
+        log("withdrawn by GoBGP: BIRD's path is best and the rule polices at 1000 bytes/s")
+        results["withdraw"] = "ok"
+
+        # The VRF stops importing the route target, then imports it again: the redirect follows.
+        agent.reload(vrf_config("65000:200"))
+        no_redirect = dict(after_withdraw, **{"10.4.0.0/24": lambda r: not r["actionBits"] & REDIRECT})
+        wait_until("the redirect to the VRF gone after SIGHUP", lambda: fsib_matches(agent, no_redirect), 15)
+        agent.reload(vrf_config("65000:100"))
+        wait_until("the redirect to the VRF back after SIGHUP", lambda: fsib_matches(agent, after_withdraw), 15)
+        for p in (gobgp, bird):
+            if agent.neighbor(p.address)["establishedTransitions"] != up[p.address]:
+                raise Fail(f"{p.name}: the session went down across the reloads")
+        log("SIGHUP: the import list moved the redirect to VRF 10 away and back, sessions kept")
+        results["reload"] = "ok"
+
+        # GoBGP's session goes: its rules leave the FSIB, BIRD's stay.
+        gobgp.stop()
+        birds = {"10.1.0.0/24": is_police(1000), "10.5.0.0/24": every["10.5.0.0/24"],
+                 "10.2.0.0/24": None, "10.3.0.0/24": None, "10.4.0.0/24": None}
+        wait_until("GoBGP's rules gone with its session", lambda: fsib_matches(agent, birds), 15)
+        log("GoBGP's session lost: its rules left the FSIB, BIRD's stayed")
+        results["session-loss"] = "ok"
+
+        # The agent stops: the FSIB stays for the forwarding plane. Started again without
+        # peers it empties the FSIB; BIRD's rules come back with BIRD's session.
+        if agent.stop(keep_fsib=True) != 0:
+            raise Fail("flowspecd did not exit cleanly on SIGTERM")
+        if fsib_matches(agent, birds) is None:
+            raise Fail("the FSIB did not keep its rules when the agent stopped")
+        bird.stop()
+        agent.start()
+        empty = {k: None for k in birds}
+        wait_until("the restarted agent to empty the FSIB", lambda: fsib_matches(agent, empty), 15)
+        bird.start()
+        wait_until("BIRD's rules back in the FSIB", lambda: fsib_matches(agent, birds), 40)
+        log("restart: the FSIB held exactly the current rules")
+        results["restart"] = "ok"
+    finally:
+        agent.stop()
+        gobgp.stop()
+        bird.stop()
+    return results
+
+
+# ----------------------------------------------------------------------------------------
 # Faults: misbehaving peers, each with its own address, against one agent that also peers
 # with BIRD. Each fault must end in its NOTIFICATION while the BIRD sessions stay up.
 
@@ -743,9 +918,10 @@ def main():
     p.add_argument("name", choices=sorted(["gobgp", "bird", "exabgp", "frr"]))
     p.add_argument("direction", choices=["we-connect", "they-connect"])
     sub.add_parser("faults")
+    sub.add_parser("export")
     args = ap.parse_args()
 
-    label = f"{args.name}-{args.direction}" if args.what == "peer" else "faults"
+    label = f"{args.name}-{args.direction}" if args.what == "peer" else args.what
     if args.work:
         workdir = os.path.join(args.work, label)
         shutil.rmtree(workdir, ignore_errors=True)
@@ -757,14 +933,17 @@ def main():
     bins = (os.path.abspath(args.flowspecd), os.path.abspath(args.flowspec))
     try:
         needed = {"gobgp": ["gobgpd", "gobgp"], "bird": ["bird"], "exabgp": ["exabgp"],
-                  "frr": ["/usr/lib/frr/bgpd"]}[args.name] if args.what == "peer" else ["bird"]
+                  "frr": ["/usr/lib/frr/bgpd"]}[args.name] if args.what == "peer" else (
+                      ["bird"] if args.what == "faults" else ["bird", "gobgpd", "gobgp"])
         for program in needed:
             if not shutil.which(program):
                 raise Fail(f"{program} is not installed (scripts/setup.sh installs the BGP speakers)")
         if args.what == "peer":
             results = peer_test(bins, workdir, args.name, args.direction)
-        else:
+        elif args.what == "faults":
             results = fault_test(bins, workdir)
+        else:
+            results = export_test(bins, workdir)
     except Exception as e:  # Fail, or a tool that broke: both fail the test with the logs
         log(f"FAILED {label}: {e}")
         log(f"logs and configurations: {workdir}")
