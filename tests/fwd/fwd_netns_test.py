@@ -11,8 +11,10 @@ b and c both accept any address of 198.19.0.0/16 (an AnyIP local route), so a pa
 that reaches c was redirected there. r routes 198.19.0.0/16 to b in its main table and to c
 in table 100, which stands for VRF 7 (--vrf-table 7=100).
 
-Cases (one per run, so that ctest lists them): rules, police, follow. Needs root; without
-it the test says so and exits 77 (skipped).
+Cases (one per run, so that ctest lists them): rules, police, follow, peer. In "peer" the
+rules come from a real BGP speaker: GoBGP announces them to flowspecd on loopback, flowspecd
+writes its best routes into the FSIB and flowspec-fwd programs them. Needs root; without it
+the test says so and exits 77 (skipped).
 """
 import argparse
 import json
@@ -350,11 +352,70 @@ def case_follow(args):
     return c.failures
 
 
+def case_peer(args):
+    """GoBGP -> flowspecd -> FSIB -> flowspec-fwd -> packets."""
+    sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "agent", "interop"))
+    import interop
+    c = Case(args, "peer")
+    agent_address, gobgp_address = "127.0.21.1", "127.0.21.2"
+    agent_port = interop.free_port(agent_address, "::1")
+    gobgp = interop.GoBgp(c.work, gobgp_address, interop.free_port(gobgp_address), agent_address, agent_port,
+                          passive=False, ipv6=False)
+    neighbors = [{"address": gobgp_address, "port": gobgp.port, "remote-as": gobgp.asn, "passive": True,
+                  "hold-time": interop.HOLD, "connect-retry": 1}]
+    vrf = '\n[[vrf]]\nname = "scrubbing"\nid = 7\nimport-route-targets = ["65000:7"]\n'
+    agent = interop.Agent((args.flowspecd, args.flowspec), c.work, agent_address, agent_port, neighbors, extra=vrf,
+                          fsib_prefix=c.prefix)
+    os.chmod(c.work, 0o755)
+    rules = [["destination", "198.19.1.1/32", "protocol", "udp", "destination-port", "==5001", "then", "discard"],
+             ["destination", "198.19.2.1/32", "then", "mark", "46"],
+             ["destination", "198.19.4.1/32", "then", "redirect", "65000:7"]]
+    try:
+        gobgp.start()
+        agent.start()
+        agent.wait_state(gobgp_address, "Established", 40)
+        interop.wait_until("gobgp API", lambda: gobgp.gobgp("global") is not None, 15)
+        for r in rules:
+            gobgp.gobgp("global", "rib", "-a", "ipv4-flowspec", "add", "match", *r)
+        interop.wait_until("GoBGP's rules in the FSIB", lambda: len(agent.fsib()) == len(rules) or None, 20)
+        with Topology("g") as t:
+            r = t.run("r", *c.fwd("--once"), check=False)
+            c.check(r.returncode == 0, f"flowspec-fwd --once programs the agent's FSIB ({r.stderr.strip()})")
+            n = 20
+            seen = c.traffic(t, [("198.19.1.1", 5001, n, 100, 200), ("198.19.1.1", 5002, n, 100, 200),
+                                 ("198.19.2.1", 5001, n, 100, 200), ("198.19.4.1", 5001, n, 100, 200)])
+            c.check(got(seen, "b", "198.19.1.1", 5001)["packets"] == 0, "GoBGP's discard drops the flow")
+            c.check(got(seen, "b", "198.19.1.1", 5002)["packets"] == n, "... and only that flow")
+            c.check(got(seen, "b", "198.19.2.1", 5001)["tos"] == [46 << 2], "GoBGP's marking sets DSCP 46")
+            vrf_got = got(seen, "c", "198.19.4.1", 5001)["packets"], got(seen, "b", "198.19.4.1", 5001)["packets"]
+            c.check(vrf_got == (n, 0), f"GoBGP's redirect to 65000:7 goes through VRF 7's table (c, b got {vrf_got})")
+            shown = c.show(t)
+            k = "198.19.1.1/32;*;protocol =17;destination-port =5001;"
+            c.check(k in shown and shown[k]["installed"] and shown[k]["packets"] == n,
+                    f"--show counts the dropped flow ({shown.get(k)})")
+
+            # GoBGP withdraws the discard: the FSIB loses it and the flow passes again.
+            gobgp.gobgp("global", "rib", "-a", "ipv4-flowspec", "del", "match", *rules[0][:6])
+            interop.wait_until("the withdrawn rule out of the FSIB", lambda: len(agent.fsib()) == 2 or None, 15)
+            t.run("r", *c.fwd("--once"), check=False)
+            seen = c.traffic(t, [("198.19.1.1", 5001, n, 100, 200)], 0.5)
+            c.check(got(seen, "b", "198.19.1.1", 5001)["packets"] == n, "after GoBGP's withdrawal the flow passes")
+    except interop.Fail as e:
+        c.check(False, str(e))
+    finally:
+        agent.stop()
+        gobgp.stop()
+        c.close()
+    return c.failures
+
+
 def main():
     ap = argparse.ArgumentParser()
-    ap.add_argument("case", choices=["rules", "police", "follow", "receive", "send"])
+    ap.add_argument("case", choices=["rules", "police", "follow", "peer", "receive", "send"])
     ap.add_argument("--fwd")
     ap.add_argument("--writer")
+    ap.add_argument("--flowspecd")
+    ap.add_argument("--flowspec")
     ap.add_argument("--ports")
     ap.add_argument("--seconds", type=float, default=1.0)
     ap.add_argument("--to")
@@ -373,7 +434,7 @@ def main():
     if subprocess.run(["ip", "netns", "list"], capture_output=True).returncode != 0:
         print("SKIP: no ip netns here")
         return SKIP
-    failures = {"rules": case_rules, "police": case_police, "follow": case_follow}[args.case](args)
+    failures = {"rules": case_rules, "police": case_police, "follow": case_follow, "peer": case_peer}[args.case](args)
     print(f"{args.case}: {'FAILED: ' + '; '.join(failures) if failures else 'passed'}")
     return 1 if failures else 0
 

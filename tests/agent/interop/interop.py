@@ -131,13 +131,13 @@ class Process:
 class Agent:
     """flowspecd under test."""
 
-    def __init__(self, bins, workdir, address, port, neighbors, router_id=None, extra=""):
+    def __init__(self, bins, workdir, address, port, neighbors, router_id=None, extra="", fsib_prefix=None):
         self.flowspecd, self.flowspec = bins
         self.workdir = workdir
         self.socket = os.path.join(workdir, "flowspecd.sock")
         self.config = os.path.join(workdir, "flowspecd.toml")
         # An FSIB of the test's own: tests running side by side never share one.
-        self.fsib_prefix = f"interop-{os.getpid()}"
+        self.fsib_prefix = fsib_prefix or f"interop-{os.getpid()}"
         lines = [f'router-id = "{router_id or address}"', f"local-as = {LOCAL_AS}",
                  f'listen = ["{address}:{port}", "[::1]:{port}"]', f'control-socket = "{self.socket}"',
                  f'fsib-prefix = "{self.fsib_prefix}"']
