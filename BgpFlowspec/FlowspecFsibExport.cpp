@@ -224,6 +224,7 @@ void FlowspecRouteConfigSm::handleRouteEntry(RouteKey const* baseRouteKey) {
    // A rule the full FSIB would refuse is counted without building its slate key.
    if (present && !inFsib && fsib_->ruleCount() >= fsib_->ruleCapacity()) {
       ++counters_.refusedFull;
+      fsib_->refusalNote();
       if (auto best = routeTable()->ribTable().bestPath(*routeKey)) ++counters_.refusedFullBySource[best->source];
       return;
    }

@@ -36,6 +36,9 @@ class RuleSet : public Ovk::PtrInterface {
    virtual bool ruleDel(FlowspecSlateKey const& key) = 0;
    // Deletes every rule (nothing when detached).
    virtual void ruleDelAll() = 0;
+   // A writer that knows the set is full and does not offer it a rule records the refusal
+   // as ruleIs would have. By default a set keeps no such count.
+   virtual void refusalNote() {}
    // The rule with `key`, or empty.
    virtual std::optional<Rule> rule(FlowspecSlateKey const& key) const = 0;
    virtual std::size_t ruleCount() const = 0;

@@ -315,6 +315,10 @@ void SlateRuleSet::freeBlock(std::uint64_t offset) {
    freeBlocks_[blockClassOf(b[wordBlockBytes])].push_back(offset);
 }
 
+void SlateRuleSet::refusalNote() {
+   if (!detached_) bump(hdr_->refusals);
+}
+
 Flowspec::RuleIsResult SlateRuleSet::ruleIs(Flowspec::Rule const& rule) {
    if (detached_) return Flowspec::RuleIsResult::refusedDetached;
    auto const key = rule.key.words();

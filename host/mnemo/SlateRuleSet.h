@@ -37,6 +37,7 @@ class SlateRuleSet final : public Flowspec::RuleSet {
    // Adds or replaces. A full collection refuses a new key (refusedFull, counted in the
    // header); so does a heap that cannot grow (the system is out of shared memory).
    Flowspec::RuleIsResult ruleIs(Flowspec::Rule const& rule) override;
+   void refusalNote() override;
    bool ruleDel(Flowspec::FlowspecSlateKey const& key) override;
    void ruleDelAll() override;
    std::optional<Flowspec::Rule> rule(Flowspec::FlowspecSlateKey const& key) const override;

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "BgpFlowspec/FlowspecParseNlri.h"
+#include "host/mnemo/SlateRuleSetReader.h"
 #include "host/mnemo/SlateSegment.h"
 #include "host/plugin/PluginHost.h"
 
@@ -115,6 +116,8 @@ class ExportEnv {
          }
       }
    }
+
+   std::optional<std::string> segmentName() const { return Mnemo::EntityManager(prefix_).segmentName(Mnemo::fsibPath); }
 
    Ovk::Ptr<Plugin::Context> context;
    RibSource source = 0;
@@ -245,6 +248,10 @@ TEST(FlowspecFsibExportTest, AFullFsibRefusesAndCounts) {
    auto const& c = env.sm().exportCounters();
    EXPECT_EQ(c.refusedFull, 2u);
    EXPECT_EQ(c.refusedFullBySource.at(env.source), 2u);
+   // A reader of the segment sees the refusals too.
+   auto reader = Mnemo::SlateRuleSetReader::open(*env.segmentName());
+   ASSERT_TRUE(reader.ok());
+   EXPECT_EQ(reader.value().counters().refusals, 2u);
    EXPECT_EQ(env.sm().notInForwardingReason(*keys.back()), "FSIB full");
    EXPECT_TRUE(env.rule(*keys.front()));
    env.withdraw(*keys.front());
