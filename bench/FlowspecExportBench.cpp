@@ -15,6 +15,7 @@
 #include "BgpFlowspec/FlowspecNexthop.h"
 #include "host/mnemo/SlateSegment.h"
 #include "host/plugin/PluginHost.h"
+#include "tests/fakes/PluginContext.h"
 
 namespace {
 
@@ -23,15 +24,9 @@ using namespace Routing::Bgp::FlowspecPlugin;
 
 constexpr std::uint32_t kFsibRules = 12288;
 
-class Env {
+class Env : public Fakes::PluginContext {
  public:
-   Env() {
-      Plugin::Context::Options o;
-      o.attributeCacheStatus = Hoard::AttributeCacheStatus::create();
-      o.entityManager = Ovk::makePtr<Mnemo::EntityManager>(prefix_);
-      context = Plugin::startPlugins(std::move(o));
-      source = context->ribSources()->sourceIs(
-          BgpPeer{*Ovnet::IpGenAddr::parse("192.0.2.9"), 65002, 65001, 9, BgpVrfIdBase{}});
+   Env() : PluginContext("exportbench") {
       // VRF 10 imports route target 65000:100, so the redirect resolves.
       RtToVrfIdList& top = *context->rtToVrfIdList();
       top.set(kIpv4UnicastAfiSafi, AfiSafiRtToVrfIdList::create());
@@ -42,12 +37,6 @@ class Env {
       (*byVpn.find(kVpnIpv4AfiSafi))->set(context->coreDedupTables()->extCommIs(ExtComm::createBase(kRedirect)), list);
       attrs = typicalAttrs();
    }
-   ~Env() {
-      context->shutdown();
-      context = nullptr;
-      if (auto name = Mnemo::EntityManager(prefix_).segmentName(Mnemo::fsibPath)) Mnemo::unlinkSlateSegment(*name);
-   }
-
    RibTable& table() const {
       return *context->allVrfInstanceStatus().at(BgpVrfIdBase{})->ribTable(AfiSafi::ipv4Flowspec());
    }
@@ -68,8 +57,6 @@ class Env {
       return FlowspecRouteKey::PtrConst(static_cast<FlowspecRouteKey const*>(canonical.ptr()));
    }
 
-   Ovk::Ptr<Plugin::Context> context;
-   RibSource source = 0;
    Ovk::Ptr<RtAttr const> attrs;
 
  private:
@@ -87,8 +74,6 @@ class Env {
       c.nexthop = nh->dedup(Ovk::Ptr<GenNexthopDedupTableBase const>(tables->nexthopDedupTableRawPtr()), false);
       return context->rtAttrDedupTable()->rtAttrIs(std::move(c));
    }
-
-   std::string prefix_ = "exportbench-" + std::to_string(getpid());
 };
 
 // One best route translated and written to the FSIB (a replacement of the same rule).

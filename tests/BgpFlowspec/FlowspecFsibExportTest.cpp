@@ -12,6 +12,7 @@
 #include "host/mnemo/SlateRuleSetReader.h"
 #include "host/mnemo/SlateSegment.h"
 #include "host/plugin/PluginHost.h"
+#include "tests/fakes/PluginContext.h"
 
 namespace Routing::Bgp::FlowspecPlugin {
 namespace {
@@ -40,21 +41,9 @@ std::array<std::uint8_t, 20> redirectIpv6(char const* addr, bool copy) {
    return b;
 }
 
-class ExportEnv {
+class ExportEnv : public Fakes::PluginContext {
  public:
-   ExportEnv() {
-      Plugin::Context::Options o;
-      o.attributeCacheStatus = Hoard::AttributeCacheStatus::create();
-      o.entityManager = Ovk::makePtr<Mnemo::EntityManager>(prefix_);
-      context = Plugin::startPlugins(std::move(o));
-      source = context->ribSources()->sourceIs(
-          BgpPeer{*Ovnet::IpGenAddr::parse("192.0.2.9"), 65002, 65001, 9, BgpVrfIdBase{}});
-   }
-   ~ExportEnv() {
-      context->shutdown();
-      context = nullptr;
-      if (auto name = Mnemo::EntityManager(prefix_).segmentName(Mnemo::fsibPath)) Mnemo::unlinkSlateSegment(*name);
-   }
+   ExportEnv() : PluginContext("exporttest") {}
 
    RibTable& table(bool v6 = false) const {
       return *context->allVrfInstanceStatus().at(BgpVrfIdBase{})->ribTable(v6 ? AfiSafi::ipv6Flowspec() : AfiSafi::ipv4Flowspec());
@@ -117,13 +106,8 @@ class ExportEnv {
       }
    }
 
-   std::optional<std::string> segmentName() const { return Mnemo::EntityManager(prefix_).segmentName(Mnemo::fsibPath); }
-
-   Ovk::Ptr<Plugin::Context> context;
-   RibSource source = 0;
 
  private:
-   std::string prefix_ = "exporttest-" + std::to_string(getpid());
 };
 
 constexpr std::uint64_t kRt100 = std::uint64_t{0x0002} << 48 | std::uint64_t{65000} << 32 | 100; // 65000:100
