@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds, and runs the main jobs on their embedded defaults:
-#  1. the platform demo on its built-in sample;
-#  2. the agent flowspecd on its built-in configuration (loopback, port 1179, one passive
-#     neighbor 127.0.0.2), with a second flowspecd as that neighbor, for DEMO_SECONDS
-#     (default 20) or until Ctrl-C; `flowspec show neighbors` shows the session;
-#  3. `flowspec decode` on flowspec NLRI that GoBGP, BIRD and ExaBGP sent (the bundled
+#  1. the agent flowspecd on its built-in configuration (loopback, port 1179, one passive
+#     neighbor 127.0.0.2), with GoBGP as that neighbor announcing three rules, for
+#     DEMO_SECONDS (default 20) or until Ctrl-C: the session, the best-path table and the
+#     FSIB the rules were written to, as another process reads it;
+#  2. `flowspec decode` on flowspec NLRI that GoBGP, BIRD and ExaBGP sent (the bundled
 #     samples in tools/flowspec/samples), and `flowspec encode` of a rule read back;
-#  4. `flowspec decode` on whole UPDATE messages of real speakers: a packet capture of
+#  3. `flowspec decode` on whole UPDATE messages of real speakers: a packet capture of
 #     sessions between GoBGP, BIRD, ExaBGP and FRR, an MRT dump of every UPDATE the first
 #     three sent, and GoBGP's corrupted long rule.
 set -euo pipefail
@@ -14,11 +14,7 @@ cd "$(dirname "$0")/.."
 scripts/setup.sh
 scripts/build.sh default
 
-echo "== platform demo"
-build/default/tools/flowspec-demo "$@"
-
-echo
-echo "== flowspecd on its built-in configuration"
+echo "== flowspecd on its built-in configuration, GoBGP as its neighbor"
 bin=build/default
 seconds="${DEMO_SECONDS:-20}"
 work="$(mktemp -d)"
@@ -36,20 +32,30 @@ trap 'echo; echo "stopping (Ctrl-C)"; stop; exit 0' INT TERM
 "$bin/agent/flowspecd" --control-socket "$work/flowspecd.sock" 2>"$work/flowspecd.log" &
 agent=$!
 # The neighbor the built-in configuration waits for: 127.0.0.2, AS 65002.
-cat >"$work/peer.toml" <<'TOML'
-router-id = "127.0.0.2"
-local-as = 65002
-fsib-prefix = "flowspecd-demo-peer"
-listen = ["127.0.0.2:1180"]
-[[neighbor]]
-address = "127.0.0.1"
-port = 1179
-remote-as = 65001
-hold-time = 9
-connect-retry = 1
+cat >"$work/gobgpd.toml" <<'TOML'
+[global.config]
+  as = 65002
+  router-id = "127.0.0.2"
+  port = -1
+[[neighbors]]
+  [neighbors.config]
+    neighbor-address = "127.0.0.1"
+    peer-as = 65001
+  [neighbors.transport.config]
+    local-address = "127.0.0.2"
+    remote-port = 1179
+  [neighbors.timers.config]
+    connect-retry = 1
+  [[neighbors.afi-safis]]
+    [neighbors.afi-safis.config]
+      afi-safi-name = "ipv4-flowspec"
+  [[neighbors.afi-safis]]
+    [neighbors.afi-safis.config]
+      afi-safi-name = "ipv6-flowspec"
 TOML
-"$bin/agent/flowspecd" --config "$work/peer.toml" --control-socket "$work/peer.sock" 2>"$work/peer.log" &
+gobgpd -f "$work/gobgpd.toml" --api-hosts 127.0.0.2:50051 -p --pprof-disable >"$work/gobgpd.log" 2>&1 &
 peer=$!
+gobgp() { command gobgp -u 127.0.0.2 -p 50051 "$@"; }
 
 show() {
   echo "\$ flowspec --socket $work/flowspecd.sock show neighbors"
@@ -62,6 +68,21 @@ for _ in $(seq 50); do
   sleep 0.2
 done
 show
+echo
+for _ in $(seq 50); do gobgp global >/dev/null 2>&1 && break; sleep 0.2; done
+echo "\$ gobgp global rib -a ipv4-flowspec add match destination 198.51.100.0/24 protocol udp source-port ==53 then rate-limit 125000"
+gobgp global rib -a ipv4-flowspec add match destination 198.51.100.0/24 protocol udp source-port ==53 then rate-limit 125000
+echo "\$ gobgp global rib -a ipv4-flowspec add match destination 198.51.100.7/32 protocol tcp destination-port ==22 then discard"
+gobgp global rib -a ipv4-flowspec add match destination 198.51.100.7/32 protocol tcp destination-port ==22 then discard
+echo "\$ gobgp global rib -a ipv6-flowspec add match destination 2001:db8::/32 then mark 10"
+gobgp global rib -a ipv6-flowspec add match destination 2001:db8::/32 then mark 10
+sleep 1
+echo
+echo "\$ flowspec --socket $work/flowspecd.sock show summary"
+"$bin/tools/flowspec/flowspec" --socket "$work/flowspecd.sock" show summary
+echo
+echo "\$ flowspec fsib     # the FSIB in shared memory, as the forwarding process reads it"
+"$bin/tools/flowspec/flowspec" fsib
 echo
 echo "\$ flowspec --socket $work/flowspecd.sock show neighbors --json"
 "$bin/tools/flowspec/flowspec" --socket "$work/flowspecd.sock" show neighbors --json
