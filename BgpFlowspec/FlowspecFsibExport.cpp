@@ -6,6 +6,7 @@
 #include "BgpFlowspec/FlowspecNexthop.h"
 #include "host/fwk/Assert.h"
 #include "host/fwk/Trace.h"
+#include "host/mnemo/SlateRuleSetMount.h"
 
 namespace Routing::Bgp::FlowspecPlugin {
 
@@ -286,10 +287,8 @@ void FlowspecRouteConfigSm::handleRouteEntry(RouteKey const* baseRouteKey) {
 void FlowspecRouteConfigSm::handleInitialized() {
    OVK_TRACE(flowspecTraceFacility(), 8, "FlowspecRouteConfigSm(" << afiSafi() << " vrf=" << vrfIdBase() << ")");
    OVK_ASSERT(entityManager_);
-   Mnemo::MountInfo info;
-   info.collectionIs(Mnemo::fsibCollection, Mnemo::fsibRuleCount);
-   entityManager_->doMount(Mnemo::fsibPath, Mnemo::fsibType, info);
-   fsib_ = Ovk::ptrCast<Flowspec::RuleSet>(entityManager_->getEntity(Mnemo::fsibPath));
+   Mnemo::mountFsib(*entityManager_);
+   fsib_ = Mnemo::fsibOf(*entityManager_);
    OVK_ASSERT_MSG(fsib_, "fsib()");
    // Every start begins from an empty FSIB: an earlier run's rules are removed, not
    // reconciled.
@@ -302,10 +301,7 @@ void FlowspecRouteConfigSm::handleInitialized() {
 
 void FlowspecRouteConfigSm::handleDestroyed() {
    OVK_TRACE(flowspecTraceFacility(), 8, "FlowspecRouteConfigSm(" << afiSafi() << " vrf=" << vrfIdBase() << ")");
-   if (entityManager_ && fsib_) {
-      entityManager_->cleanup(Mnemo::fsibPath);
-      entityManager_->doUnmount(Mnemo::fsibPath);
-   }
+   if (entityManager_ && fsib_) Mnemo::unmountFsib(*entityManager_);
    fsib_ = nullptr;
    inFsib_.clear();
    vpnAfiSafiReactor_ = nullptr;

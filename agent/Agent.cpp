@@ -7,6 +7,7 @@
 
 #include "agent/ShowNeighbors.h"
 #include "host/bgp/RtImport.h"
+#include "host/mnemo/SlateRuleSetMount.h"
 #include "host/plugin/PluginHost.h"
 
 namespace Flowspecd {
@@ -21,10 +22,7 @@ Agent::~Agent() {
    byAddress_.clear();
    routing_ = nullptr;
    if (context_) context_->shutdown();
-   if (entityManager_ && entityManager_->mountCount(Mnemo::fsibPath) != 0) {
-      entityManager_->cleanup(Mnemo::fsibPath);
-      entityManager_->doUnmount(Mnemo::fsibPath);
-   }
+   if (entityManager_) Mnemo::unmountFsib(*entityManager_);
 }
 
 Ovk::Result<bool, std::string> Agent::start() {
@@ -38,9 +36,7 @@ Ovk::Result<bool, std::string> Agent::start() {
    // The FSIB is the agent's: mounted here first, so that a segment another agent writes is
    // a clear error at start, and the export's mount shares this one.
    entityManager_ = Ovk::makePtr<Mnemo::EntityManager>(config_.fsibPrefix);
-   Mnemo::MountInfo fsibInfo;
-   fsibInfo.collectionIs(Mnemo::fsibCollection, Mnemo::fsibRuleCount);
-   Mnemo::MountStatus const mounted = entityManager_->doMount(Mnemo::fsibPath, Mnemo::fsibType, fsibInfo);
+   Mnemo::MountStatus const mounted = Mnemo::mountFsib(*entityManager_);
    if (mounted != Mnemo::MountStatus::mounted) {
       std::string const name = entityManager_->segmentName(Mnemo::fsibPath).value_or("?");
       return Ovk::failure("cannot write the FSIB " + name + " (" + Mnemo::toStrep(mounted) +

@@ -33,6 +33,7 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/ControlProtocol.h"
 #include "host/bgp/BgpMessage.h"
 #include "host/bgp/ExtComm.h"
 #include "host/fwk/Result.h"
@@ -45,7 +46,6 @@ namespace Flowspecd {
 using namespace Routing::Bgp;
 
 constexpr std::uint16_t kBgpPort = 179;
-constexpr char const* kDefaultControlSocket = "/tmp/flowspecd.sock";
 constexpr char const* kPluginLibrary = "libBgpFlowspec.so";
 // The plugin library in `dir`.
 std::string pluginPathIn(std::string_view dir);

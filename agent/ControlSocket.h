@@ -1,6 +1,5 @@
-// The control socket: a Unix-domain stream socket, mode 0600, at the configured path. A
-// client writes one request line ("show neighbors") and reads the answer, one JSON
-// document and a newline, until the agent closes the connection.
+// The agent's side of the control socket (ControlProtocol.h): mode 0600, at the configured
+// path; each connection gets one request line answered.
 #pragma once
 
 #include <asio/io_context.hpp>
@@ -10,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "agent/ControlProtocol.h"
 #include "host/fwk/Ptr.h"
 #include "host/fwk/Result.h"
 
@@ -38,10 +38,5 @@ class ControlServer : public Ovk::PtrInterface {
    Handler handler_;
    bool bound_ = false;
 };
-
-// Sends `request` to the agent at `path` and returns its answer (without the final
-// newline), or what went wrong.
-Ovk::Result<std::string, std::string> controlRequest(std::string const& path, std::string_view request,
-                                                     std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
 } // namespace Flowspecd

@@ -35,7 +35,7 @@
 #include <nlohmann/json.hpp>
 
 #include "fwd/Forwarder.h"
-#include "host/mnemo/EntityManager.h"
+#include "host/mnemo/SlateRuleSetMount.h"
 #include "host/mnemo/SlateRuleSet.h"
 
 namespace {

@@ -18,7 +18,7 @@
 #include "fwd/FwdShow.h"
 #include "fwd/FwdStatus.h"
 #include "fwd/VrfTables.h"
-#include "host/mnemo/EntityManager.h"
+#include "host/mnemo/SlateRuleSetMount.h"
 
 namespace {
 

@@ -23,7 +23,7 @@
 #include <vector>
 
 #include "host/flowspec/RuleSet.h"
-#include "host/mnemo/EntityManager.h"
+#include "host/mnemo/SlateRuleSetMount.h"
 
 namespace {
 
@@ -96,9 +96,8 @@ int main(int argc, char** argv) {
    CLI11_PARSE(app, argc, argv);
 
    Mnemo::EntityManager em(prefix);
-   Mnemo::MountStatus const status = em.doMount(Mnemo::fsibPath, Mnemo::fsibType,
-                                                Mnemo::MountInfo().collectionIs(Mnemo::fsibCollection, Mnemo::fsibRuleCount));
-   auto fsib = Ovk::ptrCast<Flowspec::RuleSet>(em.getEntity(Mnemo::fsibPath));
+   Mnemo::MountStatus const status = Mnemo::mountFsib(em);
+   auto fsib = Mnemo::fsibOf(em);
    if (!fsib) {
       std::cerr << "fsib-writer: cannot mount the FSIB under prefix " << prefix << ": " << toStrep(status)
                 << " (another writer running?)\n";
@@ -171,7 +170,6 @@ int main(int argc, char** argv) {
          std::this_thread::sleep_for(std::chrono::milliseconds(intervalMs));
       }
    }
-   em.cleanup(Mnemo::fsibPath);
-   em.doUnmount(Mnemo::fsibPath);
+   Mnemo::unmountFsib(em);
    return rc;
 }

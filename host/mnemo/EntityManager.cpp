@@ -1,8 +1,5 @@
 #include "host/mnemo/EntityManager.h"
 
-#include "host/flowspec/RuleSet.h"
-#include "host/mnemo/SlateRuleSet.h"
-
 namespace Mnemo {
 
 MountInfo& MountInfo::collectionIs(std::string name, std::uint32_t size) {
@@ -50,6 +47,10 @@ std::optional<std::string> EntityManager::segmentName(std::string_view path) con
    return slateSegmentName(prefix_, path);
 }
 
+void EntityManager::mountTypeIs(std::string const& name, MountType type) { types_.try_emplace(name, std::move(type)); }
+
+bool EntityManager::hasMountType(std::string_view name) const { return types_.find(name) != types_.end(); }
+
 MountStatus EntityManager::doMount(std::string const& path, std::string const& type, MountInfo const& info) {
    auto const failed = [&](MountStatus s) {
       OVK_TRACE(mnemoTrace(), 3, "cannot mount " << path << " of type " << type << ": " << toStrep(s));
@@ -62,17 +63,11 @@ MountStatus EntityManager::doMount(std::string const& path, std::string const& t
    }
    std::optional<std::string> const name = segmentName(path);
    if (!name) return failed(MountStatus::badPath);
-   if (type != fsibType) return failed(MountStatus::unknownType);
-   // A rule set has exactly one collection, its rules.
-   std::optional<std::uint32_t> const size = info.collectionSize(fsibCollection);
-   if (info.collections().size() != 1 || !size || *size == 0) return failed(MountStatus::badCollections);
-   auto set = SlateRuleSet::attach(*name, *size);
-   if (!set) {
-      OVK_TRACE(mnemoTrace(), 3, "cannot attach " << *name << ": " << toStrep(set.reason()));
-      return failed(MountStatus::segmentError);
-   }
-   Ovk::Ptr<Flowspec::RuleSet> entity = set.value();
-   mounts_.emplace(path, Mount{type, info, entity, 1});
+   auto const known = types_.find(type);
+   if (known == types_.end()) return failed(MountStatus::unknownType);
+   auto entity = known->second.make(*name, info);
+   if (!entity) return failed(entity.reason());
+   mounts_.emplace(path, Mount{type, info, entity.value(), 1});
    OVK_TRACE(mnemoTrace(), 5, "mounted " << path << " as " << *name);
    return MountStatus::mounted;
 }
@@ -84,8 +79,9 @@ Ovk::Ptr<Ovk::PtrInterface> EntityManager::getEntity(std::string const& path) co
 
 void EntityManager::cleanup(std::string const& path) {
    auto it = mounts_.find(path);
-   if (it == mounts_.end() || it->second.count != 1) return;
-   if (auto set = Ovk::ptrCast<Flowspec::RuleSet>(it->second.entity)) set->detach();
+   if (it == mounts_.end() || it->second.count != 1 || !it->second.entity) return;
+   auto const known = types_.find(it->second.type);
+   if (known != types_.end() && known->second.cleanup) known->second.cleanup(*it->second.entity);
 }
 
 bool EntityManager::doUnmount(std::string const& path) {

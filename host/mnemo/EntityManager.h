@@ -1,25 +1,24 @@
 // Mnemo, the state database: entities mounted by path.
 //
-// A mount names a path ("routing/bgp/flowspec"), the type of entity to find there
-// ("Flowspec::RuleSet") and mount information: the named collections of the entity and how
-// many entries each holds. Entities of the Slate kind live in POSIX shared memory, one
-// segment per path, named after the path under the manager's prefix (slateSegmentName), so
-// that other processes can read them and several managers on one machine (tests, or several
-// agents) each have their own.
+// A mount names a path, the type of entity to find there and mount information: the named
+// collections of the entity and how many entries each holds. Entities of the Slate kind live
+// in POSIX shared memory, one segment per path, named after the path under the manager's
+// prefix (slateSegmentName), so that other processes can read them and several managers on
+// one machine (tests, or several agents) each have their own.
 //
-// Known types:
-//   "Flowspec::RuleSet"  one collection "rule" (its size is the rule capacity); the entity is
-//                        a Flowspec::RuleSet backed by a SlateRuleSet this process writes.
+// The manager knows no type of its own: the library of an entity registers its type
+// (mountTypeIs) with a factory that makes the entity for a segment and mount information, and
+// what the entity does before its last unmount.
 //
-// Several users may mount the same path (every VRF's export mounts the FSIB): the first mount
-// attaches, later ones of the same type share the entity, and the entity goes when the last
-// of them unmounts. The segment stays after the unmount, for the readers; a writer that
-// mounts it again attaches to it.
+// Several users may mount the same path: the first mount attaches, later ones of the same
+// type share the entity, and the entity goes when the last of them unmounts. The segment
+// stays after the unmount, for the readers; a writer that mounts it again attaches to it.
 //
-// Used on one thread (the agent's task thread).
+// Used on one thread (the task thread of the process that owns the manager).
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -27,17 +26,10 @@
 #include <vector>
 
 #include "host/fwk/Ptr.h"
+#include "host/fwk/Result.h"
 #include "host/mnemo/SlateSegment.h"
 
 namespace Mnemo {
-
-// The prefix of the agent's segments when nothing else is configured.
-inline constexpr char const* defaultSlatePrefix = "flowspecd";
-// The FSIB: its path, entity type, collection and size.
-inline constexpr char const* fsibPath = "routing/bgp/flowspec";
-inline constexpr char const* fsibType = "Flowspec::RuleSet";
-inline constexpr char const* fsibCollection = "rule";
-inline constexpr std::uint32_t fsibRuleCount = 12288;
 
 // Mount information of the default kind: named collections with their sizes.
 class MountInfo {
@@ -68,21 +60,36 @@ enum class MountStatus : std::uint8_t {
 };
 char const* toStrep(MountStatus s);
 
+// One type of entity the manager can mount.
+struct MountType {
+   // The entity for the segment named `segment` as `info` describes it; a failure is the
+   // status the mount ends with (badCollections or segmentError), its cause traced here.
+   using Factory = std::function<Ovk::Result<Ovk::Ptr<Ovk::PtrInterface>, MountStatus>(std::string const& segment,
+                                                                                         MountInfo const& info)>;
+   Factory make;
+   // Before the last unmount, when set: the entity stops writing.
+   std::function<void(Ovk::PtrInterface& entity)> cleanup;
+};
+
 class EntityManager : public Ovk::PtrInterface {
  public:
-   explicit EntityManager(std::string slatePrefix = defaultSlatePrefix);
+   explicit EntityManager(std::string slatePrefix);
 
    std::string const& slatePrefix() const { return prefix_; }
    // The name of the segment that holds the entity at `path`; empty as for slateSegmentName.
    std::optional<std::string> segmentName(std::string_view path) const;
 
+   // Registers entity type `name`; a type registered already keeps its first registration.
+   void mountTypeIs(std::string const& name, MountType type);
+   bool hasMountType(std::string_view name) const;
+
    // Mounts `path`. Failures are traced (facility "Mnemo", level 3) and leave nothing mounted.
    MountStatus doMount(std::string const& path, std::string const& type, MountInfo const& info);
    // The entity at `path`, or empty when the path is not mounted.
    Ovk::Ptr<Ovk::PtrInterface> getEntity(std::string const& path) const;
-   // Before the last unmount of `path`: the entity stops writing (a rule set detaches, so a
-   // reference kept elsewhere can no longer change the table) and the segment is free for
-   // another writer. Does nothing while other mounts of the path remain, or when the path is
+   // Before the last unmount of `path`: the entity stops writing (its type's cleanup), so a
+   // reference kept elsewhere can no longer change it and the segment is free for another
+   // writer. Does nothing while other mounts of the path remain, or when the path is
    // not mounted.
    void cleanup(std::string const& path);
    // Drops one mount of `path`; the last one releases the entity. False when not mounted.
@@ -98,6 +105,7 @@ class EntityManager : public Ovk::PtrInterface {
       unsigned count = 0;
    };
    std::string prefix_;
+   std::map<std::string, MountType, std::less<>> types_;
    std::map<std::string, Mount, std::less<>> mounts_;
 };
 

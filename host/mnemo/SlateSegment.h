@@ -28,8 +28,8 @@ enum class SlateError : std::uint8_t {
 };
 char const* toStrep(SlateError e);
 
-// The segment name of the mount at `path` ("routing/bgp/flowspec") under `prefix`:
-// "/PREFIX.routing.bgp.flowspec". Empty when the prefix is empty or holds characters other
+// The segment name of the mount at `path` ("routing/bgp/table") under `prefix`:
+// "/PREFIX.routing.bgp.table". Empty when the prefix is empty or holds characters other
 // than letters, digits, '-' and '_', when the path is empty, has an empty component or
 // characters other than those and '/', or when the name would exceed NAME_MAX.
 std::optional<std::string> slateSegmentName(std::string_view prefix, std::string_view path);

@@ -10,6 +10,7 @@
 
 #include "BgpFlowspec/FlowspecParseNlri.h"
 #include "host/mnemo/SlateRuleSetReader.h"
+#include "host/mnemo/SlateRuleSetMount.h"
 #include "host/mnemo/SlateSegment.h"
 #include "host/plugin/PluginHost.h"
 #include "tests/fakes/PluginContext.h"
@@ -296,10 +297,8 @@ TEST(FlowspecFsibExportTest, ImportChangesRetranslateExactlyTheDependentRules) {
 TEST(FlowspecFsibExportTest, StartEmptiesTheFsibAndEndsWithIt) {
    std::string const prefix = "exporttest-life-" + std::to_string(getpid());
    auto em = Ovk::makePtr<Mnemo::EntityManager>(prefix);
-   Mnemo::MountInfo info;
-   info.collectionIs(Mnemo::fsibCollection, Mnemo::fsibRuleCount);
-   ASSERT_EQ(em->doMount(Mnemo::fsibPath, Mnemo::fsibType, info), Mnemo::MountStatus::mounted);
-   auto stale = Ovk::ptrCast<Flowspec::RuleSet>(em->getEntity(Mnemo::fsibPath));
+   ASSERT_EQ(Mnemo::mountFsib(*em), Mnemo::MountStatus::mounted);
+   auto stale = Mnemo::fsibOf(*em);
    Flowspec::Rule r;
    Flowspec::FlowspecKey fk;
    ASSERT_TRUE(fk.copyInStrCli("203.0.113.0/24;*;"));

@@ -2,6 +2,7 @@
 // control sockets.
 #include "agent/Agent.h"
 
+#include "host/mnemo/SlateRuleSetMount.h"
 #include "host/mnemo/SlateSegment.h"
 
 #include <gtest/gtest.h>

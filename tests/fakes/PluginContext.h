@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "host/mnemo/EntityManager.h"
+#include "host/mnemo/SlateRuleSetMount.h"
 #include "host/mnemo/SlateSegment.h"
 #include "host/plugin/PluginHost.h"
 

@@ -14,7 +14,7 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
-#include "host/mnemo/EntityManager.h"
+#include "host/mnemo/SlateRuleSetMount.h"
 #include "host/mnemo/SlateRuleSetReader.h"
 #include "tools/flowspec/Subcommand.h"
 

@@ -5,7 +5,7 @@
 #include <iostream>
 #include <string_view>
 
-#include "agent/Config.h"
+#include "agent/ControlProtocol.h"
 #include "tools/flowspec/Subcommand.h"
 
 namespace FlowspecTool {

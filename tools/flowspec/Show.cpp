@@ -8,7 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "agent/ControlSocket.h"
+#include "agent/ControlProtocol.h"
 #include "tools/flowspec/Subcommand.h"
 
 namespace {

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 #include "host/flowspec/RuleSet.h"
+#include "host/mnemo/SlateRuleSetMount.h"
 #include "host/mnemo/SlateRuleSetReader.h"
 #include "tests/host/mnemo/SlateTestHelpers.h"
 
@@ -14,13 +17,15 @@ using Flowspec::RuleIsResult;
 
 MountInfo fsibInfo(std::uint32_t size = fsibRuleCount) { return MountInfo().collectionIs(fsibCollection, size); }
 
-Ovk::Ptr<Flowspec::RuleSet> fsibOf(EntityManager const& em) {
-   return Ovk::ptrCast<Flowspec::RuleSet>(em.getEntity(fsibPath));
-}
+// A manager that knows the rule-set type.
+class RuleSetManager : public EntityManager {
+ public:
+   explicit RuleSetManager(std::string prefix) : EntityManager(std::move(prefix)) { registerRuleSetType(*this); }
+};
 
 TEST(EntityManagerTest, MountingTheFsibGivesARuleSetOtherProcessesCanRead) {
    ScopedSegment seg("mount");
-   auto em = Ovk::makePtr<EntityManager>(seg.prefix());
+   auto em = Ovk::makePtr<RuleSetManager>(seg.prefix());
    EXPECT_EQ(em->segmentName(fsibPath), seg.name());
    EXPECT_FALSE(em->getEntity(fsibPath));
    ASSERT_EQ(em->doMount(fsibPath, fsibType, fsibInfo()), MountStatus::mounted);
@@ -36,7 +41,7 @@ TEST(EntityManagerTest, MountingTheFsibGivesARuleSetOtherProcessesCanRead) {
 
 TEST(EntityManagerTest, MountsOfOnePathShareTheEntityAndTheLastUnmountReleasesIt) {
    ScopedSegment seg("share");
-   EntityManager em(seg.prefix());
+   RuleSetManager em(seg.prefix());
    ASSERT_EQ(em.doMount(fsibPath, fsibType, fsibInfo()), MountStatus::mounted);
    ASSERT_EQ(em.doMount(fsibPath, fsibType, fsibInfo()), MountStatus::alreadyMounted);
    EXPECT_EQ(em.mountCount(fsibPath), 2u);
@@ -64,7 +69,7 @@ TEST(EntityManagerTest, MountsOfOnePathShareTheEntityAndTheLastUnmountReleasesIt
 
 TEST(EntityManagerTest, MountsThatCannotBeMadeLeaveNothingMounted) {
    ScopedSegment seg("refused");
-   EntityManager em(seg.prefix());
+   RuleSetManager em(seg.prefix());
    struct Row {
       char const* name;
       std::string path;
@@ -89,10 +94,64 @@ TEST(EntityManagerTest, MountsThatCannotBeMadeLeaveNothingMounted) {
       EXPECT_EQ(em.mountCount(row.path), 0u);
    }
    EXPECT_FALSE(EntityManager("bad.prefix").segmentName(fsibPath));
+   // A manager the rule-set side has not told of its type mounts none.
+   EXPECT_EQ(EntityManager(seg.prefix()).doMount(fsibPath, fsibType, fsibInfo()), MountStatus::unknownType);
    // A mounted path refuses a mount of another shape.
    ASSERT_EQ(em.doMount(fsibPath, fsibType, fsibInfo(16)), MountStatus::mounted);
    EXPECT_EQ(em.doMount(fsibPath, fsibType, fsibInfo(32)), MountStatus::conflict);
    EXPECT_EQ(em.mountCount(fsibPath), 1u);
+}
+
+// The manager itself knows no type: what a mount makes and what cleanup does come from the
+// type registered under the name, shared memory or not.
+TEST(EntityManagerTest, RegisteredTypesMakeTheEntityAndCleanItUp) {
+   struct Entity : Ovk::PtrInterface {
+      std::string segment;
+      int cleanups = 0;
+   };
+   EntityManager em("registry-" + std::to_string(::getpid()));
+   std::vector<std::string> made;
+   auto const make = [&made](std::string const& segment, MountInfo const& info)
+      -> Ovk::Result<Ovk::Ptr<Ovk::PtrInterface>, MountStatus> {
+      if (!info.collectionSize("item")) return Ovk::failure(MountStatus::badCollections);
+      made.push_back(segment);
+      auto e = Ovk::makePtr<Entity>();
+      e->segment = segment;
+      return Ovk::Ptr<Ovk::PtrInterface>(e);
+   };
+   EXPECT_FALSE(em.hasMountType("Test::Thing"));
+   em.mountTypeIs("Test::Thing", MountType{make, [](Ovk::PtrInterface& e) { ++dynamic_cast<Entity&>(e).cleanups; }});
+   em.mountTypeIs("Test::Plain", MountType{make, {}});
+   // A second registration under a known name changes nothing.
+   em.mountTypeIs("Test::Thing", MountType{[](std::string const&, MountInfo const&)
+                                              -> Ovk::Result<Ovk::Ptr<Ovk::PtrInterface>, MountStatus> {
+                                             return Ovk::failure(MountStatus::segmentError);
+                                          },
+                                          {}});
+   EXPECT_TRUE(em.hasMountType("Test::Thing"));
+
+   MountInfo const info = MountInfo().collectionIs("item", 4);
+   EXPECT_EQ(em.doMount("a/b", "Test::Thing", MountInfo()), MountStatus::badCollections);
+   EXPECT_TRUE(made.empty());
+   ASSERT_EQ(em.doMount("a/b", "Test::Thing", info), MountStatus::mounted);
+   ASSERT_EQ(em.doMount("a/b", "Test::Thing", info), MountStatus::alreadyMounted);
+   EXPECT_EQ(made, std::vector<std::string>{*em.segmentName("a/b")});
+   EXPECT_EQ(em.doMount("a/b", "Test::Plain", info), MountStatus::conflict);
+   auto const thing = Ovk::ptrCast<Entity>(em.getEntity("a/b"));
+   ASSERT_TRUE(thing);
+   EXPECT_EQ(thing->segment, *em.segmentName("a/b"));
+   // Cleanup reaches the type only for the last mount.
+   em.cleanup("a/b");
+   EXPECT_EQ(thing->cleanups, 0);
+   em.doUnmount("a/b");
+   em.cleanup("a/b");
+   EXPECT_EQ(thing->cleanups, 1);
+   EXPECT_TRUE(em.doUnmount("a/b"));
+   // A type without cleanup unmounts all the same.
+   ASSERT_EQ(em.doMount("c", "Test::Plain", info), MountStatus::mounted);
+   em.cleanup("c");
+   EXPECT_TRUE(em.doUnmount("c"));
+   EXPECT_EQ(em.mountCount("c"), 0u);
 }
 
 } // namespace

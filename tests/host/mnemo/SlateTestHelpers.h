@@ -13,7 +13,7 @@
 #include <string>
 
 #include "host/flowspec/Rule.h"
-#include "host/mnemo/EntityManager.h"
+#include "host/mnemo/SlateRuleSetMount.h"
 #include "host/mnemo/SlateSegment.h"
 
 namespace Mnemo::Test {

@@ -1,0 +1,22 @@
+// The control protocol between the agent and its clients: a Unix-domain stream socket. A
+// client writes one request line ("show neighbors") and reads the answer, one JSON document
+// and a newline, until the agent closes the connection. The agent's side is ControlServer.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <string_view>
+
+#include "host/fwk/Result.h"
+
+namespace Flowspecd {
+
+// Where the agent listens when its configuration names no control socket.
+constexpr char const* kDefaultControlSocket = "/tmp/flowspecd.sock";
+
+// Sends `request` to the agent at `path` and returns its answer (without the final
+// newline), or what went wrong.
+Ovk::Result<std::string, std::string> controlRequest(std::string const& path, std::string_view request,
+                                                     std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+} // namespace Flowspecd
