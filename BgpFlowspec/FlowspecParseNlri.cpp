@@ -24,7 +24,7 @@ struct FailureText {
    char const* after;  // after b
 };
 
-constexpr std::array<FailureText, 16> kFailureTexts = {{
+constexpr std::array<FailureText, 17> kFailureTexts = {{
     {BgpParseCountReason::flowspecNlriLenMissing, "not enough data for NLRI length", nullptr, nullptr},
     {BgpParseCountReason::flowspecNlriLenMissing, "not enough data for NLRI length addend", nullptr, nullptr},
     {BgpParseCountReason::flowspecNlriLenMismatch, "encoded nlriLen (", ") > bytesLeft (", ")"},
@@ -43,9 +43,11 @@ constexpr std::array<FailureText, 16> kFailureTexts = {{
     {BgpParseCountReason::flowspecValueMissing, "not enough data for component value", nullptr, nullptr},
     {BgpParseCountReason::flowspecValueTooLong, "value has too many bytes ", " for type ", ""},
     {BgpParseCountReason::flowspecIpv6FragmentDf, "IPv6 nlri fragment: DF bit is 1, but MUST be 0", nullptr, nullptr},
+    {BgpParseCountReason::flowspecNexthopShort, "Could not read next-hop data: it runs past the attribute", nullptr,
+     nullptr},
 }};
 
-static_assert(kFailureTexts.size() == static_cast<std::size_t>(Kind::ipv6FragmentDf) + 1, "one text per kind");
+static_assert(kFailureTexts.size() == static_cast<std::size_t>(Kind::nexthopShort) + 1, "one text per kind");
 
 FailureText const& failureText(Kind kind) { return kFailureTexts[static_cast<std::size_t>(kind)]; }
 
@@ -198,6 +200,11 @@ std::optional<Failure> NlriReader::opValComponent(std::uint8_t currType) {
 } // namespace
 
 BgpParseCountReason FlowspecNlriParseFailure::reason() const noexcept { return failureText(kind_).reason; }
+
+char const* flowspecAttributeReasonText(BgpParseCountReason reason) {
+   FailureText const& nexthop = failureText(Kind::nexthopShort);
+   return reason == nexthop.reason ? nexthop.before : nullptr;
+}
 
 std::string FlowspecNlriParseFailure::message() const {
    FailureText const& t = failureText(kind_);

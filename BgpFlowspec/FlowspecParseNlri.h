@@ -49,6 +49,8 @@ class FlowspecNlriParseFailure {
       componentValue,      // 225 "not enough data for component value"
       valueTooLong,        // 226 "value has too many bytes a for type b"
       ipv6FragmentDf,      // 227 "IPv6 nlri fragment: DF bit is 1, but MUST be 0"
+      // Not an NLRI's: the MP_REACH_NLRI next hop the next-hop rule reads.
+      nexthopShort,        // 228 "Could not read next-hop data: it runs past the attribute"
    };
 
    explicit FlowspecNlriParseFailure(Kind kind, std::uint32_t a = 0, std::uint32_t b = 0) noexcept
@@ -63,6 +65,10 @@ class FlowspecNlriParseFailure {
    std::uint32_t a_;
    std::uint32_t b_;
 };
+
+// The text of a reason the plugin counts for the attribute rather than for one NLRI (the next
+// hop's, 228); null for the NLRI's reasons, whose texts are their failures' messages.
+char const* flowspecAttributeReasonText(BgpParseCountReason reason);
 
 class FlowspecParseUpdateNlriRule : public BgpParseUpdateNlriRuleBase {
  public:

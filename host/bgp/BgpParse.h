@@ -175,6 +175,9 @@ enum class BgpParseCountReason : std::uint16_t {
 // The reason's name ("flowspecNlriLenMismatch"), or its number when it has none.
 std::string toStrep(BgpParseCountReason reason);
 std::ostream& operator<<(std::ostream& os, BgpParseCountReason reason);
+// The text of a decoder reason ("ORIGIN length is not 1"); empty for the reasons the
+// families' rules count, whose texts are theirs.
+char const* bgpUpdateErrorText(BgpParseCountReason reason);
 
 // What parsing one message found wrong: a counter per reason.
 class BgpParseHeaderAndMessageBase : public Ovk::PtrInterface {

@@ -83,45 +83,6 @@ bool asPathValid(std::span<std::uint8_t const> value, std::size_t asWidth) {
    return true;
 }
 
-// Texts of the decoder's reasons, indexed by their number.
-constexpr std::array<char const*, 35> kTexts = {{
-    "",
-    "message shorter than the BGP header",
-    "marker is not all ones",
-    "length field does not match the message",
-    "message is not an UPDATE",
-    "withdrawn routes length runs past the message",
-    "total path attribute length runs past the message",
-    "withdrawn routes hold an invalid IPv4 prefix",
-    "NLRI field holds an invalid IPv4 prefix",
-    "bytes left too few for an attribute header",
-    "attribute length runs past the path attributes",
-    "attribute flags conflict with the attribute type",
-    "attribute appears more than once",
-    "MP_REACH_NLRI or MP_UNREACH_NLRI appears more than once",
-    "unrecognized well-known attribute",
-    "ORIGIN length is not 1",
-    "ORIGIN value is undefined",
-    "AS_PATH is malformed",
-    "NEXT_HOP length is not 4",
-    "MULTI_EXIT_DISC length is not 4",
-    "LOCAL_PREF length is not 4",
-    "LOCAL_PREF from an external peer",
-    "ATOMIC_AGGREGATE length is not 0",
-    "AGGREGATOR length is wrong",
-    "COMMUNITIES length is not a non-zero multiple of 4",
-    "EXTENDED_COMMUNITIES length is not a non-zero multiple of 8",
-    "IPv6 address specific extended communities length is not a non-zero multiple of 20",
-    "MP_REACH_NLRI too short for its fixed fields",
-    "MP_REACH_NLRI next hop runs past the attribute",
-    "MP_UNREACH_NLRI too short for AFI and SAFI",
-    "NLRI of a family without a parse rule skipped",
-    "ORIGIN missing",
-    "AS_PATH missing",
-    "NEXT_HOP missing",
-    "path identifier cut short",
-}};
-
 } // namespace
 
 char const* toStrep(BgpUpdateAction action) {
@@ -132,11 +93,6 @@ char const* toStrep(BgpUpdateAction action) {
     case BgpUpdateAction::sessionReset: return "session-reset";
    }
    return "?";
-}
-
-char const* bgpUpdateErrorText(BgpParseCountReason reason) {
-   auto const i = static_cast<std::size_t>(reason);
-   return i < kTexts.size() ? kTexts[i] : "";
 }
 
 std::optional<AfiSafi> BgpParsedUpdate::endOfRib() const {

@@ -63,9 +63,6 @@ struct BgpUpdateError {
    std::uint8_t attributeType = 0; // the attribute it concerns; 0 for none
    std::uint32_t offset = 0;       // where in the message it was found
 };
-// The text of a decoder reason ("ORIGIN length is not 1"); empty for the reasons the
-// families' rules count, whose texts are theirs.
-char const* bgpUpdateErrorText(BgpParseCountReason reason);
 
 // One NLRI of an MP_REACH_NLRI or MP_UNREACH_NLRI attribute.
 struct BgpParsedNlri {

@@ -682,6 +682,13 @@ TEST(FlowspecParseNextHopTest, FieldLongerThanThePacket) {
       EXPECT_EQ(env.scratchpad->nexthop().ptr(), before.ptr());
    }
    EXPECT_EQ(env.scratchpad->results()->count(Reason::flowspecNexthopShort), 4u);
+   // The reason's text is the plugin's; the NLRI's reasons have none of their own, their
+   // failures' messages say what went wrong.
+   EXPECT_STREQ(flowspecAttributeReasonText(Reason::flowspecNexthopShort),
+                "Could not read next-hop data: it runs past the attribute");
+   for (Reason r : {Reason::flowspecNlriLenMissing, Reason::flowspecIpv6FragmentDf, Reason::mpReachNexthopOverrun}) {
+      EXPECT_EQ(flowspecAttributeReasonText(r), nullptr) << r;
+   }
 }
 
 TEST(FlowspecParseNextHopDeathTest, VrfWithoutTheFamilysNexthopTable) {

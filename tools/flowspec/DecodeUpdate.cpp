@@ -89,7 +89,7 @@ std::optional<AfiSafi> updateFamily(BgpParsedUpdate const& u) {
 std::string errorText(BgpUpdateError const& e, std::string const& ruleMessage) {
    char const* const text = bgpUpdateErrorText(e.reason);
    if (*text) return text;
-   if (e.reason == BgpParseCountReason::flowspecNexthopShort) return "Could not read next-hop data: it runs past the attribute";
+   if (char const* const attributeText = flowspecAttributeReasonText(e.reason)) return attributeText;
    return ruleMessage;
 }
 
@@ -204,7 +204,7 @@ json UpdateDecodeSession::updateJson(BgpParsedUpdate const& u, std::size_t index
       // A rule's reason reads as the rule's message for the NLRI it refused, in order.
       std::string ruleMessage;
       json nlri = nullptr;
-      if (!*bgpUpdateErrorText(e.reason) && e.reason != BgpParseCountReason::flowspecNexthopShort) {
+      if (!*bgpUpdateErrorText(e.reason) && !flowspecAttributeReasonText(e.reason)) {
          while (refused < u.nlri.size() && u.nlri[refused].routeKey) ++refused;
          if (refused < u.nlri.size()) {
             nlri = hexOf(u.nlri[refused].bytes);

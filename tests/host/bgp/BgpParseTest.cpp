@@ -67,6 +67,28 @@ TEST(BgpParseTest, ResultsCountEachReason) {
    EXPECT_EQ(toStrep(static_cast<BgpParseCountReason>(999)), "999");
 }
 
+// One table gives every reason its name and the decoder's reasons their texts; the reasons
+// the families' rules count have no decoder text (the rules give theirs).
+TEST(BgpParseTest, ReasonNamesAndTexts) {
+   using R = BgpParseCountReason;
+   for (unsigned n = 1; n <= static_cast<unsigned>(R::nlriPathIdShort); ++n) {
+      auto const r = static_cast<R>(n);
+      SCOPED_TRACE(n);
+      EXPECT_NE(toStrep(r), std::to_string(n));
+      EXPECT_STRNE(bgpUpdateErrorText(r), "");
+   }
+   for (unsigned n = static_cast<unsigned>(R::flowspecNlriLenMissing); n <= static_cast<unsigned>(R::flowspecNexthopShort); ++n) {
+      auto const r = static_cast<R>(n);
+      SCOPED_TRACE(n);
+      EXPECT_EQ(toStrep(r).rfind("flowspec", 0), 0u);
+      EXPECT_STREQ(bgpUpdateErrorText(r), "");
+   }
+   EXPECT_STREQ(bgpUpdateErrorText(R::originLength), "ORIGIN length is not 1");
+   EXPECT_STREQ(bgpUpdateErrorText(R::none), "");
+   EXPECT_STREQ(bgpUpdateErrorText(static_cast<R>(35)), "");
+   EXPECT_EQ(toStrep(static_cast<R>(35)), "35");
+}
+
 TEST(BgpParseTest, VrfRegistryFindsTablesByFamily) {
    EXPECT_EQ(AfiSafiDedupTablesHash()(AfiSafi::ipv4Flowspec()), 0x85u ^ 0x01u);
    EXPECT_EQ(AfiSafiDedupTablesHash()(AfiSafi::ipv6Flowspec()), 0x85u ^ 0x02u);
