@@ -6,19 +6,6 @@ namespace Flowspecd {
 
 namespace {
 
-void add(BgpUpdateDecoderCounters& into, BgpUpdateDecoderCounters const& from) {
-   into.messages += from.messages;
-   for (std::size_t i = 0; i < into.actions.size(); ++i) into.actions[i] += from.actions[i];
-   for (auto const& [family, f] : from.families) {
-      BgpUpdateDecoderCounters::Family& t = into.families[family];
-      t.announced += f.announced;
-      t.withdrawn += f.withdrawn;
-      t.refused += f.refused;
-      t.updates += f.updates;
-   }
-   for (auto const& [reason, n] : from.reasons) into.reasons[reason] += n;
-}
-
 std::string errorsText(BgpParsedUpdate const& u) {
    std::string text;
    for (BgpUpdateError const& e : u.errors) {
@@ -114,7 +101,7 @@ void BgpRouting::handleSessionDown(BgpPeer const& from) {
    flush(*p);
    // The session's decoder, whose last result still holds rules, and its attributes go too;
    // their counts stay.
-   add(p->previousSessions, p->decoder->counters());
+   p->previousSessions += p->decoder->counters();
    p->attributeSetsBuilt += p->attributes->built();
    p->attributeSetsReused += p->attributes->reused();
    p->decoder = nullptr;
@@ -207,7 +194,7 @@ std::optional<BgpRouting::PeerView> BgpRouting::peer(Ovnet::IpGenAddr const& nei
    Peer const& p = *it->second;
    PeerView v;
    v.counters = p.previousSessions;
-   if (p.decoder) add(v.counters, p.decoder->counters());
+   if (p.decoder) v.counters += p.decoder->counters();
    for (auto const& [family, table] : p.tables) {
       v.received[family] = table->pathsOf(p.source);
       v.accepted[family] = table->bestOf(p.source);

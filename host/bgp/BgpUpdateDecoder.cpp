@@ -85,6 +85,22 @@ bool asPathValid(std::span<std::uint8_t const> value, std::size_t asWidth) {
 
 } // namespace
 
+BgpUpdateDecoderCounters::Family& BgpUpdateDecoderCounters::Family::operator+=(Family const& o) {
+   announced += o.announced;
+   withdrawn += o.withdrawn;
+   refused += o.refused;
+   updates += o.updates;
+   return *this;
+}
+
+BgpUpdateDecoderCounters& BgpUpdateDecoderCounters::operator+=(BgpUpdateDecoderCounters const& o) {
+   messages += o.messages;
+   for (std::size_t i = 0; i < actions.size(); ++i) actions[i] += o.actions[i];
+   for (auto const& [family, f] : o.families) families[family] += f;
+   for (auto const& [reason, n] : o.reasons) reasons[reason] += n;
+   return *this;
+}
+
 char const* toStrep(BgpUpdateAction action) {
    switch (action) {
     case BgpUpdateAction::accept: return "accept";

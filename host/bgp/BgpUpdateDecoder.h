@@ -128,12 +128,15 @@ struct BgpUpdateDecoderCounters {
       std::uint64_t withdrawn = 0;   // NLRI read from MP_UNREACH_NLRI
       std::uint64_t refused = 0;     // NLRI a rule refused
       std::uint64_t updates = 0;     // UPDATEs with NLRI of the family
+      Family& operator+=(Family const& o);
    };
    std::uint64_t messages = 0;
    std::array<std::uint64_t, 4> actions{}; // UPDATEs per BgpUpdateAction
    std::map<AfiSafi, Family> families;
    std::map<BgpParseCountReason, std::uint64_t> reasons;
    std::uint64_t action(BgpUpdateAction a) const { return actions[static_cast<std::size_t>(a)]; }
+   // Adds every count of `o` (another session's, or an earlier one's).
+   BgpUpdateDecoderCounters& operator+=(BgpUpdateDecoderCounters const& o);
 };
 
 class BgpUpdateDecoder {

@@ -4,6 +4,7 @@
 #include <ostream>
 
 #include "BgpFlowspec/FlowspecParseNlri.h"
+#include "host/bgp/BgpMessage.h"
 #include "host/bgp/BgpVrfId.h"
 #include "host/bgp/ExtComm.h"
 #include "host/bgp/PathAttributes.h"
@@ -228,7 +229,7 @@ json UpdateDecodeSession::updateJson(BgpParsedUpdate const& u, std::size_t index
                                                {"data", hexOf(u.notification->data)}}
                                         : json(nullptr);
    std::optional<AfiSafi> const eor = u.endOfRib();
-   out["endOfRib"] = eor ? json(toStrep(*eor)) : json(nullptr);
+   out["endOfRib"] = eor ? json(familyName(*eor)) : json(nullptr);
    json attrs = json::object();
    if (a.origin) attrs["origin"] = originName(*a.origin);
    if (a.asPath.present) attrs["asPath"] = asPathText(a.asPath.value, a.asPathFourOctet);
@@ -250,7 +251,7 @@ void UpdateDecodeSession::updateText(BgpParsedUpdate const& u, std::size_t index
    out << "UPDATE " << index;
    if (origin) out << ' ' << origin->from << " -> " << origin->to;
    std::optional<AfiSafi> const family = updateFamily(u);
-   out << ": " << (family ? toStrep(*family) : std::string("no multiprotocol family")) << ", " << toStrep(u.action);
+   out << ": " << (family ? familyName(*family) : std::string("no multiprotocol family")) << ", " << toStrep(u.action);
    if (!j["endOfRib"].is_null()) out << ", End-of-RIB " << j["endOfRib"].get<std::string>();
    out << '\n';
    if (u.action == BgpUpdateAction::treatAsWithdraw) out << "  every announced rule is taken as withdrawn\n";
@@ -313,19 +314,9 @@ int decodeUpdates(std::vector<UpdateInput> const& inputs, bool asJson, std::ostr
       constexpr std::uint8_t kUpdate = 2;
       if (origin && messageType(message) != kUpdate) return;
       BgpParsedUpdate const& u = session.decoder().decode(message);
-      ++totals.updates;
       if (!u.errors.empty()) {
          ++totals.notAccepted;
          status = std::max(status, 1);
-      }
-      for (BgpParsedNlri const& n : u.nlri) {
-         if (!n.routeKey) {
-            ++totals.refused;
-         } else if (n.reachable) {
-            ++totals.announced;
-         } else {
-            ++totals.withdrawn;
-         }
       }
       if (asJson) {
          out << session.updateJson(u, totals.messages, origin).dump() << '\n';
@@ -367,6 +358,14 @@ int decodeUpdates(std::vector<UpdateInput> const& inputs, bool asJson, std::ostr
        }
       }
    }
+   // What the decoder counted of the UPDATEs and their rules.
+   BgpUpdateDecoderCounters const& counted = session.decoder().counters();
+   BgpUpdateDecoderCounters::Family rules;
+   for (auto const& [family, f] : counted.families) rules += f;
+   totals.updates = counted.messages;
+   totals.announced = rules.announced;
+   totals.withdrawn = rules.withdrawn;
+   totals.refused = rules.refused;
    if (!asJson) {
       out << totals.messages << " message(s), " << totals.updates << " UPDATE(s), " << totals.notAccepted
           << " with errors; " << totals.announced << " rule(s) announced, " << totals.withdrawn << " withdrawn, "

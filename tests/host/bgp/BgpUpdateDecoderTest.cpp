@@ -5,6 +5,7 @@
 #include <functional>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tests/host/bgp/UpdateBuilder.h"
@@ -407,6 +408,35 @@ TEST(BgpUpdateDecoderTest, CountersPerFamilyAndAction) {
    EXPECT_EQ(f.refused, 1u);
    EXPECT_EQ(c.reasons.at(BgpParseCountReason::flowspecComponentTypeInvalid), 1u);
    EXPECT_EQ(c.reasons.at(BgpParseCountReason::unrecognizedWellKnown), 1u);
+}
+
+// Counters of several sessions add up count by count; a family or reason only one side
+// has is taken over.
+TEST(BgpUpdateDecoderTest, CountersAddUp) {
+   AfiSafi const v4 = AfiSafi::ipv4Flowspec();
+   AfiSafi const v6 = AfiSafi::ipv6Flowspec();
+   BgpUpdateDecoderCounters a;
+   a.messages = 3;
+   a.actions = {1, 0, 1, 1};
+   a.families[v4] = {.announced = 5, .withdrawn = 1, .refused = 2, .updates = 3};
+   a.reasons[BgpParseCountReason::originLength] = 1;
+   BgpUpdateDecoderCounters b;
+   b.messages = 4;
+   b.actions = {2, 1, 0, 1};
+   b.families[v4] = {.announced = 1, .withdrawn = 2, .refused = 3, .updates = 4};
+   b.families[v6] = {.announced = 7, .withdrawn = 0, .refused = 0, .updates = 1};
+   b.reasons[BgpParseCountReason::originLength] = 2;
+   b.reasons[BgpParseCountReason::flowspecNexthopShort] = 1;
+   a += b;
+   a += BgpUpdateDecoderCounters{};
+   EXPECT_EQ(a.messages, 7u);
+   EXPECT_EQ(a.actions, (std::array<std::uint64_t, 4>{3, 1, 1, 2}));
+   BgpUpdateDecoderCounters::Family const& f4 = a.families.at(v4);
+   EXPECT_EQ(std::tuple(f4.announced, f4.withdrawn, f4.refused, f4.updates), std::tuple(6u, 3u, 5u, 7u));
+   BgpUpdateDecoderCounters::Family const& f6 = a.families.at(v6);
+   EXPECT_EQ(std::tuple(f6.announced, f6.withdrawn, f6.refused, f6.updates), std::tuple(7u, 0u, 0u, 1u));
+   EXPECT_EQ(a.reasons, (std::map<BgpParseCountReason, std::uint64_t>{{BgpParseCountReason::originLength, 3},
+                                                                      {BgpParseCountReason::flowspecNexthopShort, 1}}));
 }
 
 // Every cut of a good UPDATE (with its length field made to agree) decodes to some answer
