@@ -63,7 +63,8 @@ char const* toStrep(MountStatus s);
 // One type of entity the manager can mount.
 struct MountType {
    // The entity for the segment named `segment` as `info` describes it; a failure is the
-   // status the mount ends with (badCollections or segmentError), its cause traced here.
+   // status the mount ends with (badCollections or segmentError), its cause traced by the
+   // factory.
    using Factory = std::function<Ovk::Result<Ovk::Ptr<Ovk::PtrInterface>, MountStatus>(std::string const& segment,
                                                                                          MountInfo const& info)>;
    Factory make;
