@@ -103,6 +103,17 @@ char const* messageTypeName(MessageType t) {
 std::string familyName(AfiSafi f) {
    if (f == kIpv4Flowspec) return "ipv4-flowspec";
    if (f == kIpv6Flowspec) return "ipv6-flowspec";
+   // The other families a peer may name, as people write them; the numbers otherwise.
+   static constexpr struct {
+      std::uint16_t afi;
+      std::uint8_t safi;
+      char const* name;
+   } kNames[] = {{1, 1, "ipv4-unicast"},        {2, 1, "ipv6-unicast"},        {1, 2, "ipv4-multicast"},
+                 {2, 2, "ipv6-multicast"},      {1, 128, "ipv4-vpn"},          {2, 128, "ipv6-vpn"},
+                 {1, 134, "ipv4-flowspec-vpn"}, {2, 134, "ipv6-flowspec-vpn"}};
+   for (auto const& n : kNames) {
+      if (afiNumber(f) == n.afi && f.safi() == n.safi) return n.name;
+   }
    return std::to_string(afiNumber(f)) + "/" + std::to_string(f.safi());
 }
 

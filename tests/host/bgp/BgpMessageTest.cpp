@@ -269,7 +269,7 @@ TEST(BgpMessage, EndOfRibReadsBackAsOne) {
 TEST(BgpMessage, FamilyNames) {
    EXPECT_EQ(familyName(kIpv4Flowspec), "ipv4-flowspec");
    EXPECT_EQ(familyName(kIpv6Flowspec), "ipv6-flowspec");
-   EXPECT_EQ(familyName(kIpv4Unicast), "1/1");
+   EXPECT_EQ(familyName(kIpv4Unicast), "ipv4-unicast");
    EXPECT_EQ(familyFromName("ipv6-flowspec"), kIpv6Flowspec);
    EXPECT_FALSE(familyFromName("ipv4-unicast"));
 }
