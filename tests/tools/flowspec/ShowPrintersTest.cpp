@@ -4,15 +4,15 @@
 // the golden files instead (to take a change of output on purpose).
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <sstream>
 #include <string>
 
+#include "tests/tools/flowspec/Golden.h"
 #include "tools/flowspec/ShowPrinters.h"
 
 namespace {
 
+using FlowspecTest::golden;
 using FlowspecTool::printAnswer;
 
 // Two neighbors up, one over IPv6 with a 4-byte AS and an uptime over a day; one down with
@@ -68,18 +68,6 @@ constexpr char const* kSummary = R"({"vrfs":[
   "families":{"ipv4-flowspec":{"rules":3,"paths":4,"indexBytes":512}}}],
  "attributeSets":42,"attributeSetsBuilt":1300,"attributeSetsReused":1258})";
 
-// The golden file `file`; written from `actual` first with FS_UPDATE_GOLDEN=1.
-std::string golden(std::string const& file, std::string const& actual) {
-   std::string const path = std::string(FS_GOLDEN_DIR) + "/" + file;
-   if (char const* u = std::getenv("FS_UPDATE_GOLDEN"); u != nullptr && std::string(u) == "1") {
-      std::ofstream(path) << actual;
-   }
-   std::ifstream in(path);
-   std::stringstream ss;
-   ss << in.rdbuf();
-   return ss.str();
-}
-
 struct Printed {
    int status;
    std::string out;
@@ -101,20 +89,15 @@ struct ShowCase {
 
 class ShowGoldenTest : public ::testing::TestWithParam<ShowCase> {};
 
-TEST_P(ShowGoldenTest, textMatchesGolden) {
+TEST_P(ShowGoldenTest, textAndJsonMatchGolden) {
    auto const& c = GetParam();
-   auto const p = printed(c.answer, false, c.print);
-   EXPECT_EQ(p.status, 0);
-   EXPECT_EQ(p.err, "");
-   EXPECT_EQ(p.out, golden(std::string("show-") + c.name + ".txt", p.out));
-}
-
-TEST_P(ShowGoldenTest, jsonMatchesGolden) {
-   auto const& c = GetParam();
-   auto const p = printed(c.answer, true, c.print);
-   EXPECT_EQ(p.status, 0);
-   EXPECT_EQ(p.err, "");
-   EXPECT_EQ(p.out, golden(std::string("show-") + c.name + ".json", p.out));
+   for (bool const json : {false, true}) {
+      auto const p = printed(c.answer, json, c.print);
+      std::string const file = std::string("show-") + c.name + (json ? ".json" : ".txt");
+      EXPECT_EQ(p.status, 0) << file;
+      EXPECT_EQ(p.err, "") << file;
+      EXPECT_EQ(p.out, golden(file, p.out)) << file;
+   }
 }
 
 // Every answer shape is read by its own printer only: another shape is an error, with
