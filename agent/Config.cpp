@@ -91,6 +91,29 @@ class Checker {
    ConfigErrors errors_;
 };
 
+// A neighbor's families = [...]: at least one, each once.
+void readFamilies(Checker& check, toml::node const& v, NeighborConfig& n) {
+   if (auto const* list = v.as_array()) {
+      n.families.clear();
+      for (auto const& item : *list) {
+         auto const name = item.value_exact<std::string>();
+         auto const f = name ? familyFromName(*name) : std::nullopt;
+         if (!f) {
+            check.error(item.source().begin.line ? Checker::lineOf(item) : Checker::lineOf(v),
+                        "families may hold \"ipv4-flowspec\" and \"ipv6-flowspec\", not " +
+                           (name ? "\"" + *name + "\"" : std::string("a value of another type")));
+         } else if (std::find(n.families.begin(), n.families.end(), *f) != n.families.end()) {
+            check.error(v, "family \"" + *name + "\" is listed twice");
+         } else {
+            n.families.push_back(*f);
+         }
+      }
+      if (list->empty()) check.error(v, "families must name at least one family");
+   } else {
+      check.error(v, "families must be a list such as [\"ipv4-flowspec\", \"ipv6-flowspec\"]");
+   }
+}
+
 void readNeighbor(Checker& check, toml::table const& t, NeighborConfig& n) {
    static std::vector<std::string_view> const known{"address", "port", "remote-as", "passive",
                                                      "hold-time", "families", "description",
@@ -130,27 +153,7 @@ void readNeighbor(Checker& check, toml::table const& t, NeighborConfig& n) {
          }
       }
    }
-   if (auto const* v = t.get("families")) {
-      if (auto const* list = v->as_array()) {
-         n.families.clear();
-         for (auto const& item : *list) {
-            auto const name = item.value_exact<std::string>();
-            auto const f = name ? familyFromName(*name) : std::nullopt;
-            if (!f) {
-               check.error(item.source().begin.line ? Checker::lineOf(item) : Checker::lineOf(*v),
-                           "families may hold \"ipv4-flowspec\" and \"ipv6-flowspec\", not " +
-                              (name ? "\"" + *name + "\"" : std::string("a value of another type")));
-            } else if (std::find(n.families.begin(), n.families.end(), *f) != n.families.end()) {
-               check.error(*v, "family \"" + *name + "\" is listed twice");
-            } else {
-               n.families.push_back(*f);
-            }
-         }
-         if (list->empty()) check.error(*v, "families must name at least one family");
-      } else {
-         check.error(*v, "families must be a list such as [\"ipv4-flowspec\", \"ipv6-flowspec\"]");
-      }
-   }
+   if (auto const* v = t.get("families")) readFamilies(check, *v, n);
    if (auto const* v = t.get("description")) {
       if (auto s = check.string(*v, "description")) n.description = *s;
    }
@@ -167,8 +170,8 @@ void readNeighbor(Checker& check, toml::table const& t, NeighborConfig& n) {
    }
 }
 
-// The keys of the top level: identity, listeners, sockets, where the plugin is.
-void readGlobals(Checker& check, toml::table const& root, AgentConfig& config) {
+// router-id and local-as: who the agent is.
+void readIdentity(Checker& check, toml::table const& root, AgentConfig& config) {
    if (auto const* v = root.get("router-id")) {
       if (auto id = check.string(*v, "router-id")) {
          auto a = Ovnet::IpGenAddr::parse(*id);
@@ -189,6 +192,11 @@ void readGlobals(Checker& check, toml::table const& root, AgentConfig& config) {
    } else {
       check.error(1, "missing local-as (an AS number from 1 to 4294967295)");
    }
+}
+
+// listen = ["ADDR:PORT", ...]: each endpoint at most once; the IPv4 and IPv6 wildcard
+// addresses when left out.
+void readListen(Checker& check, toml::table const& root, AgentConfig& config) {
    if (auto const* v = root.get("listen")) {
       if (auto const* list = v->as_array()) {
          for (auto const& item : *list) {
@@ -210,6 +218,10 @@ void readGlobals(Checker& check, toml::table const& root, AgentConfig& config) {
    } else {
       config.listen = {*parseEndpoint("0.0.0.0"), *parseEndpoint("[::]")};
    }
+}
+
+// fsib-prefix, plugin-dir and control-socket: the names the agent gives and uses on the host.
+void readHostNames(Checker& check, toml::table const& root, AgentConfig& config) {
    if (auto const* v = root.get("fsib-prefix")) {
       if (auto s = check.string(*v, "fsib-prefix")) {
          bool const ok = !s->empty() && s->size() <= 64 && std::all_of(s->begin(), s->end(), [](char c) {
@@ -242,6 +254,13 @@ void readGlobals(Checker& check, toml::table const& root, AgentConfig& config) {
    }
 }
 
+// The keys of the top level: identity, listeners, sockets, where the plugin is.
+void readGlobals(Checker& check, toml::table const& root, AgentConfig& config) {
+   readIdentity(check, root, config);
+   readListen(check, root, config);
+   readHostNames(check, root, config);
+}
+
 // [[neighbor]] tables.
 void readNeighbors(Checker& check, toml::table const& root, AgentConfig& config) {
    if (auto const* v = root.get("neighbor")) {
@@ -264,6 +283,66 @@ void readNeighbors(Checker& check, toml::table const& root, AgentConfig& config)
    }
 }
 
+// A [[vrf]]'s import-route-targets = [...]; a target listed twice is kept once.
+void readRouteTargets(Checker& check, toml::node const& n, VrfConfig& vrf) {
+   auto const* rts = n.as_array();
+   if (!rts) {
+      check.error(n, "import-route-targets must be a list such as [\"65000:100\", \"192.0.2.1:7\"]");
+   } else {
+      for (auto const& rt : *rts) {
+         auto const text = rt.value_exact<std::string>();
+         auto const value = text ? parseRouteTarget(*text) : std::nullopt;
+         if (!value) {
+            check.error(Checker::lineOf(rt) ? Checker::lineOf(rt) : Checker::lineOf(n),
+                        "a route target is AS:NUMBER (AS up to 65535, NUMBER up to 4294967295), "
+                        "IPV4:NUMBER or AS4:NUMBER (AS above 65535, NUMBER up to 65535), not " +
+                            (text ? "\"" + *text + "\"" : std::string("a value of another type")));
+         } else if (std::find(vrf.importRouteTargets.begin(), vrf.importRouteTargets.end(), *value) ==
+                    vrf.importRouteTargets.end()) {
+            vrf.importRouteTargets.push_back(*value);
+         }
+      }
+   }
+}
+
+// One [[vrf]] table.
+VrfConfig readVrf(Checker& check, toml::table const& t) {
+   VrfConfig vrf;
+   vrf.line = Checker::lineOf(t);
+   check.onlyKeys(t, {"name", "id", "import-route-targets"}, "[[vrf]]");
+   if (auto const* n = t.get("name")) {
+      if (auto name = check.string(*n, "name")) {
+         if (name->empty() || name->size() > kMaxVrfName) {
+            check.error(*n, "a VRF name has 1 to " + std::to_string(kMaxVrfName) + " bytes");
+         } else if (*name == "default") {
+            check.error(*n, "the VRF name \"default\" is the default VRF's");
+         } else {
+            vrf.name = *name;
+         }
+      }
+   } else {
+      check.error(vrf.line, "a [[vrf]] needs a name");
+   }
+   if (auto const* n = t.get("id")) {
+      if (auto id = check.integer(*n, "id", 1, kMaxVrfId)) vrf.id = static_cast<std::uint32_t>(*id);
+   }
+   if (auto const* n = t.get("import-route-targets")) readRouteTargets(check, *n, vrf);
+   return vrf;
+}
+
+// VRFs without an id get the lowest free ones, in file order.
+void assignVrfIds(std::vector<VrfConfig>& vrfs) {
+   std::uint32_t next = 1;
+   for (auto& vrf : vrfs) {
+      if (vrf.id) continue;
+      auto taken = [&](std::uint32_t id) {
+         return std::any_of(vrfs.begin(), vrfs.end(), [id](VrfConfig const& o) { return o.id == id; });
+      };
+      while (taken(next)) ++next;
+      vrf.id = next++;
+   }
+}
+
 // [[vrf]] tables: names, ids (assigned from 1 when left out) and imported route targets.
 void readVrfs(Checker& check, toml::table const& root, AgentConfig& config) {
    auto const* v = root.get("vrf");
@@ -274,46 +353,7 @@ void readVrfs(Checker& check, toml::table const& root, AgentConfig& config) {
       return;
    }
    for (auto const& item : *list) {
-      toml::table const& t = *item.as_table();
-      VrfConfig vrf;
-      vrf.line = Checker::lineOf(t);
-      check.onlyKeys(t, {"name", "id", "import-route-targets"}, "[[vrf]]");
-      if (auto const* n = t.get("name")) {
-         if (auto name = check.string(*n, "name")) {
-            if (name->empty() || name->size() > kMaxVrfName) {
-               check.error(*n, "a VRF name has 1 to " + std::to_string(kMaxVrfName) + " bytes");
-            } else if (*name == "default") {
-               check.error(*n, "the VRF name \"default\" is the default VRF's");
-            } else {
-               vrf.name = *name;
-            }
-         }
-      } else {
-         check.error(vrf.line, "a [[vrf]] needs a name");
-      }
-      if (auto const* n = t.get("id")) {
-         if (auto id = check.integer(*n, "id", 1, kMaxVrfId)) vrf.id = static_cast<std::uint32_t>(*id);
-      }
-      if (auto const* n = t.get("import-route-targets")) {
-         auto const* rts = n->as_array();
-         if (!rts) {
-            check.error(*n, "import-route-targets must be a list such as [\"65000:100\", \"192.0.2.1:7\"]");
-         } else {
-            for (auto const& rt : *rts) {
-               auto const text = rt.value_exact<std::string>();
-               auto const value = text ? parseRouteTarget(*text) : std::nullopt;
-               if (!value) {
-                  check.error(Checker::lineOf(rt) ? Checker::lineOf(rt) : Checker::lineOf(*n),
-                              "a route target is AS:NUMBER (AS up to 65535, NUMBER up to 4294967295), "
-                              "IPV4:NUMBER or AS4:NUMBER (AS above 65535, NUMBER up to 65535), not " +
-                                  (text ? "\"" + *text + "\"" : std::string("a value of another type")));
-               } else if (std::find(vrf.importRouteTargets.begin(), vrf.importRouteTargets.end(), *value) ==
-                          vrf.importRouteTargets.end()) {
-                  vrf.importRouteTargets.push_back(*value);
-               }
-            }
-         }
-      }
+      VrfConfig vrf = readVrf(check, *item.as_table());
       for (auto const& other : config.vrfs) {
          if (!vrf.name.empty() && other.name == vrf.name) {
             check.error(vrf.line, "VRF " + vrf.name + " is already defined on line " + std::to_string(other.line));
@@ -324,16 +364,7 @@ void readVrfs(Checker& check, toml::table const& root, AgentConfig& config) {
       }
       config.vrfs.push_back(std::move(vrf));
    }
-   // VRFs without an id get the lowest free ones, in file order.
-   std::uint32_t next = 1;
-   for (auto& vrf : config.vrfs) {
-      if (vrf.id) continue;
-      auto taken = [&](std::uint32_t id) {
-         return std::any_of(config.vrfs.begin(), config.vrfs.end(), [id](VrfConfig const& o) { return o.id == id; });
-      };
-      while (taken(next)) ++next;
-      vrf.id = next++;
-   }
+   assignVrfIds(config.vrfs);
 }
 
 } // namespace

@@ -23,7 +23,7 @@
 
 #include "tests/host/bgp/UpdateBuilder.h"
 #include "tools/capture/BgpCapture.h"
-#include "tools/flowspec/DecodeUpdate.h"
+#include "tools/flowspec/UpdateReport.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "BgpFlowspec/FlowspecParseNlri.h"
-#include "tools/flowspec/DecodeUpdate.h"
+#include "tools/flowspec/UpdateReport.h"
 
 namespace {
 

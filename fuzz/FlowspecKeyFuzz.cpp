@@ -69,7 +69,7 @@ FlowspecKey nlriShapedKey(Bytes& b, AddressFamily af) {
          std::uint32_t value = 0;
          for (unsigned n = 0; n < (1u << code); ++n) value = (value << 8) | b.next();
          if (t == fragment_ && af == AddressFamily::ipv6) value &= ~1u;
-         op = static_cast<std::uint8_t>((op & ~(opEndOfList | opLengthMask)) | (code << 4) |
+         op = static_cast<std::uint8_t>((op & ~static_cast<unsigned>(opEndOfList | opLengthMask)) | (code << 4) |
                                         (i + 1 == pairs ? opEndOfList : 0));
          index = key.setOpVal(index, t, op, value);
       }

@@ -6,6 +6,8 @@ set -euo pipefail
 PACKAGES=(
   # toolchain and build
   g++ cmake ninja-build ccache clang libclang-rt-14-dev
+  # layout and lint: scripts/format.sh, .clang-tidy
+  clang-format clang-tidy
   # tests and benchmarks
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   # capture files

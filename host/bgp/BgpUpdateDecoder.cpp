@@ -29,34 +29,69 @@ constexpr std::uint8_t kAsSet = 1, kAsConfedSequence = 3, kAsConfedSet = 4; // 2
 
 std::uint8_t subcodeByte(Subcode s) { return static_cast<std::uint8_t>(s); }
 
-// The Optional and Transitive bits each known attribute must carry (RFC 7606 section 3.c).
+// How long a known attribute's value must be.
+enum class Length {
+   any,         // AS4_PATH, AS4_AGGREGATOR: not read here
+   own,         // AS_PATH, MP_REACH_NLRI, MP_UNREACH_NLRI: judged by their own readers
+   exactly,     // `n` bytes
+   multipleOf,  // a non-zero multiple of `n` bytes
+   aggregator,  // 6 or 8 bytes, by the session's AS number width
+};
+
+// What each known attribute must be (RFC 7606 section 3.c for the Optional and Transitive
+// bits, section 7 for the lengths), and what an attribute that is not costs: `malformed`
+// for wrong flags or a wrong length, with `reason` counted for a wrong length. The
+// attributes whose errors are discarded (sections 7.6, 7.7, RFC 6793 section 6) have
+// attribute-discard; the others withdraw. (The MP attributes' own readers reset the
+// session on errors of their values.)
 struct KnownAttribute {
    bool known = false;
    bool optional = false;
    bool transitive = false;
+   Length length = Length::any;
+   std::size_t n = 0;
+   Reason reason = Reason::none;
+   BgpUpdateAction malformed = BgpUpdateAction::treatAsWithdraw;
 };
 
 constexpr std::array<KnownAttribute, 256> kKnown = [] {
+   constexpr auto withdraw = BgpUpdateAction::treatAsWithdraw;
+   constexpr auto discard = BgpUpdateAction::attributeDiscard;
+   struct Row {
+      std::uint8_t type;
+      bool optional;
+      bool transitive;
+      Length length;
+      std::size_t n;
+      Reason reason;
+      BgpUpdateAction malformed;
+   };
+   constexpr Row rows[] = {
+       {BgpAttrType::origin, false, true, Length::exactly, 1, Reason::originLength, withdraw},
+       {BgpAttrType::asPath, false, true, Length::own, 0, Reason::none, withdraw},
+       {BgpAttrType::nextHop, false, true, Length::exactly, 4, Reason::nextHopLength, withdraw},
+       {BgpAttrType::med, true, false, Length::exactly, 4, Reason::medLength, withdraw},
+       {BgpAttrType::localPref, false, true, Length::exactly, 4, Reason::localPrefLength, withdraw},
+       {BgpAttrType::atomicAggregate, false, true, Length::exactly, 0, Reason::atomicAggregateLength, discard},
+       {BgpAttrType::aggregator, true, true, Length::aggregator, 0, Reason::aggregatorLength, discard},
+       {BgpAttrType::communities, true, true, Length::multipleOf, 4, Reason::communitiesLength, withdraw},
+       {BgpAttrType::mpReachNlri, true, false, Length::own, 0, Reason::none, withdraw},
+       {BgpAttrType::mpUnreachNlri, true, false, Length::own, 0, Reason::none, withdraw},
+       {BgpAttrType::extCommunities, true, true, Length::multipleOf, 8, Reason::extCommunitiesLength, withdraw},
+       {BgpAttrType::as4Path, true, true, Length::any, 0, Reason::none, discard},
+       {BgpAttrType::as4Aggregator, true, true, Length::any, 0, Reason::none, discard},
+       {BgpAttrType::ipv6ExtCommunities, true, true, Length::multipleOf, 20, Reason::ipv6ExtCommunitiesLength,
+        withdraw},
+   };
    std::array<KnownAttribute, 256> k{};
-   KnownAttribute const wellKnown{true, false, true};
-   KnownAttribute const optionalTransitive{true, true, true};
-   KnownAttribute const optionalNonTransitive{true, true, false};
-   k[BgpAttrType::origin] = wellKnown;
-   k[BgpAttrType::asPath] = wellKnown;
-   k[BgpAttrType::nextHop] = wellKnown;
-   k[BgpAttrType::med] = optionalNonTransitive;
-   k[BgpAttrType::localPref] = wellKnown;
-   k[BgpAttrType::atomicAggregate] = wellKnown;
-   k[BgpAttrType::aggregator] = optionalTransitive;
-   k[BgpAttrType::communities] = optionalTransitive;
-   k[BgpAttrType::mpReachNlri] = optionalNonTransitive;
-   k[BgpAttrType::mpUnreachNlri] = optionalNonTransitive;
-   k[BgpAttrType::extCommunities] = optionalTransitive;
-   k[BgpAttrType::as4Path] = optionalTransitive;
-   k[BgpAttrType::as4Aggregator] = optionalTransitive;
-   k[BgpAttrType::ipv6ExtCommunities] = optionalTransitive;
+   for (Row const& r : rows) k[r.type] = {true, r.optional, r.transitive, r.length, r.n, r.reason, r.malformed};
    return k;
 }();
+
+// The first four bytes of `v`, in network order.
+std::uint32_t readU32(std::span<std::uint8_t const> v) {
+   return std::uint32_t{v[0]} << 24 | std::uint32_t{v[1]} << 16 | std::uint32_t{v[2]} << 8 | v[3];
+}
 
 // True when the field is a run of well-formed IPv4 prefixes (RFC 7606 section 5.3).
 bool ipv4PrefixesValid(std::span<std::uint8_t const> field) {
@@ -177,6 +212,9 @@ class BgpUpdateDecoder::Run {
    void attributes(BgpParsePktPosition attrs);
    void attribute(std::uint8_t flags, std::uint8_t type, BgpParsePktPosition value,
                   std::span<std::uint8_t const> whole);
+   // A known attribute's value whose flags and length are right, kept on the UPDATE.
+   void keep(std::uint8_t type, std::span<std::uint8_t const> value);
+   bool lengthOk(KnownAttribute const& known, std::size_t size) const;
    void asPath(std::span<std::uint8_t const> value);
    void mpReach(BgpParsePktPosition value, std::span<std::uint8_t const> whole);
    void mpUnreach(BgpParsePktPosition value, std::span<std::uint8_t const> whole);
@@ -339,7 +377,6 @@ void BgpUpdateDecoder::Run::attributes(BgpParsePktPosition attrs) {
 
 void BgpUpdateDecoder::Run::attribute(std::uint8_t flags, std::uint8_t type, BgpParsePktPosition value,
                                       std::span<std::uint8_t const> whole) {
-   BgpParseUpdateAttributesScratchpad& a = *out_.attributes;
    KnownAttribute const known = kKnown[type];
    if (!known.known) {
       // RFC 4271 section 6.3, unchanged by RFC 7606: an unknown well-known attribute.
@@ -349,81 +386,57 @@ void BgpUpdateDecoder::Run::attribute(std::uint8_t flags, std::uint8_t type, Bgp
       }
       return; // an optional attribute nobody here interprets
    }
-   // RFC 7606 section 3.c: wrong Optional or Transitive bits make the attribute malformed;
-   // the attributes whose errors are discarded (sections 7.6, 7.7, RFC 6793 section 6) are
-   // discarded, the others withdraw.
+   // RFC 7606 section 3.c: wrong Optional or Transitive bits make the attribute malformed.
    bool const flagsOk = ((flags & kFlagOptional) != 0) == known.optional &&
                         ((flags & kFlagTransitive) != 0) == known.transitive;
    if (!flagsOk) {
-      bool const discardable = type == BgpAttrType::atomicAggregate || type == BgpAttrType::aggregator ||
-                               type == BgpAttrType::as4Path || type == BgpAttrType::as4Aggregator;
-      if (discardable) return discard(Reason::attributeFlags, type);
-      withdraw(Reason::attributeFlags, type);
+      record(Reason::attributeFlags, known.malformed, type, true);
+      if (known.malformed == BgpUpdateAction::attributeDiscard) return;
    }
-   std::span<std::uint8_t const> const v = value.rest();
+   switch (known.length) {
+    case Length::any: return; // AS4_PATH, AS4_AGGREGATOR: kept by nobody here
+    case Length::own:
+      if (type == BgpAttrType::asPath) return asPath(value.rest());
+      if (type == BgpAttrType::mpReachNlri) return mpReach(value, whole);
+      return mpUnreach(value, whole);
+    default: break;
+   }
+   // RFC 7606 section 7.5: LOCAL_PREF from an external peer means nothing, whatever its length.
+   if (type == BgpAttrType::localPref && d_.options_.externalPeer) return discard(Reason::localPrefFromExternal, type);
+   if (!lengthOk(known, value.rest().size())) return record(known.reason, known.malformed, type, true);
+   keep(type, value.rest());
+}
+
+bool BgpUpdateDecoder::Run::lengthOk(KnownAttribute const& known, std::size_t size) const {
+   switch (known.length) {
+    case Length::exactly: return size == known.n;
+    case Length::multipleOf: return size != 0 && size % known.n == 0;
+    // RFC 6793 section 3 for the 4-octet form.
+    case Length::aggregator:
+      return d_.options_.detectAsWidth ? (size == 6 || size == 8) : size == (d_.options_.fourOctetAs ? 8u : 6u);
+    case Length::any:
+    case Length::own: return true;
+   }
+   return true;
+}
+
+void BgpUpdateDecoder::Run::keep(std::uint8_t type, std::span<std::uint8_t const> v) {
+   BgpParseUpdateAttributesScratchpad& a = *out_.attributes;
    switch (type) {
-    case BgpAttrType::origin: {
+    case BgpAttrType::origin:
       // RFC 7606 section 7.1.
-      std::uint8_t origin = 0;
-      if (v.size() != 1 || !value.consumeU8(&origin)) return withdraw(Reason::originLength, type);
-      if (origin > 2) return withdraw(Reason::originValue, type);
-      a.origin = origin;
+      if (v[0] > 2) return withdraw(Reason::originValue, type);
+      a.origin = v[0];
       return;
-    }
-    case BgpAttrType::asPath: return asPath(v);
-    case BgpAttrType::nextHop: {
-      // RFC 7606 section 7.3.
-      Ovnet::IpGenAddr nh;
-      if (v.size() != 4 || !value.consumeIpv4GenAddress(&nh)) return withdraw(Reason::nextHopLength, type);
-      a.ipv4NextHop = nh;
-      return;
-    }
-    case BgpAttrType::med: {
-      // RFC 7606 section 7.4.
-      std::uint32_t med = 0;
-      if (v.size() != 4 || !value.consumeU32ntoh(&med)) return withdraw(Reason::medLength, type);
-      a.med = med;
-      return;
-    }
-    case BgpAttrType::localPref: {
-      // RFC 7606 section 7.5: from an external peer it means nothing, whatever its length.
-      if (d_.options_.externalPeer) return discard(Reason::localPrefFromExternal, type);
-      std::uint32_t pref = 0;
-      if (v.size() != 4 || !value.consumeU32ntoh(&pref)) return withdraw(Reason::localPrefLength, type);
-      a.localPref = pref;
-      return;
-    }
-    case BgpAttrType::atomicAggregate:
-      // RFC 7606 section 7.6.
-      if (!v.empty()) return discard(Reason::atomicAggregateLength, type);
-      a.atomicAggregate = true;
-      return;
-    case BgpAttrType::aggregator: {
-      // RFC 7606 section 7.7; RFC 6793 section 3 for the 4-octet form.
-      bool const sizeOk = d_.options_.detectAsWidth ? (v.size() == 6 || v.size() == 8)
-                                                    : v.size() == (d_.options_.fourOctetAs ? 8u : 6u);
-      if (!sizeOk) return discard(Reason::aggregatorLength, type);
-      a.aggregator = {v, true};
-      return;
-    }
-    case BgpAttrType::communities:
-      // RFC 7606 section 7.8.
-      if (v.empty() || v.size() % 4 != 0) return withdraw(Reason::communitiesLength, type);
-      a.communities = {v, true};
-      return;
-    case BgpAttrType::extCommunities:
-      // RFC 7606 section 7.14.
-      if (v.empty() || v.size() % 8 != 0) return withdraw(Reason::extCommunitiesLength, type);
-      a.extCommunities = {v, true};
-      return;
-    case BgpAttrType::ipv6ExtCommunities:
-      // RFC 7606 section 7.15.
-      if (v.empty() || v.size() % 20 != 0) return withdraw(Reason::ipv6ExtCommunitiesLength, type);
-      a.ipv6ExtCommunities = {v, true};
-      return;
-    case BgpAttrType::mpReachNlri: return mpReach(value, whole);
-    case BgpAttrType::mpUnreachNlri: return mpUnreach(value, whole);
-    default: return; // AS4_PATH, AS4_AGGREGATOR: kept by nobody here
+    case BgpAttrType::nextHop: a.ipv4NextHop = Ovnet::IpGenAddr::ipv4(v.first<4>()); return;
+    case BgpAttrType::med: a.med = readU32(v); return;
+    case BgpAttrType::localPref: a.localPref = readU32(v); return;
+    case BgpAttrType::atomicAggregate: a.atomicAggregate = true; return;
+    case BgpAttrType::aggregator: a.aggregator = {v, true}; return;
+    case BgpAttrType::communities: a.communities = {v, true}; return;
+    case BgpAttrType::extCommunities: a.extCommunities = {v, true}; return;
+    case BgpAttrType::ipv6ExtCommunities: a.ipv6ExtCommunities = {v, true}; return;
+    default: return;
    }
 }
 

@@ -75,7 +75,7 @@ class MemoryStore : public Store {
    // Records that a writer rewrote the image.
    void touch(void const* image);
    // Forgets the image and releases its object.
-   void drop(void const* image) { images_.erase(image); }
+   void forget(void const* image) { images_.erase(image); }
    std::size_t size() const { return images_.size(); }
 
    void const* view(void const* image, std::size_t size) const override;

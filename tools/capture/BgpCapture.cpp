@@ -11,6 +11,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <memory>
 
 namespace BgpCapture {
 
@@ -255,112 +256,138 @@ bool ipPayload(int linkType, Cursor& c, std::uint16_t& etherType) {
 
 } // namespace
 
-bool readPcapFile(std::string const& path, MessageSink const& sink, Stats& stats, std::string& error) {
+namespace {
+
+// What a layer of a captured frame made of it: the frame goes on to the next layer, or is
+// counted as skipped or malformed, or (an IPv4 packet whose payload cannot be cut) ends
+// without a count.
+enum class Frame { next, skipped, malformed, ended };
+
+void count(Frame f, Stats& stats) {
+   if (f == Frame::skipped) ++stats.skipped;
+   if (f == Frame::malformed) ++stats.malformed;
+}
+
+// The IP layer of a frame: its addresses, the protocol it carries and the bytes it carries.
+struct IpPacket {
+   Endpoint from;
+   Endpoint to;
+   std::uint8_t proto = 0;
+   std::span<std::uint8_t const> payload;
+};
+
+Frame ipv4Packet(Cursor& c, IpPacket& ip) {
+   std::uint8_t vihl = 0, tos = 0, ttl = 0;
+   std::uint16_t total = 0, id = 0, frag = 0, csum = 0;
+   std::span<std::uint8_t const> src, dst;
+   if (!c.consumeU8(&vihl) || !c.consumeU8(&tos) || !c.consumeU16ntoh(&total) || !c.consumeU16ntoh(&id) ||
+       !c.consumeU16ntoh(&frag) || !c.consumeU8(&ttl) || !c.consumeU8(&ip.proto) || !c.consumeU16ntoh(&csum) ||
+       !c.consumeView(4, &src) || !c.consumeView(4, &dst)) {
+      return Frame::malformed;
+   }
+   std::size_t const ihl = std::size_t{vihl & 0x0fu} * 4;
+   if ((vihl >> 4) != 4 || ihl < 20 || total < ihl || !c.consumeView(ihl - 20, nullptr)) return Frame::malformed;
+   if ((frag & 0x3fff) != 0) return Frame::skipped; // fragments are not reassembled
+   ip.from.address = Ovnet::IpGenAddr::ipv4(src.first<4>());
+   ip.to.address = Ovnet::IpGenAddr::ipv4(dst.first<4>());
+   if (!c.consumeView(std::min<std::size_t>(total - ihl, c.dataLeft()), &ip.payload)) return Frame::ended;
+   return Frame::next;
+}
+
+Frame ipv6Packet(Cursor& c, IpPacket& ip) {
+   std::uint32_t vtcfl = 0;
+   std::uint16_t payloadLen = 0;
+   std::uint8_t hop = 0;
+   std::span<std::uint8_t const> src, dst;
+   if (!c.consumeU32ntoh(&vtcfl) || !c.consumeU16ntoh(&payloadLen) || !c.consumeU8(&ip.proto) ||
+       !c.consumeU8(&hop) || !c.consumeView(16, &src) || !c.consumeView(16, &dst)) {
+      return Frame::malformed;
+   }
+   ip.from.address = Ovnet::IpGenAddr::ipv6(src.first<16>());
+   ip.to.address = Ovnet::IpGenAddr::ipv6(dst.first<16>());
+   Cursor body(c.rest().first(std::min<std::size_t>(payloadLen, c.dataLeft())));
+   // Hop-by-hop, routing and destination options headers precede TCP.
+   while (ip.proto == 0 || ip.proto == 43 || ip.proto == 60) {
+      std::uint8_t next = 0, len = 0;
+      bool const ok = body.consumeU8(&next) && body.consumeU8(&len) &&
+                      body.consumeView(std::size_t{len} * 8 + 6, nullptr);
+      ip.proto = next;
+      if (!ok) return Frame::malformed;
+   }
+   ip.payload = body.rest();
+   return Frame::next;
+}
+
+// The TCP layer: the segment's header read, its payload handed to the stream reassembly.
+Frame tcpSegment(IpPacket& ip, double timestamp, StreamAssembler& assembler) {
+   if (ip.proto != 6) return Frame::skipped;
+   Cursor t(ip.payload);
+   std::uint16_t sport = 0, dport = 0, flagsWord = 0;
+   std::uint32_t seq = 0, ack = 0;
+   if (!t.consumeU16ntoh(&sport) || !t.consumeU16ntoh(&dport) || !t.consumeU32ntoh(&seq) ||
+       !t.consumeU32ntoh(&ack) || !t.consumeU16ntoh(&flagsWord)) {
+      return Frame::malformed;
+   }
+   std::size_t const off = std::size_t{static_cast<unsigned>(flagsWord >> 12)} * 4;
+   if (off < 20 || !t.consumeView(off - 14, nullptr)) return Frame::malformed;
+   ip.from.port = sport;
+   ip.to.port = dport;
+   bool const syn = flagsWord & 0x02;
+   bool const fin = flagsWord & 0x01;
+   assembler.segment(ip.from, ip.to, seq, syn, fin, t.rest(), timestamp);
+   return Frame::next;
+}
+
+// One captured frame, through the link, IP and TCP layers.
+Frame record(int linkType, pcap_pkthdr const& hdr, u_char const* data, StreamAssembler& assembler) {
+   Cursor c(std::span<std::uint8_t const>(data, hdr.caplen));
+   double const ts = static_cast<double>(hdr.ts.tv_sec) + static_cast<double>(hdr.ts.tv_usec) / 1e6;
+   std::uint16_t etherType = 0;
+   if (!ipPayload(linkType, c, etherType) || (etherType != 0x0800 && etherType != 0x86dd)) return Frame::skipped;
+   IpPacket ip;
+   Frame const f = etherType == 0x0800 ? ipv4Packet(c, ip) : ipv6Packet(c, ip);
+   if (f != Frame::next) return f;
+   return tcpSegment(ip, ts, assembler);
+}
+
+using PcapHandle = std::unique_ptr<pcap_t, decltype(&pcap_close)>;
+
+// The capture's file header: the file open, its link type one that ipPayload reads.
+PcapHandle openCapture(std::string const& path, int& linkType, std::string& error) {
    char errbuf[PCAP_ERRBUF_SIZE] = {};
-   pcap_t* p = pcap_open_offline(path.c_str(), errbuf);
+   PcapHandle p(pcap_open_offline(path.c_str(), errbuf), pcap_close);
    if (!p) {
       error = std::string("cannot read capture ") + path + ": " + errbuf;
-      return false;
+      return p;
    }
-   int const linkType = pcap_datalink(p);
+   linkType = pcap_datalink(p.get());
    if (linkType != DLT_EN10MB && linkType != DLT_LINUX_SLL && linkType != DLT_LINUX_SLL2 && linkType != DLT_NULL &&
        linkType != DLT_LOOP && linkType != DLT_RAW) {
       error = "unsupported link type " + std::to_string(linkType) + " in " + path;
-      pcap_close(p);
-      return false;
+      p.reset();
    }
+   return p;
+}
+
+} // namespace
+
+bool readPcapFile(std::string const& path, MessageSink const& sink, Stats& stats, std::string& error) {
+   int linkType = 0;
+   PcapHandle const p = openCapture(path, linkType, error);
+   if (!p) return false;
    StreamAssembler assembler(sink, stats);
    pcap_pkthdr* hdr = nullptr;
    u_char const* data = nullptr;
    int rc = 0;
-   while ((rc = pcap_next_ex(p, &hdr, &data)) == 1) {
+   while ((rc = pcap_next_ex(p.get(), &hdr, &data)) == 1) {
       ++stats.records;
-      Cursor c(std::span<std::uint8_t const>(data, hdr->caplen));
-      double const ts = static_cast<double>(hdr->ts.tv_sec) + static_cast<double>(hdr->ts.tv_usec) / 1e6;
-      std::uint16_t etherType = 0;
-      if (!ipPayload(linkType, c, etherType) || (etherType != 0x0800 && etherType != 0x86dd)) {
-         ++stats.skipped;
-         continue;
-      }
-      Endpoint from, to;
-      std::uint8_t proto = 0;
-      std::span<std::uint8_t const> segment;
-      if (etherType == 0x0800) {
-         std::uint8_t vihl = 0, tos = 0, ttl = 0;
-         std::uint16_t total = 0, id = 0, frag = 0, csum = 0;
-         std::span<std::uint8_t const> src, dst;
-         if (!c.consumeU8(&vihl) || !c.consumeU8(&tos) || !c.consumeU16ntoh(&total) || !c.consumeU16ntoh(&id) || !c.consumeU16ntoh(&frag) || !c.consumeU8(&ttl) ||
-             !c.consumeU8(&proto) || !c.consumeU16ntoh(&csum) || !c.consumeView(4, &src) || !c.consumeView(4, &dst)) {
-            ++stats.malformed;
-            continue;
-         }
-         std::size_t const ihl = std::size_t{vihl & 0x0fu} * 4;
-         if ((vihl >> 4) != 4 || ihl < 20 || total < ihl || !c.consumeView(ihl - 20, nullptr)) {
-            ++stats.malformed;
-            continue;
-         }
-         if ((frag & 0x3fff) != 0) { // fragments are not reassembled
-            ++stats.skipped;
-            continue;
-         }
-         from.address = Ovnet::IpGenAddr::ipv4(src.first<4>());
-         to.address = Ovnet::IpGenAddr::ipv4(dst.first<4>());
-         if (!c.consumeView(std::min<std::size_t>(total - ihl, c.dataLeft()), &segment)) continue;
-      } else {
-         std::uint32_t vtcfl = 0;
-         std::uint16_t payloadLen = 0;
-         std::uint8_t hop = 0;
-         std::span<std::uint8_t const> src, dst;
-         if (!c.consumeU32ntoh(&vtcfl) || !c.consumeU16ntoh(&payloadLen) || !c.consumeU8(&proto) || !c.consumeU8(&hop) || !c.consumeView(16, &src) ||
-             !c.consumeView(16, &dst)) {
-            ++stats.malformed;
-            continue;
-         }
-         from.address = Ovnet::IpGenAddr::ipv6(src.first<16>());
-         to.address = Ovnet::IpGenAddr::ipv6(dst.first<16>());
-         Cursor body(c.rest().first(std::min<std::size_t>(payloadLen, c.dataLeft())));
-         // Hop-by-hop, routing and destination options headers precede TCP.
-         bool ok = true;
-         while (ok && (proto == 0 || proto == 43 || proto == 60)) {
-            std::uint8_t next = 0, len = 0;
-            ok = body.consumeU8(&next) && body.consumeU8(&len) && body.consumeView(std::size_t{len} * 8 + 6, nullptr);
-            proto = next;
-         }
-         if (!ok) {
-            ++stats.malformed;
-            continue;
-         }
-         segment = body.rest();
-      }
-      if (proto != 6) {
-         ++stats.skipped;
-         continue;
-      }
-      Cursor t(segment);
-      std::uint16_t sport = 0, dport = 0, flagsWord = 0;
-      std::uint32_t seq = 0, ack = 0;
-      if (!t.consumeU16ntoh(&sport) || !t.consumeU16ntoh(&dport) || !t.consumeU32ntoh(&seq) || !t.consumeU32ntoh(&ack) || !t.consumeU16ntoh(&flagsWord)) {
-         ++stats.malformed;
-         continue;
-      }
-      std::size_t const off = std::size_t{static_cast<unsigned>(flagsWord >> 12)} * 4;
-      if (off < 20 || !t.consumeView(off - 14, nullptr)) {
-         ++stats.malformed;
-         continue;
-      }
-      from.port = sport;
-      to.port = dport;
-      bool const syn = flagsWord & 0x02;
-      bool const fin = flagsWord & 0x01;
-      assembler.segment(from, to, seq, syn, fin, t.rest(), ts);
+      count(record(linkType, *hdr, data, assembler), stats);
    }
    assembler.finish();
    if (rc == PCAP_ERROR) {
-      error = std::string("error reading ") + path + ": " + pcap_geterr(p);
-      pcap_close(p);
+      error = std::string("error reading ") + path + ": " + pcap_geterr(p.get());
       return false;
    }
-   pcap_close(p);
    return true;
 }
 

@@ -5,13 +5,13 @@
 //
 // flowspec decode [--json] --update HEX | --mrt FILE | --pcap FILE (each may repeat): whole
 // UPDATE messages, from the command line, an MRT dump or a packet capture, through the
-// host's UPDATE decoder and the flowspec plugin (DecodeUpdate.h). Exit status: 0 when every
+// host's UPDATE decoder and the flowspec plugin (UpdateReport.h). Exit status: 0 when every
 // UPDATE was accepted whole, 1 when one was not, 2 when an input could not be read.
 #include <iostream>
 #include <string>
 #include <vector>
 
-#include "tools/flowspec/DecodeUpdate.h"
+#include "tools/flowspec/UpdateReport.h"
 #include "tools/flowspec/NlriCodec.h"
 #include "tools/flowspec/Subcommand.h"
 

@@ -204,6 +204,21 @@ std::vector<Row> const& rows() {
         "treat-as-withdraw", "attributeFlags:treat-as-withdraw"},
        {"AGGREGATOR flagged well-known", [] { return announcing().attr(kWellKnown, 7, "0000fde90a000001").build(); },
         "attribute-discard", "attributeFlags:attribute-discard"},
+       // Wrong flags cost what a malformed value of the attribute costs, and the value is
+       // still judged unless the attribute is discarded.
+       {"AS4_PATH flagged well-known", [] { return announcing().attr(kWellKnown, 17, "0201000000fd").build(); },
+        "attribute-discard", "attributeFlags:attribute-discard"},
+       {"AS4_AGGREGATOR flagged non-transitive", [] { return announcing().attr(kOptional, 18, "0000fde90a000001").build(); },
+        "attribute-discard", "attributeFlags:attribute-discard"},
+       {"ATOMIC_AGGREGATE flagged optional and too long",
+        [] { return announcing().attr(kOptionalTransitive, 6, "00").build(); }, "attribute-discard",
+        "attributeFlags:attribute-discard"},
+       {"MULTI_EXIT_DISC flagged transitive and too short",
+        [] { return announcing().attr(kOptionalTransitive, 4, "000001").build(); }, "treat-as-withdraw",
+        "attributeFlags:treat-as-withdraw medLength:treat-as-withdraw"},
+       {"LOCAL_PREF flagged optional from an external peer",
+        [] { return announcing().attr(kOptional, 5, "00000064").build(); }, "treat-as-withdraw",
+        "attributeFlags:treat-as-withdraw localPrefFromExternal:attribute-discard", "", {.externalPeer = true}},
        // Repeats (RFC 7606 section 3.g).
        {"ORIGIN twice", [] { return announcing().origin(1).mpReach(kAfi, kSafi, "", "00").build(); },
         "attribute-discard", "attributeDuplicate:attribute-discard"},

@@ -60,7 +60,7 @@ TEST(StoreTest, TranslatesKeptImagesAndRejectsOthers) {
    // The store keeps its images alive until it drops them.
    payload = nullptr;
    EXPECT_EQ(manager->translate<Payload>(image)->value, 7);
-   store->drop(image);
+   store->forget(image);
    EXPECT_EQ(store->size(), 0u);
    EXPECT_THROW(manager->translate<Payload>(image), Hoard::ImageNotFound);
 }

@@ -10,11 +10,13 @@
 
 #include "host/mnemo/SlateRuleSet.h"
 #include "tests/host/mnemo/SlateTestHelpers.h"
+#include "tests/tools/flowspec/Golden.h"
 
 namespace {
 
 using namespace Mnemo;
 using namespace Mnemo::Test;
+using FlowspecTest::golden;
 
 Flowspec::Rule ruleFor(char const* text) {
    Flowspec::FlowspecKey k;
@@ -33,19 +35,6 @@ std::pair<std::string, int> run(std::string const& args) {
    while (std::fgets(buf, sizeof buf, p) != nullptr) out += buf;
    int const status = ::pclose(p);
    return {out, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
-}
-
-// The golden file `file`; with FS_UPDATE_GOLDEN=1 in the environment, `actual` is written
-// to it first (to take a change of output on purpose).
-std::string golden(char const* file, std::string const& actual) {
-   std::string const path = std::string(FS_GOLDEN_DIR) + "/" + file;
-   if (char const* u = std::getenv("FS_UPDATE_GOLDEN"); u != nullptr && std::string(u) == "1") {
-      std::ofstream(path) << actual;
-   }
-   std::ifstream in(path);
-   std::stringstream ss;
-   ss << in.rdbuf();
-   return ss.str();
 }
 
 std::string replaced(std::string text, std::string const& what, std::string const& with) {

@@ -1,4 +1,4 @@
-#include "tools/flowspec/DecodeUpdate.h"
+#include "tools/flowspec/UpdateReport.h"
 
 #include <algorithm>
 #include <ostream>

@@ -1,4 +1,4 @@
-#include "tools/flowspec/DecodeUpdate.h"
+#include "tools/flowspec/UpdateReport.h"
 
 #include <gtest/gtest.h>
 
@@ -180,7 +180,7 @@ std::string outcome(json const& u) {
 
 // Every captured UPDATE decodes; every rule in it is the rule its speaker was told to send,
 // with the actions it was told to attach.
-TEST(DecodeUpdateTest, CapturedUpdatesCarryWhatTheSpeakersWereToldToSend) {
+TEST(UpdateReportTest, CapturedUpdatesCarryWhatTheSpeakersWereToldToSend) {
    if (!std::filesystem::exists(kTestData)) GTEST_SKIP() << "no test data at " << kTestData;
    UpdateDecodeSession session;
    int rules = 0;
@@ -239,7 +239,7 @@ TEST(DecodeUpdateTest, CapturedUpdatesCarryWhatTheSpeakersWereToldToSend) {
 }
 
 // The decoded communities name their kind and values.
-TEST(DecodeUpdateTest, CommunitiesDecoded) {
+TEST(UpdateReportTest, CommunitiesDecoded) {
    UpdateDecodeSession session;
    Bytes const m = announcing()
                        .extCommunities({0x80060000447a0000ull, 0x8007000000000003ull, 0x800900000000002eull,
@@ -266,7 +266,7 @@ TEST(DecodeUpdateTest, CommunitiesDecoded) {
 }
 
 // The documented keys, in the documented order (docs/decode-update.md).
-TEST(DecodeUpdateTest, JsonSchema) {
+TEST(UpdateReportTest, JsonSchema) {
    UpdateDecodeSession session;
    Bytes const m = announcing().mpReach(1, 133, "c0000201", "00 03012100").build();
    MessageOrigin const origin{1.5, "10.0.0.1:179", "10.0.0.2:50000"};
@@ -306,7 +306,7 @@ std::string slurp(std::string const& path) {
 
 // Golden reports of the captures of sessions between real speakers. With
 // FS_UPDATE_GOLDEN=1 the test writes them instead.
-TEST(DecodeUpdateTest, CapturesOfRealSessionsMatchTheirGoldenReports) {
+TEST(UpdateReportTest, CapturesOfRealSessionsMatchTheirGoldenReports) {
    if (!std::filesystem::exists(kTestData)) GTEST_SKIP() << "no test data at " << kTestData;
    struct Golden {
       char const* capture;
@@ -326,9 +326,9 @@ TEST(DecodeUpdateTest, CapturesOfRealSessionsMatchTheirGoldenReports) {
 }
 
 // An MRT dump of the captured UPDATEs reads as the UPDATEs themselves.
-TEST(DecodeUpdateTest, MrtDumpGivesTheSameReportsAsTheMessages) {
+TEST(UpdateReportTest, MrtDumpGivesTheSameReportsAsTheMessages) {
    if (!std::filesystem::exists(kTestData)) GTEST_SKIP() << "no test data at " << kTestData;
-   std::filesystem::path const path = std::filesystem::temp_directory_path() / "DecodeUpdateTest.mrt";
+   std::filesystem::path const path = std::filesystem::temp_directory_path() / "UpdateReportTest.mrt";
    std::vector<UpdateInput> hex;
    {
       std::ofstream mrt(path, std::ios::binary);
@@ -357,7 +357,7 @@ TEST(DecodeUpdateTest, MrtDumpGivesTheSameReportsAsTheMessages) {
    EXPECT_EQ(lines, records().size());
 }
 
-TEST(DecodeUpdateTest, InputsThatAreNotUpdates) {
+TEST(UpdateReportTest, InputsThatAreNotUpdates) {
    int status = -1;
    std::string errors;
    // Not hex.

@@ -1,0 +1,120 @@
+#include "tools/flowspec/ShowPrinters.h"
+
+#include <iomanip>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+namespace FlowspecTool {
+
+namespace {
+
+std::string uptimeText(bool established, std::uint64_t s) {
+   if (!established) return "-";
+   std::ostringstream os;
+   os << s / 3600 << ':' << std::setw(2) << std::setfill('0') << (s / 60) % 60 << ':' << std::setw(2)
+      << std::setfill('0') << s % 60;
+   return os.str();
+}
+
+std::string joined(nlohmann::json const& list) {
+   std::string text;
+   for (auto const& item : list) text += (text.empty() ? "" : ",") + item.get<std::string>();
+   return text.empty() ? "-" : text;
+}
+
+} // namespace
+
+void printNeighbors(nlohmann::json const& answer, std::ostream& os) {
+   os << std::left << std::setw(26) << "Neighbor" << std::setw(11) << "AS" << std::setw(12) << "State"
+      << std::setw(10) << "Up" << std::right << std::setw(8) << "MsgIn" << std::setw(8) << "MsgOut" << std::setw(8)
+      << "UpdIn" << std::setw(8) << "UpdOut" << "  " << std::left << "Families\n";
+   for (auto const& n : answer.at("neighbors")) {
+      std::string const address = n.at("address").get<std::string>();
+      std::string const name = address.find(':') != std::string::npos
+                                  ? "[" + address + "]:" + std::to_string(n.at("port").get<int>())
+                                  : address + ":" + std::to_string(n.at("port").get<int>());
+      os << std::left << std::setw(26) << name << std::setw(11) << n.at("remoteAs").get<std::uint64_t>()
+         << std::setw(12) << n.at("state").get<std::string>() << std::setw(10)
+         << uptimeText(n.at("state") == "Established", n.at("uptimeSeconds").get<std::uint64_t>()) << std::right << std::setw(8)
+         << n.at("messagesIn").get<std::uint64_t>() << std::setw(8) << n.at("messagesOut").get<std::uint64_t>()
+         << std::setw(8) << n.at("updatesIn").get<std::uint64_t>() << std::setw(8)
+         << n.at("updatesOut").get<std::uint64_t>() << "  " << std::left << joined(n.at("families")) << '\n';
+      if (auto const d = n.at("description").get<std::string>(); !d.empty()) os << "  description: " << d << '\n';
+      if (auto const e = n.at("lastError").get<std::string>(); !e.empty()) os << "  last error: " << e << '\n';
+   }
+}
+
+void printUpdates(nlohmann::json const& answer, std::ostream& os) {
+   for (auto const& n : answer.at("neighbors")) {
+      os << n.at("address").get<std::string>() << ": " << n.at("messages").get<std::uint64_t>() << " UPDATE(s):";
+      char const* sep = " ";
+      for (auto const& [outcome, count] : n.at("outcomes").items()) {
+         os << sep << outcome << ' ' << count.get<std::uint64_t>();
+         sep = ", ";
+      }
+      os << '\n';
+      for (auto const& [family, f] : n.at("families").items()) {
+         os << "  " << family << ": " << f.at("updates").get<std::uint64_t>() << " UPDATE(s), "
+            << f.at("announced").get<std::uint64_t>() << " announced, " << f.at("withdrawn").get<std::uint64_t>()
+            << " withdrawn, " << f.at("refused").get<std::uint64_t>() << " refused, "
+            << f.at("rules").get<std::uint64_t>() << " rule(s) held\n";
+      }
+      if (!n.at("reasons").empty()) {
+         os << "  count reasons:";
+         sep = " ";
+         for (auto const& [reason, count] : n.at("reasons").items()) {
+            os << sep << reason << ' ' << count.get<std::uint64_t>();
+            sep = ", ";
+         }
+         os << '\n';
+      }
+   }
+}
+
+void printSummary(nlohmann::json const& answer, std::ostream& os) {
+   for (auto const& v : answer.at("vrfs")) {
+      os << "VRF " << v.at("name").get<std::string>() << " (id " << v.at("id").get<std::uint64_t>() << ")\n";
+      for (auto const& [family, f] : v.at("families").items()) {
+         os << "  " << std::left << std::setw(15) << family << std::right << std::setw(9)
+            << f.at("rules").get<std::uint64_t>() << " rule(s) " << std::setw(9) << f.at("paths").get<std::uint64_t>()
+            << " path(s)";
+         if (f.contains("fsib")) {
+            auto const& x = f.at("fsib");
+            os << "  FSIB: added " << x.at("added").get<std::uint64_t>() << ", replaced "
+               << x.at("replaced").get<std::uint64_t>() << ", deleted " << x.at("deleted").get<std::uint64_t>()
+               << ", refused (full) " << x.at("refusedFull").get<std::uint64_t>() << ", not exportable "
+               << x.at("notExportable").get<std::uint64_t>();
+         }
+         os << '\n';
+      }
+   }
+   os << "attribute sets: " << answer.at("attributeSets").get<std::uint64_t>() << " held, "
+      << answer.at("attributeSetsBuilt").get<std::uint64_t>() << " built, "
+      << answer.at("attributeSetsReused").get<std::uint64_t>() << " reused\n";
+}
+
+int printAnswer(std::string const& answer, bool json, ShowPrinter print, std::ostream& out, std::ostream& err) {
+   auto const parsed = nlohmann::json::parse(answer, nullptr, false);
+   if (parsed.is_discarded() || !parsed.is_object()) {
+      err << "flowspec: the agent's answer is not JSON\n";
+      return 1;
+   }
+   if (parsed.contains("error")) {
+      err << "flowspec: " << parsed["error"].get<std::string>() << '\n';
+      return 1;
+   }
+   if (json) {
+      out << parsed.dump() << '\n';
+      return 0;
+   }
+   try {
+      print(parsed, out);
+   } catch (nlohmann::json::exception const& e) {
+      err << "flowspec: unexpected answer from the agent: " << e.what() << '\n';
+      return 1;
+   }
+   return 0;
+}
+
+} // namespace FlowspecTool

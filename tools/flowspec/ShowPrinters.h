@@ -1,0 +1,27 @@
+// How `flowspec show ...` prints the agent's answers: the agent answers each show request
+// with one JSON object; the tool prints it as is (--json) or as lines for people.
+#pragma once
+
+#include <iosfwd>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+
+namespace FlowspecTool {
+
+// Each printer throws nlohmann::json::exception on an answer of another shape.
+using ShowPrinter = void (*)(nlohmann::json const& answer, std::ostream& os);
+
+// The answer to "show neighbors" as a table, one row a neighbor.
+void printNeighbors(nlohmann::json const& answer, std::ostream& os);
+// The answer to "show updates": per neighbor its UPDATE outcomes, per-family counts and
+// count reasons.
+void printUpdates(nlohmann::json const& answer, std::ostream& os);
+// The answer to "show summary": per VRF and family the rules, paths and FSIB export counts.
+void printSummary(nlohmann::json const& answer, std::ostream& os);
+
+// The agent's answer text as `flowspec show` prints it: its JSON on one line (json), or
+// through `print`. An answer that is not a JSON object, carries an "error" or is of another
+// shape than `print` reads is reported on `err`. Returns the tool's exit status.
+int printAnswer(std::string const& answer, bool json, ShowPrinter print, std::ostream& out, std::ostream& err);
+
+} // namespace FlowspecTool
