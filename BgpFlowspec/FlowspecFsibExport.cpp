@@ -15,7 +15,8 @@ namespace {
 bool unset(Flowspec::TrafficRedirect const& r) { return r.address == Ovnet::IpGenAddr(); }
 
 // The two address kinds: the family test, then the copy-flag rules.
-bool shouldExportAddress(bool wrongFamily, char const* wrongFamilyText, bool copy, Flowspec::TrafficRedirect const& current) {
+bool shouldExportAddress(bool wrongFamily, char const* wrongFamilyText, bool copy,
+                         Flowspec::TrafficRedirect const& current) {
    if (wrongFamily) {
       OVK_TRACE(flowspecTraceFacility(), 8, wrongFamilyText);
       return false;
@@ -28,12 +29,14 @@ bool shouldExportAddress(bool wrongFamily, char const* wrongFamilyText, bool cop
 
 } // namespace
 
-bool shouldExport(AfiSafi afiSafi, FlowspecExtCommRedirectIpv4 const* extComm, Flowspec::TrafficRedirect const& current) {
+bool shouldExport(AfiSafi afiSafi, FlowspecExtCommRedirectIpv4 const* extComm,
+                  Flowspec::TrafficRedirect const& current) {
    return shouldExportAddress(afiSafi.afi() == Afi::afiIpv6, "IPv6 flowspec shouldn't use redirect-extcomm-ipv4",
                               extComm->copy(), current);
 }
 
-bool shouldExport(AfiSafi afiSafi, FlowspecExtCommRedirectIpv6 const* extComm, Flowspec::TrafficRedirect const& current) {
+bool shouldExport(AfiSafi afiSafi, FlowspecExtCommRedirectIpv6 const* extComm,
+                  Flowspec::TrafficRedirect const& current) {
    return shouldExportAddress(afiSafi.afi() == Afi::afiIpv4, "IPv4 flowspec shouldn't use redirect-extcomm-ipv6",
                               extComm->copy(), current);
 }
@@ -105,7 +108,8 @@ void translateExtComm(FlowspecRouteConfigSm& sm, C const* extComm, PathAttribute
          rule.trafficRedirect.copy = nh->copy();
       }
    } else if (auto const* vrfAs = dynamic_cast<FlowspecExtCommRedirectVrfRdAs const*>(extComm)) {
-      translateRedirVrf(sm, rule, actions, redirectNexthopIpSet, routeKey, vrfAs->isAs4() ? 2 : 0, 0x02, vrfAs->value());
+      translateRedirVrf(sm, rule, actions, redirectNexthopIpSet, routeKey, vrfAs->isAs4() ? 2 : 0, 0x02,
+                        vrfAs->value());
    } else if (auto const* vrfIp = dynamic_cast<FlowspecExtCommRedirectVrfRdIpv4 const*>(extComm)) {
       translateRedirVrf(sm, rule, actions, redirectNexthopIpSet, routeKey, 1, 0x02, vrfIp->value());
    } else {
@@ -267,20 +271,20 @@ void FlowspecRouteConfigSm::handleRouteEntry(RouteKey const* baseRouteKey) {
    rule.ruleId = static_cast<std::uint32_t>(routeKey->ruleId());
    rule.reserved = 0;
    switch (fsib_->ruleIs(rule)) {
-    case Flowspec::RuleIsResult::added:
+   case Flowspec::RuleIsResult::added:
       ++counters_.added;
       inFsib_.insert(routeKey);
       break;
-    case Flowspec::RuleIsResult::replaced:
+   case Flowspec::RuleIsResult::replaced:
       ++counters_.replaced;
       inFsib_.insert(routeKey);
       break;
-    case Flowspec::RuleIsResult::refusedFull: {
+   case Flowspec::RuleIsResult::refusedFull: {
       ++counters_.refusedFull;
       if (auto best = routeTable()->ribTable().bestPath(*routeKey)) ++counters_.refusedFullBySource[best->source];
       break;
-    }
-    case Flowspec::RuleIsResult::refusedDetached: break;
+   }
+   case Flowspec::RuleIsResult::refusedDetached: break;
    }
 }
 
@@ -355,7 +359,8 @@ std::string FlowspecRouteConfigSm::notInForwardingReason(RouteKey const& key) co
 
 // ---- FlowspecRouteConfigSmFactory ----
 
-FlowspecRouteConfigSmFactory::FlowspecRouteConfigSmFactory(AfiSafi afiSafi, Ovk::Ptr<Mnemo::EntityManager> entityManager,
+FlowspecRouteConfigSmFactory::FlowspecRouteConfigSmFactory(AfiSafi afiSafi,
+                                                           Ovk::Ptr<Mnemo::EntityManager> entityManager,
                                                            Ovk::Ptr<RtToVrfIdList> rtToVrfIdList,
                                                            Ovk::Ptr<CoreDedupTables> coreDedupTables,
                                                            Ovk::Ptr<FlowspecRkToRedirVrfId> rkToRedirVrfId)

@@ -38,9 +38,11 @@ namespace Routing::Bgp::FlowspecPlugin {
 // Whether a redirect to an IPv4 address may set the rule's redirect, given the redirect
 // chosen so far: never on IPv6 flowspec; always when none is chosen; on equal copy flags the
 // later one wins; otherwise only a non-copy redirect replaces a copy one.
-bool shouldExport(AfiSafi afiSafi, FlowspecExtCommRedirectIpv4 const* extComm, Flowspec::TrafficRedirect const& current);
+bool shouldExport(AfiSafi afiSafi, FlowspecExtCommRedirectIpv4 const* extComm,
+                  Flowspec::TrafficRedirect const& current);
 // The same for an IPv6 address, never on IPv4 flowspec.
-bool shouldExport(AfiSafi afiSafi, FlowspecExtCommRedirectIpv6 const* extComm, Flowspec::TrafficRedirect const& current);
+bool shouldExport(AfiSafi afiSafi, FlowspecExtCommRedirectIpv6 const* extComm,
+                  Flowspec::TrafficRedirect const& current);
 // Whether a redirect to the path's next hop (at `nexthopAddr`) may set the redirect: never
 // without an address; always when none is chosen; over a copy redirect when it is not one;
 // otherwise the earlier redirect stays (a tie keeps the first, unlike the address kinds).

@@ -149,9 +149,9 @@ Ovk::Ptr<FlowspecNexthopSelf> FlowspecNexthopSelf::dehoard(void const* image,
 
 // ---- FlowspecGenNexthopDedupTable ----
 
-FlowspecGenNexthopDedupTable::FlowspecGenNexthopDedupTable(
-    BgpVrfIdBase vrfId, AfiSafi afiSafi, Ovk::Ptr<GenNexthopLifeTimeNotifiee const> lifeTimeNotifiee,
-    Ovk::Ptr<GenNexthopIdAllocator> idAllocator)
+FlowspecGenNexthopDedupTable::FlowspecGenNexthopDedupTable(BgpVrfIdBase vrfId, AfiSafi afiSafi,
+                                                           Ovk::Ptr<GenNexthopLifeTimeNotifiee const> lifeTimeNotifiee,
+                                                           Ovk::Ptr<GenNexthopIdAllocator> idAllocator)
     : GenNexthopDedupTable(vrfId, afiSafi, std::move(lifeTimeNotifiee), std::move(idAllocator)) {
    createEmptyNexthop();
    handleFlowspecGenNexthopDedupTableInit();
@@ -237,7 +237,8 @@ Ovk::Ptr<FlowspecGenNexthopDedupTable> flowspecGenNexthopDedupTableFactory(
 
 Ovk::Ptr<FlowspecGenNexthopLifeTimeNotifiee> flowspecGenNexthopLifeTimeNotifieeFactory(
     bool multiThreadedOvbgp, Ovk::Ptr<Ovk::TaskScheduler> const& consumerScheduler, Ovk::String const& taskPrefix) {
-   return activated(Ovk::makePtr<FlowspecGenNexthopLifeTimeNotifiee>(multiThreadedOvbgp, consumerScheduler, taskPrefix));
+   return activated(
+       Ovk::makePtr<FlowspecGenNexthopLifeTimeNotifiee>(multiThreadedOvbgp, consumerScheduler, taskPrefix));
 }
 
 } // namespace Routing::Bgp::FlowspecPlugin

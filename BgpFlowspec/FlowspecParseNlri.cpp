@@ -54,8 +54,7 @@ FailureText const& failureText(Kind kind) { return kFailureTexts[static_cast<std
 // The NLRI reader: the steps of one inhale up to the dedup, over a packet position.
 class NlriReader {
  public:
-   NlriReader(BgpParseContext const& context, BgpParsePktPosition* const& position, bool v6,
-              FlowspecRouteKeyBody& body)
+   NlriReader(BgpParseContext const& context, BgpParsePktPosition* const& position, bool v6, FlowspecRouteKeyBody& body)
        : context_(context), position_(position), v6_(v6), body_(body) {}
 
    // Reads the NLRI into the body and the reason; the failure when it is malformed.
@@ -100,7 +99,8 @@ std::optional<Failure> NlriReader::read() {
    std::uint16_t const nlriLen = length.value();
    remainingOtherNlriLen_ = pos.bytesLeft() - nlriLen;
    OVK_TRACE(flowspecTraceFacility(), 8,
-             "parseCtx: " << context_ << " nlriLen=" << nlriLen << ", remainingOtherNlriLen=" << remainingOtherNlriLen_);
+             "parseCtx: " << context_ << " nlriLen=" << nlriLen
+                          << ", remainingOtherNlriLen=" << remainingOtherNlriLen_);
 
    std::uint8_t prevType = 0;
    // A zero-length NLRI is a rule without components.
@@ -152,7 +152,8 @@ std::optional<Failure> NlriReader::prefixComponent(std::uint8_t currType) {
       if (offsetBitLength > maskBitLength) return Failure(Kind::prefixOffsetAboveMask);
       if (offsetBitLength != 0) {
          OVK_TRACE(flowspecTraceFacility(), 8,
-                   "parseCtx: " << context_ << " IPv6 prefix offset=" << unsigned{offsetBitLength} << ", will not export");
+                   "parseCtx: " << context_ << " IPv6 prefix offset=" << unsigned{offsetBitLength}
+                                << ", will not export");
          reason_.nonZeroIpv6OffsetIs(true);
       }
    }
@@ -217,26 +218,26 @@ std::string FlowspecNlriParseFailure::message() const {
 bool consumeOpValValue(BgpParsePktPosition* const& position, std::uint8_t numBytes, std::uint64_t* value) {
    OVK_ASSERT(numBytes == 1 || numBytes == 2 || numBytes == 4 || numBytes == 8);
    switch (numBytes) {
-    case 1: {
+   case 1: {
       std::uint8_t v = 0;
       if (!position->consumeU8(&v)) return false;
       *value = v;
       return true;
-    }
-    case 2: {
+   }
+   case 2: {
       std::uint16_t v = 0;
       if (!position->consumeU16ntoh(&v)) return false;
       *value = v;
       return true;
-    }
-    case 4: {
+   }
+   case 4: {
       std::uint32_t v = 0;
       if (!position->consumeU32ntoh(&v)) return false;
       *value = v;
       return true;
-    }
-    case 8: return position->consumeU64ntoh(value);
-    default: break;
+   }
+   case 8: return position->consumeU64ntoh(value);
+   default: break;
    }
    OVK_ASSERT_MSG(false, "The above switch covers all possible values, given the earlier assert");
    return false;
@@ -254,8 +255,8 @@ void doUnrecognizedTail(BgpParseContext const& parseContext, BgpParsePktPosition
    std::size_t const rest = std::min(declared, position->dataLeft());
    std::size_t const tailLen = rest + 1;
    OVK_TRACE(flowspecTraceFacility(), 6,
-             "parseCtx: " << parseContext << " unrecognized component type: " << unsigned{componentType}
-                          << ", storing " << tailLen << " byte(s) as unrecognized...");
+             "parseCtx: " << parseContext << " unrecognized component type: " << unsigned{componentType} << ", storing "
+                          << tailLen << " byte(s) as unrecognized...");
    body.unrecognizedTailIs({typeBytePosition, tailLen});
    position->consumeData(rest);
 }
@@ -283,9 +284,9 @@ BgpParseUpdateNlriReturn FlowspecParseUpdateNlriRule::inhale(Ovk::Ptr<BgpParseCo
    return {std::move(parsed.value()), nullptr, false};
 }
 
-Ovk::Result<FlowspecRouteKey::PtrConst, FlowspecNlriParseFailure>
-FlowspecParseUpdateNlriRule::parse(Ovk::Ptr<BgpParseContext> const& parseContext, BgpParsePktPosition* const& position,
-                                   Ovk::Ptr<BgpParseUpdateResults> const& results) const {
+Ovk::Result<FlowspecRouteKey::PtrConst, FlowspecNlriParseFailure> FlowspecParseUpdateNlriRule::parse(
+    Ovk::Ptr<BgpParseContext> const& parseContext, BgpParsePktPosition* const& position,
+    Ovk::Ptr<BgpParseUpdateResults> const& results) const {
    OVK_TRACE_BLOCK_TIMER(flowspecTraceFacility());
    bool const v6 = afiSafi_.afi() != Afi::afiIpv4;
    // Scratch for the body: the key is filled in one step once the NLRI has been read whole.
@@ -349,8 +350,9 @@ BgpNotificationErrorUpdateMessageSubcode FlowspecParseUpdateNextHopRule::inhale(
    Ovnet::IpGenAddr addr;
    Ovk::String nexthopBytes;
    if (nexthopLen != 0) {
-      bool const isAddress = (afiSafi_.afi() == Afi::afiIpv4 && nexthopLen == 4 && position->consumeIpv4GenAddress(&addr)) ||
-                             (afiSafi_.afi() == Afi::afiIpv6 && nexthopLen == 16 && position->consumeIpv6GenAddress(&addr));
+      bool const isAddress =
+          (afiSafi_.afi() == Afi::afiIpv4 && nexthopLen == 4 && position->consumeIpv4GenAddress(&addr)) ||
+          (afiSafi_.afi() == Afi::afiIpv6 && nexthopLen == 16 && position->consumeIpv6GenAddress(&addr));
       if (!isAddress) {
          // Any other content is kept as it came: flowspec does not forward to it. A 32-byte
          // IPv6 field (global and link-local address) is no exception.

@@ -33,24 +33,24 @@ namespace Routing::Bgp::FlowspecPlugin {
 class FlowspecNlriParseFailure {
  public:
    enum class Kind : std::uint8_t {
-      nlriLength,          // 215 "not enough data for NLRI length"
-      nlriLengthAddend,    // 215 "not enough data for NLRI length addend"
+      nlriLength,            // 215 "not enough data for NLRI length"
+      nlriLengthAddend,      // 215 "not enough data for NLRI length addend"
       nlriLenAboveBytesLeft, // 216 "encoded nlriLen (a) > bytesLeft (b)"
-      componentPastNlriLen, // 216 "parsing component a required consuming b more byte(s) than nlriLen"
-      componentType,       // 217 "not enough data for NLRI component type"
-      componentTypeZero,   // 218 "invalid component type (a"
-      componentTypeOrder,  // 219 "component type a appeared after b"
-      prefixMask,          // 220 "not enough data for prefix mask length"
-      prefixOffset,        // 221 "not enough data for IPv6 prefix offset"
+      componentPastNlriLen,  // 216 "parsing component a required consuming b more byte(s) than nlriLen"
+      componentType,         // 217 "not enough data for NLRI component type"
+      componentTypeZero,     // 218 "invalid component type (a"
+      componentTypeOrder,    // 219 "component type a appeared after b"
+      prefixMask,            // 220 "not enough data for prefix mask length"
+      prefixOffset,          // 221 "not enough data for IPv6 prefix offset"
       prefixOffsetAboveMask, // 222 "not sensible for offset to be greater than mask"
-      prefixMaskTooLong,   // 223 "could not parse prefix: invalid masklength "
-      prefixPattern,       // 223 "could not parse prefix: not enough data "
-      componentOp,         // 224 "not enough data for component op"
-      componentValue,      // 225 "not enough data for component value"
-      valueTooLong,        // 226 "value has too many bytes a for type b"
-      ipv6FragmentDf,      // 227 "IPv6 nlri fragment: DF bit is 1, but MUST be 0"
+      prefixMaskTooLong,     // 223 "could not parse prefix: invalid masklength "
+      prefixPattern,         // 223 "could not parse prefix: not enough data "
+      componentOp,           // 224 "not enough data for component op"
+      componentValue,        // 225 "not enough data for component value"
+      valueTooLong,          // 226 "value has too many bytes a for type b"
+      ipv6FragmentDf,        // 227 "IPv6 nlri fragment: DF bit is 1, but MUST be 0"
       // Not an NLRI's: the MP_REACH_NLRI next hop the next-hop rule reads.
-      nexthopShort,        // 228 "Could not read next-hop data: it runs past the attribute"
+      nexthopShort, // 228 "Could not read next-hop data: it runs past the attribute"
    };
 
    explicit FlowspecNlriParseFailure(Kind kind, std::uint32_t a = 0, std::uint32_t b = 0) noexcept
@@ -95,9 +95,9 @@ class FlowspecParseUpdateNlriRule : public BgpParseUpdateNlriRuleBase {
    std::optional<std::size_t> nlriExtent(BgpParsePktPosition const& position) const override;
 
    // inhale, giving the failure instead of an empty return. Counts and traces the same.
-   Ovk::Result<FlowspecRouteKey::PtrConst, FlowspecNlriParseFailure>
-   parse(Ovk::Ptr<BgpParseContext> const& parseContext, BgpParsePktPosition* const& position,
-         Ovk::Ptr<BgpParseUpdateResults> const& results) const;
+   Ovk::Result<FlowspecRouteKey::PtrConst, FlowspecNlriParseFailure> parse(
+       Ovk::Ptr<BgpParseContext> const& parseContext, BgpParsePktPosition* const& position,
+       Ovk::Ptr<BgpParseUpdateResults> const& results) const;
 
  protected:
    ~FlowspecParseUpdateNlriRule() override = default;
@@ -145,9 +145,9 @@ class FlowspecParseUpdateNextHopRule : public BgpParseUpdateAttributeMpReachNlri
    // on the scratchpad's results, leaves the scratchpad's next hop as it was and returns
    // optionalAttributeError (9). The parse context's VRF must have this family's next-hop
    // dedup table (assertion "nexthopDedupTable != nullptr").
-   BgpNotificationErrorUpdateMessageSubcode inhale(Ovk::Ptr<BgpParseContext> const& parseContext,
-                                                   BgpParsePktPosition* const& position,
-                                                   Ovk::Ptr<BgpParseUpdateAttributesScratchpad> const& scratchpad) const override;
+   BgpNotificationErrorUpdateMessageSubcode inhale(
+       Ovk::Ptr<BgpParseContext> const& parseContext, BgpParsePktPosition* const& position,
+       Ovk::Ptr<BgpParseUpdateAttributesScratchpad> const& scratchpad) const override;
 
  protected:
    ~FlowspecParseUpdateNextHopRule() override = default;
@@ -168,8 +168,8 @@ class FlowspecParsePluginSm : public BgpParsePluginBaseSm {
    // Serves the rule instances already in `ruleCollections` before returning.
    FlowspecParsePluginSm(Ovk::Ptr<BgpParseRuleCollections const> ruleCollections, AfiSafi afiSafi);
    // The factory: constructs, switches notification on and returns the first reference.
-   static Ovk::Ptr<FlowspecParsePluginSm> FlowspecParsePluginSmIs(Ovk::Ptr<BgpParseRuleCollections const> ruleCollections,
-                                                                 AfiSafi afiSafi);
+   static Ovk::Ptr<FlowspecParsePluginSm> FlowspecParsePluginSmIs(
+       Ovk::Ptr<BgpParseRuleCollections const> ruleCollections, AfiSafi afiSafi);
 
    static Ovk::FwkType const& classFwkType();
    virtual Ovk::FwkType const& fwkType() const;
@@ -179,7 +179,8 @@ class FlowspecParsePluginSm : public BgpParsePluginBaseSm {
    void hasNotificationActiveIs(bool on) override;
    void instantiateNextHopSubRule(BgpParseUpdateAttributeMpReachNlriRuleKey ruleKey,
                                   BgpParseControl const& parseControl) const override;
-   void instantiateNlriSubRule(BgpParseUpdateMessageRuleKey ruleKey, BgpParseControl const& parseControl) const override;
+   void instantiateNlriSubRule(BgpParseUpdateMessageRuleKey ruleKey,
+                               BgpParseControl const& parseControl) const override;
 
  protected:
    ~FlowspecParsePluginSm() override;

@@ -98,8 +98,8 @@ void FlowspecPluginMain::addExportHooks() {
       OVK_TRACE(flowspecTraceFacility(), 3, "No entityManager, not creating routeConfigSmFactory");
       return;
    }
-   auto factory = Ovk::makePtr<FlowspecRouteConfigSmFactory>(afiSafi_, context_->entityManager(), context_->rtToVrfIdList(),
-                                                             context_->coreDedupTables(), rkToRedirVrfId_);
+   auto factory = Ovk::makePtr<FlowspecRouteConfigSmFactory>(
+       afiSafi_, context_->entityManager(), context_->rtToVrfIdList(), context_->coreDedupTables(), rkToRedirVrfId_);
    factory->hasNotificationActiveIs(true);
    afiSafiHelpers_->hookIs(Plugin::HookId::routeConfigSmFactory, factory);
 }
@@ -122,8 +122,8 @@ void FlowspecPluginMain::vrfPluginSmDel() {
    vrfPluginSm_ = nullptr;
 }
 
-Ovk::Ptr<FlowspecParsePluginSm> FlowspecPluginMain::parsePluginSmIs(Ovk::Ptr<BgpParseRuleCollections const> const& collections,
-                                                                    AfiSafi afiSafi) {
+Ovk::Ptr<FlowspecParsePluginSm> FlowspecPluginMain::parsePluginSmIs(
+    Ovk::Ptr<BgpParseRuleCollections const> const& collections, AfiSafi afiSafi) {
    if (parsePluginSm_ && parsePluginSm_->afiSafi() == afiSafi && parsePluginSm_->ruleCollections() == collections) {
       return parsePluginSm_;
    }

@@ -39,11 +39,11 @@ class FlowspecPluginMain : public Plugin::PluginMainBase {
    // go (switching a state machine's notification off first).
    Ovk::Ptr<FlowspecVrfPluginSm> const& vrfPluginSm() const { return vrfPluginSm_; }
    Ovk::Ptr<FlowspecVrfPluginSm> vrfPluginSmIs(AfiSafi afiSafi, Ovk::Ptr<Context> const& context,
-                                              Ovk::Ptr<BgpAfiSafiDedupTablesAllVrf> const& tables);
+                                               Ovk::Ptr<BgpAfiSafiDedupTablesAllVrf> const& tables);
    void vrfPluginSmDel();
    Ovk::Ptr<FlowspecParsePluginSm> const& parsePluginSm() const { return parsePluginSm_; }
    Ovk::Ptr<FlowspecParsePluginSm> parsePluginSmIs(Ovk::Ptr<BgpParseRuleCollections const> const& collections,
-                                                  AfiSafi afiSafi);
+                                                   AfiSafi afiSafi);
    void parsePluginSmDel();
    Ovk::Ptr<FlowspecParseExtCommSm> const& parseExtCommSm() const { return parseExtCommSm_; }
    Ovk::Ptr<FlowspecParseExtCommSm> parseExtCommSmIs(Ovk::Ptr<ExtCommParseRuleCollections const> const& collections);

@@ -48,7 +48,8 @@ void FlowspecVrfPluginSm::handleVrfCreate(BgpVrfIdBase const& vrfId) {
    OVK_ASSERT(pluginContext());
    Context const& context = *pluginContext();
    auto routeKeys = flowspecRouteKeyDedupTableFactory(afiSafi_, vrfId);
-   auto notifiee = flowspecGenNexthopLifeTimeNotifieeFactory(context.multiThreadedOvbgp(), context.taskScheduler(), "Flowspec");
+   auto notifiee =
+       flowspecGenNexthopLifeTimeNotifieeFactory(context.multiThreadedOvbgp(), context.taskScheduler(), "Flowspec");
    auto nexthops = flowspecGenNexthopDedupTableFactory(vrfId, afiSafi_, notifiee, context.nexthopIdAllocator());
    tables_->dedupTablesVrfAfiSafiIs(afiSafi_, vrfId, routeKeys, nexthops);
 }
@@ -68,8 +69,9 @@ Ovk::FwkType const& FlowspecConstructAdjRibinPlugin::classFwkType() {
 
 Ovk::FwkType const& FlowspecConstructAdjRibinPlugin::fwkType() const { return classFwkType(); }
 
-void FlowspecConstructAdjRibinPlugin::instantiateAdjRibin(AdjRibinType type, Ovk::Ptr<AdjRibinCollection> const& collection,
-                                                          Ovk::Ptr<BgpInputDedupTables const> const& inputTables) const {
+void FlowspecConstructAdjRibinPlugin::instantiateAdjRibin(
+    AdjRibinType type, Ovk::Ptr<AdjRibinCollection> const& collection,
+    Ovk::Ptr<BgpInputDedupTables const> const& inputTables) const {
    DedupTablesVrf const* const vrf = inputTables ? inputTables->dedupVrfTablesRawPtr() : nullptr;
    OVK_TRACE(flowspecTraceFacility(), 8,
              "Vrf: " << (vrf ? vrf->vrfId() : BgpVrfIdBase{}) << " " << toStrep(type) << ", initialize "
@@ -89,7 +91,7 @@ Ovk::FwkType const& FlowspecAfiSafiHelpers::classFwkType() {
 Ovk::FwkType const& FlowspecAfiSafiHelpers::fwkType() const { return classFwkType(); }
 
 bool FlowspecAfiSafiHelpers::nlriTypeRequiresRibTable(NlriType nlriType) const {
-   OVK_ASSERT(( nlriType == NlriType::ipv4Flowspec ) || ( nlriType == NlriType::ipv6Flowspec ));
+   OVK_ASSERT((nlriType == NlriType::ipv4Flowspec) || (nlriType == NlriType::ipv6Flowspec));
    return true;
 }
 
@@ -107,7 +109,8 @@ Ovk::Ptr<GenNexthop const> FlowspecTransportNexthopPlugin::transportAddrToLocalN
    BgpVrfIdBase const vrfId = dedupVrfTables ? dedupVrfTables->vrfId() : BgpVrfIdBase{};
    OVK_TRACE(flowspecTraceFacility(), 8,
              "afiSafi: " << afiSafi_ << ", vrfId: " << vrfId << ", localNh: " << nexthopText(transportNh.ptr()));
-   DedupTablesVrfAfiSafi const* const tables = dedupVrfTables ? dedupVrfTables->dedupTablesVrfAfiSafi(afiSafi_) : nullptr;
+   DedupTablesVrfAfiSafi const* const tables =
+       dedupVrfTables ? dedupVrfTables->dedupTablesVrfAfiSafi(afiSafi_) : nullptr;
    if (!tables) return nullptr;
    auto const* ip = dynamic_cast<IpPlugin::IpGenNexthop const*>(transportNh.ptr());
    OVK_ASSERT_MSG(ip, "transportNh");
@@ -125,7 +128,8 @@ Ovk::Ptr<GenNexthop const> FlowspecTransportNexthopPlugin::transportAddrToLocalN
    Ovk::Ptr<FlowspecGenNexthop> const nh = flowspecGenNexthopFactory(afiSafi_.afi(), addr, Ovk::String());
    Ovk::Ptr<GenNexthop const> const local =
        nh->dedup(Ovk::Ptr<GenNexthopDedupTableBase const>(nexthopDedupTable), false);
-   OVK_TRACE(flowspecTraceFacility(), 8, "afiSafi: " << afiSafi_ << ", vrfId: " << vrfId << ", returning localNh: " << *local);
+   OVK_TRACE(flowspecTraceFacility(), 8,
+             "afiSafi: " << afiSafi_ << ", vrfId: " << vrfId << ", returning localNh: " << *local);
    return local;
 }
 

@@ -85,8 +85,9 @@ class FlowspecTransportNexthopPlugin : public Plugin::TransportNexthopPluginBase
    // deduplicated in the VRF's flowspec next-hop table. Empty when the VRF has no flowspec
    // tables, when the address is unspecified, and for an IPv6 address on IPv4 flowspec (an
    // IPv6 flowspec session over IPv4 gets the IPv4 address).
-   Ovk::Ptr<GenNexthop const> transportAddrToLocalNexthop(Ovk::Ptr<GenNexthop const> const& transportNh,
-                                                          Ovk::Ptr<DedupTablesVrf const> const& dedupVrfTables) const override;
+   Ovk::Ptr<GenNexthop const> transportAddrToLocalNexthop(
+       Ovk::Ptr<GenNexthop const> const& transportNh,
+       Ovk::Ptr<DedupTablesVrf const> const& dedupVrfTables) const override;
 
  protected:
    ~FlowspecTransportNexthopPlugin() override = default;
@@ -142,7 +143,8 @@ class FlowspecFwdTgtHelper : public Plugin::FwdTgtHelper {
    FlowspecFwdTgtHelper() : FwdTgtHelper(ForwardingTarget::flowspec) {}
    static Ovk::FwkType const& classFwkType();
    virtual Ovk::FwkType const& fwkType() const;
-   Ovk::Ptr<Plugin::FwdTgtStateBase> instantiateFwdTgtState(Ovk::Ptr<RouteFwdTgtTable const> const& table) const override;
+   Ovk::Ptr<Plugin::FwdTgtStateBase> instantiateFwdTgtState(
+       Ovk::Ptr<RouteFwdTgtTable const> const& table) const override;
    Ovk::Ptr<Plugin::FwdTgtBaseSm> instantiateFwdTgtSm(Ovk::Ptr<Plugin::FwdTgtStateBase> const& state,
                                                       Ovk::Ptr<Context> const& context) const override;
 

@@ -38,21 +38,25 @@ void translateRedirVrf(FlowspecRouteConfigSm& sm, Flowspec::Rule& rule, Flowspec
       rule.trafficRedirect.address = Ovnet::IpGenAddr();
    }
    // The route target: its type, subtype 0x02 and the community's low six bytes.
-   std::uint64_t const rtValue = std::uint64_t{rtType} << 56 | std::uint64_t{rtSubtype} << 48 | (value & 0xffffffffffffull);
+   std::uint64_t const rtValue =
+       std::uint64_t{rtType} << 56 | std::uint64_t{rtSubtype} << 48 | (value & 0xffffffffffffull);
    Ovk::Ptr<ExtComm const> const rt = sm.coreDedupTables()->extCommIs(ExtComm::createBase(rtValue));
    // The dependency comes first: the rule is translated again when the route target's
    // import changes, whether or not it resolves now.
    sm.rtToRouteKeySetIs(rt).routeKeyIs(&routeKey);
    AfiSafi const rtAfiSafi = sm.redirVrfRtAfiSafi();
    AfiSafi const vpnAfiSafi = sm.redirVrfVpnAfiSafi();
-   Ovk::Ptr<AfiSafiRtToVrfIdList> const* afiSafiList = sm.rtToVrfIdList() ? sm.rtToVrfIdList()->find(rtAfiSafi) : nullptr;
+   Ovk::Ptr<AfiSafiRtToVrfIdList> const* afiSafiList =
+       sm.rtToVrfIdList() ? sm.rtToVrfIdList()->find(rtAfiSafi) : nullptr;
    if (!afiSafiList || !*afiSafiList) {
-      OVK_TRACE(flowspecTraceFacility(), 8, "redirect-vrf: could not find VRF import config for rtAfiSafi: " << rtAfiSafi);
+      OVK_TRACE(flowspecTraceFacility(), 8,
+                "redirect-vrf: could not find VRF import config for rtAfiSafi: " << rtAfiSafi);
       return;
    }
    Ovk::Ptr<VpnRtToVrfIdList> const* vpnList = (*afiSafiList)->find(vpnAfiSafi);
    if (!vpnList || !*vpnList) {
-      OVK_TRACE(flowspecTraceFacility(), 8, "redirect-vrf: could not find VRF import config for vpnAfiSafi: " << vpnAfiSafi);
+      OVK_TRACE(flowspecTraceFacility(), 8,
+                "redirect-vrf: could not find VRF import config for vpnAfiSafi: " << vpnAfiSafi);
       return;
    }
    Ovk::Ptr<VrfIdList const> const* vrfs = (*vpnList)->find(rt);
@@ -80,8 +84,8 @@ void FlowspecRtExtCommReactor::handleRtExtComm(Ovk::Ptr<ExtComm const> const& rt
    FlowspecRouteKeySet* const set = sm_.rtToRouteKeySet(rt.ptr());
    if (!set) return;
    OVK_TRACE(flowspecTraceFacility(), 8,
-             "afi=" << static_cast<unsigned>(sm_.afiSafi().afi()) << " safi=" << unsigned{sm_.afiSafi().safi()} << " rt="
-                    << rt->toStrep());
+             "afi=" << static_cast<unsigned>(sm_.afiSafi().afi()) << " safi=" << unsigned{sm_.afiSafi().safi()}
+                    << " rt=" << rt->toStrep());
    // Collected first: each translation changes the set.
    std::vector<Ovk::Ptr<RouteKey const>> keys(set->routeKey().begin(), set->routeKey().end());
    for (auto const& k : keys) sm_.handleRouteEntry(k.ptr());

@@ -355,7 +355,8 @@ void FlowspecRouteKeyBody::prefixIs(std::uint8_t type, std::uint8_t mask, std::u
    if (v6_) *out++ = offset;
    if (n == 0) return;
    std::memcpy(out, pattern, n);
-   if (unsigned const bits = (mask - offset) % 8u; bits != 0) out[n - 1] &= static_cast<std::uint8_t>(0xffu << (8 - bits));
+   if (unsigned const bits = (mask - offset) % 8u; bits != 0)
+      out[n - 1] &= static_cast<std::uint8_t>(0xffu << (8 - bits));
 }
 
 void FlowspecRouteKeyBody::addOpValComponent(std::uint8_t type, std::span<std::uint8_t const> pairs) {
@@ -485,7 +486,7 @@ bool FlowspecRouteKey::compare(Ovk::DedupHandle const* other) const {
    // Keys of one table are mostly of one concrete type: compare the types first, which is
    // cheaper than a cast across libraries.
    auto const* const o = typeid(*other) == typeid(*this) ? static_cast<FlowspecRouteKey const*>(other)
-                                                           : dynamic_cast<FlowspecRouteKey const*>(other);
+                                                         : dynamic_cast<FlowspecRouteKey const*>(other);
    OVK_ASSERT_MSG(o != nullptr, "other");
    if (wontExportReason_ != o->wontExportReason_) return false;
    // The encoding is canonical, so equal fields are equal bytes. A prefix decodes in the
@@ -530,7 +531,8 @@ bool FlowspecRouteKey::lessThan(Ovk::Ptr<RouteKeyBase const> const& other) const
    auto tailAt = [](std::uint8_t const* d, std::size_t pos, std::size_t size) -> std::span<std::uint8_t const> {
       return pos < size ? std::span<std::uint8_t const>(d + pos + 1, size - pos - 1) : std::span<std::uint8_t const>();
    };
-   if (int const c = flowspecMemcmp(tailAt(data, aPos, storedSize()), tailAt(otherData, bPos, o.storedSize())); c != 0) {
+   if (int const c = flowspecMemcmp(tailAt(data, aPos, storedSize()), tailAt(otherData, bPos, o.storedSize()));
+       c != 0) {
       return c < 0;
    }
    // Equal keys: true, deliberately (callers that need a strict order wrap this).
@@ -577,7 +579,8 @@ std::uint16_t prefixContentNumBytes(Ovnet::IpGenPrefix const& prefix, std::uint8
    return static_cast<std::uint16_t>(patternBytes(prefix.len(), ipv6PrefixOffset));
 }
 
-void serializePrefix(Serialize& out, std::uint8_t type, std::uint8_t ipv6PrefixOffset, Ovnet::IpGenPrefix const& prefix) {
+void serializePrefix(Serialize& out, std::uint8_t type, std::uint8_t ipv6PrefixOffset,
+                     Ovnet::IpGenPrefix const& prefix) {
    out.addU8(type);
    out.addU8(prefix.len());
    if (prefix.af() != Ovnet::AddressFamily::ipv4) {
@@ -606,7 +609,8 @@ void FlowspecRouteKey::serializeTo(Serialize& out) const {
    std::size_t expectedNlriLen = 0;
    for (auto const& [prefix, offset] : {std::pair(destPrefix, dest.offset), std::pair(srcPrefix, src.offset)}) {
       if (prefix.isUnset()) continue;
-      expectedNlriLen += 2u + (prefix.af() == Ovnet::AddressFamily::ipv6 ? 1u : 0u) + prefixContentNumBytes(prefix, offset);
+      expectedNlriLen +=
+          2u + (prefix.af() == Ovnet::AddressFamily::ipv6 ? 1u : 0u) + prefixContentNumBytes(prefix, offset);
    }
    std::size_t tail = src.pos + src.size;
    for (FlowspecOpValComponentIterator c(data + tail, data + size); c != std::default_sentinel; ++c) {
@@ -692,15 +696,15 @@ void FlowspecRouteKey::copyInFlowspecKey(Flowspec::FlowspecKey const& slate) {
       buffer.push_back(op);
       std::uint32_t const v = r.value();
       switch (Flowspec::opLengthCode(op)) {
-       case 0: buffer.push_back(static_cast<std::uint8_t>(v)); break;
-       case 1:
+      case 0: buffer.push_back(static_cast<std::uint8_t>(v)); break;
+      case 1:
          buffer.push_back(static_cast<std::uint8_t>(v >> 8));
          buffer.push_back(static_cast<std::uint8_t>(v));
          break;
-       case 2:
+      case 2:
          for (int shift = 24; shift >= 0; shift -= 8) buffer.push_back(static_cast<std::uint8_t>(v >> shift));
          break;
-       default:
+      default:
          // Eight-byte values are never produced.
          OVK_ASSERT(false);
       }

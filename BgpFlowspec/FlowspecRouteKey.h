@@ -334,7 +334,8 @@ class FlowspecV6RouteKey final : public FlowspecRouteKey {
 std::uint16_t prefixContentNumBytes(Ovnet::IpGenPrefix const& prefix, std::uint8_t ipv6PrefixOffset);
 // Appends one prefix component of `type` (1 or 2): type, mask length, for an IPv6 prefix the
 // offset, then the first prefixContentNumBytes bytes of the address. IPv4 and IPv6 only.
-void serializePrefix(Serialize& out, std::uint8_t type, std::uint8_t ipv6PrefixOffset, Ovnet::IpGenPrefix const& prefix);
+void serializePrefix(Serialize& out, std::uint8_t type, std::uint8_t ipv6PrefixOffset,
+                     Ovnet::IpGenPrefix const& prefix);
 
 // Fresh, empty keys (postConstructor has run).
 Ovk::Ptr<FlowspecV4RouteKey> flowspecV4RouteKeyFactory();

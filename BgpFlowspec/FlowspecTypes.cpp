@@ -42,8 +42,8 @@ std::ostream& operator<<(std::ostream& os, FlowspecOpValComponent const& c) { re
 namespace {
 
 // The attribute names, "value" first, then the bits in bit order.
-constexpr std::array<std::string_view, 4> kAttributeNames = {
-    "value", "unrecognizedTail_", "nonZeroIpv6Offset_", "componentTypeMoreThanOnce_"};
+constexpr std::array<std::string_view, 4> kAttributeNames = {"value", "unrecognizedTail_", "nonZeroIpv6Offset_",
+                                                             "componentTypeMoreThanOnce_"};
 
 // The bit an attribute name stands for; 0 for "value".
 std::uint32_t attributeBit(std::string_view name) {

@@ -32,7 +32,8 @@ Ovk::Result<bool, std::string> Agent::start() {
    Plugin::Context::Options options;
    options.taskScheduler = scheduler_;
    options.attributeCacheStatus = Hoard::AttributeCacheStatus::create();
-   options.local = BgpPeer{Ovnet::IpGenAddr(), config_.localAs, config_.localAs, config_.routerId, BgpL3VrfId::defaultVrfId()};
+   options.local =
+       BgpPeer{Ovnet::IpGenAddr(), config_.localAs, config_.localAs, config_.routerId, BgpL3VrfId::defaultVrfId()};
    // The FSIB is the agent's: mounted here first, so that a segment another agent writes is
    // a clear error at start, and the export's mount shares this one.
    entityManager_ = Ovk::makePtr<Mnemo::EntityManager>(config_.fsibPrefix);
@@ -112,9 +113,8 @@ void Agent::applyVrfs() {
       BgpVrfIdBase const id = entry.first;
       std::string const& name = entry.second->name();
       if (id == BgpL3VrfId::defaultVrfId()) continue;
-      bool const kept = std::any_of(config_.vrfs.begin(), config_.vrfs.end(), [&](VrfConfig const& v) {
-         return v.id && *v.id == id.value() && v.name == name;
-      });
+      bool const kept = std::any_of(config_.vrfs.begin(), config_.vrfs.end(),
+                                    [&](VrfConfig const& v) { return v.id && *v.id == id.value() && v.name == name; });
       if (!kept) gone.push_back(id);
    }
    for (BgpVrfIdBase const id : gone) ctx.vrfDel(id);
@@ -128,7 +128,8 @@ void Agent::applyVrfs() {
          list->vrfs[*v.id] = BgpVrfIdBase(*v.id);
       }
    }
-   for (auto const& [rtFamily, vpnFamily] : {std::pair{kIpv4UnicastAfiSafi, kVpnIpv4AfiSafi}, std::pair{kIpv6UnicastAfiSafi, kVpnIpv6AfiSafi}}) {
+   for (auto const& [rtFamily, vpnFamily] :
+        {std::pair{kIpv4UnicastAfiSafi, kVpnIpv4AfiSafi}, std::pair{kIpv6UnicastAfiSafi, kVpnIpv6AfiSafi}}) {
       RtToVrfIdList& top = *ctx.rtToVrfIdList();
       Ovk::Ptr<AfiSafiRtToVrfIdList> byVpn = top.find(rtFamily) ? *top.find(rtFamily) : AfiSafiRtToVrfIdList::create();
       Ovk::Ptr<VpnRtToVrfIdList> byRt = byVpn->find(vpnFamily) ? *byVpn->find(vpnFamily) : VpnRtToVrfIdList::create();
@@ -171,7 +172,8 @@ bool Agent::reload(std::string const& file) {
    };
    if (!sameNeighbors() || next.listen != config_.listen || next.localAs != config_.localAs ||
        next.routerId != config_.routerId || next.fsibPrefix != config_.fsibPrefix) {
-      logger_.log("-", "SIGHUP: changes of neighbors, listeners, AS, router-id or fsib-prefix take effect at the next start");
+      logger_.log(
+          "-", "SIGHUP: changes of neighbors, listeners, AS, router-id or fsib-prefix take effect at the next start");
    }
    config_.vrfs = std::move(next.vrfs);
    applyVrfs();

@@ -73,23 +73,24 @@ void AsioTransport::receiverIs(Receiver* r) {
 
 void AsioTransport::readMore() {
    reading_ = true;
-   socket_.async_read_some(asio::buffer(readBuffer_), [self = Ovk::Ptr<AsioTransport>(this)](std::error_code const& ec, std::size_t n) {
-      self->reading_ = false;
-      if (self->closed_) return;
-      if (ec) {
-         if (self->receiver_) {
-            self->fail(ec == asio::error::eof ? std::string("end of stream") : ec.message());
-         } else {
-            self->finishClose(); // closing: the peer has closed its side too
-         }
-         return;
-      }
-      // While closing, what the peer still sends is read and dropped: closing a socket
-      // with unread bytes would reset the connection, and the peer could lose our last
-      // message with it.
-      if (self->receiver_) self->receiver_->handleBytes(ByteView(self->readBuffer_.data(), n));
-      if (!self->closed_) self->readMore();
-   });
+   socket_.async_read_some(asio::buffer(readBuffer_),
+                           [self = Ovk::Ptr<AsioTransport>(this)](std::error_code const& ec, std::size_t n) {
+                              self->reading_ = false;
+                              if (self->closed_) return;
+                              if (ec) {
+                                 if (self->receiver_) {
+                                    self->fail(ec == asio::error::eof ? std::string("end of stream") : ec.message());
+                                 } else {
+                                    self->finishClose(); // closing: the peer has closed its side too
+                                 }
+                                 return;
+                              }
+                              // While closing, what the peer still sends is read and dropped: closing a socket
+                              // with unread bytes would reset the connection, and the peer could lose our last
+                              // message with it.
+                              if (self->receiver_) self->receiver_->handleBytes(ByteView(self->readBuffer_.data(), n));
+                              if (!self->closed_) self->readMore();
+                           });
 }
 
 void AsioTransport::send(Bytes bytes) {
@@ -101,31 +102,32 @@ void AsioTransport::send(Bytes bytes) {
 
 void AsioTransport::writeNext() {
    writing_ = true;
-   asio::async_write(socket_, asio::buffer(queue_.front()), [self = Ovk::Ptr<AsioTransport>(this)](std::error_code const& ec, std::size_t) {
-      self->writing_ = false;
-      if (self->closed_) return;
-      if (ec) {
-         self->queue_.clear();
-         self->queuedBytes_ = 0;
-         if (self->closing_) {
-            self->finishClose();
-         } else {
-            self->fail(ec.message());
-         }
-         return;
-      }
-      self->queuedBytes_ -= self->queue_.front().size();
-      self->queue_.pop_front();
-      if (!self->queue_.empty()) {
-         self->writeNext();
-      } else if (self->closing_) {
-         self->halfClose();
-      } else if (self->drained_) {
-         // A copy: the callback may queue more, or replace itself.
-         auto const drained = self->drained_;
-         drained();
-      }
-   });
+   asio::async_write(socket_, asio::buffer(queue_.front()),
+                     [self = Ovk::Ptr<AsioTransport>(this)](std::error_code const& ec, std::size_t) {
+                        self->writing_ = false;
+                        if (self->closed_) return;
+                        if (ec) {
+                           self->queue_.clear();
+                           self->queuedBytes_ = 0;
+                           if (self->closing_) {
+                              self->finishClose();
+                           } else {
+                              self->fail(ec.message());
+                           }
+                           return;
+                        }
+                        self->queuedBytes_ -= self->queue_.front().size();
+                        self->queue_.pop_front();
+                        if (!self->queue_.empty()) {
+                           self->writeNext();
+                        } else if (self->closing_) {
+                           self->halfClose();
+                        } else if (self->drained_) {
+                           // A copy: the callback may queue more, or replace itself.
+                           auto const drained = self->drained_;
+                           drained();
+                        }
+                     });
 }
 
 void AsioTransport::fail(std::string const& reason) {
@@ -171,7 +173,8 @@ void AsioTransport::finishClose() {
    socket_.close(ec);
 }
 
-Ovk::Ptr<ConnectAttempt> AsioConnector::connect(Endpoint const& remote, std::optional<Ovnet::IpGenAddr> local, Done done) {
+Ovk::Ptr<ConnectAttempt> AsioConnector::connect(Endpoint const& remote, std::optional<Ovnet::IpGenAddr> local,
+                                                Done done) {
    auto attempt = Ovk::makePtr<AsioConnectAttempt>(io_, std::move(done));
    asio::ip::tcp::endpoint const to(toAsio(remote.address), remote.port);
    std::error_code ec;
@@ -186,7 +189,8 @@ Ovk::Ptr<ConnectAttempt> AsioConnector::connect(Endpoint const& remote, std::opt
    return attempt;
 }
 
-Ovk::Result<Ovk::Ptr<AsioListener>, std::string> AsioListener::create(asio::io_context& io, Endpoint const& at, Accept accept) {
+Ovk::Result<Ovk::Ptr<AsioListener>, std::string> AsioListener::create(asio::io_context& io, Endpoint const& at,
+                                                                      Accept accept) {
    auto l = Ovk::makePtr<AsioListener>(io, std::move(accept));
    asio::ip::tcp::endpoint const ep(toAsio(at.address), at.port);
    std::error_code ec;

@@ -74,7 +74,8 @@ class AsioListener : public Ovk::PtrInterface {
  public:
    using Accept = std::function<void(Ovk::Ptr<Transport>)>;
    // Binds and listens (IPv6 sockets only for IPv6); the reason when that fails.
-   static Ovk::Result<Ovk::Ptr<AsioListener>, std::string> create(asio::io_context& io, Endpoint const& at, Accept accept);
+   static Ovk::Result<Ovk::Ptr<AsioListener>, std::string> create(asio::io_context& io, Endpoint const& at,
+                                                                  Accept accept);
    AsioListener(asio::io_context& io, Accept accept) : acceptor_(io), accept_(std::move(accept)) {}
    void close();
    Endpoint endpoint() const { return at_; }

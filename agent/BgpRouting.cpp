@@ -77,9 +77,10 @@ void BgpRouting::handleEstablished(BgpPeer const& from, Negotiated const& negoti
    auto const inputTables = context_->inputDedupTables(from.vrfId);
    for (AfiSafi const family : negotiated.families) {
       Ovk::Ptr<Plugin::AfiSafiHelpers> const helpers = context_->afiSafiTable()->helpers(family);
-      auto const hook = helpers ? helpers->hookAs<Plugin::BgpInputConstructAdjRibinAfiSafiPluginBase>(
-                                      Plugin::HookId::constructAdjRibin)
-                                : nullptr;
+      auto const hook =
+          helpers
+              ? helpers->hookAs<Plugin::BgpInputConstructAdjRibinAfiSafiPluginBase>(Plugin::HookId::constructAdjRibin)
+              : nullptr;
       Ovk::Ptr<RibTable> const table = ribTable(family);
       if (!hook || !table) continue; // no plugin serves the family: its NLRI are skipped
       p.decoder->ruleCollectionsIs(context_->parseRuleCollections(family), {});
@@ -149,8 +150,8 @@ UpdateOutcome BgpRouting::handleUpdate(BgpPeer const& from, MessageView const& u
             adjRibin = p->adjRibins->adjRibin(n.routeKey->nlriType());
             if (!adjRibin) continue;
          }
-         AdjRibinPath const path = adjRibin->instantiateRibinPathFromNlriResults(
-             PathKey{n.routeKey.ptr(), p->source, n.pathId}, attrs, n);
+         AdjRibinPath const path =
+             adjRibin->instantiateRibinPathFromNlriResults(PathKey{n.routeKey.ptr(), p->source, n.pathId}, attrs, n);
          t->pathIs(*path.routeKey, path.source, path.attrs);
       }
    }
@@ -223,12 +224,13 @@ nlohmann::json BgpRouting::updatesJson() const {
       for (auto const& [family, f] : v.counters.families) {
          auto const rules = v.received.find(family);
          auto const unknown = v.unknownWithdrawals.find(family);
-         families[familyName(family)] = {{"updates", f.updates},
-                                         {"announced", f.announced},
-                                         {"withdrawn", f.withdrawn},
-                                         {"refused", f.refused},
-                                         {"withdrawnUnknown", unknown == v.unknownWithdrawals.end() ? 0 : unknown->second},
-                                         {"rules", rules == v.received.end() ? 0 : rules->second}};
+         families[familyName(family)] = {
+             {"updates", f.updates},
+             {"announced", f.announced},
+             {"withdrawn", f.withdrawn},
+             {"refused", f.refused},
+             {"withdrawnUnknown", unknown == v.unknownWithdrawals.end() ? 0 : unknown->second},
+             {"rules", rules == v.received.end() ? 0 : rules->second}};
       }
       nlohmann::json reasons = nlohmann::json::object();
       for (auto const& [reason, n] : v.counters.reasons) reasons[toStrep(reason)] = n;

@@ -14,7 +14,8 @@ namespace Flowspecd {
 
 namespace {
 
-constexpr std::string_view kDefaultConfig = R"(# flowspecd's built-in configuration: listen on loopback and wait for one neighbor.
+constexpr std::string_view kDefaultConfig =
+    R"(# flowspecd's built-in configuration: listen on loopback and wait for one neighbor.
 router-id = "127.0.0.1"
 local-as = 65001
 listen = ["127.0.0.1:1179", "[::1]:1179"]
@@ -66,7 +67,7 @@ class Checker {
       }
       if (*v < lo || *v > hi) {
          error(n, std::string(key) + " must be between " + std::to_string(lo) + " and " + std::to_string(hi) +
-                     ", not " + std::to_string(*v));
+                      ", not " + std::to_string(*v));
          return std::nullopt;
       }
       return v;
@@ -101,7 +102,7 @@ void readFamilies(Checker& check, toml::node const& v, NeighborConfig& n) {
          if (!f) {
             check.error(item.source().begin.line ? Checker::lineOf(item) : Checker::lineOf(v),
                         "families may hold \"ipv4-flowspec\" and \"ipv6-flowspec\", not " +
-                           (name ? "\"" + *name + "\"" : std::string("a value of another type")));
+                            (name ? "\"" + *name + "\"" : std::string("a value of another type")));
          } else if (std::find(n.families.begin(), n.families.end(), *f) != n.families.end()) {
             check.error(v, "family \"" + *name + "\" is listed twice");
          } else {
@@ -115,9 +116,9 @@ void readFamilies(Checker& check, toml::node const& v, NeighborConfig& n) {
 }
 
 void readNeighbor(Checker& check, toml::table const& t, NeighborConfig& n) {
-   static std::vector<std::string_view> const known{"address", "port", "remote-as", "passive",
-                                                     "hold-time", "families", "description",
-                                                     "local-address", "connect-retry"};
+   static std::vector<std::string_view> const known{"address",     "port",          "remote-as",
+                                                    "passive",     "hold-time",     "families",
+                                                    "description", "local-address", "connect-retry"};
    check.onlyKeys(t, known, "[[neighbor]]");
    n.line = Checker::lineOf(t);
    if (auto const* v = t.get("address")) {
@@ -205,7 +206,8 @@ void readListen(Checker& check, toml::table const& root, AgentConfig& config) {
             auto const e = s ? parseEndpoint(*s) : std::nullopt;
             if (!e) {
                check.error(line, "listen entries must be \"ADDR:PORT\" strings such as \"127.0.0.1:179\" or "
-                                 "\"[::1]:179\", not " + (s ? "\"" + *s + "\"" : std::string("a value of another type")));
+                                 "\"[::1]:179\", not " +
+                                     (s ? "\"" + *s + "\"" : std::string("a value of another type")));
             } else if (std::find(config.listen.begin(), config.listen.end(), *e) != config.listen.end()) {
                check.error(line, "listen address " + e->str() + " is listed twice");
             } else {
@@ -274,7 +276,7 @@ void readNeighbors(Checker& check, toml::table const& root, AgentConfig& config)
             for (auto const& other : config.neighbors) {
                if (!n.address.isUnspecified() && other.address == n.address) {
                   check.error(n.line, "neighbor " + n.address.str() + " is already defined on line " +
-                                         std::to_string(other.line));
+                                          std::to_string(other.line));
                }
             }
             config.neighbors.push_back(std::move(n));
@@ -384,13 +386,14 @@ Ovk::Result<AgentConfig, ConfigErrors> parseConfig(std::string_view text, std::s
    if (!parsed) {
       auto const& e = parsed.error();
       check.error(e.source().begin.line, "TOML syntax error at column " + std::to_string(e.source().begin.column) +
-                                            ": " + std::string(e.description()));
+                                             ": " + std::string(e.description()));
       return Ovk::failure(check.take());
    }
    toml::table const& root = parsed.table();
    AgentConfig config;
    config.source = fileName;
-   check.onlyKeys(root, {"router-id", "local-as", "listen", "control-socket", "plugin-dir", "fsib-prefix", "neighbor", "vrf"}, "");
+   check.onlyKeys(
+       root, {"router-id", "local-as", "listen", "control-socket", "plugin-dir", "fsib-prefix", "neighbor", "vrf"}, "");
    readGlobals(check, root, config);
    readNeighbors(check, root, config);
    readVrfs(check, root, config);
@@ -414,8 +417,8 @@ std::optional<Ovnet::IpGenAddr> sourceAddress(AgentConfig const& config, Neighbo
    if (n.localAddress) return n.localAddress;
    for (auto const& e : config.listen) {
       if (e.address.af() != n.address.af()) continue;
-      bool const wildcard = std::all_of(e.address.bytes().begin(), e.address.bytes().end(),
-                                        [](std::uint8_t b) { return b == 0; });
+      bool const wildcard =
+          std::all_of(e.address.bytes().begin(), e.address.bytes().end(), [](std::uint8_t b) { return b == 0; });
       if (!wildcard) return e.address;
    }
    return std::nullopt;

@@ -74,7 +74,7 @@ inline constexpr std::int64_t kMaxVrfId = 0xfffffe; // 0 is the default VRF, 0xf
 
 struct VrfConfig {
    std::string name;
-   std::optional<std::uint32_t> id;    // set for every VRF of a parsed configuration
+   std::optional<std::uint32_t> id;               // set for every VRF of a parsed configuration
    std::vector<std::uint64_t> importRouteTargets; // route-target extended communities
    std::uint32_t line = 0;
 };

@@ -37,7 +37,8 @@ Ovk::Result<std::string, std::string> controlRequest(std::string const& path, st
    auto const deadline = std::chrono::steady_clock::now() + timeout;
    char buf[4096];
    for (;;) {
-      auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      auto const left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
       if (left.count() <= 0) return Ovk::failure("no answer from the agent at " + path + " in time");
       pollfd p{fd, POLLIN, 0};
       int const r = ::poll(&p, 1, static_cast<int>(left.count()));

@@ -36,7 +36,8 @@ struct ControlClient : std::enable_shared_from_this<ControlClient> {
                                    return;
                                 }
                                 std::string_view line(self->request.data(), ec ? self->request.size() : n);
-                                while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
+                                while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
+                                   line.remove_suffix(1);
                                 self->answer = self->handler(line) + "\n";
                                 asio::async_write(self->socket, asio::buffer(self->answer),
                                                   [self](std::error_code const&, std::size_t) { self->finish(); });
@@ -75,12 +76,13 @@ ControlServer::ControlServer(asio::io_context& io, std::string path, Handler han
 
 ControlServer::~ControlServer() { close(); }
 
-Ovk::Result<Ovk::Ptr<ControlServer>, std::string> ControlServer::create(asio::io_context& io, std::string path, Handler handler) {
+Ovk::Result<Ovk::Ptr<ControlServer>, std::string> ControlServer::create(asio::io_context& io, std::string path,
+                                                                        Handler handler) {
    sockaddr_un probe{};
    if (path.size() >= sizeof(probe.sun_path)) {
       return Ovk::failure("control socket path " + path + " is too long");
    }
-   struct stat st{};
+   struct stat st {};
    if (::lstat(path.c_str(), &st) == 0) {
       if (!S_ISSOCK(st.st_mode)) return Ovk::failure("control socket path " + path + " exists and is not a socket");
       if (answers(path)) return Ovk::failure("control socket " + path + " is in use by another running agent");
@@ -107,12 +109,12 @@ Ovk::Result<Ovk::Ptr<ControlServer>, std::string> ControlServer::create(asio::io
 }
 
 void ControlServer::acceptNext() {
-   acceptor_.async_accept([self = Ovk::Ptr<ControlServer>(this)](std::error_code const& ec,
-                                                                 asio::local::stream_protocol::socket s) {
-      if (!self->acceptor_.is_open()) return;
-      if (!ec) std::make_shared<ControlClient>(std::move(s), self->handler_)->start();
-      self->acceptNext();
-   });
+   acceptor_.async_accept(
+       [self = Ovk::Ptr<ControlServer>(this)](std::error_code const& ec, asio::local::stream_protocol::socket s) {
+          if (!self->acceptor_.is_open()) return;
+          if (!ec) std::make_shared<ControlClient>(std::move(s), self->handler_)->start();
+          self->acceptNext();
+       });
 }
 
 void ControlServer::close() {

@@ -23,7 +23,8 @@ class ControlServer : public Ovk::PtrInterface {
 
    // Creates the socket. A stale socket file is replaced; one that a running agent answers
    // on, or a file that is not a socket, is an error.
-   static Ovk::Result<Ovk::Ptr<ControlServer>, std::string> create(asio::io_context& io, std::string path, Handler handler);
+   static Ovk::Result<Ovk::Ptr<ControlServer>, std::string> create(asio::io_context& io, std::string path,
+                                                                   Handler handler);
    ControlServer(asio::io_context& io, std::string path, Handler handler);
    ~ControlServer() override;
 

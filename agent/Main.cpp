@@ -87,7 +87,8 @@ int main(int argc, char** argv) {
    asio::signal_set signals(io, SIGINT, SIGTERM);
    signals.async_wait([&](std::error_code const& ec, int signo) {
       if (ec) return;
-      logger.log("-", std::string("signal ") + (signo == SIGINT ? "SIGINT" : "SIGTERM") + ": sending Cease to every peer");
+      logger.log("-",
+                 std::string("signal ") + (signo == SIGINT ? "SIGINT" : "SIGTERM") + ": sending Cease to every peer");
       hangups.cancel();
       agent->stop();
    });

@@ -8,8 +8,8 @@ namespace Flowspecd {
 namespace {
 
 std::string idText(std::uint32_t id) {
-   return std::to_string(id >> 24) + "." + std::to_string((id >> 16) & 0xff) + "." +
-          std::to_string((id >> 8) & 0xff) + "." + std::to_string(id & 0xff);
+   return std::to_string(id >> 24) + "." + std::to_string((id >> 16) & 0xff) + "." + std::to_string((id >> 8) & 0xff) +
+          "." + std::to_string(id & 0xff);
 }
 
 std::string familiesText(std::vector<AfiSafi> const& families) {
@@ -185,19 +185,22 @@ void Neighbor::connectNow() {
    log("connecting to " + remote.str() +
        (local_.sourceAddress ? " from " + local_.sourceAddress->str() : std::string()));
    startConnectRetryTimer();
-   attempt_ = deps_.connector->connect(remote, local_.sourceAddress,
-                                       [this](Ovk::Ptr<Transport> t, std::string const& error) {
-                                          handleConnectDone(std::move(t), error);
-                                       });
+   attempt_ =
+       deps_.connector->connect(remote, local_.sourceAddress, [this](Ovk::Ptr<Transport> t, std::string const& error) {
+          handleConnectDone(std::move(t), error);
+       });
 }
 
 void Neighbor::startConnectRetryTimer() {
    if (connectRetryTimer_) deps_.scheduler->cancel(*connectRetryTimer_);
-   connectRetryTimer_ = deps_.scheduler->postAfter(seconds(config_.connectRetrySeconds), [this] {
-      connectRetryTimer_.reset();
-      // Connect: the attempt is abandoned and made again; Active: the next attempt starts.
-      if (started_ && connections_.empty()) connectNow();
-   }, "connect-retry");
+   connectRetryTimer_ = deps_.scheduler->postAfter(
+       seconds(config_.connectRetrySeconds),
+       [this] {
+          connectRetryTimer_.reset();
+          // Connect: the attempt is abandoned and made again; Active: the next attempt starts.
+          if (started_ && connections_.empty()) connectNow();
+       },
+       "connect-retry");
 }
 
 void Neighbor::handleConnectDone(Ovk::Ptr<Transport> t, std::string const& error) {
@@ -251,8 +254,8 @@ void Neighbor::handleIncoming(Ovk::Ptr<Transport> transport) {
 void Neighbor::addConnection(Ovk::Ptr<Transport> t, Origin origin) {
    auto c = Ovk::makePtr<Connection>(*this, std::move(t), origin);
    connections_.push_back(c);
-   log(std::string(origin == Origin::local ? "connected to " : "connection from ") + c->remote.str() +
-       " (local " + c->local.str() + ")");
+   log(std::string(origin == Origin::local ? "connected to " : "connection from ") + c->remote.str() + " (local " +
+       c->local.str() + ")");
    c->transport->receiverIs(c.ptr());
    send(*c, encodeOpen(localOpen_), MessageType::open);
    restartHoldTimer(*c);
@@ -270,29 +273,37 @@ void Neighbor::send(Connection& c, Bytes bytes, MessageType type) {
    c.transport->send(std::move(bytes));
 }
 
-void Neighbor::send(Connection& c, ByteView bytes, MessageType type) { send(c, Bytes(bytes.begin(), bytes.end()), type); }
+void Neighbor::send(Connection& c, ByteView bytes, MessageType type) {
+   send(c, Bytes(bytes.begin(), bytes.end()), type);
+}
 
 void Neighbor::restartHoldTimer(Connection& c) {
    if (c.holdTimer) deps_.scheduler->cancel(*c.holdTimer);
    c.holdTimer.reset();
    std::uint16_t const hold = c.state == BgpState::openSent ? kOpenHoldSeconds : c.negotiated.holdTime;
    if (hold == 0) return;
-   c.holdTimer = deps_.scheduler->postAfter(seconds(hold), [this, cp = Ovk::Ptr<Connection>(&c)] {
-      cp->holdTimer.reset();
-      closeConnection(*cp, Notification{ErrorCode::holdTimerExpired, 0, {}}, "");
-   }, "hold");
+   c.holdTimer = deps_.scheduler->postAfter(
+       seconds(hold),
+       [this, cp = Ovk::Ptr<Connection>(&c)] {
+          cp->holdTimer.reset();
+          closeConnection(*cp, Notification{ErrorCode::holdTimerExpired, 0, {}}, "");
+       },
+       "hold");
 }
 
 void Neighbor::startKeepaliveTimer(Connection& c) {
    if (c.keepaliveTimer) deps_.scheduler->cancel(*c.keepaliveTimer);
    c.keepaliveTimer.reset();
    if (c.negotiated.keepaliveTime == 0) return;
-   c.keepaliveTimer = deps_.scheduler->postAfter(seconds(c.negotiated.keepaliveTime), [this, cp = Ovk::Ptr<Connection>(&c)] {
-      cp->keepaliveTimer.reset();
-      if (!cp->open) return;
-      send(*cp, encodeKeepalive(), MessageType::keepalive);
-      startKeepaliveTimer(*cp);
-   }, "keepalive");
+   c.keepaliveTimer = deps_.scheduler->postAfter(
+       seconds(c.negotiated.keepaliveTime),
+       [this, cp = Ovk::Ptr<Connection>(&c)] {
+          cp->keepaliveTimer.reset();
+          if (!cp->open) return;
+          send(*cp, encodeKeepalive(), MessageType::keepalive);
+          startKeepaliveTimer(*cp);
+       },
+       "keepalive");
 }
 
 void Neighbor::handleMessage(Connection& c, MessageView const& m) {
@@ -366,8 +377,8 @@ void Neighbor::handleOpen(Connection& c, MessageView const& m) {
       return;
    }
    OpenMessage const& remote = parsed.value();
-   log("received OPEN: AS " + std::to_string(remote.as()) + ", identifier " + idText(remote.bgpId) +
-       ", hold time " + std::to_string(remote.holdTime) + ", families " + familiesText(remote.families));
+   log("received OPEN: AS " + std::to_string(remote.as()) + ", identifier " + idText(remote.bgpId) + ", hold time " +
+       std::to_string(remote.holdTime) + ", families " + familiesText(remote.families));
    if (auto bad = checkOpen(remote, OpenExpectations{config_.remoteAs, local_.as, local_.routerId})) {
       closeConnection(c, *bad, "");
       return;
@@ -375,8 +386,10 @@ void Neighbor::handleOpen(Connection& c, MessageView const& m) {
    Negotiated neg = negotiate(localOpen_, remote);
    if (neg.families.empty()) {
       // RFC 5492 section 5: the data lists the capabilities the session cannot do without.
-      closeConnection(c, Notification{ErrorCode::open, OpenSubcode::unsupportedCapability,
-                                      multiprotocolCapabilities(localOpen_.families)}, "");
+      closeConnection(c,
+                      Notification{ErrorCode::open, OpenSubcode::unsupportedCapability,
+                                   multiprotocolCapabilities(localOpen_.families)},
+                      "");
       return;
    }
    // RFC 4271 section 6.8: of two connections with the same peer, the one started by the

@@ -43,11 +43,11 @@ void appendRule(Bytes& out, std::mt19937& rng, bool v6) {
       body = {0x01, 32, 10, r8(), r8(), r8()};
    }
    switch (rng() % 5) {
-    case 0: body.insert(body.end(), {0x03, 0x81, 17, 0x06, 0x81, 53}); break;                   // DNS reflection
-    case 1: body.insert(body.end(), {0x03, 0x81, 6, 0x05, 0x01, 80, 0x91, 0x01, 0xbb, 0x09, 0x81, 0x02}); break; // SYN
-    case 2: body.insert(body.end(), {0x03, 0x81, 17, 0x0a, 0x93, 0x03, 0xe8}); break;           // large UDP
-    case 3: body.insert(body.end(), {0x0c, 0x80, 0x02}); break;                                 // fragments
-    default: body.insert(body.end(), {0x03, 0x81, 1}); break;                                   // ICMP
+   case 0: body.insert(body.end(), {0x03, 0x81, 17, 0x06, 0x81, 53}); break; // DNS reflection
+   case 1: body.insert(body.end(), {0x03, 0x81, 6, 0x05, 0x01, 80, 0x91, 0x01, 0xbb, 0x09, 0x81, 0x02}); break; // SYN
+   case 2: body.insert(body.end(), {0x03, 0x81, 17, 0x0a, 0x93, 0x03, 0xe8}); break; // large UDP
+   case 3: body.insert(body.end(), {0x0c, 0x80, 0x02}); break;                       // fragments
+   default: body.insert(body.end(), {0x03, 0x81, 1}); break;                         // ICMP
    }
    out.push_back(static_cast<std::uint8_t>(body.size()));
    out.insert(out.end(), body.begin(), body.end());
@@ -71,9 +71,9 @@ struct Dump {
          } else {
             b.origin().asPath({65001, 65002});
             switch (rng() % 3) {
-             case 0: b.extCommunities({rates[rng() % 3]}); break;
-             case 1: b.extCommunities({rates[rng() % 3], 0x8009000000000000ull | (rng() % 64)}); break;
-             default: b.extCommunities({0x8008fde800000000ull | (rng() % 1000), 0x8007000000000001ull, rates[0]}); break;
+            case 0: b.extCommunities({rates[rng() % 3]}); break;
+            case 1: b.extCommunities({rates[rng() % 3], 0x8009000000000000ull | (rng() % 64)}); break;
+            default: b.extCommunities({0x8008fde800000000ull | (rng() % 1000), 0x8007000000000001ull, rates[0]}); break;
             }
             b.mpReach(afi, 133, "", BgpTest::hexText(nlri));
          }
@@ -104,7 +104,8 @@ void report(benchmark::State& state, std::size_t bytes) {
    auto const it = static_cast<double>(state.iterations());
    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(d.messages.size()));
    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(bytes));
-   state.counters["UPDATEs/s"] = benchmark::Counter(it * static_cast<double>(d.messages.size()), benchmark::Counter::kIsRate);
+   state.counters["UPDATEs/s"] =
+       benchmark::Counter(it * static_cast<double>(d.messages.size()), benchmark::Counter::kIsRate);
    state.counters["NLRI/s"] = benchmark::Counter(it * static_cast<double>(d.nlriCount), benchmark::Counter::kIsRate);
 }
 

@@ -85,7 +85,8 @@ void BM_TranslateTypicalRule(benchmark::State& state) {
    FlowspecRouteConfigSm& sm = env.sm();
    for (auto _ : state) sm.handleRouteEntry(k.ptr());
    state.SetItemsProcessed(state.iterations());
-   state.counters["translations/s"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+   state.counters["translations/s"] =
+       benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
 BENCHMARK(BM_TranslateTypicalRule);
 

@@ -25,7 +25,8 @@ void BM_NexthopDedupHit(benchmark::State& state) {
    auto table = makeTable();
    std::vector<Ovk::Ptr<Routing::Bgp::GenNexthop const>> held;
    for (std::uint32_t i = 0; i < n; ++i) {
-      held.push_back(flowspecGenNexthopFactory(Afi::afiIpv4, Ovnet::IpGenAddr::ipv4(0x0a000000 + i), {})->dedup(table, false));
+      held.push_back(
+          flowspecGenNexthopFactory(Afi::afiIpv4, Ovnet::IpGenAddr::ipv4(0x0a000000 + i), {})->dedup(table, false));
    }
    std::uint32_t i = 0;
    for (auto _ : state) {

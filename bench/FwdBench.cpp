@@ -50,7 +50,8 @@ int sh(std::string const& cmd) { return std::system((cmd + " >/dev/null 2>&1").c
 // Rule i: TCP to 10.x.y.0/24 on a port (or, without prefixes, to a port only), dropping,
 // policing or marking.
 Rule benchRule(std::uint32_t i, bool prefixes, std::uint32_t variant) {
-   std::string text = prefixes ? "10." + std::to_string((i >> 8) & 0xff) + "." + std::to_string(i & 0xff) + ".0/24;*;" : "";
+   std::string text =
+       prefixes ? "10." + std::to_string((i >> 8) & 0xff) + "." + std::to_string(i & 0xff) + ".0/24;*;" : "";
    text += "protocol =6;destination-port =" + std::to_string(prefixes ? 1000 + (i >> 16) : 1000 + i) + ";";
    Flowspec::FlowspecKey key;
    key.afIs(Ovnet::AddressFamily::ipv4);
@@ -70,7 +71,9 @@ Stats stats(std::vector<double> v) {
    Stats s;
    if (v.empty()) return s;
    std::sort(v.begin(), v.end());
-   auto const at = [&v](double q) { return v[std::min(v.size() - 1, static_cast<std::size_t>(q * static_cast<double>(v.size())))]; };
+   auto const at = [&v](double q) {
+      return v[std::min(v.size() - 1, static_cast<std::size_t>(q * static_cast<double>(v.size())))];
+   };
    s.p50 = at(0.5);
    s.p90 = at(0.9);
    s.p99 = at(0.99);
@@ -187,8 +190,8 @@ int main(int argc, char** argv) {
          return 1;
       }
       installs.push_back(msSince(t0));
-      std::printf("install %d: snapshot %.1f ms, diff + compile + batch %.1f ms, libnftables %.1f ms\n", run, f.lastSnapshotMs(),
-                  f.lastReport().prepareMs, f.lastReport().nftMs);
+      std::printf("install %d: snapshot %.1f ms, diff + compile + batch %.1f ms, libnftables %.1f ms\n", run,
+                  f.lastSnapshotMs(), f.lastReport().prepareMs, f.lastReport().nftMs);
       programmed = table.programmedRules();
       if (run < 2) table.remove();
    }
@@ -212,7 +215,7 @@ int main(int argc, char** argv) {
          prepareMs.push_back(f.lastReport().prepareMs);
          nftMs.push_back(f.lastReport().nftMs);
       });
-      (void)f.step();  // the full install
+      (void)f.step(); // the full install
       std::atomic<bool> stop{false};
       std::thread follower([&] { f.run(stop); });
       std::mt19937 rng(18);
@@ -222,9 +225,9 @@ int main(int argc, char** argv) {
          std::uint32_t const i = static_cast<std::uint32_t>(rng() % rules);
          auto const t0 = Clock::now();
          switch (c % 3) {
-          case 0: fsib->ruleIs(benchRule(rules + c, true, c)); break;           // add
-          case 1: fsib->ruleIs(benchRule(i, true, i + 1)); break;               // change actions
-          default: fsib->ruleDel(benchRule(i, true, i).key); break;             // delete
+         case 0: fsib->ruleIs(benchRule(rules + c, true, c)); break; // add
+         case 1: fsib->ruleIs(benchRule(i, true, i + 1)); break;     // change actions
+         default: fsib->ruleDel(benchRule(i, true, i).key); break;   // delete
          }
          std::uint64_t const g = fsib->generation();
          for (int wait = 0; wait < 2000; ++wait) {
@@ -267,10 +270,11 @@ int main(int argc, char** argv) {
    Stats const lat = stats(latencies);
    std::printf("full install of %u rules (%zu programmed, block size %zu): median %.0f ms, worst %.0f ms of 3\n", rules,
                programmed, blockSize, inst.p50, inst.max);
-   std::printf("single-rule change, write to commit (%zu changes, polling 1-5 ms): median %.2f ms, p90 %.2f ms, p99 %.2f ms, max %.2f ms\n",
+   std::printf("single-rule change, write to commit (%zu changes, polling 1-5 ms): median %.2f ms, p90 %.2f ms, p99 "
+               "%.2f ms, max %.2f ms\n",
                latencies.size(), lat.p50, lat.p90, lat.p99, lat.max);
-   std::printf("  of which (medians): FSIB snapshot %.2f ms, diff + compile + batch %.2f ms, libnftables %.2f ms\n", snapS.p50,
-               prepS.p50, nftS.p50);
+   std::printf("  of which (medians): FSIB snapshot %.2f ms, diff + compile + batch %.2f ms, libnftables %.2f ms\n",
+               snapS.p50, prepS.p50, nftS.p50);
    std::printf("packets/s through the hook: empty table %.0f; %u rules behind block guards %.0f (ratio %.2f); "
                "%u rules without destination prefixes %.0f (ratio %.1f)\n",
                emptyRate, rules, guardedRate, emptyRate / guardedRate, rules, unguardedRate, emptyRate / unguardedRate);

@@ -38,7 +38,7 @@ void BM_ProgramFullTable(benchmark::State& state) {
    Test::ScopedSegment seg("bench");
    auto set = attached(seg);
    auto const& rules = fullTable(0);
-   for (auto const& r : rules) (void)set->ruleIs(r);  // grow the heap once
+   for (auto const& r : rules) (void)set->ruleIs(r); // grow the heap once
    for (auto _ : state) {
       state.PauseTiming();
       set->ruleDelAll();
@@ -181,7 +181,8 @@ void BM_ReaderUnderStorm(benchmark::State& state) {
    state.counters["slotRetryRate"] = static_cast<double>(st.slotRetries) / static_cast<double>(st.slotReads + 1);
    state.counters["slotRetries"] = static_cast<double>(st.slotRetries);
    state.counters["torn"] = static_cast<double>(torn);
-   state.counters["snapshotSettledShare"] = snapshots == 0 ? 0.0 : static_cast<double>(settled) / static_cast<double>(snapshots);
+   state.counters["snapshotSettledShare"] =
+       snapshots == 0 ? 0.0 : static_cast<double>(settled) / static_cast<double>(snapshots);
    state.SetItemsProcessed(state.iterations() * fsibRuleCount);
 }
 BENCHMARK(BM_ReaderUnderStorm)->Unit(benchmark::kMillisecond);

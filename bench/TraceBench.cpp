@@ -13,7 +13,8 @@ std::atomic<bool> flag{false};
 void BM_EmptyBranch(benchmark::State& state) {
    int n = 0;
    for (auto _ : state) {
-      if (flag.load(std::memory_order_relaxed)) [[unlikely]] ++n;
+      if (flag.load(std::memory_order_relaxed)) [[unlikely]]
+         ++n;
       benchmark::DoNotOptimize(n);
    }
 }

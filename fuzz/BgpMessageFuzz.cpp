@@ -49,12 +49,9 @@ void check(Message const& m) {
       (void)notificationText(n.value());
       break;
    }
-   case MessageType::routeRefresh:
-      (void)parseRouteRefresh(m.body());
-      break;
+   case MessageType::routeRefresh: (void)parseRouteRefresh(m.body()); break;
    case MessageType::update: // the UPDATE decoder has a target of its own
-   case MessageType::keepalive:
-      break;
+   case MessageType::keepalive: break;
    }
 }
 

@@ -26,7 +26,8 @@ void check(bool ok, char const* what) {
 }
 
 bool within(std::span<std::uint8_t const> part, std::vector<std::uint8_t> const& message) {
-   return part.empty() || (part.data() >= message.data() && part.data() + part.size() <= message.data() + message.size());
+   return part.empty() ||
+          (part.data() >= message.data() && part.data() + part.size() <= message.data() + message.size());
 }
 
 } // namespace

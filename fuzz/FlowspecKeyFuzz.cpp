@@ -95,8 +95,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
       check(back == key);
       return 0;
    }
-   static constexpr AddressFamily kFamilies[] = {AddressFamily::unspecified, AddressFamily::ipv4,
-                                                 AddressFamily::ipv6};
+   static constexpr AddressFamily kFamilies[] = {AddressFamily::unspecified, AddressFamily::ipv4, AddressFamily::ipv6};
    AddressFamily const af = kFamilies[data[0] % 3];
    std::string_view const text(reinterpret_cast<char const*>(data + 1), size - 1);
    FlowspecKey key;

@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
    if (size == 0) return 0;
    std::string_view const text(reinterpret_cast<char const*>(data + 1), size - 1);
    switch (data[0] % 3) {
-    case 0: {
+   case 0: {
       auto const t = Fwd::parseVrfTables(text);
       if (!t) break;
       std::string out;
@@ -26,19 +26,19 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
       auto const again = Fwd::parseVrfTables(out);
       if (!again || again.value() != t.value()) __builtin_trap();
       break;
-    }
-    case 1: {
+   }
+   case 1: {
       for (auto const& e : Fwd::parseNftErrors(std::string(text), "/proc/self/fd/3")) {
          if (e.message.find('\n') != std::string::npos) __builtin_trap();
       }
       break;
-    }
-    default: {
+   }
+   default: {
       Flowspec::Rule r;
       std::string why;
       (void)Flowspec::ruleActionsFromText(text, r, &why);
       break;
-    }
+   }
    }
    return 0;
 }

@@ -18,8 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
       char const* q = again.data();
       Ovk::ValueTextParser p2(q, again.data() + again.size());
       if (!(p2.string() == s) || !p2.atEnd()) __builtin_trap();
-   } catch (Ovk::ValueError const&) {
-   }
+   } catch (Ovk::ValueError const&) {}
    if (auto prefix = Ovnet::IpGenPrefix::parse(text)) {
       auto back = Ovnet::IpGenPrefix::parse(prefix->str());
       if (!back || !(*back == *prefix)) __builtin_trap();

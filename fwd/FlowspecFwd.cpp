@@ -62,11 +62,16 @@ int main(int argc, char** argv) {
    app.add_option("--vrf-config", vrfConfig, "file of `ID TABLE` lines");
    app.add_option("--nflog-group", cfg.compile.nflogGroup, "nflog group of sampled packets")->capture_default_str();
    app.add_option("--mark-base", cfg.markBase, "first firewall mark of redirect targets")->capture_default_str();
-   app.add_option("--route-table-base", cfg.routeTableBase, "first routing table of redirect addresses")->capture_default_str();
+   app.add_option("--route-table-base", cfg.routeTableBase, "first routing table of redirect addresses")
+       ->capture_default_str();
    app.add_option("--rule-priority", rulePriority, "preference of the ip rules of redirects")->capture_default_str();
-   app.add_option("--block-size", cfg.blockSize, "FSIB rules per nftables chain block")->capture_default_str()->check(CLI::Range(1, 4096));
+   app.add_option("--block-size", cfg.blockSize, "FSIB rules per nftables chain block")
+       ->capture_default_str()
+       ->check(CLI::Range(1, 4096));
    app.add_option("--status-file", statusFile, "where the install status goes (default /run/flowspec-fwd/TABLE.json)");
-   app.add_option("--poll-max-ms", follow.pollMaxMs, "longest pause between looks at the FSIB")->capture_default_str()->check(CLI::Range(1, 1000));
+   app.add_option("--poll-max-ms", follow.pollMaxMs, "longest pause between looks at the FSIB")
+       ->capture_default_str()
+       ->check(CLI::Range(1, 1000));
    app.add_flag("--show", show, "list the FSIB's rules with install status and counters");
    app.add_flag("--json", json, "with --show: JSON");
    CLI11_PARSE(app, argc, argv);

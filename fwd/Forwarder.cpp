@@ -10,18 +10,18 @@ namespace Fwd {
 
 char const* toStrep(Forwarder::Step s) {
    switch (s) {
-    case Forwarder::Step::applied: return "applied";
-    case Forwarder::Step::failed: return "failed";
-    case Forwarder::Step::unchanged: return "unchanged";
-    case Forwarder::Step::noSegment: return "noSegment";
-    case Forwarder::Step::refused: return "refused";
-    case Forwarder::Step::unsettled: return "unsettled";
+   case Forwarder::Step::applied: return "applied";
+   case Forwarder::Step::failed: return "failed";
+   case Forwarder::Step::unchanged: return "unchanged";
+   case Forwarder::Step::noSegment: return "noSegment";
+   case Forwarder::Step::refused: return "refused";
+   case Forwarder::Step::unsettled: return "unsettled";
    }
    return "?";
 }
 
 Forwarder::Forwarder(FollowConfig cfg, FwdTable& table, std::ostream& log)
-   : cfg_(std::move(cfg)), table_(table), log_(log) {}
+    : cfg_(std::move(cfg)), table_(table), log_(log) {}
 
 void Forwarder::say(std::string const& message) {
    if (message == lastMessage_) return;
@@ -32,14 +32,15 @@ void Forwarder::say(std::string const& message) {
 void Forwarder::writeStatus() {
    if (cfg_.statusFile.empty()) return;
    std::string err;
-   if (!writeStatusFile(cfg_.statusFile, table_.config().name, cfg_.segment, appliedGeneration(), table_.statuses(), &err)) {
+   if (!writeStatusFile(cfg_.statusFile, table_.config().name, cfg_.segment, appliedGeneration(), table_.statuses(),
+                        &err)) {
       say(err);
    }
 }
 
 Forwarder::Step Forwarder::step() {
    std::string const left = ": table inet " + table_.config().name + " left as it was";
-   if (reader_ && reader_->retired()) reader_.reset();  // the writer made a new segment
+   if (reader_ && reader_->retired()) reader_.reset(); // the writer made a new segment
    if (!reader_) {
       auto r = Mnemo::SlateRuleSetReader::open(cfg_.segment);
       if (!r) {

@@ -26,8 +26,8 @@
 namespace Fwd {
 
 struct FollowConfig {
-   std::string segment;         // the FSIB's segment name
-   std::string statusFile;      // empty: none written
+   std::string segment;    // the FSIB's segment name
+   std::string statusFile; // empty: none written
    unsigned pollMinMs = 1;
    unsigned pollMaxMs = 5;
 };
@@ -35,12 +35,12 @@ struct FollowConfig {
 class Forwarder {
  public:
    enum class Step : std::uint8_t {
-      applied,     // a new generation is in the table
-      failed,      // nftables refused the table (message said)
-      unchanged,   // nothing new
-      noSegment,   // no FSIB yet
-      refused,     // not an FSIB of this format, or damaged: the table is as it was
-      unsettled,   // the writer kept changing it; try again
+      applied,   // a new generation is in the table
+      failed,    // nftables refused the table (message said)
+      unchanged, // nothing new
+      noSegment, // no FSIB yet
+      refused,   // not an FSIB of this format, or damaged: the table is as it was
+      unsettled, // the writer kept changing it; try again
    };
 
    Forwarder(FollowConfig cfg, FwdTable& table, std::ostream& log);
@@ -57,7 +57,7 @@ class Forwarder {
    double lastSnapshotMs() const { return snapshotMs_; }
 
  private:
-   void say(std::string const& message);  // once per distinct message
+   void say(std::string const& message); // once per distinct message
    void writeStatus();
 
    FollowConfig cfg_;

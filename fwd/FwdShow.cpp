@@ -42,7 +42,8 @@ std::map<std::uint32_t, Counts> readCounters(std::string const& table, std::stri
 int showRules(ShowOptions const& opt, std::ostream& out, std::ostream& err) {
    auto rd = Mnemo::SlateRuleSetReader::open(opt.segment);
    if (!rd) {
-      err << "flowspec-fwd: cannot read the FSIB segment " << opt.segment << ": " << Mnemo::toStrep(rd.reason()) << '\n';
+      err << "flowspec-fwd: cannot read the FSIB segment " << opt.segment << ": " << Mnemo::toStrep(rd.reason())
+          << '\n';
       return 1;
    }
    Mnemo::SlateSnapshot const snap = rd.value().snapshot();
@@ -88,7 +89,8 @@ int showRules(ShowOptions const& opt, std::ostream& out, std::ostream& err) {
    for (auto const& r : rules) {
       out << r["key"].get<std::string>() << "\n    " << (r["installed"].get<bool>() ? "installed" : "not installed");
       if (r["reason"].is_string()) out << ": " << r["reason"].get<std::string>();
-      out << "\n    packets " << r["packets"].get<std::uint64_t>() << "  bytes " << r["bytes"].get<std::uint64_t>() << '\n';
+      out << "\n    packets " << r["packets"].get<std::uint64_t>() << "  bytes " << r["bytes"].get<std::uint64_t>()
+          << '\n';
    }
    return 0;
 }

@@ -13,7 +13,7 @@
 namespace Fwd {
 
 struct ShowOptions {
-   std::string segment;     // the FSIB segment name
+   std::string segment; // the FSIB segment name
    std::string table = "flowspec";
    std::string statusFile;
    bool json = false;

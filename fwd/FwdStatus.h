@@ -31,7 +31,7 @@ struct StatusFile {
    std::string segment;
    std::uint64_t generation = 0;
    std::uint32_t pid = 0;
-   std::map<std::string, StatusEntry> rules;  // by rule text
+   std::map<std::string, StatusEntry> rules; // by rule text
 };
 
 // The default place: /run/flowspec-fwd/TABLE.json.

@@ -11,22 +11,22 @@ namespace Fwd {
 using Ovnet::AddressFamily;
 
 struct FwdTable::Entry {
-   Key const* key = nullptr;  // the map's own key
+   Key const* key = nullptr; // the map's own key
    Flowspec::Rule rule;
    CompiledRule compiled;
    std::uint32_t counterId = 0;
-   std::optional<RedirectTarget> target;  // held while compiled to redirect
-   std::string failure;                   // nftables' or the kernel's refusal
+   std::optional<RedirectTarget> target; // held while compiled to redirect
+   std::string failure;                  // nftables' or the kernel's refusal
    Block* block = nullptr;
-   std::uint64_t seen = 0;  // the apply that last found the rule
+   std::uint64_t seen = 0; // the apply that last found the rule
    bool programmable() const { return compiled.kind == CompiledRule::Kind::install && failure.empty(); }
 };
 
 struct FwdTable::Block {
    std::uint32_t id = 0;
-   std::vector<Entry*> entries;  // in precedence order
-   bool dirty = true;            // its chain must be written again
-   bool fresh = true;            // its chain does not exist yet
+   std::vector<Entry*> entries; // in precedence order
+   bool dirty = true;           // its chain must be written again
+   bool fresh = true;           // its chain does not exist yet
 };
 
 struct FwdTable::Target {
@@ -105,8 +105,9 @@ void FwdTable::compile(Entry& e) {
 void FwdTable::place(Entry& e) {
    if (!e.programmable() || e.block != nullptr || needFull_) return;
    // The first block whose last rule does not sort before this one; else the last block.
-   auto it = std::find_if(blocks_.begin(), blocks_.end(),
-                          [&e](auto const& b) { return !b->entries.empty() && !keyLess(b->entries.back()->key, e.key); });
+   auto it = std::find_if(blocks_.begin(), blocks_.end(), [&e](auto const& b) {
+      return !b->entries.empty() && !keyLess(b->entries.back()->key, e.key);
+   });
    if (it == blocks_.end()) {
       if (blocks_.empty()) {
          blocks_.push_back(std::make_unique<Block>());
@@ -289,7 +290,8 @@ std::string FwdTable::buildBatch(bool full, std::vector<std::vector<Entry*>>& ow
    auto const elements = [&line, &t](char const* verb, std::vector<std::uint32_t> const& ids) {
       for (std::size_t i = 0; i < ids.size(); i += maxIdsPerLine) {
          std::string s = std::string(verb) + " element inet " + t + " " + counterSet + " { ";
-         for (std::size_t j = i; j < std::min(ids.size(), i + maxIdsPerLine); ++j) s += (j == i ? "" : ", ") + std::to_string(ids[j]);
+         for (std::size_t j = i; j < std::min(ids.size(), i + maxIdsPerLine); ++j)
+            s += (j == i ? "" : ", ") + std::to_string(ids[j]);
          line(s + " }");
       }
    };
@@ -372,7 +374,9 @@ void FwdTable::commit() {
 
 ApplyReport FwdTable::apply(std::vector<Flowspec::Rule> const& rules) {
    using Clock = std::chrono::steady_clock;
-   auto const ms = [](Clock::time_point a, Clock::time_point b) { return std::chrono::duration<double, std::milli>(b - a).count(); };
+   auto const ms = [](Clock::time_point a, Clock::time_point b) {
+      return std::chrono::duration<double, std::milli>(b - a).count();
+   };
    auto const start = Clock::now();
    ApplyReport rep;
    // One pass over the rules marks each entry it finds (one hash lookup, no copy of the key),
@@ -492,16 +496,17 @@ std::vector<RuleStatus> FwdTable::statuses() const {
       s.key = *e->key;
       s.counterId = e->counterId;
       switch (e->compiled.kind) {
-       case CompiledRule::Kind::neverMatches:
+      case CompiledRule::Kind::neverMatches:
          s.installed = true;
          s.reason = "never matches: " + e->compiled.reason;
          break;
-       case CompiledRule::Kind::refused: s.reason = e->compiled.reason; break;
-       case CompiledRule::Kind::install:
+      case CompiledRule::Kind::refused: s.reason = e->compiled.reason; break;
+      case CompiledRule::Kind::install:
          s.installed = e->failure.empty() && !needFull_;
          s.reason = !e->failure.empty() ? e->failure
-                    : needFull_         ? "nftables refused the table: " + (tableError_.empty() ? std::string("not programmed yet") : tableError_)
-                                        : "";
+                    : needFull_         ? "nftables refused the table: " +
+                                      (tableError_.empty() ? std::string("not programmed yet") : tableError_)
+                                : "";
          break;
       }
       out.push_back(std::move(s));
@@ -516,7 +521,8 @@ std::size_t FwdTable::programmedRules() const {
 }
 
 void FwdTable::remove() {
-   for (char const* fam : {"inet", "ip", "ip6"}) (void)nft_.run(std::string("delete table ") + fam + " " + cfg_.name + "\n");
+   for (char const* fam : {"inet", "ip", "ip6"})
+      (void)nft_.run(std::string("delete table ") + fam + " " + cfg_.name + "\n");
    for (auto& [k, e] : entries_) release(*e);
    finishTargets();
    entries_.clear();

@@ -58,21 +58,21 @@ struct TableConfig {
 struct RuleStatus {
    Flowspec::FlowspecSlateKey key;
    bool installed = false;
-   std::string reason;           // not installed: why; installed: empty, or "never matches: ..."
-   std::uint32_t counterId = 0;  // its element in the counter set (0: none)
+   std::string reason;          // not installed: why; installed: empty, or "never matches: ..."
+   std::uint32_t counterId = 0; // its element in the counter set (0: none)
 };
 
 struct ApplyReport {
-   bool ok = false;              // the kernel's table now holds the rules that can be installed
-   bool full = false;            // the whole table was replaced
+   bool ok = false;   // the kernel's table now holds the rules that can be installed
+   bool full = false; // the whole table was replaced
    std::size_t added = 0;
    std::size_t removed = 0;
    std::size_t changed = 0;
    std::size_t batchLines = 0;
-   unsigned attempts = 0;        // transactions tried
-   double prepareMs = 0;         // diff, compile and batch text
-   double nftMs = 0;             // in libnftables (parse, cache, kernel)
-   std::string error;            // when !ok: nft's message that tied to no rule
+   unsigned attempts = 0; // transactions tried
+   double prepareMs = 0;  // diff, compile and batch text
+   double nftMs = 0;      // in libnftables (parse, cache, kernel)
+   std::string error;     // when !ok: nft's message that tied to no rule
 };
 
 class FwdTable {
@@ -123,10 +123,10 @@ class FwdTable {
    std::unordered_map<Key, std::unique_ptr<Entry>, KeyHash> entries_;
    std::uint64_t applySerial_ = 0;
    std::vector<std::unique_ptr<Block>> blocks_;
-   std::vector<std::uint32_t> deadBlocks_;   // chains to delete in the next batch
+   std::vector<std::uint32_t> deadBlocks_; // chains to delete in the next batch
    bool topDirty_ = false;
    bool needFull_ = true;
-   std::string tableError_;                  // why the last full replace failed
+   std::string tableError_; // why the last full replace failed
    std::map<RedirectTarget, std::unique_ptr<Target>> targets_;
    bool dupDirty_ = false;
    std::vector<std::uint32_t> freeTargetIndex_;
@@ -134,8 +134,8 @@ class FwdTable {
    std::uint32_t nextBlockId_ = 1;
    std::uint32_t nextCounterId_ = 1;
    std::vector<std::uint32_t> freeCounterIds_;
-   std::vector<std::uint32_t> newCounters_;   // elements to add in the next batch
-   std::vector<std::uint32_t> deadCounters_;  // elements to delete in the next batch
+   std::vector<std::uint32_t> newCounters_;  // elements to add in the next batch
+   std::vector<std::uint32_t> deadCounters_; // elements to delete in the next batch
 };
 
 } // namespace Fwd

@@ -49,7 +49,7 @@ std::vector<NftError> parseNftErrors(std::string const& text, std::string const&
       if (line.compare(0, path.size() + 1, path + ":") == 0) {
          e.line = static_cast<unsigned>(std::strtoul(line.c_str() + path.size() + 1, nullptr, 10));
       } else if (at != 0) {
-         continue;  // an echoed command that happens to hold the text
+         continue; // an echoed command that happens to hold the text
       }
       out.push_back(std::move(e));
    }

@@ -21,8 +21,8 @@ struct nft_ctx;
 namespace Fwd {
 
 struct NftError {
-   unsigned line = 0;      // 1-based line of the batch; 0 when nft names none
-   std::string message;    // nft's text after "Error: "
+   unsigned line = 0;   // 1-based line of the batch; 0 when nft names none
+   std::string message; // nft's text after "Error: "
 };
 
 struct NftRunResult {

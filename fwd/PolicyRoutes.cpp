@@ -87,7 +87,7 @@ std::string errorText(int rc) { return rc == 0 ? std::string() : std::strerror(-
 } // namespace
 
 PolicyRoutes::PolicyRoutes(std::uint32_t priority)
-   : fd_(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE)), priority_(priority) {}
+    : fd_(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE)), priority_(priority) {}
 
 PolicyRoutes::~PolicyRoutes() {
    if (fd_ >= 0) ::close(fd_);
@@ -104,13 +104,14 @@ int PolicyRoutes::talk(void* msg, std::size_t len) {
       ssize_t const n = ::recv(fd_, buf.data(), buf.size(), 0);
       if (n < 0) return -errno;
       std::optional<int> answer;
-      forEachMessage(buf.data(), static_cast<std::size_t>(n), [&](nlmsghdr const& mh, char const* body, std::size_t bodyLen) {
-         if (mh.nlmsg_seq != seq_ || mh.nlmsg_type != NLMSG_ERROR || bodyLen < sizeof(int)) return true;
-         int err = 0;
-         std::memcpy(&err, body, sizeof err);  // nlmsgerr starts with the error
-         answer = err;
-         return false;
-      });
+      forEachMessage(buf.data(), static_cast<std::size_t>(n),
+                     [&](nlmsghdr const& mh, char const* body, std::size_t bodyLen) {
+                        if (mh.nlmsg_seq != seq_ || mh.nlmsg_type != NLMSG_ERROR || bodyLen < sizeof(int)) return true;
+                        int err = 0;
+                        std::memcpy(&err, body, sizeof err); // nlmsgerr starts with the error
+                        answer = err;
+                        return false;
+                     });
       if (answer) return *answer;
    }
 }
@@ -170,28 +171,29 @@ unsigned PolicyRoutes::clearMarkRules(std::uint32_t lo, std::uint32_t hi) {
       while (!done) {
          ssize_t const n = ::recv(fd_, buf.data(), buf.size(), 0);
          if (n <= 0) break;
-         forEachMessage(buf.data(), static_cast<std::size_t>(n), [&](nlmsghdr const& mh, char const* body, std::size_t len) {
-            if (mh.nlmsg_type == NLMSG_DONE || mh.nlmsg_type == NLMSG_ERROR) {
-               done = true;
-               return false;
-            }
-            if (len < sizeof(fib_rule_hdr)) return true;
-            fib_rule_hdr rh{};
-            std::memcpy(&rh, body, sizeof rh);
-            std::optional<std::uint32_t> prio;
-            std::optional<std::uint32_t> mark;
-            std::uint32_t table = rh.table;
-            forEachAttr(body + NLMSG_ALIGN(sizeof rh), len - std::min(len, std::size_t{NLMSG_ALIGN(sizeof rh)}),
-                        [&](unsigned short type, char const* data, std::size_t dlen) {
-                           std::uint32_t v = 0;
-                           if (dlen >= sizeof v) std::memcpy(&v, data, sizeof v);
-                           if (type == FRA_PRIORITY) prio = v;
-                           if (type == FRA_FWMARK) mark = v;
-                           if (type == FRA_TABLE) table = v;
-                        });
-            if (prio == priority_ && mark && *mark >= lo && *mark <= hi) ours.push_back({*mark, table});
-            return true;
-         });
+         forEachMessage(
+             buf.data(), static_cast<std::size_t>(n), [&](nlmsghdr const& mh, char const* body, std::size_t len) {
+                if (mh.nlmsg_type == NLMSG_DONE || mh.nlmsg_type == NLMSG_ERROR) {
+                   done = true;
+                   return false;
+                }
+                if (len < sizeof(fib_rule_hdr)) return true;
+                fib_rule_hdr rh{};
+                std::memcpy(&rh, body, sizeof rh);
+                std::optional<std::uint32_t> prio;
+                std::optional<std::uint32_t> mark;
+                std::uint32_t table = rh.table;
+                forEachAttr(body + NLMSG_ALIGN(sizeof rh), len - std::min(len, std::size_t{NLMSG_ALIGN(sizeof rh)}),
+                            [&](unsigned short type, char const* data, std::size_t dlen) {
+                               std::uint32_t v = 0;
+                               if (dlen >= sizeof v) std::memcpy(&v, data, sizeof v);
+                               if (type == FRA_PRIORITY) prio = v;
+                               if (type == FRA_FWMARK) mark = v;
+                               if (type == FRA_TABLE) table = v;
+                            });
+                if (prio == priority_ && mark && *mark >= lo && *mark <= hi) ours.push_back({*mark, table});
+                return true;
+             });
       }
       for (Found const& o : ours) {
          delMarkRule(f, o.mark, o.table);

@@ -35,7 +35,7 @@ class PolicyRoutes {
    void delDefaultRoute(Ovnet::AddressFamily af, std::uint32_t table);
 
  private:
-   int talk(void* msg, std::size_t len);  // 0 or -errno
+   int talk(void* msg, std::size_t len); // 0 or -errno
    int fd_ = -1;
    std::uint32_t seq_ = 0;
    std::uint32_t priority_;

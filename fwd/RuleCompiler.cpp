@@ -14,9 +14,9 @@ using Ovnet::AddressFamily;
 
 char const* toStrep(Hook h) {
    switch (h) {
-    case Hook::prerouting: return "prerouting";
-    case Hook::input: return "input";
-    case Hook::forward: return "forward";
+   case Hook::prerouting: return "prerouting";
+   case Hook::input: return "input";
+   case Hook::forward: return "forward";
    }
    return "?";
 }
@@ -30,9 +30,9 @@ std::optional<Hook> hookFromName(std::string_view name) {
 
 std::string RedirectTarget::str() const {
    switch (kind) {
-    case RedirectKind::vrf: return "VRF " + std::to_string(vrfId) + " (table " + std::to_string(table) + ")";
-    case RedirectKind::address: return address.str();
-    case RedirectKind::copy: return "copy to " + address.str();
+   case RedirectKind::vrf: return "VRF " + std::to_string(vrfId) + " (table " + std::to_string(table) + ")";
+   case RedirectKind::address: return address.str();
+   case RedirectKind::copy: return "copy to " + address.str();
    }
    return "?";
 }
@@ -46,18 +46,18 @@ using Alternatives = std::vector<Conditions>;
 // The rule text's keyword of each operator/value type, for reasons.
 char const* keyword(MatchCompType t) {
    switch (t) {
-    case Flowspec::ipProtocol_: return "protocol";
-    case Flowspec::port_: return "port";
-    case Flowspec::destPort_: return "destination-port";
-    case Flowspec::srcPort_: return "source-port";
-    case Flowspec::icmpType_: return "icmp-type";
-    case Flowspec::icmpCode_: return "icmp-code";
-    case Flowspec::tcpFlags_: return "tcp-flags";
-    case Flowspec::packetLength_: return "packet-length";
-    case Flowspec::dscp_: return "dscp";
-    case Flowspec::fragment_: return "fragment";
-    case Flowspec::flowLabel_: return "flow-label";
-    default: return "?";
+   case Flowspec::ipProtocol_: return "protocol";
+   case Flowspec::port_: return "port";
+   case Flowspec::destPort_: return "destination-port";
+   case Flowspec::srcPort_: return "source-port";
+   case Flowspec::icmpType_: return "icmp-type";
+   case Flowspec::icmpCode_: return "icmp-code";
+   case Flowspec::tcpFlags_: return "tcp-flags";
+   case Flowspec::packetLength_: return "packet-length";
+   case Flowspec::dscp_: return "dscp";
+   case Flowspec::fragment_: return "fragment";
+   case Flowspec::flowLabel_: return "flow-label";
+   default: return "?";
    }
 }
 
@@ -161,27 +161,27 @@ std::vector<Component> componentsOf(Flowspec::FlowspecKey const& key) {
 // Domains of the numeric fields.
 std::uint32_t numericMax(MatchCompType t) {
    switch (t) {
-    case Flowspec::ipProtocol_:
-    case Flowspec::icmpType_:
-    case Flowspec::icmpCode_: return 0xff;
-    case Flowspec::dscp_: return 0x3f;
-    case Flowspec::flowLabel_: return 0xfffff;
-    default: return 0xffff;
+   case Flowspec::ipProtocol_:
+   case Flowspec::icmpType_:
+   case Flowspec::icmpCode_: return 0xff;
+   case Flowspec::dscp_: return 0x3f;
+   case Flowspec::flowLabel_: return 0xfffff;
+   default: return 0xffff;
    }
 }
 
 // The nftables field of a numeric component for a family.
 std::string numericField(MatchCompType t, bool v6) {
    switch (t) {
-    case Flowspec::ipProtocol_: return "meta l4proto";
-    case Flowspec::destPort_: return "th dport";
-    case Flowspec::srcPort_: return "th sport";
-    case Flowspec::icmpType_: return v6 ? "icmpv6 type" : "icmp type";
-    case Flowspec::icmpCode_: return v6 ? "icmpv6 code" : "icmp code";
-    case Flowspec::packetLength_: return v6 ? "ip6 length" : "ip length";
-    case Flowspec::dscp_: return v6 ? "ip6 dscp" : "ip dscp";
-    case Flowspec::flowLabel_: return "ip6 flowlabel";
-    default: return "?";
+   case Flowspec::ipProtocol_: return "meta l4proto";
+   case Flowspec::destPort_: return "th dport";
+   case Flowspec::srcPort_: return "th sport";
+   case Flowspec::icmpType_: return v6 ? "icmpv6 type" : "icmp type";
+   case Flowspec::icmpCode_: return v6 ? "icmpv6 code" : "icmp code";
+   case Flowspec::packetLength_: return v6 ? "ip6 length" : "ip length";
+   case Flowspec::dscp_: return v6 ? "ip6 dscp" : "ip dscp";
+   case Flowspec::flowLabel_: return "ip6 flowlabel";
+   default: return "?";
    }
 }
 
@@ -259,7 +259,9 @@ MatchResult compileMatch(Flowspec::FlowspecKey const& key) {
    Conditions head;
    for (auto const& [p, dir] : {std::pair{key.destPrefix(), "daddr"}, std::pair{key.srcPrefix(), "saddr"}}) {
       if (p.isUnset()) continue;
-      if (p.af() != af) return refusedMatch(std::string("a ") + Ovnet::toStrep(p.af()) + " prefix in an " + Ovnet::toStrep(af) + " rule");
+      if (p.af() != af)
+         return refusedMatch(std::string("a ") + Ovnet::toStrep(p.af()) + " prefix in an " + Ovnet::toStrep(af) +
+                             " rule");
       if (p.len() != 0) head.push_back(prefixCondition(family, dir, p));
    }
    if (head.empty()) head.push_back(v6 ? "meta nfproto ipv6" : "meta nfproto ipv4");
@@ -271,27 +273,28 @@ MatchResult compileMatch(Flowspec::FlowspecKey const& key) {
       protocols = protocols.intersect(s);
       protocolWhy += std::string(" and ") + keyword(t);
    };
-   std::map<MatchCompType, IntervalSet> numeric;  // intersection of each type's lists
-   std::vector<IntervalSet> ports;                // one per Port component
-   std::vector<MatchOpVal> tcpFlags;              // all TCP flag pairs, ANDed per component
+   std::map<MatchCompType, IntervalSet> numeric; // intersection of each type's lists
+   std::vector<IntervalSet> ports;               // one per Port component
+   std::vector<MatchOpVal> tcpFlags;             // all TCP flag pairs, ANDed per component
    std::vector<std::vector<MatchOpVal>> tcpFlagLists;
    std::vector<std::vector<MatchOpVal>> fragmentLists;
    for (Component const& c : componentsOf(key)) {
       switch (c.type) {
-       case Flowspec::port_:
+      case Flowspec::port_:
          ports.push_back(numericAccepted(c.pairs, 0xffff));
          requireProtocols(IntervalSet::of({{6, 6}, {17, 17}}), c.type);
          break;
-       case Flowspec::tcpFlags_:
+      case Flowspec::tcpFlags_:
          tcpFlagLists.push_back(c.pairs);
          requireProtocols(IntervalSet::range(6, 6), c.type);
          break;
-       case Flowspec::fragment_: fragmentLists.push_back(c.pairs); break;
-       case Flowspec::flowLabel_:
+      case Flowspec::fragment_: fragmentLists.push_back(c.pairs); break;
+      case Flowspec::flowLabel_:
          if (!v6) return refusedMatch("flow-label in an IPv4 rule");
          [[fallthrough]];
-       default: {
-         if (!Flowspec::isOpValType(c.type)) return refusedMatch("a component of unknown type " + std::to_string(c.type));
+      default: {
+         if (!Flowspec::isOpValType(c.type))
+            return refusedMatch("a component of unknown type " + std::to_string(c.type));
          IntervalSet const s = numericAccepted(c.pairs, numericMax(c.type));
          auto const [it, fresh] = numeric.try_emplace(c.type, s);
          if (!fresh) it->second = it->second.intersect(s);
@@ -301,7 +304,7 @@ MatchResult compileMatch(Flowspec::FlowspecKey const& key) {
             requireProtocols(IntervalSet::range(v6 ? 58 : 1, v6 ? 58 : 1), c.type);
          }
          break;
-       }
+      }
       }
    }
    for (auto const& [type, s] : numeric) {
@@ -317,7 +320,8 @@ MatchResult compileMatch(Flowspec::FlowspecKey const& key) {
    auto const add = [&conds](Conditions const& more) { conds.insert(conds.end(), more.begin(), more.end()); };
    add(fieldIn("meta l4proto", protocols, 0xff, Radix::dec));
    for (MatchCompType t : {Flowspec::destPort_, Flowspec::srcPort_, Flowspec::icmpType_, Flowspec::icmpCode_}) {
-      if (auto it = numeric.find(t); it != numeric.end()) add(fieldIn(numericField(t, v6), it->second, numericMax(t), Radix::dec));
+      if (auto it = numeric.find(t); it != numeric.end())
+         add(fieldIn(numericField(t, v6), it->second, numericMax(t), Radix::dec));
    }
    for (auto const& list : tcpFlagLists) {
       // One-octet values name the flags octet, two-octet ones the 12 bits after the data
@@ -337,7 +341,8 @@ MatchResult compileMatch(Flowspec::FlowspecKey const& key) {
       }
    }
    for (MatchCompType t : {Flowspec::dscp_, Flowspec::flowLabel_}) {
-      if (auto it = numeric.find(t); it != numeric.end()) add(fieldIn(numericField(t, v6), it->second, numericMax(t), Radix::dec));
+      if (auto it = numeric.find(t); it != numeric.end())
+         add(fieldIn(numericField(t, v6), it->second, numericMax(t), Radix::dec));
    }
    m.alternatives = {conds};
    for (auto const& list : fragmentLists) {
@@ -381,8 +386,10 @@ void compileActions(Flowspec::Rule const& r, CompileConfig const& cfg, CompiledR
       c.kind = CompiledRule::Kind::refused;
       c.reason = std::move(why);
    };
-   std::uint32_t const known = actionNone | actionDrop | actionPolice | actionTrafficAction | actionRedirect | actionSetDscp;
-   if (r.actions.has(actionReserved)) return refuse("action bit 0x01 is reserved: not an action this dataplane performs");
+   std::uint32_t const known =
+       actionNone | actionDrop | actionPolice | actionTrafficAction | actionRedirect | actionSetDscp;
+   if (r.actions.has(actionReserved))
+      return refuse("action bit 0x01 is reserved: not an action this dataplane performs");
    if ((r.actions.value() & ~known) != 0) {
       return refuse("unknown action bits " + num(r.actions.value() & ~known, Radix::hex));
    }
@@ -411,19 +418,22 @@ void compileActions(Flowspec::Rule const& r, CompileConfig const& cfg, CompiledR
       TrafficRedirect const& t = r.trafficRedirect;
       bool const vrf = t.vrfId != TrafficRedirect::noVrfId;
       bool const addr = !t.address.isUnspecified();
-      std::string const hookNote = std::string(" needs --hook prerouting (at the ") + toStrep(cfg.hook) +
-                                   " hook the route is already chosen)";
+      std::string const hookNote =
+          std::string(" needs --hook prerouting (at the ") + toStrep(cfg.hook) + " hook the route is already chosen)";
       if (!vrf && !addr) return refuse("redirect names neither a VRF nor an address");
       if (vrf && addr) {
          return refuse("redirect to " + t.address.str() + " within VRF " + std::to_string(t.vrfId) +
                        " is not supported by this dataplane");
       }
       if (vrf) {
-         if (t.copy) return refuse("a copy redirected to VRF " + std::to_string(t.vrfId) + " is not supported (nftables copies only to an address)");
+         if (t.copy)
+            return refuse("a copy redirected to VRF " + std::to_string(t.vrfId) +
+                          " is not supported (nftables copies only to an address)");
          auto const it = cfg.vrfTables.find(t.vrfId);
          if (it == cfg.vrfTables.end()) {
-            return refuse("redirect to VRF " + std::to_string(t.vrfId) + ": no Linux routing table is configured for it (--vrf-table " +
-                          std::to_string(t.vrfId) + "=TABLE)");
+            return refuse("redirect to VRF " + std::to_string(t.vrfId) +
+                          ": no Linux routing table is configured for it (--vrf-table " + std::to_string(t.vrfId) +
+                          "=TABLE)");
          }
          if (cfg.hook != Hook::prerouting) return refuse("redirect to VRF " + std::to_string(t.vrfId) + hookNote);
          c.redirect = RedirectTarget{RedirectKind::vrf, t.vrfId, it->second, {}};
@@ -466,17 +476,20 @@ std::vector<std::string> ruleBodies(CompiledRule const& c, std::string_view coun
    std::string stmts = " update @" + std::string(counterSet) + " { meta mark & 0 | " + std::to_string(counterId) + " }";
    if (c.sample) stmts += " log group " + std::to_string(c.nflogGroup);
    if (c.verdict != Verdict::drop) {
-      if (c.dscp) stmts += std::string(c.af == AddressFamily::ipv6 ? " ip6" : " ip") + " dscp set " + std::to_string(*c.dscp);
+      if (c.dscp)
+         stmts += std::string(c.af == AddressFamily::ipv6 ? " ip6" : " ip") + " dscp set " + std::to_string(*c.dscp);
       if (c.redirect) stmts += " meta mark set " + num(mark, Radix::hex);
    }
    std::vector<std::string> out;
    for (std::string const& m : c.matches) {
       switch (c.verdict) {
-       case Verdict::drop: out.push_back(m + stmts + " drop"); break;
-       case Verdict::next:
-         out.push_back(m + stmts + (c.policeRate ? " limit rate over " + std::to_string(*c.policeRate) + " bytes/second drop" : ""));
+      case Verdict::drop: out.push_back(m + stmts + " drop"); break;
+      case Verdict::next:
+         out.push_back(
+             m + stmts +
+             (c.policeRate ? " limit rate over " + std::to_string(*c.policeRate) + " bytes/second drop" : ""));
          break;
-       case Verdict::accept:
+      case Verdict::accept:
          if (c.policeRate) {
             // What the policer lets through stops here too: a second rule accepts it.
             out.push_back(m + stmts + " limit rate over " + std::to_string(*c.policeRate) + " bytes/second drop");

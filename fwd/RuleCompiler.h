@@ -45,43 +45,43 @@ std::optional<Hook> hookFromName(std::string_view name);
 
 struct CompileConfig {
    Hook hook = Hook::prerouting;
-   std::map<std::uint32_t, std::uint32_t> vrfTables;  // VRF id -> Linux routing table
-   std::uint16_t nflogGroup = 0;                      // where sampled packets go
+   std::map<std::uint32_t, std::uint32_t> vrfTables; // VRF id -> Linux routing table
+   std::uint16_t nflogGroup = 0;                     // where sampled packets go
 };
 
 // Where a redirecting rule sends its packets. The table layer gives each distinct target a
 // firewall mark and programs the policy routing (or the copy) for it.
 enum class RedirectKind : std::uint8_t {
-   vrf,      // mark -> ip rule -> the VRF's table (`table`)
-   address,  // mark -> ip rule -> a table of ours with a default route via `address`
-   copy,     // mark -> `dup to address` in the family's copy chain; the original goes on
+   vrf,     // mark -> ip rule -> the VRF's table (`table`)
+   address, // mark -> ip rule -> a table of ours with a default route via `address`
+   copy,    // mark -> `dup to address` in the family's copy chain; the original goes on
 };
 struct RedirectTarget {
    RedirectKind kind = RedirectKind::vrf;
-   std::uint32_t vrfId = 0;    // with vrf
-   std::uint32_t table = 0;    // with vrf: the configured Linux table
-   Ovnet::IpGenAddr address;   // with address and copy
-   std::string str() const;    // "VRF 7 (table 100)", "192.0.2.1", "copy to 192.0.2.1"
+   std::uint32_t vrfId = 0;  // with vrf
+   std::uint32_t table = 0;  // with vrf: the configured Linux table
+   Ovnet::IpGenAddr address; // with address and copy
+   std::string str() const;  // "VRF 7 (table 100)", "192.0.2.1", "copy to 192.0.2.1"
    friend auto operator<=>(RedirectTarget const&, RedirectTarget const&) = default;
    friend bool operator==(RedirectTarget const&, RedirectTarget const&) = default;
 };
 
 enum class Verdict : std::uint8_t {
-   drop,    // discard
-   accept,  // stop flowspec evaluation; the packet goes on to the host's other rules
-   next,    // continue with the next flowspec rule (terminal bit set)
+   drop,   // discard
+   accept, // stop flowspec evaluation; the packet goes on to the host's other rules
+   next,   // continue with the next flowspec rule (terminal bit set)
 };
 
 struct CompiledRule {
    enum class Kind : std::uint8_t { install, neverMatches, refused };
    Kind kind = Kind::refused;
-   std::string reason;                  // with neverMatches and refused
-   std::vector<std::string> matches;    // with install: alternatives, never empty text
-   bool sample = false;                 // log to the nflog group
-   std::uint16_t nflogGroup = 0;        // with sample
-   std::optional<std::uint8_t> dscp;    // DSCP to set
+   std::string reason;               // with neverMatches and refused
+   std::vector<std::string> matches; // with install: alternatives, never empty text
+   bool sample = false;              // log to the nflog group
+   std::uint16_t nflogGroup = 0;     // with sample
+   std::optional<std::uint8_t> dscp; // DSCP to set
    std::optional<RedirectTarget> redirect;
-   std::optional<std::uint64_t> policeRate;  // bytes per second; packets above it are dropped
+   std::optional<std::uint64_t> policeRate; // bytes per second; packets above it are dropped
    Verdict verdict = Verdict::accept;
    Ovnet::AddressFamily af = Ovnet::AddressFamily::unspecified;
 

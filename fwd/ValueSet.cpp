@@ -57,7 +57,7 @@ IntervalSet IntervalSet::intersect(IntervalSet const& o) const {
 
 IntervalSet IntervalSet::complement(std::uint32_t max) const {
    IntervalSet s;
-   std::uint64_t next = 0;  // the first value not yet covered
+   std::uint64_t next = 0; // the first value not yet covered
    for (Interval const& i : iv_) {
       if (i.lo > max) break;
       if (i.lo > next) s.iv_.push_back({static_cast<std::uint32_t>(next), i.lo - 1});

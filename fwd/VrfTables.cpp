@@ -29,11 +29,13 @@ std::string addVrfTable(std::string_view spec, VrfTables& into) {
       return "VRF id \"" + std::string(trimmed(spec.substr(0, sep))) + "\" is not a number below 16777215";
    }
    if (!number(trimmed(spec.substr(sep + 1)), table) || table == 0 || table == 255) {
-      return "table \"" + std::string(trimmed(spec.substr(sep + 1))) + "\" is not a routing table number (1-4294967295, not 255)";
+      return "table \"" + std::string(trimmed(spec.substr(sep + 1))) +
+             "\" is not a routing table number (1-4294967295, not 255)";
    }
    auto const [it, fresh] = into.emplace(vrf, table);
    if (!fresh && it->second != table) {
-      return "VRF " + std::to_string(vrf) + " is given tables " + std::to_string(it->second) + " and " + std::to_string(table);
+      return "VRF " + std::to_string(vrf) + " is given tables " + std::to_string(it->second) + " and " +
+             std::to_string(table);
    }
    return {};
 }

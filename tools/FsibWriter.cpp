@@ -40,17 +40,17 @@ Rule generatedRule(std::uint32_t i, std::uint32_t variant) {
    r.key.copyInFlowspecKey(key);
    r.ruleId = i;
    switch (variant % 4) {
-    case 0: r.actions.set(Flowspec::actionDrop); break;
-    case 1:
+   case 0: r.actions.set(Flowspec::actionDrop); break;
+   case 1:
       r.actions.set(Flowspec::actionPolice);
       r.rate = 1000.0f * static_cast<float>(1 + variant % 100);
       break;
-    case 2:
+   case 2:
       r.actions.set(Flowspec::actionRedirect);
       r.trafficRedirect.vrfId = 1 + variant % 7;
       r.trafficRedirect.address = Ovnet::IpGenAddr::ipv4(0xc0000201u);
       break;
-    default:
+   default:
       r.actions.set(Flowspec::actionSetDscp);
       r.dscp = static_cast<std::uint8_t>(variant & 0x3f);
       break;
@@ -115,7 +115,8 @@ int main(int argc, char** argv) {
          continue;
       }
       slate.copyInFlowspecKey(key);
-      std::cout << "delete " << slate.toStrepCli() << (fsib->ruleDel(slate) ? "" : " (not there)") << '\n' << std::flush;
+      std::cout << "delete " << slate.toStrepCli() << (fsib->ruleDel(slate) ? "" : " (not there)") << '\n'
+                << std::flush;
    }
    if (!texts.empty()) {
       for (std::uint32_t i = 0; i < texts.size(); ++i) {

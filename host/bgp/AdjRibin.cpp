@@ -4,7 +4,7 @@ namespace Routing::Bgp {
 
 char const* toStrep(AdjRibinType type) {
    switch (type) {
-    case AdjRibinType::received: return "received";
+   case AdjRibinType::received: return "received";
    }
    return "?";
 }

@@ -102,7 +102,8 @@ class BgpInputDedupTables : public Ovk::PtrInterface {
 
 class AdjRibin : public Ovk::PtrInterface, public Ovk::NotificationSwitch {
  public:
-   AdjRibin(AdjRibinType type, NlriType nlriType, BgpInstanceEpoch epoch, Ovk::Ptr<BgpInputDedupTables const> inputTables,
+   AdjRibin(AdjRibinType type, NlriType nlriType, BgpInstanceEpoch epoch,
+            Ovk::Ptr<BgpInputDedupTables const> inputTables,
             Ovk::Ptr<BgpInputAfiSafiAttributeModificationPluginBase const> attributeModification);
 
    AdjRibinType type() const { return type_; }

@@ -6,9 +6,9 @@ namespace Routing::Bgp {
 
 std::string toStrep(Afi afi) {
    switch (afi) {
-    case Afi::afiIpv4: return "ipv4";
-    case Afi::afiIpv6: return "ipv6";
-    case Afi::afiUnknown: break;
+   case Afi::afiIpv4: return "ipv4";
+   case Afi::afiIpv6: return "ipv6";
+   case Afi::afiUnknown: break;
    }
    return "afi" + std::to_string(static_cast<unsigned>(afi));
 }
@@ -18,10 +18,10 @@ std::string toStrep(AfiSafi afiSafi) {
    if (named) {
       std::string const afi = toStrep(afiSafi.afi());
       switch (afiSafi.safi()) {
-       case Safi::unicast: return afi + "Unicast";
-       case Safi::flowspec: return afi + "Flowspec";
-       case Safi::flowspecVpn: return afi + "FlowspecVpn";
-       default: break;
+      case Safi::unicast: return afi + "Unicast";
+      case Safi::flowspec: return afi + "Flowspec";
+      case Safi::flowspecVpn: return afi + "FlowspecVpn";
+      default: break;
       }
    }
    return "afi" + std::to_string(static_cast<unsigned>(afiSafi.afi())) + "Safi" +

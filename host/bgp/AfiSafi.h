@@ -29,8 +29,7 @@ class AfiSafi {
  public:
    constexpr AfiSafi() noexcept = default;
    constexpr explicit AfiSafi(std::uint32_t value) noexcept : value_(value) {}
-   constexpr AfiSafi(Afi afi, std::uint8_t safi) noexcept
-       : value_(static_cast<std::uint32_t>(afi) << 8 | safi) {}
+   constexpr AfiSafi(Afi afi, std::uint8_t safi) noexcept : value_(static_cast<std::uint32_t>(afi) << 8 | safi) {}
 
    static constexpr AfiSafi ipv4Flowspec() noexcept { return {Afi::afiIpv4, Safi::flowspec}; }
    static constexpr AfiSafi ipv6Flowspec() noexcept { return {Afi::afiIpv6, Safi::flowspec}; }

@@ -16,10 +16,7 @@ Notification notify(std::uint8_t code, std::uint8_t subcode, Bytes data = {}) {
    return Notification{code, subcode, std::move(data)};
 }
 
-Bytes u16Bytes(std::uint16_t v) {
-   return {static_cast<std::uint8_t>(v >> 8), static_cast<std::uint8_t>(v)};
-}
-
+Bytes u16Bytes(std::uint16_t v) { return {static_cast<std::uint8_t>(v >> 8), static_cast<std::uint8_t>(v)}; }
 
 struct LengthBounds {
    std::size_t min;
@@ -54,26 +51,42 @@ char const* codeName(std::uint8_t code) {
 }
 
 char const* subcodeName(std::uint8_t code, std::uint8_t sub) {
-   static constexpr std::array<char const*, 4> header{nullptr, "Connection Not Synchronized",
-                                                      "Bad Message Length", "Bad Message Type"};
-   static constexpr std::array<char const*, 8> open{
-      nullptr, "Unsupported Version Number", "Bad Peer AS", "Bad BGP Identifier",
-      "Unsupported Optional Parameter", "Authentication Failure", "Unacceptable Hold Time",
-      "Unsupported Capability"};
-   static constexpr std::array<char const*, 12> update{
-      nullptr, "Malformed Attribute List", "Unrecognized Well-known Attribute",
-      "Missing Well-known Attribute", "Attribute Flags Error", "Attribute Length Error",
-      "Invalid ORIGIN Attribute", "AS Routing Loop", "Invalid NEXT_HOP Attribute",
-      "Optional Attribute Error", "Invalid Network Field", "Malformed AS_PATH"};
-   static constexpr std::array<char const*, 4> fsm{
-      nullptr, "Receive Unexpected Message in OpenSent State",
-      "Receive Unexpected Message in OpenConfirm State",
-      "Receive Unexpected Message in Established State"};
-   static constexpr std::array<char const*, 11> cease{
-      nullptr, "Maximum Number of Prefixes Reached", "Administrative Shutdown",
-      "Peer De-configured", "Administrative Reset", "Connection Rejected",
-      "Other Configuration Change", "Connection Collision Resolution", "Out of Resources",
-      "Hard Reset", "BFD Down"};
+   static constexpr std::array<char const*, 4> header{nullptr, "Connection Not Synchronized", "Bad Message Length",
+                                                      "Bad Message Type"};
+   static constexpr std::array<char const*, 8> open{nullptr,
+                                                    "Unsupported Version Number",
+                                                    "Bad Peer AS",
+                                                    "Bad BGP Identifier",
+                                                    "Unsupported Optional Parameter",
+                                                    "Authentication Failure",
+                                                    "Unacceptable Hold Time",
+                                                    "Unsupported Capability"};
+   static constexpr std::array<char const*, 12> update{nullptr,
+                                                       "Malformed Attribute List",
+                                                       "Unrecognized Well-known Attribute",
+                                                       "Missing Well-known Attribute",
+                                                       "Attribute Flags Error",
+                                                       "Attribute Length Error",
+                                                       "Invalid ORIGIN Attribute",
+                                                       "AS Routing Loop",
+                                                       "Invalid NEXT_HOP Attribute",
+                                                       "Optional Attribute Error",
+                                                       "Invalid Network Field",
+                                                       "Malformed AS_PATH"};
+   static constexpr std::array<char const*, 4> fsm{nullptr, "Receive Unexpected Message in OpenSent State",
+                                                   "Receive Unexpected Message in OpenConfirm State",
+                                                   "Receive Unexpected Message in Established State"};
+   static constexpr std::array<char const*, 11> cease{nullptr,
+                                                      "Maximum Number of Prefixes Reached",
+                                                      "Administrative Shutdown",
+                                                      "Peer De-configured",
+                                                      "Administrative Reset",
+                                                      "Connection Rejected",
+                                                      "Other Configuration Change",
+                                                      "Connection Collision Resolution",
+                                                      "Out of Resources",
+                                                      "Hard Reset",
+                                                      "BFD Down"};
    static constexpr std::array<char const*, 2> refresh{nullptr, "Invalid Message Length"};
    auto pick = [sub](auto const& table) -> char const* { return sub < table.size() ? table[sub] : nullptr; };
    switch (code) {
@@ -108,8 +121,8 @@ std::string familyName(AfiSafi f) {
       std::uint16_t afi;
       std::uint8_t safi;
       char const* name;
-   } kNames[] = {{1, 1, "ipv4-unicast"},        {2, 1, "ipv6-unicast"},        {1, 2, "ipv4-multicast"},
-                 {2, 2, "ipv6-multicast"},      {1, 128, "ipv4-vpn"},          {2, 128, "ipv6-vpn"},
+   } kNames[] = {{1, 1, "ipv4-unicast"},        {2, 1, "ipv6-unicast"},       {1, 2, "ipv4-multicast"},
+                 {2, 2, "ipv6-multicast"},      {1, 128, "ipv4-vpn"},         {2, 128, "ipv6-vpn"},
                  {1, 134, "ipv4-flowspec-vpn"}, {2, 134, "ipv6-flowspec-vpn"}};
    for (auto const& n : kNames) {
       if (afiNumber(f) == n.afi && f.safi() == n.safi) return n.name;
@@ -131,9 +144,8 @@ std::string notificationText(Notification const& n) {
    }
    text += " (" + std::to_string(n.code) + "/" + std::to_string(n.subcode) + ")";
    // RFC 8203: a length octet, then that many octets of UTF-8.
-   bool const communication = n.code == ErrorCode::cease &&
-                              (n.subcode == CeaseSubcode::administrativeShutdown ||
-                               n.subcode == CeaseSubcode::administrativeReset);
+   bool const communication = n.code == ErrorCode::cease && (n.subcode == CeaseSubcode::administrativeShutdown ||
+                                                             n.subcode == CeaseSubcode::administrativeReset);
    if (communication && !n.data.empty() && n.data[0] > 0 && n.data.size() >= 1u + n.data[0]) {
       text += " \"";
       for (std::size_t i = 1; i <= n.data[0]; ++i) {
@@ -216,8 +228,7 @@ std::optional<Ovk::Result<Message, Notification>> MessageFramer::next() {
    return Ovk::Result<Message, Notification>(Message{v.type, Bytes(v.bytes.begin(), v.bytes.end())});
 }
 
-OpenMessage localOpen(std::uint32_t as, std::uint16_t holdTime, std::uint32_t bgpId,
-                      std::vector<AfiSafi> families) {
+OpenMessage localOpen(std::uint32_t as, std::uint16_t holdTime, std::uint32_t bgpId, std::vector<AfiSafi> families) {
    OpenMessage o;
    o.myAs = as > 0xffff ? kAsTrans : static_cast<std::uint16_t>(as);
    o.holdTime = holdTime;
@@ -299,8 +310,8 @@ Ovk::Result<OpenMessage, Notification> parseOpen(ByteView body) {
       return Ovk::failure(notify(ErrorCode::open, OpenSubcode::unsupportedVersion, u16Bytes(kBgpVersion)));
    }
    ByteCursor params(ByteView{});
-   if (!c.u16(o.myAs) || !c.u16(o.holdTime) || !c.u32(o.bgpId) || !c.u8(optLen) ||
-       !c.sub(optLen, params) || !c.empty()) {
+   if (!c.u16(o.myAs) || !c.u16(o.holdTime) || !c.u32(o.bgpId) || !c.u8(optLen) || !c.sub(optLen, params) ||
+       !c.empty()) {
       return Ovk::failure(unspecific);
    }
    while (!params.empty()) {
@@ -325,18 +336,14 @@ Ovk::Result<OpenMessage, Notification> parseOpen(ByteView body) {
             if (std::find(o.families.begin(), o.families.end(), f) == o.families.end()) o.families.push_back(f);
             break;
          }
-         case kCapRouteRefresh:
-            o.routeRefresh = true;
-            break;
+         case kCapRouteRefresh: o.routeRefresh = true; break;
          case kCapFourOctetAs: {
             std::uint32_t as = 0;
             if (capLen != 4 || !cap.u32(as)) return Ovk::failure(unspecific);
             o.fourOctetAs = as;
             break;
          }
-         default:
-            o.otherCapabilities.push_back(code);
-            break;
+         default: o.otherCapabilities.push_back(code); break;
          }
       }
    }
@@ -345,8 +352,7 @@ Ovk::Result<OpenMessage, Notification> parseOpen(ByteView body) {
 
 std::optional<Notification> checkOpen(OpenMessage const& remote, OpenExpectations const& expect) {
    // RFC 6793 section 4.1: a 4-octet AS of AS_TRANS is as wrong as any other mismatch.
-   if (remote.as() != expect.remoteAs || remote.as() == 0 ||
-       (remote.fourOctetAs && *remote.fourOctetAs == kAsTrans)) {
+   if (remote.as() != expect.remoteAs || remote.as() == 0 || (remote.fourOctetAs && *remote.fourOctetAs == kAsTrans)) {
       return notify(ErrorCode::open, OpenSubcode::badPeerAs);
    }
    // RFC 6286: any non-zero identifier, unique within the AS.

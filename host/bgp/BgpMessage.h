@@ -67,16 +67,15 @@ std::optional<AfiSafi> familyFromName(std::string_view name);
 // NOTIFICATION error codes (RFC 4271 section 4.5, RFC 7313) and the subcodes the agent uses
 // (RFC 4271 section 6, RFC 6608, RFC 4486).
 namespace ErrorCode {
-constexpr std::uint8_t messageHeader = 1, open = 2, update = 3, holdTimerExpired = 4, fsm = 5,
-                       cease = 6, routeRefresh = 7;
+constexpr std::uint8_t messageHeader = 1, open = 2, update = 3, holdTimerExpired = 4, fsm = 5, cease = 6,
+                       routeRefresh = 7;
 }
 namespace HeaderSubcode {
 constexpr std::uint8_t connectionNotSynchronized = 1, badMessageLength = 2, badMessageType = 3;
 }
 namespace OpenSubcode {
 constexpr std::uint8_t unspecific = 0, unsupportedVersion = 1, badPeerAs = 2, badBgpIdentifier = 3,
-                       unsupportedOptionalParameter = 4, unacceptableHoldTime = 6,
-                       unsupportedCapability = 7;
+                       unsupportedOptionalParameter = 4, unacceptableHoldTime = 6, unsupportedCapability = 7;
 }
 namespace UpdateSubcode {
 constexpr std::uint8_t malformedAttributeList = 1, unrecognizedWellKnownAttribute = 2, missingWellKnownAttribute = 3,
@@ -158,20 +157,19 @@ void finishMessage(Serialize& out);
 // An OPEN message with the capabilities the agent understands.
 struct OpenMessage {
    std::uint8_t version = kBgpVersion;
-   std::uint16_t myAs = 0;      // the 2-octet field: AS_TRANS for a 4-octet AS
+   std::uint16_t myAs = 0; // the 2-octet field: AS_TRANS for a 4-octet AS
    std::uint16_t holdTime = 0;
    std::uint32_t bgpId = 0;
-   std::optional<std::uint32_t> fourOctetAs; // capability 65
-   std::vector<AfiSafi> families;            // capability 1, once per family
-   bool routeRefresh = false;                // capability 2
+   std::optional<std::uint32_t> fourOctetAs;    // capability 65
+   std::vector<AfiSafi> families;               // capability 1, once per family
+   bool routeRefresh = false;                   // capability 2
    std::vector<std::uint8_t> otherCapabilities; // codes of the capabilities not used here
    // The speaker's AS: the 4-octet capability's when present.
    std::uint32_t as() const { return fourOctetAs ? *fourOctetAs : myAs; }
 };
 // The OPEN the agent sends: every capability in one optional parameter; the 2-octet AS
 // field holds AS_TRANS when `as` needs four octets.
-OpenMessage localOpen(std::uint32_t as, std::uint16_t holdTime, std::uint32_t bgpId,
-                      std::vector<AfiSafi> families);
+OpenMessage localOpen(std::uint32_t as, std::uint16_t holdTime, std::uint32_t bgpId, std::vector<AfiSafi> families);
 Bytes encodeOpen(OpenMessage const& open);
 // One multiprotocol capability (code, length, value) per family, as OPEN carries them.
 Bytes multiprotocolCapabilities(std::vector<AfiSafi> const& families);
@@ -190,9 +188,9 @@ std::optional<Notification> checkOpen(OpenMessage const& remote, OpenExpectation
 
 // What both OPENs agree on.
 struct Negotiated {
-   std::uint16_t holdTime = 0;       // the smaller of the two; 0: no keepalives
-   std::uint16_t keepaliveTime = 0;  // a third of the hold time
-   std::vector<AfiSafi> families;    // advertised by both, in our order
+   std::uint16_t holdTime = 0;      // the smaller of the two; 0: no keepalives
+   std::uint16_t keepaliveTime = 0; // a third of the hold time
+   std::vector<AfiSafi> families;   // advertised by both, in our order
    bool fourOctetAs = false;
    bool routeRefresh = false;
 };

@@ -44,59 +44,59 @@ struct ReasonText {
 constexpr ReasonText reasonText(BgpParseCountReason reason) {
    using R = BgpParseCountReason;
    switch (reason) {
-    case R::none: return {"none", ""};
-    case R::updateHeaderShort: return {"updateHeaderShort", "message shorter than the BGP header"};
-    case R::updateMarker: return {"updateMarker", "marker is not all ones"};
-    case R::updateLength: return {"updateLength", "length field does not match the message"};
-    case R::updateType: return {"updateType", "message is not an UPDATE"};
-    case R::withdrawnRoutesLength: return {"withdrawnRoutesLength", "withdrawn routes length runs past the message"};
-    case R::pathAttributesLength: return {"pathAttributesLength", "total path attribute length runs past the message"};
-    case R::withdrawnRoutesInvalid: return {"withdrawnRoutesInvalid", "withdrawn routes hold an invalid IPv4 prefix"};
-    case R::nlriInvalid: return {"nlriInvalid", "NLRI field holds an invalid IPv4 prefix"};
-    case R::attributeHeaderShort: return {"attributeHeaderShort", "bytes left too few for an attribute header"};
-    case R::attributeLengthOverrun: return {"attributeLengthOverrun", "attribute length runs past the path attributes"};
-    case R::attributeFlags: return {"attributeFlags", "attribute flags conflict with the attribute type"};
-    case R::attributeDuplicate: return {"attributeDuplicate", "attribute appears more than once"};
-    case R::mpAttributeDuplicate:
+   case R::none: return {"none", ""};
+   case R::updateHeaderShort: return {"updateHeaderShort", "message shorter than the BGP header"};
+   case R::updateMarker: return {"updateMarker", "marker is not all ones"};
+   case R::updateLength: return {"updateLength", "length field does not match the message"};
+   case R::updateType: return {"updateType", "message is not an UPDATE"};
+   case R::withdrawnRoutesLength: return {"withdrawnRoutesLength", "withdrawn routes length runs past the message"};
+   case R::pathAttributesLength: return {"pathAttributesLength", "total path attribute length runs past the message"};
+   case R::withdrawnRoutesInvalid: return {"withdrawnRoutesInvalid", "withdrawn routes hold an invalid IPv4 prefix"};
+   case R::nlriInvalid: return {"nlriInvalid", "NLRI field holds an invalid IPv4 prefix"};
+   case R::attributeHeaderShort: return {"attributeHeaderShort", "bytes left too few for an attribute header"};
+   case R::attributeLengthOverrun: return {"attributeLengthOverrun", "attribute length runs past the path attributes"};
+   case R::attributeFlags: return {"attributeFlags", "attribute flags conflict with the attribute type"};
+   case R::attributeDuplicate: return {"attributeDuplicate", "attribute appears more than once"};
+   case R::mpAttributeDuplicate:
       return {"mpAttributeDuplicate", "MP_REACH_NLRI or MP_UNREACH_NLRI appears more than once"};
-    case R::unrecognizedWellKnown: return {"unrecognizedWellKnown", "unrecognized well-known attribute"};
-    case R::originLength: return {"originLength", "ORIGIN length is not 1"};
-    case R::originValue: return {"originValue", "ORIGIN value is undefined"};
-    case R::asPathMalformed: return {"asPathMalformed", "AS_PATH is malformed"};
-    case R::nextHopLength: return {"nextHopLength", "NEXT_HOP length is not 4"};
-    case R::medLength: return {"medLength", "MULTI_EXIT_DISC length is not 4"};
-    case R::localPrefLength: return {"localPrefLength", "LOCAL_PREF length is not 4"};
-    case R::localPrefFromExternal: return {"localPrefFromExternal", "LOCAL_PREF from an external peer"};
-    case R::atomicAggregateLength: return {"atomicAggregateLength", "ATOMIC_AGGREGATE length is not 0"};
-    case R::aggregatorLength: return {"aggregatorLength", "AGGREGATOR length is wrong"};
-    case R::communitiesLength: return {"communitiesLength", "COMMUNITIES length is not a non-zero multiple of 4"};
-    case R::extCommunitiesLength:
+   case R::unrecognizedWellKnown: return {"unrecognizedWellKnown", "unrecognized well-known attribute"};
+   case R::originLength: return {"originLength", "ORIGIN length is not 1"};
+   case R::originValue: return {"originValue", "ORIGIN value is undefined"};
+   case R::asPathMalformed: return {"asPathMalformed", "AS_PATH is malformed"};
+   case R::nextHopLength: return {"nextHopLength", "NEXT_HOP length is not 4"};
+   case R::medLength: return {"medLength", "MULTI_EXIT_DISC length is not 4"};
+   case R::localPrefLength: return {"localPrefLength", "LOCAL_PREF length is not 4"};
+   case R::localPrefFromExternal: return {"localPrefFromExternal", "LOCAL_PREF from an external peer"};
+   case R::atomicAggregateLength: return {"atomicAggregateLength", "ATOMIC_AGGREGATE length is not 0"};
+   case R::aggregatorLength: return {"aggregatorLength", "AGGREGATOR length is wrong"};
+   case R::communitiesLength: return {"communitiesLength", "COMMUNITIES length is not a non-zero multiple of 4"};
+   case R::extCommunitiesLength:
       return {"extCommunitiesLength", "EXTENDED_COMMUNITIES length is not a non-zero multiple of 8"};
-    case R::ipv6ExtCommunitiesLength:
+   case R::ipv6ExtCommunitiesLength:
       return {"ipv6ExtCommunitiesLength",
               "IPv6 address specific extended communities length is not a non-zero multiple of 20"};
-    case R::mpReachShort: return {"mpReachShort", "MP_REACH_NLRI too short for its fixed fields"};
-    case R::mpReachNexthopOverrun: return {"mpReachNexthopOverrun", "MP_REACH_NLRI next hop runs past the attribute"};
-    case R::mpUnreachShort: return {"mpUnreachShort", "MP_UNREACH_NLRI too short for AFI and SAFI"};
-    case R::mpFamilyWithoutRule: return {"mpFamilyWithoutRule", "NLRI of a family without a parse rule skipped"};
-    case R::missingOrigin: return {"missingOrigin", "ORIGIN missing"};
-    case R::missingAsPath: return {"missingAsPath", "AS_PATH missing"};
-    case R::missingNextHop: return {"missingNextHop", "NEXT_HOP missing"};
-    case R::nlriPathIdShort: return {"nlriPathIdShort", "path identifier cut short"};
-    case R::flowspecNlriLenMissing: return {"flowspecNlriLenMissing", ""};
-    case R::flowspecNlriLenMismatch: return {"flowspecNlriLenMismatch", ""};
-    case R::flowspecComponentTypeMissing: return {"flowspecComponentTypeMissing", ""};
-    case R::flowspecComponentTypeInvalid: return {"flowspecComponentTypeInvalid", ""};
-    case R::flowspecComponentTypeOrder: return {"flowspecComponentTypeOrder", ""};
-    case R::flowspecPrefixMaskMissing: return {"flowspecPrefixMaskMissing", ""};
-    case R::flowspecPrefixOffsetMissing: return {"flowspecPrefixOffsetMissing", ""};
-    case R::flowspecPrefixOffsetAboveMask: return {"flowspecPrefixOffsetAboveMask", ""};
-    case R::flowspecPrefixInvalid: return {"flowspecPrefixInvalid", ""};
-    case R::flowspecOperatorMissing: return {"flowspecOperatorMissing", ""};
-    case R::flowspecValueMissing: return {"flowspecValueMissing", ""};
-    case R::flowspecValueTooLong: return {"flowspecValueTooLong", ""};
-    case R::flowspecIpv6FragmentDf: return {"flowspecIpv6FragmentDf", ""};
-    case R::flowspecNexthopShort: return {"flowspecNexthopShort", ""};
+   case R::mpReachShort: return {"mpReachShort", "MP_REACH_NLRI too short for its fixed fields"};
+   case R::mpReachNexthopOverrun: return {"mpReachNexthopOverrun", "MP_REACH_NLRI next hop runs past the attribute"};
+   case R::mpUnreachShort: return {"mpUnreachShort", "MP_UNREACH_NLRI too short for AFI and SAFI"};
+   case R::mpFamilyWithoutRule: return {"mpFamilyWithoutRule", "NLRI of a family without a parse rule skipped"};
+   case R::missingOrigin: return {"missingOrigin", "ORIGIN missing"};
+   case R::missingAsPath: return {"missingAsPath", "AS_PATH missing"};
+   case R::missingNextHop: return {"missingNextHop", "NEXT_HOP missing"};
+   case R::nlriPathIdShort: return {"nlriPathIdShort", "path identifier cut short"};
+   case R::flowspecNlriLenMissing: return {"flowspecNlriLenMissing", ""};
+   case R::flowspecNlriLenMismatch: return {"flowspecNlriLenMismatch", ""};
+   case R::flowspecComponentTypeMissing: return {"flowspecComponentTypeMissing", ""};
+   case R::flowspecComponentTypeInvalid: return {"flowspecComponentTypeInvalid", ""};
+   case R::flowspecComponentTypeOrder: return {"flowspecComponentTypeOrder", ""};
+   case R::flowspecPrefixMaskMissing: return {"flowspecPrefixMaskMissing", ""};
+   case R::flowspecPrefixOffsetMissing: return {"flowspecPrefixOffsetMissing", ""};
+   case R::flowspecPrefixOffsetAboveMask: return {"flowspecPrefixOffsetAboveMask", ""};
+   case R::flowspecPrefixInvalid: return {"flowspecPrefixInvalid", ""};
+   case R::flowspecOperatorMissing: return {"flowspecOperatorMissing", ""};
+   case R::flowspecValueMissing: return {"flowspecValueMissing", ""};
+   case R::flowspecValueTooLong: return {"flowspecValueTooLong", ""};
+   case R::flowspecIpv6FragmentDf: return {"flowspecIpv6FragmentDf", ""};
+   case R::flowspecNexthopShort: return {"flowspecNexthopShort", ""};
    }
    return {nullptr, ""};
 }

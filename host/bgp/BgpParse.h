@@ -120,40 +120,40 @@ enum class BgpParseCountReason : std::uint16_t {
    none = 0,
    // The UPDATE message decoder (RFC 4271 section 6.3, RFC 7606); BgpUpdateDecoder.h says
    // what each one does to the UPDATE.
-   updateHeaderShort = 1,        // fewer bytes than the BGP header
-   updateMarker = 2,             // the marker is not all ones
-   updateLength = 3,             // the length field disagrees with the message
-   updateType = 4,               // not an UPDATE
-   withdrawnRoutesLength = 5,    // the withdrawn routes run past the message
-   pathAttributesLength = 6,     // the path attributes run past the message
-   withdrawnRoutesInvalid = 7,   // a withdrawn IPv4 prefix longer than 32 bits or cut short
-   nlriInvalid = 8,              // the same in the NLRI field
-   attributeHeaderShort = 9,     // bytes left that cannot hold an attribute header
-   attributeLengthOverrun = 10,  // an attribute runs past the path attributes
-   attributeFlags = 11,          // Optional / Transitive bits wrong for a known attribute
-   attributeDuplicate = 12,      // an attribute other than MP_(UN)REACH_NLRI a second time
-   mpAttributeDuplicate = 13,    // MP_REACH_NLRI or MP_UNREACH_NLRI a second time
-   unrecognizedWellKnown = 14,   // an attribute without the Optional bit that is not known
+   updateHeaderShort = 1,       // fewer bytes than the BGP header
+   updateMarker = 2,            // the marker is not all ones
+   updateLength = 3,            // the length field disagrees with the message
+   updateType = 4,              // not an UPDATE
+   withdrawnRoutesLength = 5,   // the withdrawn routes run past the message
+   pathAttributesLength = 6,    // the path attributes run past the message
+   withdrawnRoutesInvalid = 7,  // a withdrawn IPv4 prefix longer than 32 bits or cut short
+   nlriInvalid = 8,             // the same in the NLRI field
+   attributeHeaderShort = 9,    // bytes left that cannot hold an attribute header
+   attributeLengthOverrun = 10, // an attribute runs past the path attributes
+   attributeFlags = 11,         // Optional / Transitive bits wrong for a known attribute
+   attributeDuplicate = 12,     // an attribute other than MP_(UN)REACH_NLRI a second time
+   mpAttributeDuplicate = 13,   // MP_REACH_NLRI or MP_UNREACH_NLRI a second time
+   unrecognizedWellKnown = 14,  // an attribute without the Optional bit that is not known
    originLength = 15,
    originValue = 16,
    asPathMalformed = 17,
    nextHopLength = 18,
    medLength = 19,
    localPrefLength = 20,
-   localPrefFromExternal = 21,   // LOCAL_PREF from an external peer
+   localPrefFromExternal = 21, // LOCAL_PREF from an external peer
    atomicAggregateLength = 22,
    aggregatorLength = 23,
    communitiesLength = 24,
    extCommunitiesLength = 25,
    ipv6ExtCommunitiesLength = 26,
-   mpReachShort = 27,            // no room for AFI, SAFI, next-hop length and reserved byte
-   mpReachNexthopOverrun = 28,   // the next hop runs past the attribute (no family rule)
-   mpUnreachShort = 29,          // no room for AFI and SAFI
-   mpFamilyWithoutRule = 30,     // NLRI of a family nobody parses: skipped
+   mpReachShort = 27,          // no room for AFI, SAFI, next-hop length and reserved byte
+   mpReachNexthopOverrun = 28, // the next hop runs past the attribute (no family rule)
+   mpUnreachShort = 29,        // no room for AFI and SAFI
+   mpFamilyWithoutRule = 30,   // NLRI of a family nobody parses: skipped
    missingOrigin = 31,
    missingAsPath = 32,
    missingNextHop = 33,
-   nlriPathIdShort = 34,         // RFC 7911: no room for a path identifier
+   nlriPathIdShort = 34, // RFC 7911: no room for a path identifier
    // Flowspec NLRI (RFC 8955 section 4, RFC 8956 section 3).
    flowspecNlriLenMissing = 215,       // no length field, or no second length byte
    flowspecNlriLenMismatch = 216,      // the length runs past the attribute, or a component past the length
@@ -163,11 +163,11 @@ enum class BgpParseCountReason : std::uint16_t {
    flowspecPrefixMaskMissing = 220,
    flowspecPrefixOffsetMissing = 221,
    flowspecPrefixOffsetAboveMask = 222,
-   flowspecPrefixInvalid = 223,        // a mask too long for the address, or the pattern cut short
+   flowspecPrefixInvalid = 223, // a mask too long for the address, or the pattern cut short
    flowspecOperatorMissing = 224,
    flowspecValueMissing = 225,
-   flowspecValueTooLong = 226,         // a value longer than its component type takes
-   flowspecIpv6FragmentDf = 227,       // RFC 8956 section 3.6: no DF bit in IPv6
+   flowspecValueTooLong = 226,   // a value longer than its component type takes
+   flowspecIpv6FragmentDf = 227, // RFC 8956 section 3.6: no DF bit in IPv6
    // Flowspec MP_REACH_NLRI next hop.
    flowspecNexthopShort = 228,
 };

@@ -10,17 +10,17 @@ namespace Routing::Bgp {
 std::string toStrep(BgpNotificationErrorUpdateMessageSubcode subcode) {
    using S = BgpNotificationErrorUpdateMessageSubcode;
    switch (subcode) {
-    case S::malformedAttributeList: return "malformedAttributeList";
-    case S::unrecognizedWellKnownAttribute: return "unrecognizedWellKnownAttribute";
-    case S::missingWellKnownAttribute: return "missingWellKnownAttribute";
-    case S::attributeFlagsError: return "attributeFlagsError";
-    case S::attributeLengthError: return "attributeLengthError";
-    case S::invalidOriginAttribute: return "invalidOriginAttribute";
-    case S::invalidNextHopAttribute: return "invalidNextHopAttribute";
-    case S::optionalAttributeError: return "optionalAttributeError";
-    case S::invalidNetworkField: return "invalidNetworkField";
-    case S::malformedAsPath: return "malformedAsPath";
-    case S::noError: return "noError";
+   case S::malformedAttributeList: return "malformedAttributeList";
+   case S::unrecognizedWellKnownAttribute: return "unrecognizedWellKnownAttribute";
+   case S::missingWellKnownAttribute: return "missingWellKnownAttribute";
+   case S::attributeFlagsError: return "attributeFlagsError";
+   case S::attributeLengthError: return "attributeLengthError";
+   case S::invalidOriginAttribute: return "invalidOriginAttribute";
+   case S::invalidNextHopAttribute: return "invalidNextHopAttribute";
+   case S::optionalAttributeError: return "optionalAttributeError";
+   case S::invalidNetworkField: return "invalidNetworkField";
+   case S::malformedAsPath: return "malformedAsPath";
+   case S::noError: return "noError";
    }
    return std::to_string(static_cast<std::uint32_t>(subcode));
 }
@@ -127,8 +127,9 @@ void BgpParseRuleCollections::nlriSubRuleIs(BgpParseUpdateMessageRuleKey key,
    nlriSubRules_[key] = std::move(rule);
 }
 
-void BgpParseRuleCollections::nextHopSubRuleIs(BgpParseUpdateAttributeMpReachNlriRuleKey key,
-                                               Ovk::Ptr<BgpParseUpdateAttributeMpReachNlriNextHopRuleBase const> rule) const {
+void BgpParseRuleCollections::nextHopSubRuleIs(
+    BgpParseUpdateAttributeMpReachNlriRuleKey key,
+    Ovk::Ptr<BgpParseUpdateAttributeMpReachNlriNextHopRuleBase const> rule) const {
    nextHopSubRules_[key] = std::move(rule);
 }
 
@@ -217,8 +218,9 @@ void BgpParsePluginBaseSm::addNlriSubRule(BgpParseUpdateMessageRuleKey ruleKey,
    ruleCollections_->nlriSubRuleIs(ruleKey, std::move(rule));
 }
 
-void BgpParsePluginBaseSm::addNextHopSubRule(BgpParseUpdateAttributeMpReachNlriRuleKey ruleKey,
-                                             Ovk::Ptr<BgpParseUpdateAttributeMpReachNlriNextHopRuleBase const> rule) const {
+void BgpParsePluginBaseSm::addNextHopSubRule(
+    BgpParseUpdateAttributeMpReachNlriRuleKey ruleKey,
+    Ovk::Ptr<BgpParseUpdateAttributeMpReachNlriNextHopRuleBase const> rule) const {
    OVK_ASSERT(ruleCollections_ != nullptr);
    ruleCollections_->nextHopSubRuleIs(ruleKey, std::move(rule));
 }

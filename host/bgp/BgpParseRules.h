@@ -96,8 +96,8 @@ class BgpParseUpdateAttributesScratchpad : public Ovk::PtrInterface {
 
    // Path attributes (RFC 4271 section 5.1, RFC 1997, RFC 4360, RFC 5701).
    std::optional<std::uint8_t> origin;
-   BgpAttributeView asPath;        // segments as received
-   bool asPathFourOctet = true;    // AS numbers in asPath are 4 octets (RFC 6793)
+   BgpAttributeView asPath;                     // segments as received
+   bool asPathFourOctet = true;                 // AS numbers in asPath are 4 octets (RFC 6793)
    std::optional<Ovnet::IpGenAddr> ipv4NextHop; // the NEXT_HOP attribute
    std::optional<std::uint32_t> med;
    std::optional<std::uint32_t> localPref;
@@ -128,9 +128,9 @@ class BgpParseUpdateAttributeMpReachNlriNextHopRuleBase : public Ovk::PtrInterfa
    static Ovk::FwkType const& classFwkType();
    virtual Ovk::FwkType const& fwkType() const;
 
-   virtual BgpNotificationErrorUpdateMessageSubcode
-   inhale(Ovk::Ptr<BgpParseContext> const& parseContext, BgpParsePktPosition* const& position,
-          Ovk::Ptr<BgpParseUpdateAttributesScratchpad> const& scratchpad) const = 0;
+   virtual BgpNotificationErrorUpdateMessageSubcode inhale(
+       Ovk::Ptr<BgpParseContext> const& parseContext, BgpParsePktPosition* const& position,
+       Ovk::Ptr<BgpParseUpdateAttributesScratchpad> const& scratchpad) const = 0;
 
  protected:
    ~BgpParseUpdateAttributeMpReachNlriNextHopRuleBase() override = default;

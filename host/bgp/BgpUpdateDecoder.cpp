@@ -31,11 +31,11 @@ std::uint8_t subcodeByte(Subcode s) { return static_cast<std::uint8_t>(s); }
 
 // How long a known attribute's value must be.
 enum class Length {
-   any,         // AS4_PATH, AS4_AGGREGATOR: not read here
-   own,         // AS_PATH, MP_REACH_NLRI, MP_UNREACH_NLRI: judged by their own readers
-   exactly,     // `n` bytes
-   multipleOf,  // a non-zero multiple of `n` bytes
-   aggregator,  // 6 or 8 bytes, by the session's AS number width
+   any,        // AS4_PATH, AS4_AGGREGATOR: not read here
+   own,        // AS_PATH, MP_REACH_NLRI, MP_UNREACH_NLRI: judged by their own readers
+   exactly,    // `n` bytes
+   multipleOf, // a non-zero multiple of `n` bytes
+   aggregator, // 6 or 8 bytes, by the session's AS number width
 };
 
 // What each known attribute must be (RFC 7606 section 3.c for the Optional and Transitive
@@ -138,10 +138,10 @@ BgpUpdateDecoderCounters& BgpUpdateDecoderCounters::operator+=(BgpUpdateDecoderC
 
 char const* toStrep(BgpUpdateAction action) {
    switch (action) {
-    case BgpUpdateAction::accept: return "accept";
-    case BgpUpdateAction::attributeDiscard: return "attribute-discard";
-    case BgpUpdateAction::treatAsWithdraw: return "treat-as-withdraw";
-    case BgpUpdateAction::sessionReset: return "session-reset";
+   case BgpUpdateAction::accept: return "accept";
+   case BgpUpdateAction::attributeDiscard: return "attribute-discard";
+   case BgpUpdateAction::treatAsWithdraw: return "treat-as-withdraw";
+   case BgpUpdateAction::sessionReset: return "session-reset";
    }
    return "?";
 }
@@ -178,7 +178,10 @@ std::string asPathText(std::span<std::uint8_t const> value, bool fourOctet) {
       first = false;
       bool const set = type == kAsSet || type == kAsConfedSet;
       char const* const open = type == kAsSet ? "{" : type == kAsConfedSequence ? "(" : type == kAsConfedSet ? "[" : "";
-      char const* const close = type == kAsSet ? "}" : type == kAsConfedSequence ? ")" : type == kAsConfedSet ? "]" : "";
+      char const* const close = type == kAsSet              ? "}"
+                                : type == kAsConfedSequence ? ")"
+                                : type == kAsConfedSet      ? "]"
+                                                            : "";
       os << open;
       for (std::uint8_t i = 0; i < count; ++i) {
          std::uint32_t as = 0;
@@ -272,7 +275,8 @@ void BgpUpdateDecoder::Run::decode() {
    at_ = msg.currentPosition();
    // RFC 4271 section 6.1: the header.
    std::span<std::uint8_t const> marker;
-   if (!msg.consumeView(16, &marker)) return reset(Reason::updateHeaderShort, kMessageHeaderError, kBadMessageLength, {});
+   if (!msg.consumeView(16, &marker))
+      return reset(Reason::updateHeaderShort, kMessageHeaderError, kBadMessageLength, {});
    for (std::uint8_t b : marker) {
       if (b != 0xff) return reset(Reason::updateMarker, kMessageHeaderError, kConnectionNotSynchronized, {});
    }
@@ -301,7 +305,8 @@ void BgpUpdateDecoder::Run::decode() {
    std::uint16_t withdrawnLen = 0;
    at_ = msg.currentPosition();
    if (!msg.consumeU16ntoh(&withdrawnLen) || !msg.consumeView(withdrawnLen, &out_.withdrawnRoutes)) {
-      return reset(Reason::withdrawnRoutesLength, kUpdateMessageError, subcodeByte(Subcode::malformedAttributeList), {});
+      return reset(Reason::withdrawnRoutesLength, kUpdateMessageError, subcodeByte(Subcode::malformedAttributeList),
+                   {});
    }
    std::uint16_t attrsLen = 0;
    at_ = msg.currentPosition();
@@ -387,19 +392,19 @@ void BgpUpdateDecoder::Run::attribute(std::uint8_t flags, std::uint8_t type, Bgp
       return; // an optional attribute nobody here interprets
    }
    // RFC 7606 section 3.c: wrong Optional or Transitive bits make the attribute malformed.
-   bool const flagsOk = ((flags & kFlagOptional) != 0) == known.optional &&
-                        ((flags & kFlagTransitive) != 0) == known.transitive;
+   bool const flagsOk =
+       ((flags & kFlagOptional) != 0) == known.optional && ((flags & kFlagTransitive) != 0) == known.transitive;
    if (!flagsOk) {
       record(Reason::attributeFlags, known.malformed, type, true);
       if (known.malformed == BgpUpdateAction::attributeDiscard) return;
    }
    switch (known.length) {
-    case Length::any: return; // AS4_PATH, AS4_AGGREGATOR: kept by nobody here
-    case Length::own:
+   case Length::any: return; // AS4_PATH, AS4_AGGREGATOR: kept by nobody here
+   case Length::own:
       if (type == BgpAttrType::asPath) return asPath(value.rest());
       if (type == BgpAttrType::mpReachNlri) return mpReach(value, whole);
       return mpUnreach(value, whole);
-    default: break;
+   default: break;
    }
    // RFC 7606 section 7.5: LOCAL_PREF from an external peer means nothing, whatever its length.
    if (type == BgpAttrType::localPref && d_.options_.externalPeer) return discard(Reason::localPrefFromExternal, type);
@@ -409,13 +414,13 @@ void BgpUpdateDecoder::Run::attribute(std::uint8_t flags, std::uint8_t type, Bgp
 
 bool BgpUpdateDecoder::Run::lengthOk(KnownAttribute const& known, std::size_t size) const {
    switch (known.length) {
-    case Length::exactly: return size == known.n;
-    case Length::multipleOf: return size != 0 && size % known.n == 0;
-    // RFC 6793 section 3 for the 4-octet form.
-    case Length::aggregator:
+   case Length::exactly: return size == known.n;
+   case Length::multipleOf: return size != 0 && size % known.n == 0;
+   // RFC 6793 section 3 for the 4-octet form.
+   case Length::aggregator:
       return d_.options_.detectAsWidth ? (size == 6 || size == 8) : size == (d_.options_.fourOctetAs ? 8u : 6u);
-    case Length::any:
-    case Length::own: return true;
+   case Length::any:
+   case Length::own: return true;
    }
    return true;
 }
@@ -423,20 +428,20 @@ bool BgpUpdateDecoder::Run::lengthOk(KnownAttribute const& known, std::size_t si
 void BgpUpdateDecoder::Run::keep(std::uint8_t type, std::span<std::uint8_t const> v) {
    BgpParseUpdateAttributesScratchpad& a = *out_.attributes;
    switch (type) {
-    case BgpAttrType::origin:
+   case BgpAttrType::origin:
       // RFC 7606 section 7.1.
       if (v[0] > 2) return withdraw(Reason::originValue, type);
       a.origin = v[0];
       return;
-    case BgpAttrType::nextHop: a.ipv4NextHop = Ovnet::IpGenAddr::ipv4(v.first<4>()); return;
-    case BgpAttrType::med: a.med = readU32(v); return;
-    case BgpAttrType::localPref: a.localPref = readU32(v); return;
-    case BgpAttrType::atomicAggregate: a.atomicAggregate = true; return;
-    case BgpAttrType::aggregator: a.aggregator = {v, true}; return;
-    case BgpAttrType::communities: a.communities = {v, true}; return;
-    case BgpAttrType::extCommunities: a.extCommunities = {v, true}; return;
-    case BgpAttrType::ipv6ExtCommunities: a.ipv6ExtCommunities = {v, true}; return;
-    default: return;
+   case BgpAttrType::nextHop: a.ipv4NextHop = Ovnet::IpGenAddr::ipv4(v.first<4>()); return;
+   case BgpAttrType::med: a.med = readU32(v); return;
+   case BgpAttrType::localPref: a.localPref = readU32(v); return;
+   case BgpAttrType::atomicAggregate: a.atomicAggregate = true; return;
+   case BgpAttrType::aggregator: a.aggregator = {v, true}; return;
+   case BgpAttrType::communities: a.communities = {v, true}; return;
+   case BgpAttrType::extCommunities: a.extCommunities = {v, true}; return;
+   case BgpAttrType::ipv6ExtCommunities: a.ipv6ExtCommunities = {v, true}; return;
+   default: return;
    }
 }
 
@@ -476,8 +481,9 @@ void BgpUpdateDecoder::Run::mpReach(BgpParsePktPosition value, std::span<std::ui
       BgpParsePktPosition* const position = &field;
       Subcode const subcode = nextHopRule->inhale(d_.parseContext_, position, out_.attributes);
       if (subcode != Subcode::noError) {
-         std::uint8_t const sub = static_cast<std::uint32_t>(subcode) <= 0xffu ? static_cast<std::uint8_t>(subcode)
-                                                                               : subcodeByte(Subcode::optionalAttributeError);
+         std::uint8_t const sub = static_cast<std::uint32_t>(subcode) <= 0xffu
+                                      ? static_cast<std::uint8_t>(subcode)
+                                      : subcodeByte(Subcode::optionalAttributeError);
          return reset(results().lastReason(), kUpdateMessageError, sub, whole, BgpAttrType::mpReachNlri, false);
       }
    }
@@ -526,8 +532,8 @@ void BgpUpdateDecoder::Run::nlriField(BgpParsePktPosition field, AfiSafi afiSafi
       // RFC 7911 section 3: each NLRI opens with its path identifier.
       if (addPath && !field.consumeU32ntoh(&pathId)) {
          out_.nlri.push_back({afiSafi, reachable, 0, field.rest(), nullptr, Reason::nlriPathIdShort, field.rest()});
-         return reset(Reason::nlriPathIdShort, kUpdateMessageError, subcodeByte(Subcode::optionalAttributeError),
-                      whole, attrType);
+         return reset(Reason::nlriPathIdShort, kUpdateMessageError, subcodeByte(Subcode::optionalAttributeError), whole,
+                      attrType);
       }
       std::span<std::uint8_t const> const given = field.rest();
       BgpParsePktPosition work = field;

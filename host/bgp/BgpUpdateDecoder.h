@@ -124,10 +124,10 @@ std::string asPathText(std::span<std::uint8_t const> value, bool fourOctet);
 // What a session's decoder has seen.
 struct BgpUpdateDecoderCounters {
    struct Family {
-      std::uint64_t announced = 0;   // NLRI read from MP_REACH_NLRI
-      std::uint64_t withdrawn = 0;   // NLRI read from MP_UNREACH_NLRI
-      std::uint64_t refused = 0;     // NLRI a rule refused
-      std::uint64_t updates = 0;     // UPDATEs with NLRI of the family
+      std::uint64_t announced = 0; // NLRI read from MP_REACH_NLRI
+      std::uint64_t withdrawn = 0; // NLRI read from MP_UNREACH_NLRI
+      std::uint64_t refused = 0;   // NLRI a rule refused
+      std::uint64_t updates = 0;   // UPDATEs with NLRI of the family
       Family& operator+=(Family const& o);
    };
    std::uint64_t messages = 0;

@@ -46,11 +46,11 @@ std::string formatRate(float r) {
 
 char const* toStrep(ExtCommClassification c) {
    switch (c) {
-    case ExtCommClassification::other: return "other";
-    case ExtCommClassification::routeTarget: return "routeTarget";
-    case ExtCommClassification::routeOrigin: return "routeOrigin";
-    case ExtCommClassification::flowspec: return "flowspec";
-    case ExtCommClassification::flowspecUnsupported: return "flowspecUnsupported";
+   case ExtCommClassification::other: return "other";
+   case ExtCommClassification::routeTarget: return "routeTarget";
+   case ExtCommClassification::routeOrigin: return "routeOrigin";
+   case ExtCommClassification::flowspec: return "flowspec";
+   case ExtCommClassification::flowspecUnsupported: return "flowspecUnsupported";
    }
    return "?";
 }
@@ -68,10 +68,10 @@ Ovk::Ptr<ExtCommIp6> makeIp6(std::span<std::uint8_t const, ExtCommIp6::kSize> b)
 }
 
 constexpr ExtCommKind kFlowspecKinds[] = {
-    {0x8006, &make<FlowspecExtCommTrafficRate>},      {0x8007, &make<FlowspecExtCommTrafficAction>},
-    {0x8009, &make<FlowspecExtCommTrafficMarking>},   {0x8008, &make<FlowspecExtCommRedirectVrfRdAs>},
-    {0x8208, &make<FlowspecExtCommRedirectVrfRdAs>},  {0x8108, &make<FlowspecExtCommRedirectVrfRdIpv4>},
-    {0x010c, &make<FlowspecExtCommRedirectIpv4>},     {0x0800, &make<FlowspecExtCommRedirectNexthop>},
+    {0x8006, &make<FlowspecExtCommTrafficRate>},     {0x8007, &make<FlowspecExtCommTrafficAction>},
+    {0x8009, &make<FlowspecExtCommTrafficMarking>},  {0x8008, &make<FlowspecExtCommRedirectVrfRdAs>},
+    {0x8208, &make<FlowspecExtCommRedirectVrfRdAs>}, {0x8108, &make<FlowspecExtCommRedirectVrfRdIpv4>},
+    {0x010c, &make<FlowspecExtCommRedirectIpv4>},    {0x0800, &make<FlowspecExtCommRedirectNexthop>},
     {0x800c, &make<FlowspecExtCommUnsupported>},
 };
 
@@ -164,17 +164,15 @@ bool ExtComm::compare(Ovk::DedupHandle const* other) const {
 
 void ExtCommRouteTarget::fields(std::vector<ExtCommField>& out) const {
    switch (type()) {
-    case 0x00:
-       out.push_back(num("as", (value() >> 32) & 0xffff));
-       out.push_back(num("local", value() & 0xffffffffu));
-       break;
-    case 0x01:
-       out.push_back(text("address", ipv4At(value(), 16).str()));
-       out.push_back(num("local", value() & 0xffff));
-       break;
-    default:
-       out.push_back(num("as", (value() >> 16) & 0xffffffffu));
-       out.push_back(num("local", value() & 0xffff));
+   case 0x00:
+      out.push_back(num("as", (value() >> 32) & 0xffff));
+      out.push_back(num("local", value() & 0xffffffffu));
+      break;
+   case 0x01:
+      out.push_back(text("address", ipv4At(value(), 16).str()));
+      out.push_back(num("local", value() & 0xffff));
+      break;
+   default: out.push_back(num("as", (value() >> 16) & 0xffffffffu)); out.push_back(num("local", value() & 0xffff));
    }
 }
 

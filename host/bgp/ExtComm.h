@@ -184,9 +184,7 @@ class ExtCommIp6 : public Ovk::DedupHandle {
    std::uint8_t type() const noexcept { return bytes_[0]; }
    std::uint8_t subtype() const noexcept { return bytes_[1]; }
    Ovnet::IpGenAddr address() const noexcept;
-   std::uint16_t localAdmin() const noexcept {
-      return static_cast<std::uint16_t>((bytes_[18] << 8) | bytes_[19]);
-   }
+   std::uint16_t localAdmin() const noexcept { return static_cast<std::uint16_t>((bytes_[18] << 8) | bytes_[19]); }
 
    virtual ExtCommClassification classification() const noexcept { return ExtCommClassification::other; }
    virtual char const* kindName() const noexcept { return "unknown-ipv6"; }

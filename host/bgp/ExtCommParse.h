@@ -51,7 +51,8 @@ class FlowspecParseExtCommSm : public Ovk::PtrInterface, public Ovk::Notificatio
  public:
    explicit FlowspecParseExtCommSm(Ovk::Ptr<ExtCommParseRuleCollections const> collections);
    // Constructs, switches notification on and returns the first reference.
-   static Ovk::Ptr<FlowspecParseExtCommSm> FlowspecParseExtCommSmIs(Ovk::Ptr<ExtCommParseRuleCollections const> collections);
+   static Ovk::Ptr<FlowspecParseExtCommSm> FlowspecParseExtCommSmIs(
+       Ovk::Ptr<ExtCommParseRuleCollections const> collections);
    Ovk::Ptr<ExtCommParseRuleCollections const> const& ruleCollections() const { return collections_; }
    void hasNotificationActiveIs(bool on) override;
 

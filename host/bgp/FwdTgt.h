@@ -95,11 +95,11 @@ class FwdTgtRouteConfigSm : public Ovk::PtrInterface, public Ovk::NotificationSw
 
    // What the target did with the routes, for the agent's show commands.
    struct ExportCounters {
-      std::uint64_t added = 0;          // rules entered in the forwarding table
-      std::uint64_t replaced = 0;       // rules changed there
-      std::uint64_t deleted = 0;        // rules taken out
-      std::uint64_t refusedFull = 0;    // rules the full table refused
-      std::uint64_t notExportable = 0;  // routes the target cannot take (a won't-export reason)
+      std::uint64_t added = 0;                                // rules entered in the forwarding table
+      std::uint64_t replaced = 0;                             // rules changed there
+      std::uint64_t deleted = 0;                              // rules taken out
+      std::uint64_t refusedFull = 0;                          // rules the full table refused
+      std::uint64_t notExportable = 0;                        // routes the target cannot take (a won't-export reason)
       std::map<RibSource, std::uint64_t> refusedFullBySource; // by the best path's source
    };
    ExportCounters const& exportCounters() const { return counters_; }

@@ -200,9 +200,7 @@ Ovk::FwkType const& IpGenNexthop::classFwkType() {
 
 Ovk::FwkType const& IpGenNexthop::fwkType() const { return classFwkType(); }
 
-AfiSafi IpGenNexthop::afisafi() const {
-   return AfiSafi(addr_.isIpv6() ? Afi::afiIpv6 : Afi::afiIpv4, Safi::unicast);
-}
+AfiSafi IpGenNexthop::afisafi() const { return AfiSafi(addr_.isIpv6() ? Afi::afiIpv6 : Afi::afiIpv4, Safi::unicast); }
 
 Ovk::String IpGenNexthop::serialize() const {
    auto const b = addr_.bytes();

@@ -63,9 +63,9 @@ struct Hasher {
 
 char const* toStrep(BgpOrigin origin) {
    switch (origin) {
-    case BgpOrigin::igp: return "igp";
-    case BgpOrigin::egp: return "egp";
-    case BgpOrigin::incomplete: return "incomplete";
+   case BgpOrigin::igp: return "igp";
+   case BgpOrigin::egp: return "egp";
+   case BgpOrigin::incomplete: return "incomplete";
    }
    return "?";
 }
@@ -162,7 +162,8 @@ struct PathAttributesBuilder::Fingerprint {
    GenNexthop const* nexthop = nullptr;
 
    static bool same(std::vector<std::uint8_t> const& kept, BgpAttributeView const& v) {
-      return kept.size() == v.value.size() && (kept.empty() || std::memcmp(kept.data(), v.value.data(), kept.size()) == 0);
+      return kept.size() == v.value.size() &&
+             (kept.empty() || std::memcmp(kept.data(), v.value.data(), kept.size()) == 0);
    }
    bool matches(BgpParseUpdateAttributesScratchpad const& a) const {
       return origin == a.origin && asPathPresent == a.asPath.present && asPathFourOctet == a.asPathFourOctet &&
@@ -172,7 +173,9 @@ struct PathAttributesBuilder::Fingerprint {
              nexthop == a.nexthop().ptr();
    }
    void take(BgpParseUpdateAttributesScratchpad const& a) {
-      auto copy = [](std::vector<std::uint8_t>& to, BgpAttributeView const& v) { to.assign(v.value.begin(), v.value.end()); };
+      auto copy = [](std::vector<std::uint8_t>& to, BgpAttributeView const& v) {
+         to.assign(v.value.begin(), v.value.end());
+      };
       origin = a.origin;
       asPathPresent = a.asPath.present;
       asPathFourOctet = a.asPathFourOctet;

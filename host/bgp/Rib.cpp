@@ -294,7 +294,9 @@ void RibTable::reactorIs(Reactor* reactor) {
    if (std::find(reactors_.begin(), reactors_.end(), reactor) == reactors_.end()) reactors_.push_back(reactor);
 }
 
-void RibTable::reactorDel(Reactor* reactor) { reactors_.erase(std::remove(reactors_.begin(), reactors_.end(), reactor), reactors_.end()); }
+void RibTable::reactorDel(Reactor* reactor) {
+   reactors_.erase(std::remove(reactors_.begin(), reactors_.end(), reactor), reactors_.end());
+}
 
 std::optional<RibPath> RibTable::bestPath(RouteKey const& key) const {
    RibRouteSlot const& slot = key.ribSlot();

@@ -115,9 +115,9 @@ class RouteKeySerializeArguments : public Ovk::PtrInterface {
 // finding a key's route costs no lookup and no memory beyond these 16 bytes. Only the RIB
 // of the key's table (one VRF, one family) writes it.
 struct RibRouteSlot {
-   void const* bestAttrs = nullptr;  // the best path's RtAttr, referenced; null: no path
-   std::uint32_t bestSource = 0;     // the best path's source (RibSources index)
-   std::uint32_t state = 0;          // RibTable's: changed bit and the index of other paths
+   void const* bestAttrs = nullptr; // the best path's RtAttr, referenced; null: no path
+   std::uint32_t bestSource = 0;    // the best path's source (RibSources index)
+   std::uint32_t state = 0;         // RibTable's: changed bit and the index of other paths
 };
 
 class RouteKey : public RouteKeyBase {

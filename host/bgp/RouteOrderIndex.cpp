@@ -230,7 +230,8 @@ void RouteOrderIndex::erase(RouteKey const* key) {
    Entry const e{key->orderPrefix(), key};
    Leaf* leaf = leafFor(e);
    OVK_ASSERT(leaf != nullptr);
-   auto const at = static_cast<std::size_t>(std::lower_bound(leaf->keys, leaf->keys + leaf->n, e, entryLess) - leaf->keys);
+   auto const at =
+       static_cast<std::size_t>(std::lower_bound(leaf->keys, leaf->keys + leaf->n, e, entryLess) - leaf->keys);
    OVK_ASSERT(at < leaf->n && leaf->keys[at].key == key);
    --size_;
    // A separator naming the key (it was the first of a subtree) now names its successor,

@@ -85,8 +85,7 @@ FlowspecKey::Entry const* FlowspecKey::lowerBound(MatchOpValIndex index) const n
    return std::lower_bound(b, b + size_, index, [](Entry const& e, MatchOpValIndex i) { return e.index < i; });
 }
 
-MatchOpValIndex FlowspecKey::setOpVal(MatchOpValIndex index, MatchCompType type, std::uint8_t op,
-                                      std::uint32_t value) {
+MatchOpValIndex FlowspecKey::setOpVal(MatchOpValIndex index, MatchCompType type, std::uint8_t op, std::uint32_t value) {
    OVK_ASSERT(isOpValType(type));
    OVK_ASSERT(index < maxMatchOpValIndex);
    Entry const entry{index, static_cast<std::uint8_t>(type), op, value};

@@ -37,8 +37,8 @@ namespace Flowspec {
 inline constexpr std::uint8_t opEndOfList = 0x80;
 inline constexpr std::uint8_t opAnd = 0x40;
 inline constexpr std::uint8_t opLengthMask = 0x30;
-inline constexpr std::uint8_t opReserved = 0x08;          // numeric operators
-inline constexpr std::uint8_t opBitmaskReserved = 0x0c;   // bitmask operators
+inline constexpr std::uint8_t opReserved = 0x08;        // numeric operators
+inline constexpr std::uint8_t opBitmaskReserved = 0x0c; // bitmask operators
 inline constexpr std::uint8_t opLt = 0x04;
 inline constexpr std::uint8_t opGt = 0x02;
 inline constexpr std::uint8_t opEq = 0x01;

@@ -33,16 +33,31 @@ struct Keyword {
 };
 // Component keywords; the first one of each type is the one the writer uses.
 constexpr Keyword kKeywords[] = {
-   {"destination", destPrefix_},  {"dst", destPrefix_},
-   {"source", srcPrefix_},        {"src", srcPrefix_},
-   {"protocol", ipProtocol_},     {"proto", ipProtocol_},     {"next-header", ipProtocol_},
-   {"ip-protocol", ipProtocol_},  {"port", port_},
-   {"destination-port", destPort_}, {"dport", destPort_},     {"dst-port", destPort_},
-   {"source-port", srcPort_},     {"sport", srcPort_},        {"src-port", srcPort_},
-   {"icmp-type", icmpType_},      {"icmp-code", icmpCode_},   {"tcp-flags", tcpFlags_},
-   {"packet-length", packetLength_}, {"length", packetLength_},
-   {"dscp", dscp_},               {"traffic-class", dscp_},   {"fragment", fragment_},
-   {"flow-label", flowLabel_},    {"label", flowLabel_},
+    {"destination", destPrefix_},
+    {"dst", destPrefix_},
+    {"source", srcPrefix_},
+    {"src", srcPrefix_},
+    {"protocol", ipProtocol_},
+    {"proto", ipProtocol_},
+    {"next-header", ipProtocol_},
+    {"ip-protocol", ipProtocol_},
+    {"port", port_},
+    {"destination-port", destPort_},
+    {"dport", destPort_},
+    {"dst-port", destPort_},
+    {"source-port", srcPort_},
+    {"sport", srcPort_},
+    {"src-port", srcPort_},
+    {"icmp-type", icmpType_},
+    {"icmp-code", icmpCode_},
+    {"tcp-flags", tcpFlags_},
+    {"packet-length", packetLength_},
+    {"length", packetLength_},
+    {"dscp", dscp_},
+    {"traffic-class", dscp_},
+    {"fragment", fragment_},
+    {"flow-label", flowLabel_},
+    {"label", flowLabel_},
 };
 
 struct TwoWordKeyword {
@@ -52,10 +67,10 @@ struct TwoWordKeyword {
 };
 // Keywords written as two words ("icmp type = 8").
 constexpr TwoWordKeyword kTwoWordKeywords[] = {
-   {"icmp", "type", icmpType_},
-   {"icmp", "code", icmpCode_},
-   {"tcp", "flags", tcpFlags_},
-   {"next", "header", ipProtocol_},
+    {"icmp", "type", icmpType_},
+    {"icmp", "code", icmpCode_},
+    {"tcp", "flags", tcpFlags_},
+    {"next", "header", ipProtocol_},
 };
 
 struct ValueName {
@@ -63,21 +78,27 @@ struct ValueName {
    std::uint32_t value;
 };
 constexpr ValueName kProtocols[] = {
-   {"icmp", 1}, {"igmp", 2},    {"ipip", 4},      {"tcp", 6},     {"egp", 8},   {"udp", 17},
-   {"gre", 47}, {"esp", 50},    {"ah", 51},       {"icmpv6", 58}, {"icmp6", 58}, {"ipv6-icmp", 58},
-   {"ospf", 89}, {"pim", 103},  {"sctp", 132},
+    {"icmp", 1},   {"igmp", 2},       {"ipip", 4},  {"tcp", 6},   {"egp", 8},
+    {"udp", 17},   {"gre", 47},       {"esp", 50},  {"ah", 51},   {"icmpv6", 58},
+    {"icmp6", 58}, {"ipv6-icmp", 58}, {"ospf", 89}, {"pim", 103}, {"sctp", 132},
 };
 // The first name of each bit is the one the writer uses.
 constexpr ValueName kTcpFlags[] = {
-   {"fin", 0x01}, {"syn", 0x02}, {"rst", 0x04},    {"push", 0x08}, {"psh", 0x08}, {"ack", 0x10},
-   {"urgent", 0x20}, {"urg", 0x20}, {"ece", 0x40}, {"cwr", 0x80},
+    {"fin", 0x01}, {"syn", 0x02},    {"rst", 0x04}, {"push", 0x08}, {"psh", 0x08},
+    {"ack", 0x10}, {"urgent", 0x20}, {"urg", 0x20}, {"ece", 0x40},  {"cwr", 0x80},
 };
 // One-letter TCP flag names, written together ("SA" is SYN and ACK).
 constexpr std::string_view kTcpFlagLetters = "FSRPAUEC";
 constexpr ValueName kFragments[] = {
-   {"not-a-fragment", 0x00}, {"dont-fragment", 0x01}, {"is-fragment", 0x02}, {"first-fragment", 0x04},
-   {"last-fragment", 0x08},  {"df", 0x01},             {"isf", 0x02},        {"ff", 0x04},
-   {"lf", 0x08},
+    {"not-a-fragment", 0x00},
+    {"dont-fragment", 0x01},
+    {"is-fragment", 0x02},
+    {"first-fragment", 0x04},
+    {"last-fragment", 0x08},
+    {"df", 0x01},
+    {"isf", 0x02},
+    {"ff", 0x04},
+    {"lf", 0x08},
 };
 
 // Numeric comparison texts by the operator's three low bits (lt, gt, eq). 0 never matches and
@@ -88,16 +109,13 @@ constexpr std::uint8_t kNumericOpReadOrder[8] = {0, 7, 6, 5, 3, 4, 2, 1};
 // Bitmask texts by the NOT and match bits.
 constexpr std::string_view kBitmaskOps[4] = {"", "=", "!", "!="};
 
-bool isWordChar(char c) {
-   return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '-' || c == '_';
-}
+bool isWordChar(char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '-' || c == '_'; }
 
 char lower(char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); }
 
 bool iequals(std::string_view a, std::string_view b) {
-   return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-      return lower(x) == lower(y);
-   });
+   return a.size() == b.size() &&
+          std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return lower(x) == lower(y); });
 }
 
 std::optional<MatchCompType> keywordType(std::string_view word) {
@@ -116,7 +134,9 @@ std::string_view keywordOf(MatchCompType type) {
 
 std::uint8_t reservedMask(MatchCompType type) { return isBitmaskType(type) ? opBitmaskReserved : opReserved; }
 
-unsigned maxLengthCode(MatchCompType type) { return maxValueBytes(type) == 4 ? 2u : maxValueBytes(type) == 2 ? 1u : 0u; }
+unsigned maxLengthCode(MatchCompType type) {
+   return maxValueBytes(type) == 4 ? 2u : maxValueBytes(type) == 2 ? 1u : 0u;
+}
 
 // One operator/value pair as read, before the end-of-list bit is known.
 struct Pair {
@@ -522,9 +542,9 @@ bool RuleTextReader::finish(AddressFamily presetAf, FlowspecKey& out) {
       if (p->isUnset()) continue;
       if (af == AddressFamily::unspecified) af = p->af();
       if (p->af() != af) {
-         return fail(presetAf == AddressFamily::unspecified
-                         ? std::string("the prefixes are of two address families")
-                         : "an " + std::string(Ovnet::toStrep(p->af())) + " prefix in an " + Ovnet::toStrep(af) + " rule");
+         return fail(presetAf == AddressFamily::unspecified ? std::string("the prefixes are of two address families")
+                                                            : "an " + std::string(Ovnet::toStrep(p->af())) +
+                                                                  " prefix in an " + Ovnet::toStrep(af) + " rule");
       }
    }
    std::size_t pairs = 0;
@@ -542,7 +562,8 @@ bool RuleTextReader::finish(AddressFamily presetAf, FlowspecKey& out) {
       }
       pairs += c.pairs.size();
    }
-   if (body > kMaxNlriBody) return fail("the rule needs " + std::to_string(body) + " bytes, more than an NLRI holds (4095)");
+   if (body > kMaxNlriBody)
+      return fail("the rule needs " + std::to_string(body) + " bytes, more than an NLRI holds (4095)");
    if (pairs >= maxMatchOpValIndex) return fail("too many operator/value pairs");
    // The NLRI wants its components in ascending type order (RFC 8955 section 4.2); a text
    // may name them in any order. Repeated components of one type keep their text order.

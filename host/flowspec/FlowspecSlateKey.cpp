@@ -240,8 +240,8 @@ int FlowspecSlateKey::cmp(FlowspecSlateKey const& a, FlowspecSlateKey const& b) 
          if (int const c = componentBytesCmp(ba, bb); c != 0) return c;
       }
    }
-   auto const order = std::lexicographical_compare_three_way(a.words().begin(), a.words().end(),
-                                                             b.words().begin(), b.words().end());
+   auto const order =
+       std::lexicographical_compare_three_way(a.words().begin(), a.words().end(), b.words().begin(), b.words().end());
    return order < 0 ? -1 : order > 0 ? 1 : 0;
 }
 

@@ -12,9 +12,8 @@ namespace Flowspec {
 namespace {
 
 constexpr std::array<std::string_view, 14> kNames = {
-   "none",      "Destination Prefix", "Source Prefix", "IP Protocol",   "Port",
-   "Destination Port", "Source Port", "ICMP Type",     "ICMP Code",     "TCP Flags",
-   "Packet Length",    "DSCP",        "Fragment",      "Flow Label",
+    "none",      "Destination Prefix", "Source Prefix", "IP Protocol",   "Port", "Destination Port", "Source Port",
+    "ICMP Type", "ICMP Code",          "TCP Flags",     "Packet Length", "DSCP", "Fragment",         "Flow Label",
 };
 
 constexpr std::string_view kUnknownOpen = "unknown(";
@@ -41,18 +40,18 @@ std::optional<MatchCompType> parseUnknown(std::string_view text) noexcept {
 
 unsigned maxValueBytes(MatchCompType t) noexcept {
    switch (t) {
-    case ipProtocol_:
-    case icmpType_:
-    case icmpCode_:
-    case dscp_:
-    case fragment_: return 1;
-    case port_:
-    case destPort_:
-    case srcPort_:
-    case tcpFlags_:
-    case packetLength_: return 2;
-    case flowLabel_: return 4;
-    default: return 0;
+   case ipProtocol_:
+   case icmpType_:
+   case icmpCode_:
+   case dscp_:
+   case fragment_: return 1;
+   case port_:
+   case destPort_:
+   case srcPort_:
+   case tcpFlags_:
+   case packetLength_: return 2;
+   case flowLabel_: return 4;
+   default: return 0;
    }
 }
 

@@ -18,9 +18,13 @@ struct ActionName {
    char const* name;
 };
 constexpr ActionName kActionNames[] = {
-   {actionReserved, "actionReserved"}, {actionNone, "actionNone"},       {actionDrop, "actionDrop"},
-   {actionPolice, "actionPolice"},     {actionTrafficAction, "actionTrafficAction"},
-   {actionRedirect, "actionRedirect"}, {actionSetDscp, "actionSetDscp"},
+    {actionReserved, "actionReserved"},
+    {actionNone, "actionNone"},
+    {actionDrop, "actionDrop"},
+    {actionPolice, "actionPolice"},
+    {actionTrafficAction, "actionTrafficAction"},
+    {actionRedirect, "actionRedirect"},
+    {actionSetDscp, "actionSetDscp"},
 };
 
 std::string floatText(float f) {
@@ -50,23 +54,23 @@ std::string ActionFieldSet::str() const {
 
 std::string TrafficRedirect::str() const {
    return Ovk::ValueTextWriter("Flowspec::TrafficRedirect")
-      .field("vrfId", std::to_string(vrfId))
-      .field("address", address.str())
-      .field("copy", Ovk::boolText(copy))
-      .str();
+       .field("vrfId", std::to_string(vrfId))
+       .field("address", address.str())
+       .field("copy", Ovk::boolText(copy))
+       .str();
 }
 
 std::string Rule::str() const {
    return Ovk::ValueTextWriter("Flowspec::Rule")
-      .field("key", Ovk::quoted(key.toStrepCli()))
-      .field("ruleId", std::to_string(ruleId))
-      .field("reserved", std::to_string(reserved))
-      .field("actions", actions.str())
-      .field("rate", floatText(rate))
-      .field("trafficAction", std::to_string(trafficAction))
-      .field("trafficRedirect", trafficRedirect.str())
-      .field("dscp", std::to_string(dscp))
-      .str();
+       .field("key", Ovk::quoted(key.toStrepCli()))
+       .field("ruleId", std::to_string(ruleId))
+       .field("reserved", std::to_string(reserved))
+       .field("actions", actions.str())
+       .field("rate", floatText(rate))
+       .field("trafficAction", std::to_string(trafficAction))
+       .field("trafficRedirect", trafficRedirect.str())
+       .field("dscp", std::to_string(dscp))
+       .str();
 }
 
 bool operator==(Rule const& a, Rule const& b) noexcept {
@@ -99,7 +103,8 @@ bool ruleActionsFromText(std::string_view text, Rule& r, std::string* whyNot) {
    std::size_t pos = 0;
    while (pos < text.size()) {
       std::size_t const end = text.find_first_of(" ,", pos);
-      std::string_view const word = text.substr(pos, end == std::string_view::npos ? std::string_view::npos : end - pos);
+      std::string_view const word =
+          text.substr(pos, end == std::string_view::npos ? std::string_view::npos : end - pos);
       pos = end == std::string_view::npos ? text.size() : end + 1;
       if (word.empty()) continue;
       any = true;

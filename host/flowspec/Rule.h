@@ -13,13 +13,13 @@ namespace Flowspec {
 
 // Action bits of a rule.
 enum ActionField : std::uint32_t {
-   actionReserved = 0x01,       // not used by the flowspec export; counts as an action
-   actionNone = 0x02,           // no action: forward as usual
-   actionDrop = 0x04,           // traffic rate 0
-   actionPolice = 0x08,         // traffic rate limit (Rule::rate)
-   actionTrafficAction = 0x10,  // sample and/or terminal (Rule::trafficAction)
-   actionRedirect = 0x20,       // redirect to a VRF and/or an IP address (Rule::trafficRedirect)
-   actionSetDscp = 0x40,        // DSCP marking (Rule::dscp)
+   actionReserved = 0x01,      // not used by the flowspec export; counts as an action
+   actionNone = 0x02,          // no action: forward as usual
+   actionDrop = 0x04,          // traffic rate 0
+   actionPolice = 0x08,        // traffic rate limit (Rule::rate)
+   actionTrafficAction = 0x10, // sample and/or terminal (Rule::trafficAction)
+   actionRedirect = 0x20,      // redirect to a VRF and/or an IP address (Rule::trafficRedirect)
+   actionSetDscp = 0x40,       // DSCP marking (Rule::dscp)
 };
 
 class ActionFieldSet {
@@ -53,8 +53,8 @@ struct TrafficRedirect {
    static constexpr std::uint32_t noVrfId = 0xffffff;
 
    std::uint32_t vrfId = noVrfId;
-   Ovnet::IpGenAddr address;  // unspecified when no address is chosen
-   bool copy = false;         // redirect a copy and forward the original
+   Ovnet::IpGenAddr address; // unspecified when no address is chosen
+   bool copy = false;        // redirect a copy and forward the original
 
    // Value('Flowspec::TrafficRedirect', ** {'vrfId': ..., 'address': ..., 'copy': ...})
    std::string str() const;
@@ -62,14 +62,14 @@ struct TrafficRedirect {
 };
 
 struct Rule {
-   FlowspecSlateKey key;  // the rule's identity in the FSIB
+   FlowspecSlateKey key; // the rule's identity in the FSIB
    std::uint32_t ruleId = 0;
-   std::uint32_t reserved = 0;  // written as 0 by the flowspec export
+   std::uint32_t reserved = 0; // written as 0 by the flowspec export
    ActionFieldSet actions;
-   float rate = 0.0f;  // bytes per second, with actionPolice
+   float rate = 0.0f; // bytes per second, with actionPolice
    std::uint32_t trafficAction = 0;
    TrafficRedirect trafficRedirect;
-   std::uint8_t dscp = 0;  // low six bits, with actionSetDscp
+   std::uint8_t dscp = 0; // low six bits, with actionSetDscp
 
    // Value('Flowspec::Rule', ** {'key': '<rule text>', 'ruleId': ..., ...}), every field.
    std::string str() const;

@@ -4,10 +4,10 @@ namespace Flowspec {
 
 char const* toStrep(RuleIsResult r) {
    switch (r) {
-    case RuleIsResult::added: return "added";
-    case RuleIsResult::replaced: return "replaced";
-    case RuleIsResult::refusedFull: return "refusedFull";
-    case RuleIsResult::refusedDetached: return "refusedDetached";
+   case RuleIsResult::added: return "added";
+   case RuleIsResult::replaced: return "replaced";
+   case RuleIsResult::refusedFull: return "refusedFull";
+   case RuleIsResult::refusedDetached: return "refusedDetached";
    }
    return "?";
 }

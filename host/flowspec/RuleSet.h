@@ -20,10 +20,10 @@
 namespace Flowspec {
 
 enum class RuleIsResult : std::uint8_t {
-   added,            // a new rule
-   replaced,         // a rule with the same key was there and is replaced
-   refusedFull,      // the set holds ruleCapacity() rules already; nothing changed
-   refusedDetached,  // the writer has detached; nothing changed
+   added,           // a new rule
+   replaced,        // a rule with the same key was there and is replaced
+   refusedFull,     // the set holds ruleCapacity() rules already; nothing changed
+   refusedDetached, // the writer has detached; nothing changed
 };
 char const* toStrep(RuleIsResult r);
 

@@ -14,13 +14,11 @@ namespace Ovk {
 
 } // namespace Ovk
 
-#define OVK_ASSERT(expr)                                                                  \
-   ((expr) ? static_cast<void>(0)                                                         \
-           : ::Ovk::assertFailed(#expr, __FILE__, __LINE__, __PRETTY_FUNCTION__))
+#define OVK_ASSERT(expr)                                                                                               \
+   ((expr) ? static_cast<void>(0) : ::Ovk::assertFailed(#expr, __FILE__, __LINE__, __PRETTY_FUNCTION__))
 
-#define OVK_ASSERT_MSG(cond, text)                                                        \
-   ((cond) ? static_cast<void>(0)                                                         \
-           : ::Ovk::assertFailed(text, __FILE__, __LINE__, __PRETTY_FUNCTION__))
+#define OVK_ASSERT_MSG(cond, text)                                                                                     \
+   ((cond) ? static_cast<void>(0) : ::Ovk::assertFailed(text, __FILE__, __LINE__, __PRETTY_FUNCTION__))
 
 // Unconditional fatal error with the given text.
 #define OVK_FATAL(text) ::Ovk::assertFailed(text, __FILE__, __LINE__, __PRETTY_FUNCTION__)

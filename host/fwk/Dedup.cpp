@@ -11,9 +11,9 @@ constexpr std::size_t kNone = ~std::size_t{0};
 
 char const* toStrep(DedupHandleState s) {
    switch (s) {
-    case DedupHandleState::neverDeduped: return "neverDeduped";
-    case DedupHandleState::deduped: return "deduped";
-    case DedupHandleState::orphan: return "orphan";
+   case DedupHandleState::neverDeduped: return "neverDeduped";
+   case DedupHandleState::deduped: return "deduped";
+   case DedupHandleState::orphan: return "orphan";
    }
    return "?";
 }

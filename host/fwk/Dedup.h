@@ -105,8 +105,10 @@ class DedupHashTable : public PtrInterface {
    void notifieeIs(Ptr<DedupTableNotifiee> const& n);
 
    // Calls f(handle) for every entry, in no particular order. f must not change the table.
-   template <class F> void forEach(F&& f) const {
-      for (Slot const s : slots_) if (s) f(handleOf(s));
+   template <class F>
+   void forEach(F&& f) const {
+      for (Slot const s : slots_)
+         if (s) f(handleOf(s));
    }
 
  protected:

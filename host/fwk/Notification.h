@@ -36,7 +36,9 @@ class NotifyingCollection : public PtrInterface {
    class Reactor : public NotificationSwitch {
     public:
       explicit Reactor(Ptr<NotifyingCollection> notifier) : notifier_(std::move(notifier)) {}
-      ~Reactor() override { if (attached_) notifier_->detach(this); }
+      ~Reactor() override {
+         if (attached_) notifier_->detach(this);
+      }
       Reactor(Reactor const&) = delete;
       Reactor& operator=(Reactor const&) = delete;
 
@@ -104,7 +106,10 @@ class NotifyingCollection : public PtrInterface {
    void detach(Reactor* r) {
       auto it = std::find(reactors_.begin(), reactors_.end(), r);
       if (it == reactors_.end()) return;
-      if (notifying_) *it = nullptr; else reactors_.erase(it);
+      if (notifying_)
+         *it = nullptr;
+      else
+         reactors_.erase(it);
    }
    void notify(Key const& key) {
       ++notifying_;

@@ -41,7 +41,10 @@ class PtrInterface {
    // when every remaining reference is anchored, onOnlyAnchoredReferences() runs so the
    // owner of the anchors can let go of them.
    void anchoredReferenceInc() const { ++anchoredRefs_; }
-   void anchoredReferenceDec() const { OVK_ASSERT(anchoredRefs_ > 0); --anchoredRefs_; }
+   void anchoredReferenceDec() const {
+      OVK_ASSERT(anchoredRefs_ > 0);
+      --anchoredRefs_;
+   }
    std::uint32_t anchoredReferences() const { return anchoredRefs_; }
 
  protected:
@@ -63,16 +66,27 @@ class Ptr {
 
    Ptr() noexcept = default;
    Ptr(std::nullptr_t) noexcept {} // NOLINT(google-explicit-constructor)
-   Ptr(T* p) noexcept : p_(p) { if (p_) p_->newRef(); } // NOLINT(google-explicit-constructor)
-   Ptr(Ptr const& o) noexcept : p_(o.p_) { if (p_) p_->newRef(); }
+   Ptr(T* p) noexcept : p_(p) {
+      if (p_) p_->newRef();
+   } // NOLINT(google-explicit-constructor)
+   Ptr(Ptr const& o) noexcept : p_(o.p_) {
+      if (p_) p_->newRef();
+   }
    Ptr(Ptr&& o) noexcept : p_(std::exchange(o.p_, nullptr)) {}
    template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
-   Ptr(Ptr<U> const& o) noexcept : p_(o.ptr()) { if (p_) p_->newRef(); } // NOLINT
+   Ptr(Ptr<U> const& o) noexcept : p_(o.ptr()) {
+      if (p_) p_->newRef();
+   } // NOLINT
    template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
    Ptr(Ptr<U>&& o) noexcept : p_(o.release()) {} // NOLINT
-   ~Ptr() { if (p_) p_->deleteRef(); }
+   ~Ptr() {
+      if (p_) p_->deleteRef();
+   }
 
-   Ptr& operator=(Ptr o) noexcept { std::swap(p_, o.p_); return *this; }
+   Ptr& operator=(Ptr o) noexcept {
+      std::swap(p_, o.p_);
+      return *this;
+   }
 
    T* ptr() const noexcept { return p_; }
    T* operator->() const noexcept { return p_; }
@@ -82,12 +96,22 @@ class Ptr {
    // Gives up ownership without dropping the reference.
    T* release() noexcept { return std::exchange(p_, nullptr); }
    // Adopts a pointer whose reference the caller already holds.
-   static Ptr adopt(T* p) noexcept { Ptr r; r.p_ = p; return r; }
+   static Ptr adopt(T* p) noexcept {
+      Ptr r;
+      r.p_ = p;
+      return r;
+   }
 
-   template <class U> bool operator==(Ptr<U> const& o) const noexcept { return p_ == o.ptr(); }
+   template <class U>
+   bool operator==(Ptr<U> const& o) const noexcept {
+      return p_ == o.ptr();
+   }
    bool operator==(std::nullptr_t) const noexcept { return p_ == nullptr; }
    // By address: interned objects are ordered by identity.
-   template <class U> bool operator<(Ptr<U> const& o) const noexcept { return p_ < o.ptr(); }
+   template <class U>
+   bool operator<(Ptr<U> const& o) const noexcept {
+      return p_ < o.ptr();
+   }
 
  private:
    T* p_ = nullptr;

@@ -74,7 +74,9 @@ class ManualScheduler : public TaskScheduler {
  public:
    static Ptr<ManualScheduler> create() { return makePtr<ManualScheduler>(); }
 
-   TaskId post(Task task, std::string name = {}) override { return postAfter(Duration::zero(), std::move(task), std::move(name)); }
+   TaskId post(Task task, std::string name = {}) override {
+      return postAfter(Duration::zero(), std::move(task), std::move(name));
+   }
    TaskId postAfter(Duration delay, Task task, std::string name = {}) override;
    bool cancel(TaskId id) override;
    Clock::time_point now() const override { return now_; }

@@ -38,12 +38,12 @@ std::string quoted(std::string_view bytes) {
    for (char c : bytes) {
       auto const u = static_cast<unsigned char>(c);
       switch (c) {
-       case '\\': out += "\\\\"; break;
-       case '\'': out += "\\'"; break;
-       case '\n': out += "\\n"; break;
-       case '\r': out += "\\r"; break;
-       case '\t': out += "\\t"; break;
-       default:
+      case '\\': out += "\\\\"; break;
+      case '\'': out += "\\'"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      default:
          if (u >= 0x20 && u < 0x7f) {
             out.push_back(c);
          } else {

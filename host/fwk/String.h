@@ -21,7 +21,7 @@ class String {
 
    String() noexcept { std::memset(rep_, 0, sizeof(rep_)); }
    String(std::string_view s) { init(s.data(), s.size()); } // NOLINT(google-explicit-constructor)
-   String(char const* s) : String(std::string_view(s)) {}  // NOLINT(google-explicit-constructor)
+   String(char const* s) : String(std::string_view(s)) {}   // NOLINT(google-explicit-constructor)
    String(std::uint8_t const* data, std::size_t n) { init(reinterpret_cast<char const*>(data), n); }
    explicit String(std::span<std::uint8_t const> b) : String(b.data(), b.size()) {}
    String(String const& o) { init(o.data(), o.size()); }
@@ -30,14 +30,22 @@ class String {
       std::memset(o.rep_, 0, sizeof(o.rep_));
    }
    String& operator=(String const& o) {
-      if (this != &o) { String t(o); swap(t); }
+      if (this != &o) {
+         String t(o);
+         swap(t);
+      }
       return *this;
    }
    String& operator=(String&& o) noexcept {
-      if (this != &o) { String t(std::move(o)); swap(t); }
+      if (this != &o) {
+         String t(std::move(o));
+         swap(t);
+      }
       return *this;
    }
-   ~String() { if (isHeap()) delete[] heapPtr(); }
+   ~String() {
+      if (isHeap()) delete[] heapPtr();
+   }
 
    void swap(String& o) noexcept {
       unsigned char t[sizeof(rep_)];
@@ -46,11 +54,13 @@ class String {
       std::memcpy(o.rep_, t, sizeof(rep_));
    }
 
-   std::size_t size() const noexcept { std::uint32_t n; std::memcpy(&n, rep_, 4); return n; }
-   bool empty() const noexcept { return size() == 0; }
-   char const* data() const noexcept {
-      return isHeap() ? heapPtr() : reinterpret_cast<char const*>(rep_ + 4);
+   std::size_t size() const noexcept {
+      std::uint32_t n;
+      std::memcpy(&n, rep_, 4);
+      return n;
    }
+   bool empty() const noexcept { return size() == 0; }
+   char const* data() const noexcept { return isHeap() ? heapPtr() : reinterpret_cast<char const*>(rep_ + 4); }
    std::uint8_t const* bytes() const noexcept { return reinterpret_cast<std::uint8_t const*>(data()); }
    std::string_view view() const noexcept { return {data(), size()}; }
    std::span<std::uint8_t const> span() const noexcept { return {bytes(), size()}; }
@@ -67,7 +77,11 @@ class String {
 
  private:
    bool isHeap() const noexcept { return size() > kInlineCapacity; }
-   char* heapPtr() const noexcept { char* p; std::memcpy(&p, rep_ + 8, sizeof(p)); return p; }
+   char* heapPtr() const noexcept {
+      char* p;
+      std::memcpy(&p, rep_ + 8, sizeof(p));
+      return p;
+   }
    void init(char const* s, std::size_t n);
 
    // bytes 0-3: size; bytes 4-15: inline data, or bytes 8-15: heap pointer.

@@ -87,8 +87,10 @@ std::string qualifiedFunctionName(std::string_view pf) {
    std::size_t open = std::string_view::npos;
    for (std::size_t i = 0; i < pf.size(); ++i) {
       char c = pf[i];
-      if (c == '<') ++angle;
-      else if (c == '>' && angle > 0) --angle;
+      if (c == '<')
+         ++angle;
+      else if (c == '>' && angle > 0)
+         --angle;
       else if (c == '(' && angle == 0) {
          if (i >= 8 && pf.substr(i - 8, 8) == "operator" && i + 1 < pf.size() && pf[i + 1] == ')') {
             ++i;
@@ -104,9 +106,12 @@ std::string qualifiedFunctionName(std::string_view pf) {
    std::size_t start = 0;
    for (std::size_t i = 0; i < head.size(); ++i) {
       char c = head[i];
-      if (c == '<') ++angle;
-      else if (c == '>' && angle > 0) --angle;
-      else if (c == ' ' && angle == 0) start = i + 1;
+      if (c == '<')
+         ++angle;
+      else if (c == '>' && angle > 0)
+         --angle;
+      else if (c == ' ' && angle == 0)
+         start = i + 1;
    }
    std::string_view name = head.substr(start);
    while (!name.empty() && (name.front() == '*' || name.front() == '&')) name.remove_prefix(1);

@@ -30,7 +30,7 @@ namespace Ovk {
 // Where a trace statement is: computed once per statement, the first time it is enabled.
 struct TraceSite {
    TraceSite(char const* file, int line, char const* prettyFunction);
-   std::string file;     // base name without extension
+   std::string file; // base name without extension
    int line;
    std::string function; // qualified name, without return type, parameters or "Routing::Bgp::"
 };
@@ -78,9 +78,7 @@ class TraceFacility {
 
    std::string const& name() const { return name_; }
    std::string const& ringName() const { return ringName_; }
-   bool enabled(int level) const {
-      return (levels_.load(std::memory_order_relaxed) >> level) & 1u;
-   }
+   bool enabled(int level) const { return (levels_.load(std::memory_order_relaxed) >> level) & 1u; }
    std::uint32_t enabledLevels() const { return levels_.load(std::memory_order_relaxed); }
    // Bit n enables level n.
    void enabledLevelsIs(std::uint32_t mask) { levels_.store(mask & 0x3ffu, std::memory_order_relaxed); }
@@ -179,19 +177,19 @@ class TraceBlockTimer {
 } // namespace Ovk
 
 // Times the rest of the enclosing block on `facility` (see TraceBlockTimer).
-#define OVK_TRACE_BLOCK_TIMER(facility)                                                   \
-   static ::Ovk::TraceSite const ovkTimerSite_(__FILE__, __LINE__, __PRETTY_FUNCTION__);  \
+#define OVK_TRACE_BLOCK_TIMER(facility)                                                                                \
+   static ::Ovk::TraceSite const ovkTimerSite_(__FILE__, __LINE__, __PRETTY_FUNCTION__);                               \
    ::Ovk::TraceBlockTimer const ovkBlockTimer_((facility), ovkTimerSite_)
 
 // Traces `expr` (stream insertions) at `level` on `facility`; nothing is built when the
 // level is off.
-#define OVK_TRACE(facility, level, expr)                                                  \
-   do {                                                                                   \
-      ::Ovk::TraceFacility& ovkTraceFacility_ = (facility);                               \
-      if (ovkTraceFacility_.enabled(level)) [[unlikely]] {                                \
-         static ::Ovk::TraceSite const ovkTraceSite_(__FILE__, __LINE__, __PRETTY_FUNCTION__); \
-         std::ostringstream ovkTraceStream_;                                              \
-         ovkTraceStream_ << expr;                                                         \
-         ovkTraceFacility_.write(ovkTraceSite_, level, ovkTraceStream_.view());           \
-      }                                                                                   \
+#define OVK_TRACE(facility, level, expr)                                                                               \
+   do {                                                                                                                \
+      ::Ovk::TraceFacility& ovkTraceFacility_ = (facility);                                                            \
+      if (ovkTraceFacility_.enabled(level)) [[unlikely]] {                                                             \
+         static ::Ovk::TraceSite const ovkTraceSite_(__FILE__, __LINE__, __PRETTY_FUNCTION__);                         \
+         std::ostringstream ovkTraceStream_;                                                                           \
+         ovkTraceStream_ << expr;                                                                                      \
+         ovkTraceFacility_.write(ovkTraceSite_, level, ovkTraceStream_.view());                                        \
+      }                                                                                                                \
    } while (0)

@@ -87,20 +87,20 @@ String ValueTextParser::string() {
       if (pos_ == end_) fail("unterminated escape at offset " + std::to_string(offset()));
       char e = *pos_++;
       switch (e) {
-       case '\\': out.push_back('\\'); break;
-       case '\'': out.push_back('\''); break;
-       case 'n': out.push_back('\n'); break;
-       case 'r': out.push_back('\r'); break;
-       case 't': out.push_back('\t'); break;
-       case 'x': {
-          if (end_ - pos_ < 2 || hexVal(pos_[0]) < 0 || hexVal(pos_[1]) < 0) {
-             fail("bad \\x escape at offset " + std::to_string(offset()));
-          }
-          out.push_back(static_cast<char>(hexVal(pos_[0]) * 16 + hexVal(pos_[1])));
-          pos_ += 2;
-          break;
-       }
-       default: --pos_; fail("unknown escape at offset " + std::to_string(offset()));
+      case '\\': out.push_back('\\'); break;
+      case '\'': out.push_back('\''); break;
+      case 'n': out.push_back('\n'); break;
+      case 'r': out.push_back('\r'); break;
+      case 't': out.push_back('\t'); break;
+      case 'x': {
+         if (end_ - pos_ < 2 || hexVal(pos_[0]) < 0 || hexVal(pos_[1]) < 0) {
+            fail("bad \\x escape at offset " + std::to_string(offset()));
+         }
+         out.push_back(static_cast<char>(hexVal(pos_[0]) * 16 + hexVal(pos_[1])));
+         pos_ += 2;
+         break;
+      }
+      default: --pos_; fail("unknown escape at offset " + std::to_string(offset()));
       }
    }
    return String(out);

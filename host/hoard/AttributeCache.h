@@ -65,9 +65,7 @@ class NameMap {
 class AttributeCacheEntry : public Ovk::PtrInterface {
  public:
    explicit AttributeCacheEntry(std::type_index type) : type_(type) {}
-   static Ovk::Ptr<AttributeCacheEntry> create(std::type_index type) {
-      return Ovk::makePtr<AttributeCacheEntry>(type);
-   }
+   static Ovk::Ptr<AttributeCacheEntry> create(std::type_index type) { return Ovk::makePtr<AttributeCacheEntry>(type); }
 
    // The dynamic type identity the entry is keyed by.
    std::type_index type() const { return type_; }

@@ -30,13 +30,13 @@ bool operator==(MountInfo const& a, MountInfo const& b) {
 
 char const* toStrep(MountStatus s) {
    switch (s) {
-    case MountStatus::mounted: return "mounted";
-    case MountStatus::alreadyMounted: return "alreadyMounted";
-    case MountStatus::badPath: return "badPath";
-    case MountStatus::unknownType: return "unknownType";
-    case MountStatus::badCollections: return "badCollections";
-    case MountStatus::conflict: return "conflict";
-    case MountStatus::segmentError: return "segmentError";
+   case MountStatus::mounted: return "mounted";
+   case MountStatus::alreadyMounted: return "alreadyMounted";
+   case MountStatus::badPath: return "badPath";
+   case MountStatus::unknownType: return "unknownType";
+   case MountStatus::badCollections: return "badCollections";
+   case MountStatus::conflict: return "conflict";
+   case MountStatus::segmentError: return "segmentError";
    }
    return "?";
 }

@@ -50,13 +50,13 @@ class MountInfo {
 };
 
 enum class MountStatus : std::uint8_t {
-   mounted,         // attached; the entity is at the path
-   alreadyMounted,  // the path was mounted with the same type and information; shared
-   badPath,         // the path cannot name a segment under the prefix
-   unknownType,     // no entity of that type can be mounted
-   badCollections,  // the information does not describe the type's collections
-   conflict,        // the path is mounted with another type or other information
-   segmentError,    // the shared-memory segment could not be attached (see the trace)
+   mounted,        // attached; the entity is at the path
+   alreadyMounted, // the path was mounted with the same type and information; shared
+   badPath,        // the path cannot name a segment under the prefix
+   unknownType,    // no entity of that type can be mounted
+   badCollections, // the information does not describe the type's collections
+   conflict,       // the path is mounted with another type or other information
+   segmentError,   // the shared-memory segment could not be attached (see the trace)
 };
 char const* toStrep(MountStatus s);
 
@@ -66,7 +66,7 @@ struct MountType {
    // status the mount ends with (badCollections or segmentError), its cause traced by the
    // factory.
    using Factory = std::function<Ovk::Result<Ovk::Ptr<Ovk::PtrInterface>, MountStatus>(std::string const& segment,
-                                                                                         MountInfo const& info)>;
+                                                                                       MountInfo const& info)>;
    Factory make;
    // Before the last unmount, when set: the entity stops writing.
    std::function<void(Ovk::PtrInterface& entity)> cleanup;

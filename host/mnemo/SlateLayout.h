@@ -39,31 +39,31 @@
 
 namespace Mnemo::SlateLayout {
 
-inline constexpr std::uint64_t segmentMagic = 0x3145544c534b564fULL;  // "OVKSLTE1" read backwards
+inline constexpr std::uint64_t segmentMagic = 0x3145544c534b564fULL; // "OVKSLTE1" read backwards
 inline constexpr std::uint32_t formatVersion = 1;
 inline constexpr std::uint32_t headerBytes = 256;
-inline constexpr std::uint32_t blockMagic = 0x6b636c42;  // "Blck"
+inline constexpr std::uint32_t blockMagic = 0x6b636c42; // "Blck"
 inline constexpr std::uint32_t bucketTombstone = 0xffffffffu;
-inline constexpr std::uint32_t flagRetired = 0x1;  // replaced by a segment of another shape
+inline constexpr std::uint32_t flagRetired = 0x1; // replaced by a segment of another shape
 // The largest collection a segment describes (slot numbers and block offsets stay in 32 bits).
 inline constexpr std::uint32_t maxCapacity = 1u << 18;
 
 struct Header {
-   std::atomic<std::uint64_t> magic;  // stored last when the segment is created
+   std::atomic<std::uint64_t> magic; // stored last when the segment is created
    std::uint32_t formatVersion;
    std::uint32_t headerBytes;
-   std::uint32_t capacity;      // slots
-   std::uint32_t indexBuckets;  // a power of two, at least twice the capacity
+   std::uint32_t capacity;     // slots
+   std::uint32_t indexBuckets; // a power of two, at least twice the capacity
    std::uint64_t slotsOffset;
    std::uint64_t indexOffset[2];
    std::uint64_t heapOffset;
-   std::uint64_t mapBytes;  // the most the segment can grow to; what every process maps
-   std::atomic<std::uint64_t> segmentBytes;  // the segment's size now; nothing beyond is touched
-   std::atomic<std::uint64_t> heapUsed;      // bytes of the heap that hold blocks
-   std::atomic<std::uint64_t> generation;    // bumped to odd before and to even after a change
-   std::atomic<std::uint64_t> indexEpoch;    // the index buffer in use is indexEpoch & 1
+   std::uint64_t mapBytes;                  // the most the segment can grow to; what every process maps
+   std::atomic<std::uint64_t> segmentBytes; // the segment's size now; nothing beyond is touched
+   std::atomic<std::uint64_t> heapUsed;     // bytes of the heap that hold blocks
+   std::atomic<std::uint64_t> generation;   // bumped to odd before and to even after a change
+   std::atomic<std::uint64_t> indexEpoch;   // the index buffer in use is indexEpoch & 1
    std::atomic<std::uint32_t> ruleCount;
-   std::atomic<std::uint32_t> writerPid;  // 0 when no writer is attached
+   std::atomic<std::uint32_t> writerPid; // 0 when no writer is attached
    std::atomic<std::uint32_t> flags;
    std::uint32_t reserved0;
    // Counters: rules added, replaced, deleted one by one, delete-all calls, adds refused
@@ -87,18 +87,18 @@ enum Word : std::uint32_t {
    wordRuleId,
    wordReserved,
    wordActions,
-   wordRate,           // the float's bits
+   wordRate, // the float's bits
    wordTrafficAction,
    wordVrfId,
-   wordMisc,           // bits 0-7 address family, 8 copy, 16-23 DSCP
-   wordAddress,        // four words: the sixteen address bytes as stored by Ovnet::IpGenAddr
+   wordMisc,    // bits 0-7 address family, 8 copy, 16-23 DSCP
+   wordAddress, // four words: the sixteen address bytes as stored by Ovnet::IpGenAddr
    recordHeaderWords = wordAddress + 4,
 };
 
 // Block sizes: steps of about 1.5 so a record wastes at most a third of its block. The largest
 // holds a record with a 2048-word key.
-inline constexpr std::array<std::uint32_t, 16> blockClassBytes = {
-   64, 96, 128, 192, 256, 384, 512, 768, 1024, 1536, 2048, 3072, 4096, 6144, 8192, 12288};
+inline constexpr std::array<std::uint32_t, 16> blockClassBytes = {64,   96,   128,  192,  256,  384,  512,  768,
+                                                                  1024, 1536, 2048, 3072, 4096, 6144, 8192, 12288};
 
 constexpr std::uint32_t recordBytes(std::uint32_t keyWords) { return (recordHeaderWords + keyWords) * 4; }
 

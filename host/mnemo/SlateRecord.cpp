@@ -21,7 +21,7 @@ void store(std::uint32_t* block, Flowspec::Rule const& rule) {
    storeWord(block + wordVrfId, rule.trafficRedirect.vrfId);
    Ovnet::IpGenAddr const& a = rule.trafficRedirect.address;
    storeWord(block + wordMisc, static_cast<std::uint32_t>(a.af()) | (rule.trafficRedirect.copy ? 1u << 8 : 0u) |
-                                  (std::uint32_t{rule.dscp} << 16));
+                                   (std::uint32_t{rule.dscp} << 16));
    std::uint32_t addr[4];
    std::memcpy(addr, a.storage().data(), sizeof addr);
    for (std::uint32_t i = 0; i < 4; ++i) storeWord(block + wordAddress + i, addr[i]);

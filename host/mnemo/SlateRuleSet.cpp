@@ -48,7 +48,7 @@ std::optional<SlateMapping> mapSegment(int fd, std::uint64_t bytes, bool writabl
 } // namespace
 
 SlateRuleSet::SlateRuleSet(std::string name, SlateMapping mapping)
-   : name_(std::move(name)), map_(std::move(mapping)), hdr_(reinterpret_cast<Header*>(map_.base())) {}
+    : name_(std::move(name)), map_(std::move(mapping)), hdr_(reinterpret_cast<Header*>(map_.base())) {}
 
 SlateRuleSet::~SlateRuleSet() {
    if (!detached_) {
@@ -116,7 +116,7 @@ Ovk::Result<Ovk::Ptr<SlateRuleSet>, SlateError> SlateRuleSet::attach(std::string
          return Ovk::failure(SlateError::writerActive);
       }
       if (!set->hdr_->writerPid.compare_exchange_strong(expected, selfPid(), std::memory_order_acq_rel)) {
-         set->detached_ = true;  // not ours to release
+         set->detached_ = true; // not ours to release
          return Ovk::failure(SlateError::writerActive);
       }
       set->recover();
@@ -150,7 +150,7 @@ void SlateRuleSet::recover() {
    heapOffset_ = hdr_->heapOffset;
    fileBytes_ = std::min<std::uint64_t>(map_.fileBytes(), hdr_->mapBytes);
    hdr_->segmentBytes.store(fileBytes_, std::memory_order_release);
-   beginChange();  // stays odd if the last writer died mid-change
+   beginChange(); // stays odd if the last writer died mid-change
    // The heap is a sequence of blocks; stop at the first that is not one (a block the last
    // writer had not finished, or nothing at all) and reuse everything from there.
    heapUsed_ = std::min(hdr_->heapUsed.load(std::memory_order_relaxed), fileBytes_ - heapOffset_);
@@ -202,8 +202,8 @@ void SlateRuleSet::recover() {
    rebuildIndex(hashAndSlot);
    bump(hdr_->writerAttaches);
    endChange();
-   OVK_TRACE(mnemoTrace(), 5, name_ << ": writer attached with " << hashAndSlot.size() << " rules, generation "
-                                    << generation_);
+   OVK_TRACE(mnemoTrace(), 5,
+             name_ << ": writer attached with " << hashAndSlot.size() << " rules, generation " << generation_);
 }
 
 std::uint64_t SlateRuleSet::generation() const { return hdr_->generation.load(std::memory_order_acquire); }
@@ -429,7 +429,8 @@ void SlateRuleSet::forEachRule(std::function<bool(Flowspec::Rule const&)> const&
       if (off == 0) continue;
       if (auto r = SlateRecord::decode(blockWords(off))) rules.push_back(std::move(*r));
    }
-   std::sort(rules.begin(), rules.end(), [](Flowspec::Rule const& a, Flowspec::Rule const& b) { return a.key < b.key; });
+   std::sort(rules.begin(), rules.end(),
+             [](Flowspec::Rule const& a, Flowspec::Rule const& b) { return a.key < b.key; });
    for (auto const& r : rules) {
       if (!visit(r)) break;
    }

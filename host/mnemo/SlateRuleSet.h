@@ -32,7 +32,7 @@ class SlateRuleSet final : public Flowspec::RuleSet {
    // attaches to the one there. Fails with badName, badCapacity,
    // openFailed, or writerActive.
    static Ovk::Result<Ovk::Ptr<SlateRuleSet>, SlateError> attach(std::string const& segmentName,
-                                                                  std::uint32_t capacity);
+                                                                 std::uint32_t capacity);
 
    // Adds or replaces. A full collection refuses a new key (refusedFull, counted in the
    // header); so does a heap that cannot grow (the system is out of shared memory).
@@ -66,9 +66,9 @@ class SlateRuleSet final : public Flowspec::RuleSet {
 
    struct Probe {
       bool found = false;
-      std::uint32_t bucket = 0;    // where the key is, when found
-      std::uint32_t slot = 0;      // its slot, when found
-      std::uint32_t insertAt = 0;  // otherwise: the first tombstone or the empty bucket
+      std::uint32_t bucket = 0;   // where the key is, when found
+      std::uint32_t slot = 0;     // its slot, when found
+      std::uint32_t insertAt = 0; // otherwise: the first tombstone or the empty bucket
       bool insertAtEmpty = false;
    };
    Probe probe(std::span<std::uint32_t const> key, std::uint32_t hash) const;
@@ -94,7 +94,7 @@ class SlateRuleSet final : public Flowspec::RuleSet {
    std::uint64_t heapUsed_ = 0;
    std::uint64_t fileBytes_ = 0;
    std::uint64_t generation_ = 0;
-   std::uint32_t indexUsed_ = 0;  // live and tombstone buckets of the active index
+   std::uint32_t indexUsed_ = 0; // live and tombstone buckets of the active index
    bool detached_ = false;
    // Private bookkeeping, rebuilt from the segment on attach.
    std::vector<std::uint32_t> freeSlots_;

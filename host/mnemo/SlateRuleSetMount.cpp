@@ -34,7 +34,9 @@ MountStatus mountFsib(EntityManager& em, std::uint32_t ruleCount) {
    return em.doMount(fsibPath, fsibType, MountInfo().collectionIs(fsibCollection, ruleCount));
 }
 
-Ovk::Ptr<Flowspec::RuleSet> fsibOf(EntityManager const& em) { return Ovk::ptrCast<Flowspec::RuleSet>(em.getEntity(fsibPath)); }
+Ovk::Ptr<Flowspec::RuleSet> fsibOf(EntityManager const& em) {
+   return Ovk::ptrCast<Flowspec::RuleSet>(em.getEntity(fsibPath));
+}
 
 void unmountFsib(EntityManager& em) {
    if (em.mountCount(fsibPath) == 0) return;

@@ -27,15 +27,15 @@ constexpr unsigned maxLookupAttempts = 100;
 
 char const* toStrep(SnapshotStatus s) {
    switch (s) {
-    case SnapshotStatus::consistent: return "consistent";
-    case SnapshotStatus::writerGone: return "writerGone";
-    case SnapshotStatus::unsettled: return "unsettled";
+   case SnapshotStatus::consistent: return "consistent";
+   case SnapshotStatus::writerGone: return "writerGone";
+   case SnapshotStatus::unsettled: return "unsettled";
    }
    return "?";
 }
 
 SlateRuleSetReader::SlateRuleSetReader(std::string name, SlateMapping mapping)
-   : name_(std::move(name)), map_(std::move(mapping)) {
+    : name_(std::move(name)), map_(std::move(mapping)) {
    // The geometry as checked at open; the header's copy is not read again, so damage to it
    // cannot lead the reader outside the mapping.
    geometry_ = SlateLayout::geometryFor(hdr().capacity);
@@ -73,9 +73,7 @@ std::uint32_t SlateRuleSetReader::ruleCount() const { return hdr().ruleCount.loa
 std::uint64_t SlateRuleSetReader::segmentBytes() const { return hdr().segmentBytes.load(std::memory_order_acquire); }
 std::uint32_t SlateRuleSetReader::writerPid() const { return hdr().writerPid.load(std::memory_order_acquire); }
 bool SlateRuleSetReader::writerAlive() const { return processAlive(writerPid()); }
-bool SlateRuleSetReader::retired() const {
-   return (hdr().flags.load(std::memory_order_acquire) & flagRetired) != 0;
-}
+bool SlateRuleSetReader::retired() const { return (hdr().flags.load(std::memory_order_acquire) & flagRetired) != 0; }
 
 bool SlateRuleSetReader::within(std::uint64_t end) {
    if (end <= knownBytes_) return true;

@@ -30,31 +30,31 @@
 namespace Mnemo {
 
 enum class SnapshotStatus : std::uint8_t {
-   consistent,  // the table as it was at `generation`
-   writerGone,  // the writer died mid-change; the table as it lies, which no one changes now
-   unsettled,   // the writer kept changing the table; each rule is whole, the set may be mixed
+   consistent, // the table as it was at `generation`
+   writerGone, // the writer died mid-change; the table as it lies, which no one changes now
+   unsettled,  // the writer kept changing the table; each rule is whole, the set may be mixed
 };
 char const* toStrep(SnapshotStatus s);
 
 enum class SnapshotOrder : std::uint8_t {
-   keyOrder,   // FlowspecSlateKey::cmp: rule precedence, as RuleSet::forEachRule visits
-   slotOrder,  // as the rules lie in the segment; saves the sort (most of a large snapshot's cost)
+   keyOrder,  // FlowspecSlateKey::cmp: rule precedence, as RuleSet::forEachRule visits
+   slotOrder, // as the rules lie in the segment; saves the sort (most of a large snapshot's cost)
 };
 
 struct SlateSnapshot {
    std::uint64_t generation = 0;
    SnapshotStatus status = SnapshotStatus::unsettled;
-   std::uint32_t ruleCount = 0;  // the header's count, read with the rules
+   std::uint32_t ruleCount = 0; // the header's count, read with the rules
    SlateCounters counters;
-   std::vector<Flowspec::Rule> rules;  // in the order asked for
+   std::vector<Flowspec::Rule> rules; // in the order asked for
 };
 
 struct SlateReadStats {
-   std::uint64_t slotReads = 0;        // slot reads that gave a rule or found the slot empty
-   std::uint64_t slotRetries = 0;      // copies thrown away because the slot changed meanwhile
-   std::uint64_t indexRetries = 0;     // lookups repeated because the index was rebuilt meanwhile
-   std::uint64_t snapshotRetries = 0;  // passes repeated because the generation moved
-   std::uint64_t damaged = 0;          // records that are not records although their slot held still
+   std::uint64_t slotReads = 0;       // slot reads that gave a rule or found the slot empty
+   std::uint64_t slotRetries = 0;     // copies thrown away because the slot changed meanwhile
+   std::uint64_t indexRetries = 0;    // lookups repeated because the index was rebuilt meanwhile
+   std::uint64_t snapshotRetries = 0; // passes repeated because the generation moved
+   std::uint64_t damaged = 0;         // records that are not records although their slot held still
 };
 
 class SlateRuleSetReader {
@@ -104,7 +104,7 @@ class SlateRuleSetReader {
    SlateLayout::Geometry geometry_{};
    std::uint32_t capacity_ = 0;
    std::uint64_t const* slots_ = nullptr;
-   std::uint64_t knownBytes_ = 0;  // how much of the segment is safe to touch
+   std::uint64_t knownBytes_ = 0; // how much of the segment is safe to touch
    std::vector<std::uint32_t> scratch_;
    SlateReadStats stats_;
 };

@@ -28,12 +28,12 @@ Ovk::TraceFacility& mnemoTrace() {
 
 char const* toStrep(SlateError e) {
    switch (e) {
-    case SlateError::badName: return "badName";
-    case SlateError::badCapacity: return "badCapacity";
-    case SlateError::noSegment: return "noSegment";
-    case SlateError::openFailed: return "openFailed";
-    case SlateError::notASegment: return "notASegment";
-    case SlateError::writerActive: return "writerActive";
+   case SlateError::badName: return "badName";
+   case SlateError::badCapacity: return "badCapacity";
+   case SlateError::noSegment: return "noSegment";
+   case SlateError::openFailed: return "openFailed";
+   case SlateError::notASegment: return "notASegment";
+   case SlateError::writerActive: return "writerActive";
    }
    return "?";
 }
@@ -47,7 +47,7 @@ std::optional<std::string> slateSegmentName(std::string_view prefix, std::string
    bool componentStart = true;
    for (char c : path) {
       if (c == '/') {
-         if (componentStart) return std::nullopt;  // leading '/' or "//"
+         if (componentStart) return std::nullopt; // leading '/' or "//"
          name += '.';
          componentStart = true;
       } else if (nameChar(c)) {
@@ -57,7 +57,7 @@ std::optional<std::string> slateSegmentName(std::string_view prefix, std::string
          return std::nullopt;
       }
    }
-   if (componentStart) return std::nullopt;  // trailing '/'
+   if (componentStart) return std::nullopt; // trailing '/'
    // The name without its leading '/' is a file name under /dev/shm.
    if (name.size() - 1 > NAME_MAX) return std::nullopt;
    return name;
@@ -76,19 +76,18 @@ bool headerIsWellFormed(SlateLayout::Header const& h) {
    if (h.formatVersion != formatVersion || h.headerBytes != headerBytes) return false;
    if (h.capacity == 0 || h.capacity > maxCapacity) return false;
    Geometry const g = geometryFor(h.capacity);
-   return h.indexBuckets == g.indexBuckets && h.slotsOffset == g.slotsOffset &&
-          h.indexOffset[0] == g.indexOffset[0] && h.indexOffset[1] == g.indexOffset[1] &&
-          h.heapOffset == g.heapOffset && h.mapBytes == g.mapBytes;
+   return h.indexBuckets == g.indexBuckets && h.slotsOffset == g.slotsOffset && h.indexOffset[0] == g.indexOffset[0] &&
+          h.indexOffset[1] == g.indexOffset[1] && h.heapOffset == g.heapOffset && h.mapBytes == g.mapBytes;
 }
 
 SlateCounters countersOf(SlateLayout::Header const& h) {
    auto const get = [](std::atomic<std::uint64_t> const& c) { return c.load(std::memory_order_relaxed); };
-   return SlateCounters{get(h.adds), get(h.replaces), get(h.deletes), get(h.deleteAlls), get(h.refusals),
-                        get(h.writerAttaches)};
+   return SlateCounters{get(h.adds),       get(h.replaces), get(h.deletes),
+                        get(h.deleteAlls), get(h.refusals), get(h.writerAttaches)};
 }
 
 SlateMapping::SlateMapping(SlateMapping&& o) noexcept
-   : fd_(std::exchange(o.fd_, -1)), base_(std::exchange(o.base_, nullptr)), bytes_(std::exchange(o.bytes_, 0)) {}
+    : fd_(std::exchange(o.fd_, -1)), base_(std::exchange(o.base_, nullptr)), bytes_(std::exchange(o.bytes_, 0)) {}
 
 SlateMapping& SlateMapping::operator=(SlateMapping&& o) noexcept {
    if (this != &o) {

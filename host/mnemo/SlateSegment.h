@@ -19,12 +19,12 @@ Ovk::TraceFacility& mnemoTrace();
 
 // Why a segment could not be opened or attached.
 enum class SlateError : std::uint8_t {
-   badName,       // the prefix or path cannot form a segment name
-   badCapacity,   // a capacity of 0 or above SlateLayout::maxCapacity
-   noSegment,     // no segment of that name (readers)
-   openFailed,    // shm_open, fstat, ftruncate or mmap failed
-   notASegment,   // the object is not a segment of this format, or not yet initialised
-   writerActive,  // another live process is the segment's writer
+   badName,      // the prefix or path cannot form a segment name
+   badCapacity,  // a capacity of 0 or above SlateLayout::maxCapacity
+   noSegment,    // no segment of that name (readers)
+   openFailed,   // shm_open, fstat, ftruncate or mmap failed
+   notASegment,  // the object is not a segment of this format, or not yet initialised
+   writerActive, // another live process is the segment's writer
 };
 char const* toStrep(SlateError e);
 
@@ -52,9 +52,9 @@ bool headerIsWellFormed(SlateLayout::Header const& h);
 struct SlateCounters {
    std::uint64_t adds = 0;
    std::uint64_t replaces = 0;
-   std::uint64_t deletes = 0;     // rules deleted one by one
-   std::uint64_t deleteAlls = 0;  // delete-all calls
-   std::uint64_t refusals = 0;    // adds refused because the collection was full
+   std::uint64_t deletes = 0;    // rules deleted one by one
+   std::uint64_t deleteAlls = 0; // delete-all calls
+   std::uint64_t refusals = 0;   // adds refused because the collection was full
    std::uint64_t writerAttaches = 0;
    friend bool operator==(SlateCounters const&, SlateCounters const&) = default;
 };

@@ -8,9 +8,9 @@ namespace Ovnet {
 
 char const* toStrep(AddressFamily af) {
    switch (af) {
-    case AddressFamily::unspecified: return "unspecified";
-    case AddressFamily::ipv4: return "ipv4";
-    case AddressFamily::ipv6: return "ipv6";
+   case AddressFamily::unspecified: return "unspecified";
+   case AddressFamily::ipv4: return "ipv4";
+   case AddressFamily::ipv6: return "ipv6";
    }
    return "?";
 }
@@ -67,9 +67,9 @@ std::optional<IpGenAddr> IpGenAddr::parse(std::string_view text) {
 
 std::size_t IpGenAddr::size() const noexcept {
    switch (af_) {
-    case AddressFamily::ipv4: return 4;
-    case AddressFamily::ipv6: return 16;
-    default: return 0;
+   case AddressFamily::ipv4: return 4;
+   case AddressFamily::ipv6: return 16;
+   default: return 0;
    }
 }
 
@@ -81,9 +81,9 @@ std::uint32_t IpGenAddr::ipv4HostOrder() const noexcept {
 std::string IpGenAddr::str() const {
    char buf[INET6_ADDRSTRLEN];
    switch (af_) {
-    case AddressFamily::ipv4: return inet_ntop(AF_INET, bytes_, buf, sizeof buf);
-    case AddressFamily::ipv6: return inet_ntop(AF_INET6, bytes_, buf, sizeof buf);
-    default: return "unspecified";
+   case AddressFamily::ipv4: return inet_ntop(AF_INET, bytes_, buf, sizeof buf);
+   case AddressFamily::ipv6: return inet_ntop(AF_INET6, bytes_, buf, sizeof buf);
+   default: return "unspecified";
    }
 }
 

@@ -238,7 +238,9 @@ void Context::vrfSmIs(VrfSmPluginBase* sm) {
    for (BgpVrfIdBase const id : ids) sm->handleVrfCreate(id);
 }
 
-void Context::vrfSmDel(VrfSmPluginBase* sm) { vrfSms_.erase(std::remove(vrfSms_.begin(), vrfSms_.end(), sm), vrfSms_.end()); }
+void Context::vrfSmDel(VrfSmPluginBase* sm) {
+   vrfSms_.erase(std::remove(vrfSms_.begin(), vrfSms_.end(), sm), vrfSms_.end());
+}
 
 Ovk::Ptr<BgpInputDedupTables const> Context::inputDedupTables(BgpVrfIdBase vrfId) {
    return Ovk::makePtr<BgpInputDedupTables>(dedupTablesVrf(vrfId), attrs_, core_);
@@ -262,7 +264,8 @@ void Context::forwardingTargetsIs() {
    }
 }
 
-Ovk::Ptr<FwdTgtRouteConfigSm> Context::routeConfigSm(ForwardingTarget target, BgpVrfIdBase vrfId, AfiSafi afiSafi) const {
+Ovk::Ptr<FwdTgtRouteConfigSm> Context::routeConfigSm(ForwardingTarget target, BgpVrfIdBase vrfId,
+                                                     AfiSafi afiSafi) const {
    auto const it = fwdTgtSms_.find(target);
    if (it == fwdTgtSms_.end()) return nullptr;
    BgpRibRouteConfigRootSm const* root = it->second->routeConfigRootSmRaw();

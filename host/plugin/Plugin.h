@@ -164,11 +164,11 @@ class PluginBase {
 // ---- Hooks and helpers ----
 
 enum class HookId : std::uint32_t {
-   constructAdjRibin = 0,     // BgpInputConstructAdjRibinAfiSafiPluginBase
-   transportNexthop = 1,      // TransportNexthopPluginBase
-   routeConfigSmFactory = 6,  // RouteConfigSmFactoryBase
-   show = 17,                 // ShowPluginBase
-   ovrow = 18,                // OvrowPluginBase
+   constructAdjRibin = 0,    // BgpInputConstructAdjRibinAfiSafiPluginBase
+   transportNexthop = 1,     // TransportNexthopPluginBase
+   routeConfigSmFactory = 6, // RouteConfigSmFactoryBase
+   show = 17,                // ShowPluginBase
+   ovrow = 18,               // OvrowPluginBase
 };
 
 // The helper object of one address family, carrying its hooks.
@@ -234,13 +234,13 @@ class TransportNexthopPluginBase : public Ovk::PtrInterface {
  public:
    // From the session's local transport address (an IpPlugin::IpGenNexthop) and the dedup
    // tables of its VRF: a next hop of the family's table, or empty for none.
-   virtual Ovk::Ptr<GenNexthop const> transportAddrToLocalNexthop(Ovk::Ptr<GenNexthop const> const& transportNh,
-                                                                  Ovk::Ptr<DedupTablesVrf const> const& dedupVrfTables) const = 0;
+   virtual Ovk::Ptr<GenNexthop const> transportAddrToLocalNexthop(
+       Ovk::Ptr<GenNexthop const> const& transportNh, Ovk::Ptr<DedupTablesVrf const> const& dedupVrfTables) const = 0;
    // The peer's next hop from its transport address, for families whose routes the peer may
    // send without one: the address in `table` (unused by flowspec).
-   virtual Ovk::Ptr<GenNexthop const> transportAddrToRemoteNexthop(Ovnet::IpGenAddr const& addr, bool linkLocal,
-                                                                   bool ipv6Transport,
-                                                                   Ovk::Ptr<GenNexthopDedupTableBase const> const& table) const;
+   virtual Ovk::Ptr<GenNexthop const> transportAddrToRemoteNexthop(
+       Ovnet::IpGenAddr const& addr, bool linkLocal, bool ipv6Transport,
+       Ovk::Ptr<GenNexthopDedupTableBase const> const& table) const;
 
  protected:
    ~TransportNexthopPluginBase() override = default;

@@ -27,7 +27,8 @@ std::uint64_t rate(float bytesPerSecond) {
 std::uint64_t trafficAction(std::uint8_t flags) { return std::uint64_t{0x8007} << 48 | flags; }
 std::uint64_t marking(std::uint8_t dscp) { return std::uint64_t{0x8009} << 48 | dscp; }
 std::uint64_t redirectIpv4(char const* addr, bool copy) {
-   return std::uint64_t{0x010c} << 48 | std::uint64_t{Ovnet::IpGenAddr::parse(addr)->ipv4HostOrder()} << 16 | (copy ? 1u : 0u);
+   return std::uint64_t{0x010c} << 48 | std::uint64_t{Ovnet::IpGenAddr::parse(addr)->ipv4HostOrder()} << 16 |
+          (copy ? 1u : 0u);
 }
 std::uint64_t redirectNexthop(bool copy) { return std::uint64_t{0x0800} << 48 | (copy ? 1u : 0u); }
 std::uint64_t redirectVrf(std::uint16_t as, std::uint32_t local) {
@@ -47,16 +48,20 @@ class ExportEnv : public Fakes::PluginContext {
    ExportEnv() : PluginContext("exporttest") {}
 
    RibTable& table(bool v6 = false) const {
-      return *context->allVrfInstanceStatus().at(BgpVrfIdBase{})->ribTable(v6 ? AfiSafi::ipv6Flowspec() : AfiSafi::ipv4Flowspec());
+      return *context->allVrfInstanceStatus()
+                  .at(BgpVrfIdBase{})
+                  ->ribTable(v6 ? AfiSafi::ipv6Flowspec() : AfiSafi::ipv4Flowspec());
    }
    FlowspecRouteConfigSm& sm(bool v6 = false) const {
-      auto sm = context->routeConfigSm(ForwardingTarget::flowspec, BgpVrfIdBase{}, v6 ? AfiSafi::ipv6Flowspec() : AfiSafi::ipv4Flowspec());
+      auto sm = context->routeConfigSm(ForwardingTarget::flowspec, BgpVrfIdBase{},
+                                       v6 ? AfiSafi::ipv6Flowspec() : AfiSafi::ipv4Flowspec());
       auto* export_ = dynamic_cast<FlowspecRouteConfigSm*>(sm.ptr());
       OVK_ASSERT(export_ != nullptr);
       return *export_;
    }
    FlowspecRouteKey::PtrConst key(char const* text, bool v6 = false) const {
-      auto const* tables = context->dedupTablesVrf(BgpVrfIdBase{})->dedupTablesVrfAfiSafi(v6 ? AfiSafi::ipv6Flowspec() : AfiSafi::ipv4Flowspec());
+      auto const* tables = context->dedupTablesVrf(BgpVrfIdBase{})
+                               ->dedupTablesVrfAfiSafi(v6 ? AfiSafi::ipv6Flowspec() : AfiSafi::ipv4Flowspec());
       FlowspecRouteKey::Ptr k = flowspecRouteKeyFactory(v6 ? Afi::afiIpv6 : Afi::afiIpv4);
       EXPECT_TRUE(k->copyInStrCli(text)) << text;
       auto canonical = k->dedupRouteKey(tables->routeKeyDedupTableRawPtr());
@@ -69,7 +74,8 @@ class ExportEnv : public Fakes::PluginContext {
       auto const* rules = context->parseExtCommRuleCollections().ptr();
       for (std::uint64_t v : comms) c.extCommList.push(context->coreDedupTables()->extCommIs(rules->create(v)));
       for (auto const& b : comms6) c.extCommIp6List.push(context->coreDedupTables()->extCommIp6Is(rules->create(b)));
-      auto const* tables = context->dedupTablesVrf(BgpVrfIdBase{})->dedupTablesVrfAfiSafi(v6 ? AfiSafi::ipv6Flowspec() : AfiSafi::ipv4Flowspec());
+      auto const* tables = context->dedupTablesVrf(BgpVrfIdBase{})
+                               ->dedupTablesVrfAfiSafi(v6 ? AfiSafi::ipv6Flowspec() : AfiSafi::ipv4Flowspec());
       Ovnet::IpGenAddr const addr = nexthop ? *Ovnet::IpGenAddr::parse(nexthop) : Ovnet::IpGenAddr();
       auto nh = flowspecGenNexthopFactory(v6 ? Afi::afiIpv6 : Afi::afiIpv4, addr, Ovk::String());
       c.nexthop = nh->dedup(Ovk::Ptr<GenNexthopDedupTableBase const>(tables->nexthopDedupTableRawPtr()), false);
@@ -90,7 +96,8 @@ class ExportEnv : public Fakes::PluginContext {
    }
    // Route target `value` imported by VRF `vrfId` in both families, or none when 0.
    void importIs(std::uint64_t rt, std::uint32_t vrfId) const {
-      for (auto [rtFamily, vpnFamily] : {std::pair{kIpv4UnicastAfiSafi, kVpnIpv4AfiSafi}, std::pair{kIpv6UnicastAfiSafi, kVpnIpv6AfiSafi}}) {
+      for (auto [rtFamily, vpnFamily] :
+           {std::pair{kIpv4UnicastAfiSafi, kVpnIpv4AfiSafi}, std::pair{kIpv6UnicastAfiSafi, kVpnIpv6AfiSafi}}) {
          RtToVrfIdList& top = *context->rtToVrfIdList();
          if (!top.find(rtFamily)) top.set(rtFamily, AfiSafiRtToVrfIdList::create());
          AfiSafiRtToVrfIdList& byVpn = **top.find(rtFamily);
@@ -106,7 +113,6 @@ class ExportEnv : public Fakes::PluginContext {
          }
       }
    }
-
 
  private:
 };
@@ -136,22 +142,162 @@ TEST(FlowspecFsibExportTest, TranslationTable) {
        {"no community", {}, {}, nullptr, Flowspec::actionNone, 0, 0, 0, none, "", false},
        {"rate 0 drops", {rate(0)}, {}, nullptr, Flowspec::actionDrop, 0, 0, 0, none, "", false},
        {"rate polices", {rate(1250)}, {}, nullptr, Flowspec::actionPolice, 1250, 0, 0, none, "", false},
-       {"zero and non-zero rate", {rate(0), rate(500)}, {}, nullptr, Flowspec::actionDrop | Flowspec::actionPolice, 500, 0, 0, none, "", false},
-       {"both traffic-action flags", {trafficAction(3)}, {}, nullptr, Flowspec::actionTrafficAction, 0, 3, 0, none, "", false},
+       {"zero and non-zero rate",
+        {rate(0), rate(500)},
+        {},
+        nullptr,
+        Flowspec::actionDrop | Flowspec::actionPolice,
+        500,
+        0,
+        0,
+        none,
+        "",
+        false},
+       {"both traffic-action flags",
+        {trafficAction(3)},
+        {},
+        nullptr,
+        Flowspec::actionTrafficAction,
+        0,
+        3,
+        0,
+        none,
+        "",
+        false},
        {"no traffic-action flag", {trafficAction(0)}, {}, nullptr, Flowspec::actionNone, 0, 0, 0, none, "", false},
-       {"a later empty traffic-action clears", {trafficAction(2), trafficAction(0)}, {}, nullptr, Flowspec::actionTrafficAction, 0, 0, 0, none, "", false},
+       {"a later empty traffic-action clears",
+        {trafficAction(2), trafficAction(0)},
+        {},
+        nullptr,
+        Flowspec::actionTrafficAction,
+        0,
+        0,
+        0,
+        none,
+        "",
+        false},
        {"DSCP 0xff is 0x3f", {marking(0xff)}, {}, nullptr, Flowspec::actionSetDscp, 0, 0, 0x3f, none, "", false},
-       {"redirect to IP gets this VRF", {redirectIpv4("198.51.100.1", false)}, {}, nullptr, Flowspec::actionRedirect, 0, 0, 0, 0, "198.51.100.1", false},
-       {"VRF then IPv4 redirect: both", {redirectVrf(65000, 100), redirectIpv4("198.51.100.1", false)}, {}, nullptr, Flowspec::actionRedirect, 0, 0, 0, 10, "198.51.100.1", false},
-       {"next hop then VRF in one list: only the VRF", {redirectNexthop(false), redirectVrf(65000, 100)}, {}, "192.0.2.7", Flowspec::actionRedirect, 0, 0, 0, 10, "", false},
-       {"two non-copy IPv4: the later", {redirectIpv4("198.51.100.1", false), redirectIpv4("198.51.100.2", false)}, {}, nullptr, Flowspec::actionRedirect, 0, 0, 0, 0, "198.51.100.2", false},
-       {"copy after non-copy is ignored", {redirectIpv4("198.51.100.1", false), redirectIpv4("198.51.100.2", true)}, {}, nullptr, Flowspec::actionRedirect, 0, 0, 0, 0, "198.51.100.1", false},
-       {"non-copy after copy takes over", {redirectIpv4("198.51.100.1", true), redirectIpv4("198.51.100.2", false)}, {}, nullptr, Flowspec::actionRedirect, 0, 0, 0, 0, "198.51.100.2", false},
-       {"two next hops of one copy flag: the first", {redirectIpv4("198.51.100.1", false), redirectNexthop(false)}, {}, "192.0.2.7", Flowspec::actionRedirect, 0, 0, 0, 0, "198.51.100.1", false},
-       {"next hop without address", {redirectNexthop(false)}, {}, nullptr, Flowspec::actionNone, 0, 0, 0, none, "", false},
-       {"non-copy next hop over a copy address", {redirectIpv4("198.51.100.1", true), redirectNexthop(false)}, {}, "192.0.2.7", Flowspec::actionRedirect, 0, 0, 0, 0, "192.0.2.7", false},
-       {"IPv6 redirect on IPv4 flowspec", {}, {redirectIpv6("2001:db8::1", false)}, nullptr, Flowspec::actionNone, 0, 0, 0, none, "", false},
-       {"unresolved VRF redirect", {redirectVrf(65000, 999)}, {}, nullptr, Flowspec::actionNone, 0, 0, 0, none, "", false},
+       {"redirect to IP gets this VRF",
+        {redirectIpv4("198.51.100.1", false)},
+        {},
+        nullptr,
+        Flowspec::actionRedirect,
+        0,
+        0,
+        0,
+        0,
+        "198.51.100.1",
+        false},
+       {"VRF then IPv4 redirect: both",
+        {redirectVrf(65000, 100), redirectIpv4("198.51.100.1", false)},
+        {},
+        nullptr,
+        Flowspec::actionRedirect,
+        0,
+        0,
+        0,
+        10,
+        "198.51.100.1",
+        false},
+       {"next hop then VRF in one list: only the VRF",
+        {redirectNexthop(false), redirectVrf(65000, 100)},
+        {},
+        "192.0.2.7",
+        Flowspec::actionRedirect,
+        0,
+        0,
+        0,
+        10,
+        "",
+        false},
+       {"two non-copy IPv4: the later",
+        {redirectIpv4("198.51.100.1", false), redirectIpv4("198.51.100.2", false)},
+        {},
+        nullptr,
+        Flowspec::actionRedirect,
+        0,
+        0,
+        0,
+        0,
+        "198.51.100.2",
+        false},
+       {"copy after non-copy is ignored",
+        {redirectIpv4("198.51.100.1", false), redirectIpv4("198.51.100.2", true)},
+        {},
+        nullptr,
+        Flowspec::actionRedirect,
+        0,
+        0,
+        0,
+        0,
+        "198.51.100.1",
+        false},
+       {"non-copy after copy takes over",
+        {redirectIpv4("198.51.100.1", true), redirectIpv4("198.51.100.2", false)},
+        {},
+        nullptr,
+        Flowspec::actionRedirect,
+        0,
+        0,
+        0,
+        0,
+        "198.51.100.2",
+        false},
+       {"two next hops of one copy flag: the first",
+        {redirectIpv4("198.51.100.1", false), redirectNexthop(false)},
+        {},
+        "192.0.2.7",
+        Flowspec::actionRedirect,
+        0,
+        0,
+        0,
+        0,
+        "198.51.100.1",
+        false},
+       {"next hop without address",
+        {redirectNexthop(false)},
+        {},
+        nullptr,
+        Flowspec::actionNone,
+        0,
+        0,
+        0,
+        none,
+        "",
+        false},
+       {"non-copy next hop over a copy address",
+        {redirectIpv4("198.51.100.1", true), redirectNexthop(false)},
+        {},
+        "192.0.2.7",
+        Flowspec::actionRedirect,
+        0,
+        0,
+        0,
+        0,
+        "192.0.2.7",
+        false},
+       {"IPv6 redirect on IPv4 flowspec",
+        {},
+        {redirectIpv6("2001:db8::1", false)},
+        nullptr,
+        Flowspec::actionNone,
+        0,
+        0,
+        0,
+        none,
+        "",
+        false},
+       {"unresolved VRF redirect",
+        {redirectVrf(65000, 999)},
+        {},
+        nullptr,
+        Flowspec::actionNone,
+        0,
+        0,
+        0,
+        none,
+        "",
+        false},
    };
    int i = 0;
    for (Row const& r : rows) {
@@ -325,8 +471,9 @@ TEST(FlowspecFsibExportTest, StartEmptiesTheFsibAndEndsWithIt) {
       sm->handleRouteEntry(canonical.ptr());
       EXPECT_TRUE(cap.contains("FSIB is not initialized yet, deferring", 8));
       // Detaching a state machine without a mount does nothing.
-      auto factory = context->afiSafiTable()->helpers(AfiSafi::ipv4Flowspec())->hookAs<FlowspecRouteConfigSmFactory>(
-          Plugin::HookId::routeConfigSmFactory);
+      auto factory = context->afiSafiTable()
+                         ->helpers(AfiSafi::ipv4Flowspec())
+                         ->hookAs<FlowspecRouteConfigSmFactory>(Plugin::HookId::routeConfigSmFactory);
       ASSERT_TRUE(factory);
       factory->detach(sm);
       context->shutdown();
@@ -341,7 +488,8 @@ TEST(FlowspecFsibExportDeathTest, DetachOfAnotherKindOfStateMachine) {
       Other() : FwdTgtRouteConfigSm(BgpVrfIdBase{}, AfiSafi::ipv4Flowspec(), ForwardingTarget::flowspec, nullptr) {}
       void handleRouteEntry(RouteKey const*) override {}
    };
-   auto factory = Ovk::makePtr<FlowspecRouteConfigSmFactory>(AfiSafi::ipv4Flowspec(), nullptr, nullptr, nullptr, nullptr);
+   auto factory =
+       Ovk::makePtr<FlowspecRouteConfigSmFactory>(AfiSafi::ipv4Flowspec(), nullptr, nullptr, nullptr, nullptr);
    EXPECT_DEATH(factory->detach(Ovk::makePtr<Other>()), "Assertion `configSm' failed");
 }
 

@@ -63,8 +63,7 @@ TEST(FlowspecNexthopTest, WireAndTextForms) {
        {"empty", Afi::afiIpv4, none, {}, "", ""},
        {"bytes only", Afi::afiIpv4, none, bytes({0x0a, 0xff}), "020aff", "addr=0x0aff"},
        {"ipv4", Afi::afiIpv4, addr("10.1.1.1"), {}, "040a010101", "addr=10.1.1.1"},
-       {"address wins over bytes", Afi::afiIpv4, addr("10.1.1.1"), bytes({0x0a, 0xff}), "040a010101",
-        "addr=10.1.1.1"},
+       {"address wins over bytes", Afi::afiIpv4, addr("10.1.1.1"), bytes({0x0a, 0xff}), "040a010101", "addr=10.1.1.1"},
        {"ipv6", Afi::afiIpv6, addr("2001:db8::1"), {}, "1020010db8000000000000000000000001", "addr=2001:db8::1"},
        {"ipv6 global plus link-local kept as bytes (leading zero byte too)", Afi::afiIpv6, none, bytes(linkLocalPair),
         "20000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f",
@@ -97,7 +96,8 @@ TEST(FlowspecNexthopTest, FormattingLeavesTheCallersStreamFormatAlone) {
 
 TEST(FlowspecNexthopTest, FullTextFormNamesTheTypeFamilyAndMarker) {
    std::ostringstream os;
-   os << *flowspecGenNexthopFactory(Afi::afiIpv4, addr("10.1.1.1"), {}) << ' ' << *flowspecPolicyRejectNexthopFactory(Afi::afiIpv6);
+   os << *flowspecGenNexthopFactory(Afi::afiIpv4, addr("10.1.1.1"), {}) << ' '
+      << *flowspecPolicyRejectNexthopFactory(Afi::afiIpv6);
    EXPECT_EQ(os.str(), "Routing::Bgp::FlowspecPlugin::FlowspecGenNexthop(ipv4Flowspec addr=10.1.1.1) "
                        "Routing::Bgp::FlowspecPlugin::FlowspecPolicyRejectNexthop(ipv6Flowspec policyReject)");
 }
@@ -226,11 +226,11 @@ TEST(FlowspecNexthopTest, RandomLifetimesLeaveOnlyTheSingletons) {
          auto const value = static_cast<std::uint32_t>(rng() % 300);
          Ptr<FlowspecGenNexthop> nh;
          switch (rng() % 5) {
-          case 0: nh = flowspecGenNexthopFactory(afi, Ovnet::IpGenAddr::ipv4(value), {}); break;
-          case 1: nh = flowspecGenNexthopFactory(afi, none, bytes({static_cast<std::uint8_t>(value), 1, 2})); break;
-          case 2: nh = flowspecGenNexthopFactory(afi, none, {}); break;
-          case 3: nh = flowspecPolicyRejectNexthopFactory(afi); break;
-          default: nh = flowspecNexthopSelfFactory(afi); break;
+         case 0: nh = flowspecGenNexthopFactory(afi, Ovnet::IpGenAddr::ipv4(value), {}); break;
+         case 1: nh = flowspecGenNexthopFactory(afi, none, bytes({static_cast<std::uint8_t>(value), 1, 2})); break;
+         case 2: nh = flowspecGenNexthopFactory(afi, none, {}); break;
+         case 3: nh = flowspecPolicyRejectNexthopFactory(afi); break;
+         default: nh = flowspecNexthopSelfFactory(afi); break;
          }
          auto const& t = v6 ? t6 : t4;
          auto shared = dedup(t, nh);

@@ -48,7 +48,8 @@ TEST(FlowspecParseNlriTest, EveryFailureCountsItsReasonWithItsMessage) {
    };
    Row const rows[] = {
        {"no length", false, "", Reason::flowspecNlriLenMissing, "not enough data for NLRI length", 0},
-       {"no second length byte", false, "f0", Reason::flowspecNlriLenMissing, "not enough data for NLRI length addend", 1},
+       {"no second length byte", false, "f0", Reason::flowspecNlriLenMissing, "not enough data for NLRI length addend",
+        1},
        {"length past the attribute", false, "10 01 18 0a", Reason::flowspecNlriLenMismatch,
         "encoded nlriLen (16) > bytesLeft (3)", 1},
        {"two-byte length past the attribute", false, "f1 00 01 00", Reason::flowspecNlriLenMismatch,
@@ -66,7 +67,8 @@ TEST(FlowspecParseNlriTest, EveryFailureCountsItsReasonWithItsMessage) {
        {"descending types", false, "06 03 81 06 01 08 0a", Reason::flowspecComponentTypeOrder,
         "component type 1 appeared after 3", 5},
        {"no mask", false, "01 01", Reason::flowspecPrefixMaskMissing, "not enough data for prefix mask length", 2},
-       {"no offset", true, "02 01 20", Reason::flowspecPrefixOffsetMissing, "not enough data for IPv6 prefix offset", 3},
+       {"no offset", true, "02 01 20", Reason::flowspecPrefixOffsetMissing, "not enough data for IPv6 prefix offset",
+        3},
        {"offset above mask", true, "03 01 08 09", Reason::flowspecPrefixOffsetAboveMask,
         "not sensible for offset to be greater than mask", 4},
        {"IPv4 mask 33", false, "07 01 21 0a 00 00 00 00", Reason::flowspecPrefixInvalid,
@@ -82,9 +84,10 @@ TEST(FlowspecParseNlriTest, EveryFailureCountsItsReasonWithItsMessage) {
        {"no value", false, "02 03 81", Reason::flowspecValueMissing, "not enough data for component value", 3},
        {"eight-byte port", false, "0a 04 b1 00 00 00 00 00 00 00 50", Reason::flowspecValueTooLong,
         "value has too many bytes 8 for type 4", 3},
-       {"two-byte DSCP", false, "04 0b 91 00 2e", Reason::flowspecValueTooLong, "value has too many bytes 2 for type 11", 3},
-       {"IPv4 flow label is a tail, IPv6 takes 4 bytes only", true, "06 0d b1 00 00 00 00", Reason::flowspecValueTooLong,
-        "value has too many bytes 8 for type 13", 3},
+       {"two-byte DSCP", false, "04 0b 91 00 2e", Reason::flowspecValueTooLong,
+        "value has too many bytes 2 for type 11", 3},
+       {"IPv4 flow label is a tail, IPv6 takes 4 bytes only", true, "06 0d b1 00 00 00 00",
+        Reason::flowspecValueTooLong, "value has too many bytes 8 for type 13", 3},
        {"IPv6 fragment with DF", true, "03 0c 81 01", Reason::flowspecIpv6FragmentDf,
         "IPv6 nlri fragment: DF bit is 1, but MUST be 0", 4},
    };
@@ -256,7 +259,8 @@ TEST(FlowspecParseNlriTest, BothFamiliesThroughOneContextUseTheirOwnTables) {
       AfiSafi const family = v6 ? AfiSafi::ipv6Flowspec() : AfiSafi::ipv4Flowspec();
       keys[v6] = flowspecRouteKeyDedupTableFactory(family, BgpL3VrfId::defaultVrfId());
       nexthops[v6] = flowspecGenNexthopDedupTableFactory(
-          BgpL3VrfId::defaultVrfId(), family, flowspecGenNexthopLifeTimeNotifieeFactory(false, nullptr, "bgp"), nullptr);
+          BgpL3VrfId::defaultVrfId(), family, flowspecGenNexthopLifeTimeNotifieeFactory(false, nullptr, "bgp"),
+          nullptr);
       vrf->dedupTablesVrfAfiSafiIs(Ovk::makePtr<DedupTablesVrfAfiSafi>(family, keys[v6], nexthops[v6]));
       nlriRules[v6] = Ovk::makePtr<FlowspecParseUpdateNlriRule>(BgpParseControl{}, family);
       nexthopRules[v6] = Ovk::makePtr<FlowspecParseUpdateNextHopRule>(BgpParseControl{}, family);
@@ -282,7 +286,8 @@ TEST(FlowspecParseNlriTest, BothFamiliesThroughOneContextUseTheirOwnTables) {
       auto const context = Ovk::makePtr<BgpParseContext>(vrf, "peer");
       for (bool v6 : {v6First, !v6First}) {
          Afi const afi = v6 ? Afi::afiIpv6 : Afi::afiIpv4;
-         for (std::string_view nh : {std::string_view(""), std::string_view(v6 ? "20010db8000000000000000000000001" : "c0000201")}) {
+         for (std::string_view nh :
+              {std::string_view(""), std::string_view(v6 ? "20010db8000000000000000000000001" : "c0000201")}) {
             auto const key = update(context, v6, nh, noPrefix);
             ASSERT_NE(key, nullptr);
             EXPECT_EQ(key->afi(), afi);
@@ -331,9 +336,10 @@ TEST(FlowspecParseNlriTest, LengthFieldTakesOneByteBelow240AndTwoUpTo4095) {
          key->unrecognizedTailIs(tail);
       }
       std::string const hex = ParseEnv::nlriHex(*key);
-      std::string const want = body < 240 ? toHex(Bytes{static_cast<std::uint8_t>(body)})
-                                          : toHex(Bytes{static_cast<std::uint8_t>(0xf0 | body >> 8),
-                                                        static_cast<std::uint8_t>(body & 0xff)});
+      std::string const want =
+          body < 240
+              ? toHex(Bytes{static_cast<std::uint8_t>(body)})
+              : toHex(Bytes{static_cast<std::uint8_t>(0xf0 | body >> 8), static_cast<std::uint8_t>(body & 0xff)});
       EXPECT_EQ(hex.substr(0, want.size()), want) << body;
       EXPECT_EQ(hex.size(), want.size() + 2 * body);
    }
@@ -352,7 +358,9 @@ TEST(FlowspecParseNlriTest, PrefixWriter) {
    serializePrefix(out, 1, 0, prefix("2001:db8::/32"));
    serializePrefix(out, 2, 0, prefix("10.1.2.0/23"));
    serializePrefix(out, 1, 0, prefix("0.0.0.0/0"));
-   EXPECT_EQ(toHex(out.bytes()), "01200020010db8" "02170a0102" "0100");
+   EXPECT_EQ(toHex(out.bytes()), "01200020010db8"
+                                 "02170a0102"
+                                 "0100");
    EXPECT_EQ(prefixContentNumBytes(prefix("::/104"), 64), 5);
    EXPECT_EQ(prefixContentNumBytes(prefix("::/64"), 64), 0);
 }
@@ -378,7 +386,8 @@ TEST(FlowspecParseNlriTest, WrittenRulesReadBackToTheSameKey) {
       Bytes run;
       for (auto r = slate.getOptVal(0); !r.atEnd(); r = slate.getOptVal(r.nextIndex())) {
          run.push_back(r.op());
-         for (unsigned k = Flowspec::opValueBytes(r.op()); k-- > 0;) run.push_back(static_cast<std::uint8_t>(r.value() >> (8 * k)));
+         for (unsigned k = Flowspec::opValueBytes(r.op()); k-- > 0;)
+            run.push_back(static_cast<std::uint8_t>(r.value() >> (8 * k)));
          if (r.op() & Flowspec::opEndOfList) {
             key->addOpValComponent(r.type(), run);
             run.clear();
@@ -405,7 +414,8 @@ TEST(FlowspecParseNlriTest, WrittenRulesReadBackToTheSameKey) {
       key->wontExportReasonIs(FlowspecWontExportReason(reason));
       auto const wire = key->serialize(RouteKey::SerializeOperation::advertise, nullptr);
       auto const o = env.parse(v6, Bytes(wire.bytes(), wire.bytes() + wire.size()));
-      ASSERT_TRUE(o.result) << toHex(wire.span()) << ": " << o.result.reason().message() << " stored " << toHex(key->storedBytes());
+      ASSERT_TRUE(o.result) << toHex(wire.span()) << ": " << o.result.reason().message() << " stored "
+                            << toHex(key->storedBytes());
       FlowspecRouteKey const& back = *o.result.value();
       ASSERT_TRUE(back.compare(key.ptr())) << toHex(wire.span());
       ASSERT_EQ(back.hash(), key->hash());
@@ -444,7 +454,8 @@ Bytes canonicalNlri(nlohmann::json const& record) {
          body.push_back(static_cast<std::uint8_t>(len));
          if (record["afi"] == 2) body.push_back(static_cast<std::uint8_t>(offset));
          Bytes pattern = fromHex(c["prefix_bytes"].get<std::string>());
-         if (unsigned const bits = (len - offset) % 8; bits != 0) pattern.back() &= static_cast<std::uint8_t>(0xff << (8 - bits));
+         if (unsigned const bits = (len - offset) % 8; bits != 0)
+            pattern.back() &= static_cast<std::uint8_t>(0xff << (8 - bits));
          body.insert(body.end(), pattern.begin(), pattern.end());
          continue;
       }
@@ -480,7 +491,8 @@ std::map<std::string, std::vector<std::string>> const kMalformed = {
     // (a tail of type 0x4e), then 11: a Port list whose operators 0x50, 0x51 ... run on past
     // the NLRI until 0x60 asks for a 4-byte value.
     {"gobgp-v4-37-0000",
-     {"ok 00", "ok 00", "ok 00", "ok 0a62010411044c11044d11", "ok 044e11044f", "226 value has too many bytes 4 for type 4"}},
+     {"ok 00", "ok 00", "ok 00", "ok 0a62010411044c11044d11", "ok 044e11044f",
+      "226 value has too many bytes 4 for type 4"}},
     // 00 00, 01 18 (a tail of type 0x18), 00; then 20: type 1, mask 13, offset 184.
     {"gobgp-v6-54-0000", {"ok 00", "ok 00", "ok 0118", "ok 00", "222 not sensible for offset to be greater than mask"}},
     // GoBGP and ExaBGP send the whole IPv6 prefix, not the pattern after the offset: read as
@@ -540,16 +552,19 @@ TEST(FlowspecParseNlriDeathTest, Assertions) {
    BgpParsePktPosition pos(bytes);
    BgpParsePktPosition* p = &pos;
    std::uint64_t v = 0;
-   EXPECT_DEATH(consumeOpValValue(p, 3, &v), "Assertion `numBytes == 1 \\|\\| numBytes == 2 \\|\\| numBytes == 4 \\|\\| numBytes == 8' failed");
+   EXPECT_DEATH(consumeOpValValue(p, 3, &v),
+                "Assertion `numBytes == 1 \\|\\| numBytes == 2 \\|\\| numBytes == 4 \\|\\| numBytes == 8' failed");
 
    auto big = flowspecV4RouteKeyFactory();
    Bytes tail(4096, 0x41);
    tail[0] = 0x0e;
    big->unrecognizedTailIs(tail);
-   EXPECT_DEATH(big->serialize(RouteKey::SerializeOperation::advertise, nullptr), "Assertion `expectedNlriLen <= 0x0fff' failed");
+   EXPECT_DEATH(big->serialize(RouteKey::SerializeOperation::advertise, nullptr),
+                "Assertion `expectedNlriLen <= 0x0fff' failed");
 
    Routing::Bgp::Serialize out;
-   EXPECT_DEATH(serializePrefix(out, 1, 33, prefix("10.0.0.0/32")), "Assertion `prefix.len\\(\\) >= ipv6PrefixOffset' failed");
+   EXPECT_DEATH(serializePrefix(out, 1, 33, prefix("10.0.0.0/32")),
+                "Assertion `prefix.len\\(\\) >= ipv6PrefixOffset' failed");
    EXPECT_DEATH(serializePrefix(out, 1, 0, Ovnet::IpGenPrefix()),
                 "Assertion `prefix.af\\(\\) == Ovnet::AddressFamily::ipv6_' failed");
 
@@ -571,9 +586,9 @@ struct NextHopEnv {
    NextHopEnv() {
       for (bool v6 : {false, true}) {
          AfiSafi const family = v6 ? AfiSafi::ipv6Flowspec() : AfiSafi::ipv4Flowspec();
-         nexthops[v6] = flowspecGenNexthopDedupTableFactory(BgpL3VrfId::defaultVrfId(), family,
-                                                            flowspecGenNexthopLifeTimeNotifieeFactory(false, nullptr, "bgp"),
-                                                            nullptr);
+         nexthops[v6] = flowspecGenNexthopDedupTableFactory(
+             BgpL3VrfId::defaultVrfId(), family, flowspecGenNexthopLifeTimeNotifieeFactory(false, nullptr, "bgp"),
+             nullptr);
          vrf->dedupTablesVrfAfiSafiIs(Ovk::makePtr<DedupTablesVrfAfiSafi>(
              family, flowspecRouteKeyDedupTableFactory(family, BgpL3VrfId::defaultVrfId()), nexthops[v6]));
          contexts[v6] = Ovk::makePtr<BgpParseContext>(vrf, v6 ? "test v6" : "test v4");
@@ -706,12 +721,12 @@ TEST(FlowspecParsePluginSmTest, ServesInstancesPresentAtConstructionBeforeAnyNot
    Ovk::TraceCapture trace(flowspecTraceFacility());
    auto sm = Ovk::makePtr<FlowspecParsePluginSm>(collections, AfiSafi::ipv6Flowspec());
    EXPECT_FALSE(sm->notificationActive());
-   auto const* nlri = dynamic_cast<FlowspecParseUpdateNlriRule const*>(
-       collections->nlriSubRule({AfiSafi::ipv6Flowspec(), false}));
+   auto const* nlri =
+       dynamic_cast<FlowspecParseUpdateNlriRule const*>(collections->nlriSubRule({AfiSafi::ipv6Flowspec(), false}));
    ASSERT_NE(nlri, nullptr);
    EXPECT_EQ(nlri->afiSafi(), AfiSafi::ipv6Flowspec());
-   auto const* nexthop = dynamic_cast<FlowspecParseUpdateNextHopRule const*>(
-       collections->nextHopSubRule({AfiSafi::ipv6Flowspec()}));
+   auto const* nexthop =
+       dynamic_cast<FlowspecParseUpdateNextHopRule const*>(collections->nextHopSubRule({AfiSafi::ipv6Flowspec()}));
    ASSERT_NE(nexthop, nullptr);
    EXPECT_EQ(nexthop->afiSafi(), AfiSafi::ipv6Flowspec());
    EXPECT_TRUE(trace.contains("FlowspecParsePluginSm(ipv6Flowspec) ruleKey: ipv6Flowspec", 8));
@@ -725,19 +740,19 @@ TEST(FlowspecParsePluginSmTest, FactoryListensAndRulesCarryTheMachinesFamily) {
    auto sm = flowspecParsePluginSmFactory(collections, AfiSafi::ipv4Flowspec());
    EXPECT_TRUE(sm->notificationActive());
    collections->updateMessageRuleInstanceIs({AfiSafi::ipv4Flowspec(), true}, {.addPathReceive = true});
-   auto const* rule = dynamic_cast<FlowspecParseUpdateNlriRule const*>(
-       collections->nlriSubRule({AfiSafi::ipv4Flowspec(), true}));
+   auto const* rule =
+       dynamic_cast<FlowspecParseUpdateNlriRule const*>(collections->nlriSubRule({AfiSafi::ipv4Flowspec(), true}));
    ASSERT_NE(rule, nullptr);
    EXPECT_TRUE(rule->parseControl().addPathReceive);
    // Whatever family a key names, the rules parse the machine's own.
    sm->instantiateNlriSubRule({AfiSafi::ipv6Flowspec(), false}, {});
    sm->instantiateNextHopSubRule({AfiSafi::ipv6Flowspec()}, {});
-   auto const* other = dynamic_cast<FlowspecParseUpdateNlriRule const*>(
-       collections->nlriSubRule({AfiSafi::ipv6Flowspec(), false}));
+   auto const* other =
+       dynamic_cast<FlowspecParseUpdateNlriRule const*>(collections->nlriSubRule({AfiSafi::ipv6Flowspec(), false}));
    ASSERT_NE(other, nullptr);
    EXPECT_EQ(other->afiSafi(), AfiSafi::ipv4Flowspec());
-   auto const* otherNexthop = dynamic_cast<FlowspecParseUpdateNextHopRule const*>(
-       collections->nextHopSubRule({AfiSafi::ipv6Flowspec()}));
+   auto const* otherNexthop =
+       dynamic_cast<FlowspecParseUpdateNextHopRule const*>(collections->nextHopSubRule({AfiSafi::ipv6Flowspec()}));
    ASSERT_NE(otherNexthop, nullptr);
    EXPECT_EQ(otherNexthop->afiSafi(), AfiSafi::ipv4Flowspec());
    EXPECT_EQ(sm->fwkType().name(), "Routing::Bgp::FlowspecPlugin::FlowspecParsePluginSm");

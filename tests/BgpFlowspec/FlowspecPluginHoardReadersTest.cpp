@@ -50,9 +50,10 @@ TEST_F(FlowspecPluginHoardReadersTest, ReadersMeetTheAttributeCacheEntriesByName
    // Register the types the way the plugin's main object does: an entry per dynamic type of
    // a throw-away instance, named after the type's framework record.
    auto status = Hoard::AttributeCacheStatus::create();
-   for (Ptr<GenNexthop> nh : {Ptr<GenNexthop>(flowspecGenNexthopFactory(Afi::afiIpv4, *Ovnet::IpGenAddr::parse("0.0.0.0"), {})),
-                              Ptr<GenNexthop>(flowspecPolicyRejectNexthopFactory(Afi::afiIpv4)),
-                              Ptr<GenNexthop>(flowspecNexthopSelfFactory(Afi::afiIpv4))}) {
+   for (Ptr<GenNexthop> nh :
+        {Ptr<GenNexthop>(flowspecGenNexthopFactory(Afi::afiIpv4, *Ovnet::IpGenAddr::parse("0.0.0.0"), {})),
+         Ptr<GenNexthop>(flowspecPolicyRejectNexthopFactory(Afi::afiIpv4)),
+         Ptr<GenNexthop>(flowspecNexthopSelfFactory(Afi::afiIpv4))}) {
       auto entry = Hoard::AttributeCacheEntry::create(typeid(*nh));
       entry->typeNameIs(Ovk::String(nh->fwkType().name()));
       status->entryIs(entry);
@@ -81,10 +82,9 @@ TEST_F(FlowspecPluginHoardReadersTest, ReadersMeetTheAttributeCacheEntriesByName
 }
 
 TEST_F(FlowspecPluginHoardReadersTest, RestoredNextHopsEqualTheStoredOnes) {
-   auto table4 = flowspecGenNexthopDedupTableFactory(Routing::Bgp::BgpL3VrfId::defaultVrfId(),
-                                                      Routing::Bgp::AfiSafi::ipv4Flowspec(),
-                                                      flowspecGenNexthopLifeTimeNotifieeFactory(false, nullptr, "t"),
-                                                      nullptr);
+   auto table4 = flowspecGenNexthopDedupTableFactory(
+       Routing::Bgp::BgpL3VrfId::defaultVrfId(), Routing::Bgp::AfiSafi::ipv4Flowspec(),
+       flowspecGenNexthopLifeTimeNotifieeFactory(false, nullptr, "t"), nullptr);
    Ptr<GenNexthop const> const stored[] = {
        flowspecGenNexthopFactory(Afi::afiIpv4, *Ovnet::IpGenAddr::parse("10.0.0.1"), {})->dedup(table4, false),
        flowspecGenNexthopFactory(Afi::afiIpv6, *Ovnet::IpGenAddr::parse("2001:db8::1"), {}),

@@ -63,7 +63,8 @@ TEST(FlowspecRouteKeyTest, FreshKeysAreEmptyAndAnswerTheirFamily) {
    EXPECT_EQ(v6->slateKeyAf(), Ovnet::AddressFamily::ipv6);
    EXPECT_EQ(v4->fwkType().name(), "Routing::Bgp::FlowspecPlugin::FlowspecV4RouteKey");
    EXPECT_EQ(v6->fwkType().name(), "Routing::Bgp::FlowspecPlugin::FlowspecV6RouteKey");
-   for (FlowspecRouteKey const* k : {static_cast<FlowspecRouteKey const*>(v4.ptr()), static_cast<FlowspecRouteKey const*>(v6.ptr())}) {
+   for (FlowspecRouteKey const* k :
+        {static_cast<FlowspecRouteKey const*>(v4.ptr()), static_cast<FlowspecRouteKey const*>(v6.ptr())}) {
       KeyModel m;
       m.v6 = k == v6.ptr();
       EXPECT_EQ(KeyModel::of(*k), m);
@@ -123,7 +124,9 @@ TEST(FlowspecRouteKeyTest, PrefixesAreStoredCanonically) {
    EXPECT_EQ(v6->srcPrefix(), Ovnet::IpGenPrefix(*Ovnet::IpGenAddr::parse("1234:5678::"), 64));
    EXPECT_EQ(toHex(v6->storedBytes()), "02402012345678");
    v6->destPrefixIs(prefix("2001:db8::/32"));
-   EXPECT_EQ(toHex(v6->storedBytes()), "0120002001" "0db8" "02402012345678");
+   EXPECT_EQ(toHex(v6->storedBytes()), "0120002001"
+                                       "0db8"
+                                       "02402012345678");
 }
 
 TEST(FlowspecRouteKeyTest, ComponentsComeBackInOrderWithTheirBytes) {
@@ -352,8 +355,9 @@ TEST(FlowspecRouteKeyTest, FlowspecMemcmp) {
       char const* b;
       int sign;
    } const cases[] = {
-       {"", "", 0},         {"8106", "8106", 0},   {"8106", "8111", -1}, {"8111", "8106", 1},
-       {"01068111", "0106", -1}, {"0106", "01068111", 1}, {"", "00", 1}, {"00", "", -1},
+       {"", "", 0},         {"8106", "8106", 0},      {"8106", "8111", -1},
+       {"8111", "8106", 1}, {"01068111", "0106", -1}, {"0106", "01068111", 1},
+       {"", "00", 1},       {"00", "", -1},
    };
    for (auto const& c : cases) {
       int const got = flowspecMemcmp(fromHex(c.a), fromHex(c.b));
@@ -494,9 +498,8 @@ TEST(FlowspecRouteKeyDeathTest, Assertions) {
    auto key = fromText("protocol 6");
    auto other = Ovk::makePtr<NotFlowspecKey>();
    EXPECT_DEATH(key->compare(other.ptr()), "Assertion `other' failed");
-   EXPECT_DEATH((void)key->ruleId(),
-                "Assertion `__null == \\( this \\) \\|\\| \\( this \\)->dedupState\\(\\) != "
-                "Ovk::dedupHandleStateNeverDeduped\\(\\)' failed");
+   EXPECT_DEATH((void)key->ruleId(), "Assertion `__null == \\( this \\) \\|\\| \\( this \\)->dedupState\\(\\) != "
+                                     "Ovk::dedupHandleStateNeverDeduped\\(\\)' failed");
    EXPECT_DEATH(key->isOverlapping(*key), "Must override in derived class");
    EXPECT_DEATH(key->isMoreSpecific(*key), "Must override in derived class");
    EXPECT_DEATH(key->getOneBitShorterMaskRouteKey(), "Must override in derived class");
@@ -517,13 +520,15 @@ TEST(FlowspecRouteKeyDeathTest, Assertions) {
    Flowspec::FlowspecKey slate;
    slate.afIs(Ovnet::AddressFamily::ipv4);
    slate.setOpVal(0, Flowspec::port_, 0xb1, 80);
-   EXPECT_DEATH(flowspecV4RouteKeyFactory()->copyInFlowspecKey(slate), "FlowspecRouteKey.cpp:[0-9]+: .*Assertion `false' failed");
+   EXPECT_DEATH(flowspecV4RouteKeyFactory()->copyInFlowspecKey(slate),
+                "FlowspecRouteKey.cpp:[0-9]+: .*Assertion `false' failed");
 
    // Keys are filled before dedup only, with prefixes of their own family.
    auto t = table();
    auto canonical = dedup(fromText("protocol 6"), t);
    EXPECT_DEATH(ptrConstCast(canonical)->addOpValComponent(Flowspec::dscp_, fromHex("81 2e")), "dedupState");
-   EXPECT_DEATH(flowspecV4RouteKeyFactory()->destPrefixIs(prefix("2001:db8::/32")), "prefix.af\\(\\) == slateKeyAf\\(\\)");
+   EXPECT_DEATH(flowspecV4RouteKeyFactory()->destPrefixIs(prefix("2001:db8::/32")),
+                "prefix.af\\(\\) == slateKeyAf\\(\\)");
    EXPECT_DEATH(flowspecV4RouteKeyFactory()->destPrefixIs(prefix("10.0.0.0/8"), 4), "offset == 0 \\|\\| isV6\\(\\)");
 }
 

@@ -36,9 +36,8 @@ TEST(FlowspecOpValComponentTest, EqualityNeedsTypeAndBytes) {
 TEST(FlowspecOpValComponentTest, TextFormAndParseBack) {
    FlowspecOpValComponent const c(Flowspec::destPort_, Ovk::String(std::string_view("\x91\x01\xbb", 3)));
    std::string const text = c.valueToStrep();
-   EXPECT_EQ(text,
-             "Value('Routing::Bgp::FlowspecPlugin::FlowspecOpValComponent', ** {'type': Destination Port, "
-             "'opValuePairsNbo': '\\x91\\x01\\xbb'})");
+   EXPECT_EQ(text, "Value('Routing::Bgp::FlowspecPlugin::FlowspecOpValComponent', ** {'type': Destination Port, "
+                   "'opValuePairsNbo': '\\x91\\x01\\xbb'})");
    std::ostringstream os;
    os << c;
    EXPECT_EQ(os.str(), text);
@@ -48,7 +47,8 @@ TEST(FlowspecOpValComponentTest, TextFormAndParseBack) {
    // Types beyond the named ones too (a key's components never have them, but the value type
    // promises that its text reads back).
    for (std::uint32_t const t : {0u, 1u, 2u, 3u, 4u, 5u, 6u, 7u, 8u, 9u, 10u, 11u, 12u, 13u, 14u, 255u, 70000u}) {
-      FlowspecOpValComponent const v(static_cast<MatchCompType>(t), Ovk::String(std::string_view("\0'\\\x80\x81 z", 7)));
+      FlowspecOpValComponent const v(static_cast<MatchCompType>(t),
+                                     Ovk::String(std::string_view("\0'\\\x80\x81 z", 7)));
       std::size_t consumed = 0;
       EXPECT_EQ(parse<FlowspecOpValComponent>(v.valueToStrep() + "tail", &consumed), v) << t;
       EXPECT_EQ(consumed, v.valueToStrep().size());
@@ -126,9 +126,8 @@ TEST(FlowspecWontExportReasonTest, AttributeInterface) {
 
 TEST(FlowspecWontExportReasonTest, TextFormAndParseBack) {
    std::string const text = FlowspecWontExportReason(5).valueToStrep();
-   EXPECT_EQ(text,
-             "Value('Routing::Bgp::FlowspecPlugin::FlowspecWontExportReason', ** {'unrecognizedTail': True, "
-             "'nonZeroIpv6Offset': False, 'componentTypeMoreThanOnce': True})");
+   EXPECT_EQ(text, "Value('Routing::Bgp::FlowspecPlugin::FlowspecWontExportReason', ** {'unrecognizedTail': True, "
+                   "'nonZeroIpv6Offset': False, 'componentTypeMoreThanOnce': True})");
    for (std::uint32_t v = 0; v <= 7; ++v) {
       FlowspecWontExportReason const r(v);
       std::ostringstream os;

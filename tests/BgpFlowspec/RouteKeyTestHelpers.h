@@ -139,15 +139,22 @@ struct KeyModel {
 // (which only hand-built keys hold).
 inline KeyModel randomModel(std::mt19937& rng, bool v6) {
    auto draw = [&rng](unsigned n) { return static_cast<unsigned>(rng() % n); };
-   static char const* const v4Prefixes[] = {"10.0.0.0/8", "10.1.0.0/16", "10.1.2.0/24", "10.1.2.3/32", "0.0.0.0/0",
-                                            "192.168.0.0/23"};
-   static char const* const v6Prefixes[] = {"2001:db8::/32", "2001:db8:1::/48", "::/0", "2001:db8::1/128",
-                                            "fe80::/10"};
-   static Component const components[] = {
-       {3, {0x81, 0x06}},        {3, {0x01, 0x06, 0x81, 0x11}}, {4, {0x91, 0x01, 0xbb}}, {5, {0x81, 0x50}},
-       {5, {0x91, 0x00, 0x50}},  {5, {0x81, 0x50, 0x81, 0x51}},   {6, {}},                {9, {0x80, 0x02}},
-       {12, {0x81, 0x02}},       {3, {0x81}},                    {0x90, {0x81, 0x06}},   {0x12345678, {1, 2, 3}},
-       {11, {0xa1, 1, 2, 3, 4, 5, 6, 7, 8}}};
+   static char const* const v4Prefixes[] = {"10.0.0.0/8",  "10.1.0.0/16", "10.1.2.0/24",
+                                            "10.1.2.3/32", "0.0.0.0/0",   "192.168.0.0/23"};
+   static char const* const v6Prefixes[] = {"2001:db8::/32", "2001:db8:1::/48", "::/0", "2001:db8::1/128", "fe80::/10"};
+   static Component const components[] = {{3, {0x81, 0x06}},
+                                          {3, {0x01, 0x06, 0x81, 0x11}},
+                                          {4, {0x91, 0x01, 0xbb}},
+                                          {5, {0x81, 0x50}},
+                                          {5, {0x91, 0x00, 0x50}},
+                                          {5, {0x81, 0x50, 0x81, 0x51}},
+                                          {6, {}},
+                                          {9, {0x80, 0x02}},
+                                          {12, {0x81, 0x02}},
+                                          {3, {0x81}},
+                                          {0x90, {0x81, 0x06}},
+                                          {0x12345678, {1, 2, 3}},
+                                          {11, {0xa1, 1, 2, 3, 4, 5, 6, 7, 8}}};
    static Bytes const tails[] = {{}, {0x0e, 0x81, 0x01}, {0xff}, {0x0e, 0x81, 0x01, 0x00}};
    KeyModel m;
    m.v6 = v6;

@@ -40,12 +40,12 @@ void unlinkFsib(std::string const& prefix) {
 
 AgentConfig config(std::string const& self, std::uint16_t port, std::string const& peer, std::uint16_t peerPort,
                    std::uint32_t as, std::uint32_t peerAs, bool passive, std::string const& socket) {
-   std::string const text = "fsib-prefix = \"" + fsibPrefix(self.c_str() + 8) + "\"\n" +
-                            "router-id = \"" + self + "\"\nlocal-as = " + std::to_string(as) + "\nlisten = [\"" + self +
-                            ":" + std::to_string(port) + "\"]\ncontrol-socket = \"" + socket +
+   std::string const text = "fsib-prefix = \"" + fsibPrefix(self.c_str() + 8) + "\"\n" + "router-id = \"" + self +
+                            "\"\nlocal-as = " + std::to_string(as) + "\nlisten = [\"" + self + ":" +
+                            std::to_string(port) + "\"]\ncontrol-socket = \"" + socket +
                             "\"\n[[neighbor]]\naddress = \"" + peer + "\"\nport = " + std::to_string(peerPort) +
-                            "\nremote-as = " + std::to_string(peerAs) + "\nhold-time = 3\nconnect-retry = 1\npassive = " +
-                            (passive ? "true" : "false") + "\n";
+                            "\nremote-as = " + std::to_string(peerAs) +
+                            "\nhold-time = 3\nconnect-retry = 1\npassive = " + (passive ? "true" : "false") + "\n";
    auto r = parseConfig(text, "test");
    EXPECT_TRUE(r.ok());
    return r.value();
@@ -76,13 +76,15 @@ TEST(Agent, TwoAgentsPeerAndShowTheirSessions) {
    std::uint16_t const portB = freePort("127.0.0.32");
    asio::io_context io;
    QuietLogger logger;
-   auto a = Ovk::makePtr<Agent>(io, config("127.0.0.31", portA, "127.0.0.32", portB, 65031, 65032, false, sockA), logger);
-   auto b = Ovk::makePtr<Agent>(io, config("127.0.0.32", portB, "127.0.0.31", portA, 65032, 65031, true, sockB), logger);
+   auto a =
+       Ovk::makePtr<Agent>(io, config("127.0.0.31", portA, "127.0.0.32", portB, 65031, 65032, false, sockA), logger);
+   auto b =
+       Ovk::makePtr<Agent>(io, config("127.0.0.32", portB, "127.0.0.31", portA, 65032, 65031, true, sockB), logger);
    ASSERT_TRUE(b->start().ok());
    ASSERT_TRUE(a->start().ok());
    std::thread loop([&] { io.run(); });
 
-   struct stat st{};
+   struct stat st {};
    ASSERT_EQ(::stat(sockA.c_str(), &st), 0);
    EXPECT_EQ(st.st_mode & 0777, 0600u);
 
@@ -117,8 +119,7 @@ TEST(Agent, TwoAgentsPeerAndShowTheirSessions) {
    // A stops: B hears a Cease and waits for A again.
    asio::post(io, [&] { a->stop(); });
    EXPECT_TRUE(waitFor(sockB, [](auto const& m) {
-      return m["state"] == "Active" &&
-             m["lastError"] == "received NOTIFICATION Cease/Administrative Shutdown (6/2)";
+      return m["state"] == "Active" && m["lastError"] == "received NOTIFICATION Cease/Administrative Shutdown (6/2)";
    }));
    EXPECT_NE(::stat(sockA.c_str(), &st), 0); // A removed its control socket
 
@@ -137,8 +138,10 @@ TEST(Agent, SecondAgentOnOneFsibIsRefusedAtStart) {
    asio::io_context io;
    QuietLogger logger;
    std::string const dir = testing::TempDir();
-   auto first = Ovk::makePtr<Agent>(io, config("127.0.0.35", freePort("127.0.0.35"), "127.0.0.36", 179, 1, 2, true,
-                                               dir + "/flowspecd-agent-test-d.sock"), logger);
+   auto first = Ovk::makePtr<Agent>(io,
+                                    config("127.0.0.35", freePort("127.0.0.35"), "127.0.0.36", 179, 1, 2, true,
+                                           dir + "/flowspecd-agent-test-d.sock"),
+                                    logger);
    ASSERT_TRUE(first->start().ok());
    AgentConfig same = config("127.0.0.35", freePort("127.0.0.35"), "127.0.0.36", 179, 1, 2, true,
                              dir + "/flowspecd-agent-test-e.sock");
@@ -173,8 +176,10 @@ TEST(Agent, ListenFailureIsReported) {
    QuietLogger logger;
    std::uint16_t const port = freePort("127.0.0.33");
    asio::ip::tcp::acceptor busy(io, asio::ip::tcp::endpoint(asio::ip::make_address("127.0.0.33"), port));
-   auto a = Ovk::makePtr<Agent>(io, config("127.0.0.33", port, "127.0.0.34", 179, 1, 2, true,
-                                           testing::TempDir() + "/flowspecd-agent-test-c.sock"), logger);
+   auto a = Ovk::makePtr<Agent>(
+       io,
+       config("127.0.0.33", port, "127.0.0.34", 179, 1, 2, true, testing::TempDir() + "/flowspecd-agent-test-c.sock"),
+       logger);
    auto r = a->start();
    ASSERT_FALSE(r.ok());
    EXPECT_NE(r.reason().find("cannot listen on 127.0.0.33:" + std::to_string(port)), std::string::npos) << r.reason();

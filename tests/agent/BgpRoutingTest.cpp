@@ -1,4 +1,5 @@
-// The agent's routing over the real plugin library and a real context: UPDATEs of sessions become paths in the default VRF's RIB tables.
+// The agent's routing over the real plugin library and a real context: UPDATEs of sessions become paths in the default
+// VRF's RIB tables.
 #include "agent/BgpRouting.h"
 
 #include <gtest/gtest.h>
@@ -89,7 +90,8 @@ TEST(BgpRoutingTest, TreatAsWithdrawWithdrawsWhatTheUpdateAnnounces) {
    EXPECT_EQ(f.update(a, UpdateBuilder().origin(7).asPath({65002}).mpReach(1, 133, "", kRule).build()), std::nullopt);
    EXPECT_EQ(f.received(a), 1u);
    ASSERT_EQ(f.logger.lines.size(), 1u);
-   EXPECT_EQ(f.logger.lines[0], "127.0.0.2 UPDATE treat-as-withdraw: originValue (ORIGIN value is undefined): treat-as-withdraw");
+   EXPECT_EQ(f.logger.lines[0],
+             "127.0.0.2 UPDATE treat-as-withdraw: originValue (ORIGIN value is undefined): treat-as-withdraw");
    auto const p = f.routing.peer(a.address);
    EXPECT_EQ(p->counters.action(BgpUpdateAction::treatAsWithdraw), 1u);
 }
@@ -124,10 +126,16 @@ TEST(BgpRoutingTest, EachSessionIsDecodedAsNegotiated) {
    Fixture f;
    BgpPeer const a = peer("127.0.0.2", 65002);
    f.routing.handleEstablished(a, session(false, {kIpv4Flowspec}), f.output);
-   Bytes const twoOctet = UpdateBuilder().origin().asPath({65002}, false).attr(kWellKnown, 5, "00000064").mpReach(1, 133, "", kRule).build();
+   Bytes const twoOctet = UpdateBuilder()
+                              .origin()
+                              .asPath({65002}, false)
+                              .attr(kWellKnown, 5, "00000064")
+                              .mpReach(1, 133, "", kRule)
+                              .build();
    EXPECT_EQ(f.update(a, twoOctet), std::nullopt);
    EXPECT_EQ(f.received(a), 1u);
-   EXPECT_EQ(f.logger.lines.back(), "127.0.0.2 UPDATE attribute-discard: localPrefFromExternal (LOCAL_PREF from an external peer): attribute-discard");
+   EXPECT_EQ(f.logger.lines.back(), "127.0.0.2 UPDATE attribute-discard: localPrefFromExternal (LOCAL_PREF from an "
+                                    "external peer): attribute-discard");
    // IPv6 flowspec was not agreed on: skipped.
    (void)f.update(a, UpdateBuilder().origin().asPath({65002}, false).mpReach(2, 133, "", "00").build());
    EXPECT_EQ(f.table(kIpv6Flowspec).routes(), 0u);
@@ -177,11 +185,12 @@ TEST(BgpRoutingTest, AFlappingPeerLeavesNoPathBehind) {
    Fixture f;
    BgpPeer const a = peer("127.0.0.2", 65002);
    std::string nlri;
-   for (int i = 0; i < 50; ++i) nlri += "0501180a" + std::string(i < 16 ? "0" : "") + [i] {
-      char b[3];
-      std::snprintf(b, sizeof b, "%x", i);
-      return std::string(b);
-   }() + "00";
+   for (int i = 0; i < 50; ++i)
+      nlri += "0501180a" + std::string(i < 16 ? "0" : "") + [i] {
+         char b[3];
+         std::snprintf(b, sizeof b, "%x", i);
+         return std::string(b);
+      }() + "00";
    for (int flap = 0; flap < 60; ++flap) {
       f.routing.handleEstablished(a, session(), f.output);
       ASSERT_EQ(f.update(a, announcing().mpReach(1, 133, "", nlri).build()), std::nullopt);

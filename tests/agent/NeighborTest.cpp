@@ -6,7 +6,9 @@
 
 namespace Flowspecd {
 
-void PrintTo(Notification const& n, std::ostream* os) { *os << notificationText(n) << " data " << n.data.size() << " bytes"; }
+void PrintTo(Notification const& n, std::ostream* os) {
+   *os << notificationText(n) << " data " << n.data.size() << " bytes";
+}
 
 namespace {
 
@@ -111,7 +113,9 @@ class FakeConnector : public Connector {
 
 class Lines : public Logger {
  public:
-   void log(std::string_view who, std::string_view event) override { lines.push_back(std::string(who) + " " + std::string(event)); }
+   void log(std::string_view who, std::string_view event) override {
+      lines.push_back(std::string(who) + " " + std::string(event));
+   }
    bool contains(std::string_view text) const {
       return std::any_of(lines.begin(), lines.end(), [&](auto const& l) { return l.find(text) != std::string::npos; });
    }
@@ -221,7 +225,8 @@ TEST_F(NeighborTest, ActiveNeighborReachesEstablished) {
    t->deliver(encodeKeepalive());
    EXPECT_EQ(neighbor->state(), BgpState::established);
    // One End-of-RIB per negotiated family.
-   EXPECT_EQ(t->sentTypes(), (std::vector<MessageType>{MessageType::open, MessageType::keepalive, MessageType::update}));
+   EXPECT_EQ(t->sentTypes(),
+             (std::vector<MessageType>{MessageType::open, MessageType::keepalive, MessageType::update}));
 
    scheduler->advance(4s);
    NeighborStatus const s = neighbor->status();
@@ -229,7 +234,8 @@ TEST_F(NeighborTest, ActiveNeighborReachesEstablished) {
    EXPECT_EQ(s.uptimeSeconds, 4u);
    EXPECT_EQ(s.negotiated.families, std::vector<AfiSafi>{kIpv6Flowspec});
    EXPECT_EQ(s.negotiated.holdTime, 9);
-   EXPECT_EQ(capabilityNames(s.negotiated), (std::vector<std::string>{"multiprotocol", "route-refresh", "four-octet-as"}));
+   EXPECT_EQ(capabilityNames(s.negotiated),
+             (std::vector<std::string>{"multiprotocol", "route-refresh", "four-octet-as"}));
    EXPECT_EQ(s.remoteRouterId, kPeerId);
    EXPECT_EQ(s.counters.establishedTransitions, 1u);
    EXPECT_EQ(s.counters.updatesOut, 1u);
@@ -292,20 +298,22 @@ TEST_F(NeighborTest, EveryMessageErrorSendsItsNotification) {
       Notification expect;
    };
    std::vector<Case> const cases{
-      {"garbage", false, Bytes(40, 0x5a), {1, 1, {}}},
-      {"wrong marker", true, wrongMarker, {1, 1, {}}},
-      {"keepalive of 20 bytes", true, longKeepalive, {1, 2, {0, 20}}},
-      {"unknown message type", false, unknownType, {1, 3, {9}}},
-      {"OPEN version 3", false, version3, {2, 1, {0, 4}}},
-      {"OPEN from the wrong AS", false, peerOpen(65099), {2, 2, {}}},
-      {"OPEN with identifier 0", false, peerOpen(65002, 0), {2, 3, {}}},
-      {"OPEN with hold time 2", false, peerOpen(65002, kPeerId, 2), {2, 6, {}}},
-      {"OPEN without a flowspec family", false, peerOpen(65002, kPeerId, 9, {kIpv4Unicast}),
-       {2, 7, hex("010400010085010400020085")}},
-      {"KEEPALIVE before OPEN", false, encodeKeepalive(), {5, 1, {}}},
-      {"UPDATE before OPEN", false, encodeEndOfRib(kIpv4Flowspec), {5, 1, {}}},
-      {"OPEN when established", true, peerOpen(), {5, 3, {}}},
-      {"UPDATE with path attributes past its end", true, badUpdate, {3, 1, {}}},
+       {"garbage", false, Bytes(40, 0x5a), {1, 1, {}}},
+       {"wrong marker", true, wrongMarker, {1, 1, {}}},
+       {"keepalive of 20 bytes", true, longKeepalive, {1, 2, {0, 20}}},
+       {"unknown message type", false, unknownType, {1, 3, {9}}},
+       {"OPEN version 3", false, version3, {2, 1, {0, 4}}},
+       {"OPEN from the wrong AS", false, peerOpen(65099), {2, 2, {}}},
+       {"OPEN with identifier 0", false, peerOpen(65002, 0), {2, 3, {}}},
+       {"OPEN with hold time 2", false, peerOpen(65002, kPeerId, 2), {2, 6, {}}},
+       {"OPEN without a flowspec family",
+        false,
+        peerOpen(65002, kPeerId, 9, {kIpv4Unicast}),
+        {2, 7, hex("010400010085010400020085")}},
+       {"KEEPALIVE before OPEN", false, encodeKeepalive(), {5, 1, {}}},
+       {"UPDATE before OPEN", false, encodeEndOfRib(kIpv4Flowspec), {5, 1, {}}},
+       {"OPEN when established", true, peerOpen(), {5, 3, {}}},
+       {"UPDATE with path attributes past its end", true, badUpdate, {3, 1, {}}},
    };
    for (auto const& c : cases) {
       SCOPED_TRACE(c.name);
@@ -327,8 +335,7 @@ TEST_F(NeighborTest, ReceivedNotificationEndsTheSessionWithoutAnswer) {
    t->deliver(encodeNotification(ceaseWithMessage(CeaseSubcode::administrativeShutdown, "maintenance")));
    EXPECT_TRUE(t->closed);
    EXPECT_EQ(t->sent.size(), sent);
-   EXPECT_EQ(neighbor->status().lastError,
-             "received NOTIFICATION Cease/Administrative Shutdown (6/2) \"maintenance\"");
+   EXPECT_EQ(neighbor->status().lastError, "received NOTIFICATION Cease/Administrative Shutdown (6/2) \"maintenance\"");
    EXPECT_EQ(neighbor->status().counters.notificationsIn, 1u);
    EXPECT_TRUE(logger.contains("session down"));
 }
@@ -431,7 +438,8 @@ TEST_F(NeighborTest, PassiveNeighborWaits) {
 TEST_F(NeighborTest, UpdatesAreCountedPerFamilyAndHandedOn) {
    auto t = connectOut();
    establish(*t);
-   Bytes const v4 = hex("ffffffffffffffffffffffffffffffff0045020000002e4001010040020602010000fdf6c010088006000000000000800e1300018500000d01100a2802200a290101038106");
+   Bytes const v4 = hex("ffffffffffffffffffffffffffffffff0045020000002e4001010040020602010000fdf6c010088006000000000000"
+                        "800e1300018500000d01100a2802200a290101038106");
    Bytes const v6Withdraw = hex("ffffffffffffffffffffffffffffffff0022020000000b900f000700028503010000");
    t->deliver(v4);
    t->deliver(v4);

@@ -15,7 +15,9 @@ namespace Flowspecd::Fakes {
 
 class Lines : public Logger {
  public:
-   void log(std::string_view who, std::string_view event) override { lines.push_back(std::string(who) + " " + std::string(event)); }
+   void log(std::string_view who, std::string_view event) override {
+      lines.push_back(std::string(who) + " " + std::string(event));
+   }
    bool contains(std::string_view text) const {
       return std::any_of(lines.begin(), lines.end(), [&](auto const& l) { return l.find(text) != std::string::npos; });
    }

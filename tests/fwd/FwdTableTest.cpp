@@ -65,7 +65,7 @@ class FwdTableTest : public ::testing::Test {
          } else if (std::regex_search(line, m, counterRe)) {
             std::uint32_t const id = static_cast<std::uint32_t>(std::stoul(m[1], nullptr, 16));
             auto& v = chains[chain];
-            if (v.empty() || v.back() != id) v.push_back(id);  // a rule's alternatives count once
+            if (v.empty() || v.back() != id) v.push_back(id); // a rule's alternatives count once
          }
       }
       std::vector<std::uint32_t> out;
@@ -97,11 +97,12 @@ class FwdTableTest : public ::testing::Test {
 
 TEST_F(FwdTableTest, EveryCompilerRowLoadsIntoTheKernel) {
    // A next hop for the redirect-to-address rows.
-   sh("ip link add fwa type veth peer name fwb && ip addr add 192.0.2.2/24 dev fwa && ip link set fwa up && ip link set fwb up");
+   sh("ip link add fwa type veth peer name fwb && ip addr add 192.0.2.2/24 dev fwa && ip link set fwa up && ip link "
+      "set fwb up");
    Fwd::PolicyRoutes routes(900);
    Fwd::FwdTable table(cfg_, nft(), &routes);
    for (auto const& row : Fwd::Test::compilerRows()) {
-      if (row.hook != nullptr) continue;  // this table sits at prerouting
+      if (row.hook != nullptr) continue; // this table sits at prerouting
       SCOPED_TRACE(std::string(row.name) + ": " + row.text + " / " + row.actions);
       Rule const r = ruleOf(row.text, row.actions);
       ASSERT_TRUE(table.apply({r}).ok);
@@ -131,8 +132,10 @@ TEST_F(FwdTableTest, ChangesKeepThePrecedenceOrderThroughSplitsAndMerges) {
    std::vector<std::string> pool;
    for (std::uint32_t i = 0; i < 60; ++i) {
       std::uint32_t const len = 8 + 8 * (i % 3);
-      std::string const prefix = "10." + std::to_string(i % 4) + "." + std::to_string(i % 7) + ".0/" + std::to_string(len);
-      pool.push_back(i % 10 == 9 ? "protocol =" + std::to_string(i) : prefix + ";*;destination-port =" + std::to_string(i));
+      std::string const prefix =
+          "10." + std::to_string(i % 4) + "." + std::to_string(i % 7) + ".0/" + std::to_string(len);
+      pool.push_back(i % 10 == 9 ? "protocol =" + std::to_string(i)
+                                 : prefix + ";*;destination-port =" + std::to_string(i));
    }
    std::map<std::string, Rule> live;
    for (int round = 0; round < 60; ++round) {
@@ -161,7 +164,7 @@ TEST_F(FwdTableTest, ARuleNftablesRefusesIsNotInstalledAndTheOthersAre) {
    // This kernel keeps byte rates below 2^64 nanobytes a second: 1e11 bytes/second overflows.
    Rule const tooFast = ruleOf("10.0.0.2/32;*;", "police=1e11");
    std::vector<Rule> const rules = {ruleOf("10.0.0.1/32;*;", "drop"), tooFast, ruleOf("10.0.0.3/32;*;", "police=1000")};
-   for (int pass = 0; pass < 2; ++pass) {  // a full install, then a change beside it
+   for (int pass = 0; pass < 2; ++pass) { // a full install, then a change beside it
       SCOPED_TRACE(pass);
       std::vector<Rule> now = rules;
       if (pass == 1) now.push_back(ruleOf("10.0.0.4/32;*;", "drop"));

@@ -27,9 +27,9 @@ std::string compiled(CompilerRow const& row) {
    if (row.hook != nullptr) cfg.hook = *Fwd::hookFromName(row.hook);
    CompiledRule const c = Fwd::compileRule(Fwd::Test::ruleOf(row.text, row.actions), cfg);
    switch (c.kind) {
-    case CompiledRule::Kind::install: return joined(Fwd::ruleBodies(c, "c", 7, 0x46530001));
-    case CompiledRule::Kind::neverMatches: return "never: " + c.reason;
-    case CompiledRule::Kind::refused: return "refused: " + c.reason;
+   case CompiledRule::Kind::install: return joined(Fwd::ruleBodies(c, "c", 7, 0x46530001));
+   case CompiledRule::Kind::neverMatches: return "never: " + c.reason;
+   case CompiledRule::Kind::refused: return "refused: " + c.reason;
    }
    return "?";
 }

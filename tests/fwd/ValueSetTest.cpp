@@ -22,7 +22,8 @@ TEST(IntervalSetTest, MergesSortsAndComplementsAtTheDomainEdges) {
    EXPECT_TRUE(IntervalSet::range(0, 7).complement(7).empty());
    EXPECT_EQ(s.intersect(t).intervals(), (std::vector<Interval>{{3, 4}, {10, 12}}));
    EXPECT_EQ(s.unite(t).intervals(), (std::vector<Interval>{{0, 25}, {100, 0xffffffff}}));
-   EXPECT_EQ(IntervalSet::of({{30, 50}, {60, 70}}).shiftedDown(40).intervals(), (std::vector<Interval>{{0, 10}, {20, 30}}));
+   EXPECT_EQ(IntervalSet::of({{30, 50}, {60, 70}}).shiftedDown(40).intervals(),
+             (std::vector<Interval>{{0, 10}, {20, 30}}));
 }
 
 // The list evaluated on one value, as RFC 8955 reads it: AND binds tighter than OR, and the
@@ -74,14 +75,16 @@ TEST(ValueSetTest, NumericListRows) {
       std::vector<P> pairs;
       std::vector<Interval> want;
    } const rows[] = {
-      {"eq", {{Flowspec::port_, eq, 80}}, {{80, 80}}},
-      {">24&<30 or =80", {{Flowspec::port_, gt, 24}, {Flowspec::port_, a | lt, 30}, {Flowspec::port_, eq, 80}}, {{25, 29}, {80, 80}}},
-      {"!= 0", {{Flowspec::port_, lt | gt, 0}}, {{1, 0xffff}}},
-      {"always", {{Flowspec::port_, lt | gt | eq, 5}}, {{0, 0xffff}}},
-      {"never", {{Flowspec::port_, 0, 5}}, {}},
-      {"first AND bit ignored", {{Flowspec::port_, a | eq, 7}}, {{7, 7}}},
-      {"value above the domain", {{Flowspec::port_, lt, 70000}}, {{0, 0xffff}}},
-      {"empty AND", {{Flowspec::port_, lt, 10}, {Flowspec::port_, a | gt, 20}}, {}},
+       {"eq", {{Flowspec::port_, eq, 80}}, {{80, 80}}},
+       {">24&<30 or =80",
+        {{Flowspec::port_, gt, 24}, {Flowspec::port_, a | lt, 30}, {Flowspec::port_, eq, 80}},
+        {{25, 29}, {80, 80}}},
+       {"!= 0", {{Flowspec::port_, lt | gt, 0}}, {{1, 0xffff}}},
+       {"always", {{Flowspec::port_, lt | gt | eq, 5}}, {{0, 0xffff}}},
+       {"never", {{Flowspec::port_, 0, 5}}, {}},
+       {"first AND bit ignored", {{Flowspec::port_, a | eq, 7}}, {{7, 7}}},
+       {"value above the domain", {{Flowspec::port_, lt, 70000}}, {{0, 0xffff}}},
+       {"empty AND", {{Flowspec::port_, lt, 10}, {Flowspec::port_, a | gt, 20}}, {}},
    };
    for (auto const& r : rows) {
       SCOPED_TRACE(r.name);
@@ -100,13 +103,16 @@ TEST(ValueSetTest, BitmaskListsLookOnlyAtTheBitsTheyName) {
       std::vector<std::uint32_t> values;
       std::uint32_t fieldMask = 0xff;
    } const rows[] = {
-      {"any of syn|ack", {{Flowspec::tcpFlags_, 0, 0x12}}, 0x12, {0x02, 0x10, 0x12}},
-      {"all of syn|ack", {{Flowspec::tcpFlags_, m, 0x12}}, 0x12, {0x12}},
-      {"none of rst", {{Flowspec::tcpFlags_, n, 0x04}}, 0x04, {0x00}},
-      {"not all of syn|ack", {{Flowspec::tcpFlags_, n | m, 0x12}}, 0x12, {0x00, 0x02, 0x10}},
-      {"syn and not ack", {{Flowspec::tcpFlags_, m, 0x02}, {Flowspec::tcpFlags_, Flowspec::opAnd | n, 0x10}}, 0x12, {0x02}},
-      {"bits outside the field never set", {{Flowspec::fragment_, m, 0x30}}, 0x00, {}, 0x0f},
-      {"not of bits outside the field", {{Flowspec::fragment_, n, 0x30}}, 0x00, {0x00}, 0x0f},
+       {"any of syn|ack", {{Flowspec::tcpFlags_, 0, 0x12}}, 0x12, {0x02, 0x10, 0x12}},
+       {"all of syn|ack", {{Flowspec::tcpFlags_, m, 0x12}}, 0x12, {0x12}},
+       {"none of rst", {{Flowspec::tcpFlags_, n, 0x04}}, 0x04, {0x00}},
+       {"not all of syn|ack", {{Flowspec::tcpFlags_, n | m, 0x12}}, 0x12, {0x00, 0x02, 0x10}},
+       {"syn and not ack",
+        {{Flowspec::tcpFlags_, m, 0x02}, {Flowspec::tcpFlags_, Flowspec::opAnd | n, 0x10}},
+        0x12,
+        {0x02}},
+       {"bits outside the field never set", {{Flowspec::fragment_, m, 0x30}}, 0x00, {}, 0x0f},
+       {"not of bits outside the field", {{Flowspec::fragment_, n, 0x30}}, 0x00, {0x00}, 0x0f},
    };
    for (auto const& r : rows) {
       SCOPED_TRACE(r.name);

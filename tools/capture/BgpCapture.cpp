@@ -37,9 +37,15 @@ struct SubtypeShape {
 
 bool subtypeShape(std::uint16_t subtype, SubtypeShape& s) {
    switch (subtype) {
-    case 1: case 6: case 8: case 10: s = {true, false}; return true;   // MESSAGE, _LOCAL, _ADDPATH
-    case 4: case 7: case 9: case 11: s = {true, true}; return true;    // MESSAGE_AS4 and friends
-    default: return false;
+   case 1:
+   case 6:
+   case 8:
+   case 10: s = {true, false}; return true; // MESSAGE, _LOCAL, _ADDPATH
+   case 4:
+   case 7:
+   case 9:
+   case 11: s = {true, true}; return true; // MESSAGE_AS4 and friends
+   default: return false;
    }
 }
 
@@ -58,7 +64,8 @@ void readMrt(std::span<std::uint8_t const> data, MessageSink const& sink, Stats&
       std::uint32_t seconds = 0, length = 0;
       std::uint16_t type = 0, subtype = 0;
       std::span<std::uint8_t const> body;
-      if (!c.consumeU32ntoh(&seconds) || !c.consumeU16ntoh(&type) || !c.consumeU16ntoh(&subtype) || !c.consumeU32ntoh(&length) || !c.consumeView(length, &body)) {
+      if (!c.consumeU32ntoh(&seconds) || !c.consumeU16ntoh(&type) || !c.consumeU16ntoh(&subtype) ||
+          !c.consumeU32ntoh(&length) || !c.consumeView(length, &body)) {
          ++stats.malformed; // a truncated last record: nothing after it can be framed
          return;
       }
@@ -89,7 +96,8 @@ void readMrt(std::span<std::uint8_t const> data, MessageSink const& sink, Stats&
          m.peerAs = p;
          m.localAs = l;
       }
-      ok = ok && r.consumeU16ntoh(&ifIndex) && r.consumeU16ntoh(&afi) && consumeAddress(r, afi, m.from.address) && consumeAddress(r, afi, m.to.address);
+      ok = ok && r.consumeU16ntoh(&ifIndex) && r.consumeU16ntoh(&afi) && consumeAddress(r, afi, m.from.address) &&
+           consumeAddress(r, afi, m.to.address);
       if (!ok || !isBgpMessage(r.rest())) {
          ++stats.malformed;
          continue;
@@ -118,8 +126,8 @@ bool readMrtFile(std::string const& path, MessageSink const& sink, Stats& stats,
 struct StreamAssembler::Stream {
    Endpoint from, to;
    bool started = false;
-   bool dead = false;              // desynchronised: ignore the rest of the stream
-   std::uint32_t nextSeq = 0;      // sequence number of the next byte expected
+   bool dead = false;         // desynchronised: ignore the rest of the stream
+   std::uint32_t nextSeq = 0; // sequence number of the next byte expected
    // Contiguous bytes, cut into messages by the sessions' own framer.
    Routing::Bgp::MessageFramer framer{kMaxMessage};
    std::map<std::uint32_t, std::vector<std::uint8_t>> pending; // early segments, by seq
@@ -130,7 +138,8 @@ StreamAssembler::~StreamAssembler() = default;
 
 StreamAssembler::Stream& StreamAssembler::stream(Endpoint const& from, Endpoint const& to) {
    for (auto& s : streams_) {
-      if (s->from.port == from.port && s->to.port == to.port && s->from.address == from.address && s->to.address == to.address) {
+      if (s->from.port == from.port && s->to.port == to.port && s->from.address == from.address &&
+          s->to.address == to.address) {
          return *s;
       }
    }
@@ -221,36 +230,33 @@ namespace {
 // Finds the IP packet inside one captured frame; false for frames that carry no IP.
 bool ipPayload(int linkType, Cursor& c, std::uint16_t& etherType) {
    switch (linkType) {
-    case DLT_EN10MB: {
-       if (!c.consumeView(12, nullptr) || !c.consumeU16ntoh(&etherType)) return false;
-       while (etherType == 0x8100 || etherType == 0x88a8) { // VLAN tags
-          if (!c.consumeView(2, nullptr) || !c.consumeU16ntoh(&etherType)) return false;
-       }
-       return true;
-    }
-    case DLT_LINUX_SLL:
-       return c.consumeView(14, nullptr) && c.consumeU16ntoh(&etherType);
-    case DLT_LINUX_SLL2:
-       return c.consumeU16ntoh(&etherType) && c.consumeView(18, nullptr);
-    case DLT_NULL:
-    case DLT_LOOP: {
-       std::span<std::uint8_t const> fam;
-       if (!c.consumeView(4, &fam)) return false;
-       // Host byte order for DLT_NULL, network order for DLT_LOOP; IPv6 has several values.
-       std::uint32_t const le = std::uint32_t{fam[0]} | (std::uint32_t{fam[3]} << 24);
-       std::uint32_t const be = std::uint32_t{fam[3]} | (std::uint32_t{fam[0]} << 24);
-       std::uint32_t const v = le < 256 ? le : be;
-       etherType = v == 2 ? 0x0800 : (v == 24 || v == 28 || v == 30) ? 0x86dd : 0;
-       return etherType != 0;
-    }
-    case DLT_RAW: {
-       std::span<std::uint8_t const> rest = c.rest();
-       if (rest.empty()) return false;
-       etherType = (rest[0] >> 4) == 6 ? 0x86dd : 0x0800;
-       return true;
-    }
-    default:
-       return false;
+   case DLT_EN10MB: {
+      if (!c.consumeView(12, nullptr) || !c.consumeU16ntoh(&etherType)) return false;
+      while (etherType == 0x8100 || etherType == 0x88a8) { // VLAN tags
+         if (!c.consumeView(2, nullptr) || !c.consumeU16ntoh(&etherType)) return false;
+      }
+      return true;
+   }
+   case DLT_LINUX_SLL: return c.consumeView(14, nullptr) && c.consumeU16ntoh(&etherType);
+   case DLT_LINUX_SLL2: return c.consumeU16ntoh(&etherType) && c.consumeView(18, nullptr);
+   case DLT_NULL:
+   case DLT_LOOP: {
+      std::span<std::uint8_t const> fam;
+      if (!c.consumeView(4, &fam)) return false;
+      // Host byte order for DLT_NULL, network order for DLT_LOOP; IPv6 has several values.
+      std::uint32_t const le = std::uint32_t{fam[0]} | (std::uint32_t{fam[3]} << 24);
+      std::uint32_t const be = std::uint32_t{fam[3]} | (std::uint32_t{fam[0]} << 24);
+      std::uint32_t const v = le < 256 ? le : be;
+      etherType = v == 2 ? 0x0800 : (v == 24 || v == 28 || v == 30) ? 0x86dd : 0;
+      return etherType != 0;
+   }
+   case DLT_RAW: {
+      std::span<std::uint8_t const> rest = c.rest();
+      if (rest.empty()) return false;
+      etherType = (rest[0] >> 4) == 6 ? 0x86dd : 0x0800;
+      return true;
+   }
+   default: return false;
    }
 }
 
@@ -299,8 +305,8 @@ Frame ipv6Packet(Cursor& c, IpPacket& ip) {
    std::uint16_t payloadLen = 0;
    std::uint8_t hop = 0;
    std::span<std::uint8_t const> src, dst;
-   if (!c.consumeU32ntoh(&vtcfl) || !c.consumeU16ntoh(&payloadLen) || !c.consumeU8(&ip.proto) ||
-       !c.consumeU8(&hop) || !c.consumeView(16, &src) || !c.consumeView(16, &dst)) {
+   if (!c.consumeU32ntoh(&vtcfl) || !c.consumeU16ntoh(&payloadLen) || !c.consumeU8(&ip.proto) || !c.consumeU8(&hop) ||
+       !c.consumeView(16, &src) || !c.consumeView(16, &dst)) {
       return Frame::malformed;
    }
    ip.from.address = Ovnet::IpGenAddr::ipv6(src.first<16>());
@@ -309,8 +315,8 @@ Frame ipv6Packet(Cursor& c, IpPacket& ip) {
    // Hop-by-hop, routing and destination options headers precede TCP.
    while (ip.proto == 0 || ip.proto == 43 || ip.proto == 60) {
       std::uint8_t next = 0, len = 0;
-      bool const ok = body.consumeU8(&next) && body.consumeU8(&len) &&
-                      body.consumeView(std::size_t{len} * 8 + 6, nullptr);
+      bool const ok =
+          body.consumeU8(&next) && body.consumeU8(&len) && body.consumeView(std::size_t{len} * 8 + 6, nullptr);
       ip.proto = next;
       if (!ok) return Frame::malformed;
    }
@@ -324,8 +330,8 @@ Frame tcpSegment(IpPacket& ip, double timestamp, StreamAssembler& assembler) {
    Cursor t(ip.payload);
    std::uint16_t sport = 0, dport = 0, flagsWord = 0;
    std::uint32_t seq = 0, ack = 0;
-   if (!t.consumeU16ntoh(&sport) || !t.consumeU16ntoh(&dport) || !t.consumeU32ntoh(&seq) ||
-       !t.consumeU32ntoh(&ack) || !t.consumeU16ntoh(&flagsWord)) {
+   if (!t.consumeU16ntoh(&sport) || !t.consumeU16ntoh(&dport) || !t.consumeU32ntoh(&seq) || !t.consumeU32ntoh(&ack) ||
+       !t.consumeU16ntoh(&flagsWord)) {
       return Frame::malformed;
    }
    std::size_t const off = std::size_t{static_cast<unsigned>(flagsWord >> 12)} * 4;

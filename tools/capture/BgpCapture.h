@@ -24,11 +24,11 @@ namespace BgpCapture {
 using Ovnet::Endpoint;
 
 struct Message {
-   double timestamp = 0;       // seconds since the epoch, with fraction
-   Endpoint from;              // MRT: the peer; pcap: the sender
-   Endpoint to;                // MRT: the local side; pcap: the receiver
-   std::uint32_t peerAs = 0;   // MRT only
-   std::uint32_t localAs = 0;  // MRT only
+   double timestamp = 0;                // seconds since the epoch, with fraction
+   Endpoint from;                       // MRT: the peer; pcap: the sender
+   Endpoint to;                         // MRT: the local side; pcap: the receiver
+   std::uint32_t peerAs = 0;            // MRT only
+   std::uint32_t localAs = 0;           // MRT only
    std::span<std::uint8_t const> bytes; // one whole BGP message; valid during the sink call
 };
 

@@ -29,7 +29,7 @@ struct FsibOptions {
    bool json = false;
    bool watch = false;
    unsigned intervalMs = 100;
-   std::uint64_t maxReports = 0;  // --watch stops after this many reports; 0: never
+   std::uint64_t maxReports = 0; // --watch stops after this many reports; 0: never
 };
 
 std::string floatText(float f) {
@@ -52,8 +52,8 @@ std::string redirectText(Flowspec::TrafficRedirect const& r) {
 
 // Two lines: the key in the rule text form, then the actions.
 void printRule(std::ostream& os, char mark, Rule const& r) {
-   os << mark << ' ' << r.key.toStrepCli() << "\n    ruleId " << r.ruleId << "  actions " << r.actions.str() << "  rate "
-      << floatText(r.rate) << "  trafficAction " << hexText(r.trafficAction) << "  redirect "
+   os << mark << ' ' << r.key.toStrepCli() << "\n    ruleId " << r.ruleId << "  actions " << r.actions.str()
+      << "  rate " << floatText(r.rate) << "  trafficAction " << hexText(r.trafficAction) << "  redirect "
       << redirectText(r.trafficRedirect) << "  dscp " << unsigned{r.dscp} << '\n';
 }
 
@@ -72,8 +72,9 @@ nlohmann::json ruleJson(Rule const& r) {
 }
 
 nlohmann::json countersJson(Mnemo::SlateCounters const& c) {
-   return {{"adds", c.adds},           {"replaces", c.replaces}, {"deletes", c.deletes},
-           {"deleteAlls", c.deleteAlls}, {"refusals", c.refusals}, {"writerAttaches", c.writerAttaches}};
+   return {{"adds", c.adds},         {"replaces", c.replaces},
+           {"deletes", c.deletes},   {"deleteAlls", c.deleteAlls},
+           {"refusals", c.refusals}, {"writerAttaches", c.writerAttaches}};
 }
 
 std::string writerText(SlateRuleSetReader const& rd) {
@@ -127,7 +128,8 @@ RuleMap byKey(SlateSnapshot const& s) {
 }
 
 // One report of what changed from `before` to `after`.
-void printChanges(FsibOptions const& o, SlateRuleSetReader const& rd, RuleMap const& before, SlateSnapshot const& after) {
+void printChanges(FsibOptions const& o, SlateRuleSetReader const& rd, RuleMap const& before,
+                  SlateSnapshot const& after) {
    RuleMap const now = byKey(after);
    std::vector<Rule const*> added, changed;
    std::vector<Rule const*> deleted;
@@ -146,8 +148,10 @@ void printChanges(FsibOptions const& o, SlateRuleSetReader const& rd, RuleMap co
       std::sort(list->begin(), list->end(), [](Rule const* a, Rule const* b) { return a->key < b->key; });
    }
    if (o.json) {
-      nlohmann::json j = {{"generation", after.generation}, {"status", toStrep(after.status)},
-                          {"ruleCount", after.rules.size()}, {"counters", countersJson(after.counters)}};
+      nlohmann::json j = {{"generation", after.generation},
+                          {"status", toStrep(after.status)},
+                          {"ruleCount", after.rules.size()},
+                          {"counters", countersJson(after.counters)}};
       for (auto const& [name, list] : {std::pair{"added", &added}, {"changed", &changed}}) {
          nlohmann::json rules = nlohmann::json::array();
          for (Rule const* r : *list) rules.push_back(ruleJson(*r));
@@ -175,8 +179,9 @@ std::optional<SlateRuleSetReader> openFsib(std::string const& name, bool quiet) 
    if (rd) return std::move(rd.value());
    if (!quiet) {
       std::cerr << "flowspec: cannot read the FSIB " << name << ": "
-                << (rd.reason() == Mnemo::SlateError::noSegment ? "no such segment (is the agent running with this prefix?)"
-                                                                : toStrep(rd.reason()))
+                << (rd.reason() == Mnemo::SlateError::noSegment
+                        ? "no such segment (is the agent running with this prefix?)"
+                        : toStrep(rd.reason()))
                 << '\n';
    }
    return std::nullopt;
@@ -225,8 +230,8 @@ void addFsibCommand(CLI::App& app, FlowspecTool::Options& options) {
    cmd->add_flag("--json", o->json, "JSON instead of text");
    cmd->add_flag("--watch", o->watch, "keep reporting changes as the generation moves");
    cmd->add_option("--interval-ms", o->intervalMs, "with --watch: how often to look, in milliseconds")
-      ->capture_default_str()
-      ->check(CLI::Range(1u, 60000u));
+       ->capture_default_str()
+       ->check(CLI::Range(1u, 60000u));
    cmd->add_option("--max-reports", o->maxReports, "with --watch: stop after this many reports (0: never)");
    cmd->callback([o, &options] { options.run = [o] { return runFsib(*o); }; });
 }

@@ -140,7 +140,8 @@ Json encodeRule(Afi afi, std::string_view text) {
 std::string decodedLine(Json const& decoded) {
    std::string line = decoded["nlri"].get<std::string>() + " -> ";
    if (!decoded["ok"].get<bool>()) {
-      return line + "error " + std::to_string(decoded["reason"].get<int>()) + ": " + decoded["message"].get<std::string>();
+      return line + "error " + std::to_string(decoded["reason"].get<int>()) + ": " +
+             decoded["message"].get<std::string>();
    }
    line += decoded["rule"].get<std::string>();
    FlowspecWontExportReason const reason(decoded["wontExportReason"].get<std::uint32_t>());

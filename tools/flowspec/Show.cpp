@@ -39,8 +39,8 @@ void addShowCommand(CLI::App& app, FlowspecTool::Options& options) {
                      FlowspecTool::printNeighbors);
    addShowSubcommand(*show, options, "updates", "what the UPDATE decoder made of each neighbor's UPDATEs",
                      "show updates", FlowspecTool::printUpdates);
-   addShowSubcommand(*show, options, "summary", "per VRF and family: rules, paths and the FSIB export",
-                     "show summary", FlowspecTool::printSummary);
+   addShowSubcommand(*show, options, "summary", "per VRF and family: rules, paths and the FSIB export", "show summary",
+                     FlowspecTool::printSummary);
 }
 
 const FlowspecTool::SubcommandRegistration registration{"show", addShowCommand};

@@ -26,20 +26,22 @@ std::string joined(nlohmann::json const& list) {
 } // namespace
 
 void printNeighbors(nlohmann::json const& answer, std::ostream& os) {
-   os << std::left << std::setw(26) << "Neighbor" << std::setw(11) << "AS" << std::setw(12) << "State"
-      << std::setw(10) << "Up" << std::right << std::setw(8) << "MsgIn" << std::setw(8) << "MsgOut" << std::setw(8)
-      << "UpdIn" << std::setw(8) << "UpdOut" << "  " << std::left << "Families\n";
+   os << std::left << std::setw(26) << "Neighbor" << std::setw(11) << "AS" << std::setw(12) << "State" << std::setw(10)
+      << "Up" << std::right << std::setw(8) << "MsgIn" << std::setw(8) << "MsgOut" << std::setw(8) << "UpdIn"
+      << std::setw(8) << "UpdOut"
+      << "  " << std::left << "Families\n";
    for (auto const& n : answer.at("neighbors")) {
       std::string const address = n.at("address").get<std::string>();
       std::string const name = address.find(':') != std::string::npos
-                                  ? "[" + address + "]:" + std::to_string(n.at("port").get<int>())
-                                  : address + ":" + std::to_string(n.at("port").get<int>());
+                                   ? "[" + address + "]:" + std::to_string(n.at("port").get<int>())
+                                   : address + ":" + std::to_string(n.at("port").get<int>());
       os << std::left << std::setw(26) << name << std::setw(11) << n.at("remoteAs").get<std::uint64_t>()
          << std::setw(12) << n.at("state").get<std::string>() << std::setw(10)
-         << uptimeText(n.at("state") == "Established", n.at("uptimeSeconds").get<std::uint64_t>()) << std::right << std::setw(8)
-         << n.at("messagesIn").get<std::uint64_t>() << std::setw(8) << n.at("messagesOut").get<std::uint64_t>()
-         << std::setw(8) << n.at("updatesIn").get<std::uint64_t>() << std::setw(8)
-         << n.at("updatesOut").get<std::uint64_t>() << "  " << std::left << joined(n.at("families")) << '\n';
+         << uptimeText(n.at("state") == "Established", n.at("uptimeSeconds").get<std::uint64_t>()) << std::right
+         << std::setw(8) << n.at("messagesIn").get<std::uint64_t>() << std::setw(8)
+         << n.at("messagesOut").get<std::uint64_t>() << std::setw(8) << n.at("updatesIn").get<std::uint64_t>()
+         << std::setw(8) << n.at("updatesOut").get<std::uint64_t>() << "  " << std::left << joined(n.at("families"))
+         << '\n';
       if (auto const d = n.at("description").get<std::string>(); !d.empty()) os << "  description: " << d << '\n';
       if (auto const e = n.at("lastError").get<std::string>(); !e.empty()) os << "  last error: " << e << '\n';
    }

@@ -23,9 +23,9 @@ namespace {
 
 char const* originName(std::uint8_t origin) {
    switch (origin) {
-    case 0: return "igp";
-    case 1: return "egp";
-    default: return "incomplete";
+   case 0: return "igp";
+   case 1: return "egp";
+   default: return "incomplete";
    }
 }
 
@@ -74,9 +74,8 @@ std::vector<std::string> communities(std::span<std::uint8_t const> value) {
 
 std::vector<std::string> ipv4Prefixes(std::span<std::uint8_t const> field) {
    std::vector<std::string> out;
-   forEachIpv4Prefix(field, [&](Ovnet::IpGenAddr const& a, std::uint8_t len) {
-      out.push_back(a.str() + "/" + std::to_string(len));
-   });
+   forEachIpv4Prefix(
+       field, [&](Ovnet::IpGenAddr const& a, std::uint8_t len) { out.push_back(a.str() + "/" + std::to_string(len)); });
    return out;
 }
 
@@ -133,7 +132,8 @@ struct UpdateDecodeSession::Impl {
    Impl()
        : plugins(startContext()),
          context(Ovk::makePtr<BgpParseContext>(plugins->dedupTablesVrf(BgpL3VrfId::defaultVrfId()), "decode")),
-         decoder(context, {.fourOctetAs = true, .detectAsWidth = true, .externalPeer = false, .maxMessageSize = 65535}) {
+         decoder(context,
+                 {.fourOctetAs = true, .detectAsWidth = true, .externalPeer = false, .maxMessageSize = 65535}) {
       for (AfiSafi const family : {AfiSafi::ipv4Flowspec(), AfiSafi::ipv6Flowspec()}) {
          decoder.ruleCollectionsIs(plugins->parseRuleCollections(family), {});
       }
@@ -160,9 +160,9 @@ json UpdateDecodeSession::nlriJson(BgpParsedNlri const& nlri) const {
                {"reason", static_cast<int>(nlri.reason)},
                {"message", toStrep(nlri.reason)}};
    auto const collections = impl_->decoder.ruleCollections(nlri.afiSafi);
-   auto const* rule = collections ? dynamic_cast<FlowspecParseUpdateNlriRule const*>(
-                                        collections->nlriSubRule({nlri.afiSafi, false}))
-                                  : nullptr;
+   auto const* rule =
+       collections ? dynamic_cast<FlowspecParseUpdateNlriRule const*>(collections->nlriSubRule({nlri.afiSafi, false}))
+                   : nullptr;
    if (!rule) return out;
    // The rule is given again what it was given in the UPDATE, so it fails the same way and
    // says why.
@@ -273,9 +273,10 @@ void UpdateDecodeSession::updateText(BgpParsedUpdate const& u, std::size_t index
       }
       out << '\n';
    }
-   forEachCommunity(*u.attributes, *impl_->plugins->parseExtCommRuleCollections(), [&](auto const& c, std::span<std::uint8_t const> b) {
-      out << "  community " << c.toStrep() << " [" << hexOf(b) << "]\n";
-   });
+   forEachCommunity(*u.attributes, *impl_->plugins->parseExtCommRuleCollections(),
+                    [&](auto const& c, std::span<std::uint8_t const> b) {
+                       out << "  community " << c.toStrep() << " [" << hexOf(b) << "]\n";
+                    });
    for (json const& p : j["ipv4Withdrawn"]) out << "  withdraw ipv4 " << p.get<std::string>() << '\n';
    for (json const& p : j["ipv4Announced"]) out << "  announce ipv4 " << p.get<std::string>() << '\n';
    for (auto const* list : {&j["announced"], &j["withdrawn"]}) {
@@ -326,7 +327,7 @@ int decodeUpdates(std::vector<UpdateInput> const& inputs, bool asJson, std::ostr
    };
    for (UpdateInput const& input : inputs) {
       switch (input.kind) {
-       case UpdateInput::Kind::hex: {
+      case UpdateInput::Kind::hex: {
          std::string whyNot;
          std::optional<std::vector<std::uint8_t>> const bytes = bytesOfHex(input.value, whyNot);
          if (!bytes) {
@@ -336,17 +337,18 @@ int decodeUpdates(std::vector<UpdateInput> const& inputs, bool asJson, std::ostr
          }
          report(*bytes, nullptr);
          continue;
-       }
-       case UpdateInput::Kind::mrt:
-       case UpdateInput::Kind::pcap: {
+      }
+      case UpdateInput::Kind::mrt:
+      case UpdateInput::Kind::pcap: {
          BgpCapture::Stats stats;
          std::string error;
          auto sink = [&](BgpCapture::Message const& m) {
             MessageOrigin const origin{m.timestamp, m.from.str(), m.to.str()};
             report(m.bytes, &origin);
          };
-         bool const read = input.kind == UpdateInput::Kind::mrt ? BgpCapture::readMrtFile(input.value, sink, stats, error)
-                                                                : BgpCapture::readPcapFile(input.value, sink, stats, error);
+         bool const read = input.kind == UpdateInput::Kind::mrt
+                               ? BgpCapture::readMrtFile(input.value, sink, stats, error)
+                               : BgpCapture::readPcapFile(input.value, sink, stats, error);
          if (!read) {
             err << "flowspec decode: " << input.value << ": " << error << '\n';
             status = 2;
@@ -355,7 +357,7 @@ int decodeUpdates(std::vector<UpdateInput> const& inputs, bool asJson, std::ostr
                 << stats.gaps << " TCP stream(s) with bytes missing\n";
          }
          continue;
-       }
+      }
       }
    }
    // What the decoder counted of the UPDATEs and their rules.

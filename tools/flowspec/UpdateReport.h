@@ -47,7 +47,7 @@ class UpdateDecodeSession {
    nlohmann::ordered_json nlriJson(Routing::Bgp::BgpParsedNlri const& nlri) const;
    // The object of one UPDATE; `index` counts messages from 1; `origin` may be null.
    nlohmann::ordered_json updateJson(Routing::Bgp::BgpParsedUpdate const& update, std::size_t index,
-                             MessageOrigin const* origin) const;
+                                     MessageOrigin const* origin) const;
    // The readable report of one UPDATE.
    void updateText(Routing::Bgp::BgpParsedUpdate const& update, std::size_t index, MessageOrigin const* origin,
                    std::ostream& out) const;
@@ -65,12 +65,12 @@ struct UpdateInput {
 
 // What decodeUpdates saw.
 struct UpdateTotals {
-   std::uint64_t messages = 0;     // BGP messages read
-   std::uint64_t updates = 0;      // UPDATEs among them
-   std::uint64_t notAccepted = 0;  // UPDATEs with an error of any kind
-   std::uint64_t announced = 0;    // rules announced
-   std::uint64_t withdrawn = 0;    // rules withdrawn
-   std::uint64_t refused = 0;      // NLRI refused
+   std::uint64_t messages = 0;    // BGP messages read
+   std::uint64_t updates = 0;     // UPDATEs among them
+   std::uint64_t notAccepted = 0; // UPDATEs with an error of any kind
+   std::uint64_t announced = 0;   // rules announced
+   std::uint64_t withdrawn = 0;   // rules withdrawn
+   std::uint64_t refused = 0;     // NLRI refused
 };
 
 // Decodes every input and writes one report per UPDATE to `out` (a JSON line each with

@@ -8,7 +8,9 @@
 
 namespace Routing::Bgp {
 
-void PrintTo(Notification const& n, std::ostream* os) { *os << notificationText(n) << " data " << n.data.size() << " bytes"; }
+void PrintTo(Notification const& n, std::ostream* os) {
+   *os << notificationText(n) << " data " << n.data.size() << " bytes";
+}
 
 namespace {
 
@@ -44,21 +46,21 @@ TEST(BgpMessage, HeaderChecksMarkerLengthAndType) {
    Bytes badMarker = header(19, 4);
    badMarker[7] = 0xfe;
    std::vector<HeaderCase> const cases{
-      {"keepalive", header(19, 4), std::nullopt},
-      {"smallest open", header(29, 1), std::nullopt},
-      {"largest update", header(4096, 2), std::nullopt},
-      {"route refresh", header(23, 5), std::nullopt},
-      {"wrong marker", badMarker, Notification{1, 1, {}}},
-      {"garbage", Bytes(19, 0x41), Notification{1, 1, {}}},
-      {"shorter than a header", header(18, 4), Notification{1, 2, {0x00, 0x12}}},
-      {"longer than the maximum", header(4097, 2), Notification{1, 2, {0x10, 0x01}}},
-      {"keepalive with a body", header(20, 4), Notification{1, 2, {0x00, 0x14}}},
-      {"truncated open", header(28, 1), Notification{1, 2, {0x00, 0x1c}}},
-      {"truncated update", header(22, 2), Notification{1, 2, {0x00, 0x16}}},
-      {"truncated notification", header(20, 3), Notification{1, 2, {0x00, 0x14}}},
-      {"long route refresh", header(24, 5), Notification{1, 2, {0x00, 0x18}}},
-      {"type 0", header(19, 0), Notification{1, 3, {0x00}}},
-      {"type 6", header(19, 6), Notification{1, 3, {0x06}}},
+       {"keepalive", header(19, 4), std::nullopt},
+       {"smallest open", header(29, 1), std::nullopt},
+       {"largest update", header(4096, 2), std::nullopt},
+       {"route refresh", header(23, 5), std::nullopt},
+       {"wrong marker", badMarker, Notification{1, 1, {}}},
+       {"garbage", Bytes(19, 0x41), Notification{1, 1, {}}},
+       {"shorter than a header", header(18, 4), Notification{1, 2, {0x00, 0x12}}},
+       {"longer than the maximum", header(4097, 2), Notification{1, 2, {0x10, 0x01}}},
+       {"keepalive with a body", header(20, 4), Notification{1, 2, {0x00, 0x14}}},
+       {"truncated open", header(28, 1), Notification{1, 2, {0x00, 0x1c}}},
+       {"truncated update", header(22, 2), Notification{1, 2, {0x00, 0x16}}},
+       {"truncated notification", header(20, 3), Notification{1, 2, {0x00, 0x14}}},
+       {"long route refresh", header(24, 5), Notification{1, 2, {0x00, 0x18}}},
+       {"type 0", header(19, 0), Notification{1, 3, {0x00}}},
+       {"type 6", header(19, 6), Notification{1, 3, {0x06}}},
    };
    for (auto const& c : cases) {
       SCOPED_TRACE(c.name);
@@ -154,14 +156,14 @@ TEST(BgpMessage, OpenStructureErrors) {
       Notification expect;
    };
    std::vector<Case> const cases{
-      {"version 3", hex("03fdea00030a00000200"), {2, 1, {0x00, 0x04}}},
-      {"version 5", hex("05fdea00030a00000200"), {2, 1, {0x00, 0x04}}},
-      {"parameters longer than the message", hex("04fdea00030a0000020a0206010400010085"), {2, 0, {}}},
-      {"bytes after the parameters", hex("04fdea00030a0000020000"), {2, 0, {}}},
-      {"unknown parameter type", hex("04fdea00030a000002040102aaaa"), {2, 4, {}}},
-      {"capability longer than its parameter", hex("04fdea00030a000002040202010a"), {2, 0, {}}},
-      {"multiprotocol of 3 bytes", hex("04fdea00030a00000207020501030001 00"), {2, 0, {}}},
-      {"four-octet AS of 2 bytes", hex("04fdea00030a000002060204410200fd"), {2, 0, {}}},
+       {"version 3", hex("03fdea00030a00000200"), {2, 1, {0x00, 0x04}}},
+       {"version 5", hex("05fdea00030a00000200"), {2, 1, {0x00, 0x04}}},
+       {"parameters longer than the message", hex("04fdea00030a0000020a0206010400010085"), {2, 0, {}}},
+       {"bytes after the parameters", hex("04fdea00030a0000020000"), {2, 0, {}}},
+       {"unknown parameter type", hex("04fdea00030a000002040102aaaa"), {2, 4, {}}},
+       {"capability longer than its parameter", hex("04fdea00030a000002040202010a"), {2, 0, {}}},
+       {"multiprotocol of 3 bytes", hex("04fdea00030a00000207020501030001 00"), {2, 0, {}}},
+       {"four-octet AS of 2 bytes", hex("04fdea00030a000002060204410200fd"), {2, 0, {}}},
    };
    for (auto const& c : cases) {
       SCOPED_TRACE(c.name);
@@ -187,16 +189,16 @@ TEST(BgpMessage, OpenValueChecks) {
       std::optional<std::uint8_t> subcode;
    };
    std::vector<Case> const cases{
-      {"good", open(65002, 65002, 0x0a000002, 90), std::nullopt},
-      {"good without 4-octet AS", open(65002, std::nullopt, 0x0a000002, 0), std::nullopt},
-      {"good, hold time 3", open(65002, 65002, 0x0a000002, 3), std::nullopt},
-      {"eBGP peer may share our identifier", open(65002, 65002, 0x0a000001, 90), std::nullopt},
-      {"wrong AS", open(65003, 65003, 0x0a000002, 90), OpenSubcode::badPeerAs},
-      {"4-octet AS wins over the 2-octet field", open(65002, 65003, 0x0a000002, 90), OpenSubcode::badPeerAs},
-      {"AS_TRANS without the capability", open(kAsTrans, std::nullopt, 0x0a000002, 90), OpenSubcode::badPeerAs},
-      {"identifier 0", open(65002, 65002, 0, 90), OpenSubcode::badBgpIdentifier},
-      {"hold time 1", open(65002, 65002, 0x0a000002, 1), OpenSubcode::unacceptableHoldTime},
-      {"hold time 2", open(65002, 65002, 0x0a000002, 2), OpenSubcode::unacceptableHoldTime},
+       {"good", open(65002, 65002, 0x0a000002, 90), std::nullopt},
+       {"good without 4-octet AS", open(65002, std::nullopt, 0x0a000002, 0), std::nullopt},
+       {"good, hold time 3", open(65002, 65002, 0x0a000002, 3), std::nullopt},
+       {"eBGP peer may share our identifier", open(65002, 65002, 0x0a000001, 90), std::nullopt},
+       {"wrong AS", open(65003, 65003, 0x0a000002, 90), OpenSubcode::badPeerAs},
+       {"4-octet AS wins over the 2-octet field", open(65002, 65003, 0x0a000002, 90), OpenSubcode::badPeerAs},
+       {"AS_TRANS without the capability", open(kAsTrans, std::nullopt, 0x0a000002, 90), OpenSubcode::badPeerAs},
+       {"identifier 0", open(65002, 65002, 0, 90), OpenSubcode::badBgpIdentifier},
+       {"hold time 1", open(65002, 65002, 0x0a000002, 1), OpenSubcode::unacceptableHoldTime},
+       {"hold time 2", open(65002, 65002, 0x0a000002, 2), OpenSubcode::unacceptableHoldTime},
    };
    for (auto const& c : cases) {
       SCOPED_TRACE(c.name);
@@ -236,8 +238,7 @@ TEST(BgpMessage, NotificationTexts) {
    EXPECT_EQ(notificationText({1, 1, {}}), "Message Header Error/Connection Not Synchronized (1/1)");
    EXPECT_EQ(notificationText({2, 2, {}}), "OPEN Message Error/Bad Peer AS (2/2)");
    EXPECT_EQ(notificationText({6, 99, {}}), "Cease (6/99)");
-   EXPECT_EQ(notificationText(ceaseWithMessage(2, "bye \"now\"")),
-             "Cease/Administrative Shutdown (6/2) \"bye ?now?\"");
+   EXPECT_EQ(notificationText(ceaseWithMessage(2, "bye \"now\"")), "Cease/Administrative Shutdown (6/2) \"bye ?now?\"");
    // A length octet that overruns the data shows no text.
    EXPECT_EQ(notificationText({6, 2, {9, 'a'}}), "Cease/Administrative Shutdown (6/2)");
    Notification const n = ceaseWithMessage(2, std::string(300, 'x'));

@@ -10,8 +10,8 @@ namespace {
 using namespace Routing::Bgp;
 
 TEST(BgpParseTest, PositionReadsBigEndianAndNeverPastTheEnd) {
-   std::vector<std::uint8_t> const bytes = {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09, 0x0a, 0x0b,
-                                            0x0c, 0x0d, 0x0e, 0x0f, 0x10, 0x11};
+   std::vector<std::uint8_t> const bytes = {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09,
+                                            0x0a, 0x0b, 0x0c, 0x0d, 0x0e, 0x0f, 0x10, 0x11};
    BgpParsePktPosition p(bytes);
    std::uint8_t u8 = 0;
    std::uint16_t u16 = 0;
@@ -77,7 +77,8 @@ TEST(BgpParseTest, ReasonNamesAndTexts) {
       EXPECT_NE(toStrep(r), std::to_string(n));
       EXPECT_STRNE(bgpUpdateErrorText(r), "");
    }
-   for (unsigned n = static_cast<unsigned>(R::flowspecNlriLenMissing); n <= static_cast<unsigned>(R::flowspecNexthopShort); ++n) {
+   for (unsigned n = static_cast<unsigned>(R::flowspecNlriLenMissing);
+        n <= static_cast<unsigned>(R::flowspecNexthopShort); ++n) {
       auto const r = static_cast<R>(n);
       SCOPED_TRACE(n);
       EXPECT_EQ(toStrep(r).rfind("flowspec", 0), 0u);

@@ -72,8 +72,9 @@ class FakeNlriRule : public BgpParseUpdateNlriRuleBase {
 
 class FakeNextHopRule : public BgpParseUpdateAttributeMpReachNlriNextHopRuleBase {
  public:
-   BgpNotificationErrorUpdateMessageSubcode inhale(Ptr<BgpParseContext> const&, BgpParsePktPosition* const& position,
-                                                   Ptr<BgpParseUpdateAttributesScratchpad> const& scratchpad) const override {
+   BgpNotificationErrorUpdateMessageSubcode inhale(
+       Ptr<BgpParseContext> const&, BgpParsePktPosition* const& position,
+       Ptr<BgpParseUpdateAttributesScratchpad> const& scratchpad) const override {
       std::size_t const n = position->bytesLeft();
       if (!position->consumeData(n)) {
          scratchpad->results()->countReasonIs(BgpParseCountReason::flowspecNexthopShort);
@@ -92,7 +93,8 @@ class FakePluginSm : public BgpParsePluginBaseSm {
       if (startNow) handleStartup();
    }
    void start() { handleStartup(); }
-   void instantiateNextHopSubRule(BgpParseUpdateAttributeMpReachNlriRuleKey key, BgpParseControl const&) const override {
+   void instantiateNextHopSubRule(BgpParseUpdateAttributeMpReachNlriRuleKey key,
+                                  BgpParseControl const&) const override {
       log.push_back("nexthop " + str(key));
       addNextHopSubRule(key, nextHopRule);
    }
@@ -169,19 +171,44 @@ std::vector<Row> const& rows() {
        // Header (RFC 4271 section 6.1).
        {"shorter than a header", [] { return header("ffffffffffffffffffffffffffffffff0013"); }, "session-reset",
         "updateHeaderShort:session-reset", "1/2 "},
-       {"marker", [] { Bytes m = UpdateBuilder().build(); m[3] = 0; return m; }, "session-reset",
-        "updateMarker:session-reset", "1/1 "},
-       {"length field", [] { Bytes m = UpdateBuilder().build(); m.push_back(0); return m; }, "session-reset",
-        "updateLength:session-reset", "1/2 0017"},
-       {"type", [] { Bytes m = UpdateBuilder().build(); m[18] = 4; return m; }, "session-reset",
-        "updateType:session-reset", "1/3 04"},
+       {"marker",
+        [] {
+           Bytes m = UpdateBuilder().build();
+           m[3] = 0;
+           return m;
+        },
+        "session-reset", "updateMarker:session-reset", "1/1 "},
+       {"length field",
+        [] {
+           Bytes m = UpdateBuilder().build();
+           m.push_back(0);
+           return m;
+        },
+        "session-reset", "updateLength:session-reset", "1/2 0017"},
+       {"type",
+        [] {
+           Bytes m = UpdateBuilder().build();
+           m[18] = 4;
+           return m;
+        },
+        "session-reset", "updateType:session-reset", "1/3 04"},
        {"above the largest message", [] { return announcing().attr(kOptional, 99, Bytes(5000, 0)).build(); },
         "session-reset", "updateLength:session-reset", "1/2 13b0"},
        // Lengths of the body (RFC 4271 section 6.3).
-       {"withdrawn routes length", [] { Bytes m = UpdateBuilder().build(); m[20] = 9; return m; }, "session-reset",
-        "withdrawnRoutesLength:session-reset", "3/1 "},
-       {"total attribute length", [] { Bytes m = UpdateBuilder().build(); m[22] = 9; return m; }, "session-reset",
-        "pathAttributesLength:session-reset", "3/1 "},
+       {"withdrawn routes length",
+        [] {
+           Bytes m = UpdateBuilder().build();
+           m[20] = 9;
+           return m;
+        },
+        "session-reset", "withdrawnRoutesLength:session-reset", "3/1 "},
+       {"total attribute length",
+        [] {
+           Bytes m = UpdateBuilder().build();
+           m[22] = 9;
+           return m;
+        },
+        "session-reset", "pathAttributesLength:session-reset", "3/1 "},
        {"withdrawn prefix longer than 32", [] { return UpdateBuilder().withdrawn("210a000000").build(); },
         "session-reset", "withdrawnRoutesInvalid:session-reset", "3/10 "},
        {"NLRI prefix cut short", [] { return announcing().attr(kWellKnown, 3, "0a000001").nlri("180a00").build(); },
@@ -190,17 +217,18 @@ std::vector<Row> const& rows() {
         ""},
        // Attribute framing (RFC 7606 section 4).
        {"bytes too few for an attribute header",
-        [] { return announcing().mpReach(kAfi, kSafi, "", "00").rawAttributes("4001").build(); },
-        "treat-as-withdraw", "attributeHeaderShort:treat-as-withdraw"},
+        [] { return announcing().mpReach(kAfi, kSafi, "", "00").rawAttributes("4001").build(); }, "treat-as-withdraw",
+        "attributeHeaderShort:treat-as-withdraw"},
        {"attribute runs past the attributes",
         [] { return announcing().mpReach(kAfi, kSafi, "", "00").rawAttributes("c0100800").build(); },
         "treat-as-withdraw", "attributeLengthOverrun:treat-as-withdraw"},
-       {"MP_REACH_NLRI runs past the attributes",
-        [] { return announcing().rawAttributes("800e2000018500").build(); }, "session-reset",
-        "attributeLengthOverrun:session-reset", "3/1 "},
+       {"MP_REACH_NLRI runs past the attributes", [] { return announcing().rawAttributes("800e2000018500").build(); },
+        "session-reset", "attributeLengthOverrun:session-reset", "3/1 "},
        // Flags (RFC 7606 section 3.c).
        {"ORIGIN flagged optional",
-        [] { return UpdateBuilder().attr(kOptionalTransitive, 1, "00").asPath({1}).mpReach(kAfi, kSafi, "", "00").build(); },
+        [] {
+           return UpdateBuilder().attr(kOptionalTransitive, 1, "00").asPath({1}).mpReach(kAfi, kSafi, "", "00").build();
+        },
         "treat-as-withdraw", "attributeFlags:treat-as-withdraw"},
        {"AGGREGATOR flagged well-known", [] { return announcing().attr(kWellKnown, 7, "0000fde90a000001").build(); },
         "attribute-discard", "attributeFlags:attribute-discard"},
@@ -208,8 +236,9 @@ std::vector<Row> const& rows() {
        // still judged unless the attribute is discarded.
        {"AS4_PATH flagged well-known", [] { return announcing().attr(kWellKnown, 17, "0201000000fd").build(); },
         "attribute-discard", "attributeFlags:attribute-discard"},
-       {"AS4_AGGREGATOR flagged non-transitive", [] { return announcing().attr(kOptional, 18, "0000fde90a000001").build(); },
-        "attribute-discard", "attributeFlags:attribute-discard"},
+       {"AS4_AGGREGATOR flagged non-transitive",
+        [] { return announcing().attr(kOptional, 18, "0000fde90a000001").build(); }, "attribute-discard",
+        "attributeFlags:attribute-discard"},
        {"ATOMIC_AGGREGATE flagged optional and too long",
         [] { return announcing().attr(kOptionalTransitive, 6, "00").build(); }, "attribute-discard",
         "attributeFlags:attribute-discard"},
@@ -217,8 +246,11 @@ std::vector<Row> const& rows() {
         [] { return announcing().attr(kOptionalTransitive, 4, "000001").build(); }, "treat-as-withdraw",
         "attributeFlags:treat-as-withdraw medLength:treat-as-withdraw"},
        {"LOCAL_PREF flagged optional from an external peer",
-        [] { return announcing().attr(kOptional, 5, "00000064").build(); }, "treat-as-withdraw",
-        "attributeFlags:treat-as-withdraw localPrefFromExternal:attribute-discard", "", {.externalPeer = true}},
+        [] { return announcing().attr(kOptional, 5, "00000064").build(); },
+        "treat-as-withdraw",
+        "attributeFlags:treat-as-withdraw localPrefFromExternal:attribute-discard",
+        "",
+        {.externalPeer = true}},
        // Repeats (RFC 7606 section 3.g).
        {"ORIGIN twice", [] { return announcing().origin(1).mpReach(kAfi, kSafi, "", "00").build(); },
         "attribute-discard", "attributeDuplicate:attribute-discard"},
@@ -234,8 +266,9 @@ std::vector<Row> const& rows() {
         "treat-as-withdraw", "originLength:treat-as-withdraw"},
        {"ORIGIN value", [] { return UpdateBuilder().origin(3).asPath({1}).build(); }, "treat-as-withdraw",
         "originValue:treat-as-withdraw"},
-       {"AS_PATH unknown segment type", [] { return UpdateBuilder().origin().attr(kWellKnown, 2, "050100000001").build(); },
-        "treat-as-withdraw", "asPathMalformed:treat-as-withdraw"},
+       {"AS_PATH unknown segment type",
+        [] { return UpdateBuilder().origin().attr(kWellKnown, 2, "050100000001").build(); }, "treat-as-withdraw",
+        "asPathMalformed:treat-as-withdraw"},
        {"AS_PATH segment of no AS", [] { return UpdateBuilder().origin().attr(kWellKnown, 2, "0200").build(); },
         "treat-as-withdraw", "asPathMalformed:treat-as-withdraw"},
        {"AS_PATH segment overrun", [] { return UpdateBuilder().origin().attr(kWellKnown, 2, "020200000001").build(); },
@@ -246,16 +279,25 @@ std::vector<Row> const& rows() {
         [] { return UpdateBuilder().origin().asPath({65001}, false).build(); }, "treat-as-withdraw",
         "asPathMalformed:treat-as-withdraw"},
        {"AS_PATH of 2-octet numbers on a 2-octet session",
-        [] { return UpdateBuilder().origin().asPath({65001, 65002}, false).mpReach(kAfi, kSafi, "", "00").build(); },
-        "accept", "", "", {.fourOctetAs = false}},
+        [] {
+           return UpdateBuilder().origin().asPath({65001, 65002}, false).mpReach(kAfi, kSafi, "", "00").build();
+        },
+        "accept",
+        "",
+        "",
+        {.fourOctetAs = false}},
        {"NEXT_HOP length", [] { return announcing().attr(kWellKnown, 3, "0a0000").build(); }, "treat-as-withdraw",
         "nextHopLength:treat-as-withdraw"},
        {"MULTI_EXIT_DISC length", [] { return announcing().attr(kOptional, 4, "0000").build(); }, "treat-as-withdraw",
         "medLength:treat-as-withdraw"},
        {"LOCAL_PREF length", [] { return announcing().attr(kWellKnown, 5, "000064").build(); }, "treat-as-withdraw",
         "localPrefLength:treat-as-withdraw"},
-       {"LOCAL_PREF from an external peer", [] { return announcing().attr(kWellKnown, 5, "00000064").build(); },
-        "attribute-discard", "localPrefFromExternal:attribute-discard", "", {.externalPeer = true}},
+       {"LOCAL_PREF from an external peer",
+        [] { return announcing().attr(kWellKnown, 5, "00000064").build(); },
+        "attribute-discard",
+        "localPrefFromExternal:attribute-discard",
+        "",
+        {.externalPeer = true}},
        {"ATOMIC_AGGREGATE length", [] { return announcing().attr(kWellKnown, 6, "00").build(); }, "attribute-discard",
         "atomicAggregateLength:attribute-discard"},
        {"AGGREGATOR length", [] { return announcing().attr(kOptionalTransitive, 7, "fde90a000001").build(); },
@@ -292,8 +334,9 @@ std::vector<Row> const& rows() {
         "mpReachNexthopOverrun:session-reset", "3/9 800e050001010401"},
        {"MP_UNREACH_NLRI without SAFI", [] { return UpdateBuilder().attr(kOptional, 15, "0001").build(); },
         "session-reset", "mpUnreachShort:session-reset", "3/9 800f020001"},
-       {"family without rules", [] { return announcing().mpReach(2, 1, "20010db8000000000000000000000001", "4020010db8").build(); },
-        "accept", "mpFamilyWithoutRule:accept"},
+       {"family without rules",
+        [] { return announcing().mpReach(2, 1, "20010db8000000000000000000000001", "4020010db8").build(); }, "accept",
+        "mpFamilyWithoutRule:accept"},
        // NLRI the rule refuses: within their own length the next NLRI is still found; a
        // length past the attribute loses the rest.
        {"NLRI refused within its length",
@@ -302,14 +345,12 @@ std::vector<Row> const& rows() {
        {"withdrawn NLRI refused within its length",
         [] { return UpdateBuilder().mpUnreach(kAfi, kSafi, "02ee01 020a0b").build(); }, "treat-as-withdraw",
         "flowspecComponentTypeInvalid:treat-as-withdraw"},
-       {"NLRI length past the attribute",
-        [] { return announcing().mpReach(kAfi, kSafi, "", "020a0b 09ee").build(); }, "session-reset",
-        "flowspecNlriLenMismatch:session-reset", "3/9 800e0a0001850000020a0b09ee"},
+       {"NLRI length past the attribute", [] { return announcing().mpReach(kAfi, kSafi, "", "020a0b 09ee").build(); },
+        "session-reset", "flowspecNlriLenMismatch:session-reset", "3/9 800e0a0001850000020a0b09ee"},
        // Several errors: the strongest approach wins (RFC 7606 section 3.f); the first reset
        // chooses the NOTIFICATION and ends the decoding.
-       {"discard and withdraw",
-        [] { return announcing().attr(kWellKnown, 6, "00").attr(kOptional, 4, "00").build(); }, "treat-as-withdraw",
-        "atomicAggregateLength:attribute-discard medLength:treat-as-withdraw"},
+       {"discard and withdraw", [] { return announcing().attr(kWellKnown, 6, "00").attr(kOptional, 4, "00").build(); },
+        "treat-as-withdraw", "atomicAggregateLength:attribute-discard medLength:treat-as-withdraw"},
        {"withdraw then reset",
         [] { return announcing().attr(kOptional, 4, "00").attr(kWellKnown, 99, "").attr(kWellKnown, 98, "").build(); },
         "session-reset", "medLength:treat-as-withdraw unrecognizedWellKnown:session-reset", "3/2 406300"},
@@ -343,7 +384,9 @@ TEST(BgpUpdateDecoderTest, AttributesAndNlriComeOutAsViews) {
                        .attr(kWellKnown, 6, "")
                        .attr(kOptionalTransitive, 8, "fde80064")
                        .extCommunities({0x8006000000000000ull})
-                       .attr(kOptionalTransitive, 25, "000c20010db8000000000000000000000001000" "0")
+                       .attr(kOptionalTransitive, 25,
+                             "000c20010db8000000000000000000000001000"
+                             "0")
                        .mpReach(kAfi, kSafi, "c0000201", "020a0b 00")
                        .mpUnreach(kAfi, kSafi, "020c0d")
                        .build();
@@ -485,8 +528,9 @@ TEST(BgpUpdateDecoderTest, EveryTruncationIsHandled) {
 
 TEST(BgpUpdateDecoderTest, Ipv4PrefixesAndAsPathText) {
    std::vector<std::string> got;
-   forEachIpv4Prefix(hexBytes("00 080a 11c0a880 200a000001"),
-                     [&](Ovnet::IpGenAddr const& a, std::uint8_t len) { got.push_back(a.str() + "/" + std::to_string(len)); });
+   forEachIpv4Prefix(hexBytes("00 080a 11c0a880 200a000001"), [&](Ovnet::IpGenAddr const& a, std::uint8_t len) {
+      got.push_back(a.str() + "/" + std::to_string(len));
+   });
    EXPECT_EQ(got, (std::vector<std::string>{"0.0.0.0/0", "10.0.0.0/8", "192.168.128.0/17", "10.0.0.1/32"}));
    EXPECT_EQ(asPathText(hexBytes("0202fde9fdea 0102fdebfdec 0301fded 0402fdeefdef"), false),
              "65001 65002 {65003,65004} (65005) [65006,65007]");

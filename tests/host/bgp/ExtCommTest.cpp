@@ -11,7 +11,8 @@ using namespace Routing::Bgp;
 
 std::vector<std::uint8_t> fromHex(std::string const& h) {
    std::vector<std::uint8_t> b;
-   for (std::size_t i = 0; i + 1 < h.size(); i += 2) b.push_back(static_cast<std::uint8_t>(std::stoul(h.substr(i, 2), nullptr, 16)));
+   for (std::size_t i = 0; i + 1 < h.size(); i += 2)
+      b.push_back(static_cast<std::uint8_t>(std::stoul(h.substr(i, 2), nullptr, 16)));
    return b;
 }
 
@@ -27,26 +28,30 @@ Ovk::Ptr<ExtCommIp6> comm6(std::string const& hex) {
 
 // Communities as real speakers sent them, with their meaning.
 TEST(ExtCommTest, DecodesTheKindsSpeakersSend) {
-   struct Case { char const* hex; ExtCommClassification cls; char const* text; };
+   struct Case {
+      char const* hex;
+      ExtCommClassification cls;
+      char const* text;
+   };
    auto const fs = ExtCommClassification::flowspec;
    for (auto const& c : {
-           Case{"8006000000000000", fs, "traffic-rate(as=0, rateBytesPerSec=0)"},
-           Case{"80060000447a0000", fs, "traffic-rate(as=0, rateBytesPerSec=1000)"},
-           Case{"8006fde94e6e6b28", fs, "traffic-rate(as=65001, rateBytesPerSec=1e+09)"},
-           Case{"800600007fc00000", fs, "traffic-rate(as=0, rateBytesPerSec=nan)"},
-           Case{"8007000000000003", fs, "traffic-action(sample=true, terminal=true)"},
-           Case{"8007000000000001", fs, "traffic-action(sample=false, terminal=true)"},
-           Case{"80090000000000ff", fs, "traffic-marking(dscp=63)"},
-           Case{"8008fde800000064", fs, "redirect-vrf(routeTarget=65000:100, as=65000, local=100, as4=false)"},
-           Case{"8208fa56ea000007", fs, "redirect-vrf(routeTarget=4200000000.4:7, as=4200000000, local=7, as4=true)"},
-           Case{"8108c0000201007b", fs, "redirect-vrf(routeTarget=192.0.2.1:123, address=192.0.2.1, local=123)"},
-           Case{"010cc00002010001", fs, "redirect-ipv4(address=192.0.2.1, copy=true)"},
-           Case{"0800000000000000", fs, "redirect-nexthop(copy=false)"},
-           Case{"800c000042c80000", ExtCommClassification::flowspecUnsupported,
-                "traffic-rate-packets(as=0, ratePacketsPerSec=100)"},
-           Case{"0002fde800000064", ExtCommClassification::routeTarget, "route-target(as=65000, local=100)"},
-           Case{"0102c0000201007b", ExtCommClassification::routeTarget, "route-target(address=192.0.2.1, local=123)"},
-           Case{"0003fde800000064", ExtCommClassification::other, "unknown(type=0, subtype=3)"},
+            Case{"8006000000000000", fs, "traffic-rate(as=0, rateBytesPerSec=0)"},
+            Case{"80060000447a0000", fs, "traffic-rate(as=0, rateBytesPerSec=1000)"},
+            Case{"8006fde94e6e6b28", fs, "traffic-rate(as=65001, rateBytesPerSec=1e+09)"},
+            Case{"800600007fc00000", fs, "traffic-rate(as=0, rateBytesPerSec=nan)"},
+            Case{"8007000000000003", fs, "traffic-action(sample=true, terminal=true)"},
+            Case{"8007000000000001", fs, "traffic-action(sample=false, terminal=true)"},
+            Case{"80090000000000ff", fs, "traffic-marking(dscp=63)"},
+            Case{"8008fde800000064", fs, "redirect-vrf(routeTarget=65000:100, as=65000, local=100, as4=false)"},
+            Case{"8208fa56ea000007", fs, "redirect-vrf(routeTarget=4200000000.4:7, as=4200000000, local=7, as4=true)"},
+            Case{"8108c0000201007b", fs, "redirect-vrf(routeTarget=192.0.2.1:123, address=192.0.2.1, local=123)"},
+            Case{"010cc00002010001", fs, "redirect-ipv4(address=192.0.2.1, copy=true)"},
+            Case{"0800000000000000", fs, "redirect-nexthop(copy=false)"},
+            Case{"800c000042c80000", ExtCommClassification::flowspecUnsupported,
+                 "traffic-rate-packets(as=0, ratePacketsPerSec=100)"},
+            Case{"0002fde800000064", ExtCommClassification::routeTarget, "route-target(as=65000, local=100)"},
+            Case{"0102c0000201007b", ExtCommClassification::routeTarget, "route-target(address=192.0.2.1, local=123)"},
+            Case{"0003fde800000064", ExtCommClassification::other, "unknown(type=0, subtype=3)"},
         }) {
       SCOPED_TRACE(c.hex);
       auto e = comm(c.hex);

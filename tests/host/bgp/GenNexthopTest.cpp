@@ -15,7 +15,9 @@ int liveNexthops = 0;
 class TestNexthop : public GenNexthop {
  public:
    explicit TestNexthop(char const* addr, bool reject = false)
-       : addr_(*Ovnet::IpGenAddr::parse(addr)), reject_(reject) { ++liveNexthops; }
+       : addr_(*Ovnet::IpGenAddr::parse(addr)), reject_(reject) {
+      ++liveNexthops;
+   }
    std::uint32_t hash() const override { return addr_.hash(); }
    bool compareDerived(GenNexthop const* o) const override {
       auto const* t = static_cast<TestNexthop const*>(o);
@@ -88,7 +90,8 @@ TEST_F(GenNexthopTest, MarkersMustBeEntriesOfTheirOwnTableOfTheRightKind) {
 
    auto other = Ovk::makePtr<TestTable>();
    auto foreign = Ovk::makePtr<TestNexthop>("0.0.0.0", true)->dedup(other, false);
-   EXPECT_DEATH(t->policyRejectNexthopIs(foreign), "Assertion `nh == nullptr \\|\\| nh->dedupTable\\(\\) == this' failed");
+   EXPECT_DEATH(t->policyRejectNexthopIs(foreign),
+                "Assertion `nh == nullptr \\|\\| nh->dedupTable\\(\\) == this' failed");
    auto plain = dedup(t, "0.0.0.0");
    EXPECT_DEATH(t->nexthopSelfIs(plain), "Assertion `nh == nullptr \\|\\| nh->isNexthopSelf\\(\\)' failed");
 }

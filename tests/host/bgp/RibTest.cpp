@@ -50,8 +50,9 @@ struct Env {
       return k->dedupRouteKey(keys.ptr());
    }
    Ovk::Ptr<RtAttrDedupTable> attrs = RtAttrDedupTable::create();
-   Ovk::Ptr<RtAttr const> attr(std::uint32_t localPref, std::uint32_t asPathLength = 1, BgpOrigin origin = BgpOrigin::igp,
-                               std::optional<std::uint32_t> med = {}, std::uint32_t neighborAs = 65002) {
+   Ovk::Ptr<RtAttr const> attr(std::uint32_t localPref, std::uint32_t asPathLength = 1,
+                               BgpOrigin origin = BgpOrigin::igp, std::optional<std::uint32_t> med = {},
+                               std::uint32_t neighborAs = 65002) {
       PathAttributesContents c;
       c.localPref = localPref;
       c.asPathLength = asPathLength;
@@ -78,7 +79,9 @@ TEST(RibTest, DecisionProcessOneRowPerTieBreak) {
    RibSource const ext3 = sources->sourceIs(peerOf("10.0.0.4", 65002, 5));
    // The rows point at attribute sets the table would hold; here `held` holds them.
    std::vector<Ovk::Ptr<RtAttr const>> held;
-   auto hold = [&held](Ovk::Ptr<RtAttr const> a) -> Ovk::Ptr<RtAttr const> const& { return held.emplace_back(std::move(a)); };
+   auto hold = [&held](Ovk::Ptr<RtAttr const> a) -> Ovk::Ptr<RtAttr const> const& {
+      return held.emplace_back(std::move(a));
+   };
    struct Row {
       char const* name;
       RibPath winner;
@@ -87,12 +90,18 @@ TEST(RibTest, DecisionProcessOneRowPerTieBreak) {
    Row const rows[] = {
        {"higher LOCAL_PREF", {hold(env.attr(200, 5)).ptr(), ext1}, {hold(env.attr(100, 1)).ptr(), ext2}},
        {"shorter AS_PATH", {hold(env.attr(100, 1)).ptr(), ext1}, {hold(env.attr(100, 2)).ptr(), ext2}},
-       {"lower ORIGIN", {hold(env.attr(100, 1, BgpOrigin::igp)).ptr(), ext1}, {hold(env.attr(100, 1, BgpOrigin::egp)).ptr(), ext2}},
-       {"lower MED, same neighbour AS", {hold(env.attr(100, 1, BgpOrigin::igp, 5)).ptr(), ext1},
+       {"lower ORIGIN",
+        {hold(env.attr(100, 1, BgpOrigin::igp)).ptr(), ext1},
+        {hold(env.attr(100, 1, BgpOrigin::egp)).ptr(), ext2}},
+       {"lower MED, same neighbour AS",
+        {hold(env.attr(100, 1, BgpOrigin::igp, 5)).ptr(), ext1},
         {hold(env.attr(100, 1, BgpOrigin::igp, 10)).ptr(), ext3}},
        {"the agent's own path", {hold(env.attr(100, 1)).ptr(), kLocalRibSource}, {hold(env.attr(100, 1)).ptr(), ext1}},
-       {"external over internal", {hold(env.attr(100, 1)).ptr(), ext1}, {hold(env.attr(100, 1, BgpOrigin::igp, {}, 65001)).ptr(), int1}},
-       {"lower router id (MED of other ASes ignored)", {hold(env.attr(100, 1, BgpOrigin::igp, 50, 65003)).ptr(), ext2},
+       {"external over internal",
+        {hold(env.attr(100, 1)).ptr(), ext1},
+        {hold(env.attr(100, 1, BgpOrigin::igp, {}, 65001)).ptr(), int1}},
+       {"lower router id (MED of other ASes ignored)",
+        {hold(env.attr(100, 1, BgpOrigin::igp, 50, 65003)).ptr(), ext2},
         {hold(env.attr(100, 1, BgpOrigin::igp, 5, 65002)).ptr(), ext1}},
        {"lower peer address", {hold(env.attr(100, 1)).ptr(), ext1}, {hold(env.attr(100, 1)).ptr(), ext3}},
    };
@@ -190,7 +199,8 @@ TEST(RibTest, OrderIndexKeepsTheOrderAndFindsLowerBounds) {
       bool const add = in.empty() || rng() % 3 != 0;
       if (add) {
          // Ascending runs (a table sent in order) and random ones, with equal ranks.
-         std::uint32_t const rank = round < 2000 ? static_cast<std::uint32_t>(round) : static_cast<std::uint32_t>(rng() % 3000);
+         std::uint32_t const rank =
+             round < 2000 ? static_cast<std::uint32_t>(round) : static_cast<std::uint32_t>(rng() % 3000);
          auto k = env.key(rank, static_cast<std::uint32_t>(rng() % 3u));
          if (in.insert(k.ptr()).second) {
             index.insert(k.ptr());

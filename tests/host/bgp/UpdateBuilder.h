@@ -48,9 +48,9 @@ inline void putU32(Bytes& out, std::uint32_t v) {
 }
 inline void append(Bytes& out, std::span<std::uint8_t const> b) { out.insert(out.end(), b.begin(), b.end()); }
 
-constexpr std::uint8_t kWellKnown = 0x40;           // transitive
+constexpr std::uint8_t kWellKnown = 0x40; // transitive
 constexpr std::uint8_t kOptionalTransitive = 0xc0;
-constexpr std::uint8_t kOptional = 0x80;            // non-transitive
+constexpr std::uint8_t kOptional = 0x80; // non-transitive
 constexpr std::uint8_t kExtendedLength = 0x10;
 
 class UpdateBuilder {

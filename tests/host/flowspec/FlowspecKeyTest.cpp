@@ -67,7 +67,7 @@ TEST(FlowspecKeyTest, TwoPairsLiveInTheKeyMoreGoToTheHeap) {
    FlowspecKey moved = std::move(k);
    EXPECT_EQ(moved.opValCount(), 40u);
    EXPECT_EQ(walk(moved).substr(0, 17), "0:4:01:1 1:4:81:2");
-   copy = moved;  // heap into a key with inline storage
+   copy = moved; // heap into a key with inline storage
    EXPECT_EQ(copy, moved);
    moved = FlowspecKey();
    EXPECT_EQ(moved.opValCount(), 0u);
@@ -96,18 +96,18 @@ TEST(FlowspecKeyTest, EqualityCoversFamilyPrefixesAndEveryPairField) {
       return k;
    };
    FlowspecKey const others[] = {
-      variant([](FlowspecKey& k) { k.afIs(Ovnet::AddressFamily::ipv6); }),
-      variant([](FlowspecKey& k) { k.destPrefixIs(P("10.0.0.0/9")); }),
-      variant([](FlowspecKey& k) { k.srcPrefixIs(P("0.0.0.0/0")); }),
-      variant([](FlowspecKey& k) { k.setOpVal(1, destPort_, 0x81, 443); }),
-      variant([](FlowspecKey& k) { k.setOpVal(1, port_, 0xc1, 443); }),
-      variant([](FlowspecKey& k) { k.setOpVal(1, port_, 0x81, 444); }),
-      variant([](FlowspecKey& k) { k.setOpVal(2, port_, 0x81, 443); }),
-      variant([](FlowspecKey& k) {
-         k.opValDelAll();
-         k.setOpVal(0, port_, 0x01, 80);
-         k.setOpVal(2, port_, 0x81, 443);  // the same pairs under other indices
-      }),
+       variant([](FlowspecKey& k) { k.afIs(Ovnet::AddressFamily::ipv6); }),
+       variant([](FlowspecKey& k) { k.destPrefixIs(P("10.0.0.0/9")); }),
+       variant([](FlowspecKey& k) { k.srcPrefixIs(P("0.0.0.0/0")); }),
+       variant([](FlowspecKey& k) { k.setOpVal(1, destPort_, 0x81, 443); }),
+       variant([](FlowspecKey& k) { k.setOpVal(1, port_, 0xc1, 443); }),
+       variant([](FlowspecKey& k) { k.setOpVal(1, port_, 0x81, 444); }),
+       variant([](FlowspecKey& k) { k.setOpVal(2, port_, 0x81, 443); }),
+       variant([](FlowspecKey& k) {
+          k.opValDelAll();
+          k.setOpVal(0, port_, 0x01, 80);
+          k.setOpVal(2, port_, 0x81, 443); // the same pairs under other indices
+       }),
    };
    EXPECT_EQ(FlowspecKey(base), base);
    for (auto const& o : others) EXPECT_FALSE(o == base) << walk(o);
@@ -131,22 +131,22 @@ struct PrefixRow {
 
 TEST(FlowspecKeyTest, CmpPrefixFollowsFlowspecPrecedence) {
    PrefixRow const rows[] = {
-      {"equal", "10.0.0.0/8", "10.0.0.0/8", 0},
-      {"both unset", "", "", 0},
-      {"nested: more specific first", "10.1.0.0/16", "10.0.0.0/8", -1},
-      {"nested at the same address", "10.0.0.0/9", "10.0.0.0/8", -1},
-      {"nested, deeper bits", "10.0.0.128/25", "10.0.0.0/24", -1},
-      {"disjoint: lower address first", "10.0.0.0/8", "11.0.0.0/8", -1},
-      {"disjoint: the lower address even when shorter", "10.0.0.0/9", "10.128.0.0/16", -1},
-      {"disjoint in the last common bit", "10.0.0.0/9", "10.128.0.0/9", -1},
-      {"default route after any other prefix", "192.168.0.0/16", "0.0.0.0/0", -1},
-      {"host route before its covering /31", "10.0.0.1/32", "10.0.0.0/31", -1},
-      {"set before unset", "10.0.0.0/8", "", -1},
-      {"default route before unset", "0.0.0.0/0", "", -1},
-      {"IPv6 default route before unset", "::/0", "", -1},
-      {"IPv6 nested", "2001:db8:1::/48", "2001:db8::/32", -1},
-      {"IPv6 disjoint", "2001:db8::/32", "2001:db9::/32", -1},
-      {"IPv4 before IPv6", "255.0.0.0/8", "::/0", -1},
+       {"equal", "10.0.0.0/8", "10.0.0.0/8", 0},
+       {"both unset", "", "", 0},
+       {"nested: more specific first", "10.1.0.0/16", "10.0.0.0/8", -1},
+       {"nested at the same address", "10.0.0.0/9", "10.0.0.0/8", -1},
+       {"nested, deeper bits", "10.0.0.128/25", "10.0.0.0/24", -1},
+       {"disjoint: lower address first", "10.0.0.0/8", "11.0.0.0/8", -1},
+       {"disjoint: the lower address even when shorter", "10.0.0.0/9", "10.128.0.0/16", -1},
+       {"disjoint in the last common bit", "10.0.0.0/9", "10.128.0.0/9", -1},
+       {"default route after any other prefix", "192.168.0.0/16", "0.0.0.0/0", -1},
+       {"host route before its covering /31", "10.0.0.1/32", "10.0.0.0/31", -1},
+       {"set before unset", "10.0.0.0/8", "", -1},
+       {"default route before unset", "0.0.0.0/0", "", -1},
+       {"IPv6 default route before unset", "::/0", "", -1},
+       {"IPv6 nested", "2001:db8:1::/48", "2001:db8::/32", -1},
+       {"IPv6 disjoint", "2001:db8::/32", "2001:db9::/32", -1},
+       {"IPv4 before IPv6", "255.0.0.0/8", "::/0", -1},
    };
    for (auto const& r : rows) {
       SCOPED_TRACE(r.name);

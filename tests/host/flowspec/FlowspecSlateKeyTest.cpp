@@ -37,11 +37,11 @@ TEST(FlowspecSlateKeyTest, LayoutIsHeaderPrefixWordsThenPairWords) {
    k.setOpVal(0, port_, 0x01, 80);
    k.setOpVal(1, port_, 0xa3, 70000);
    std::vector<std::uint32_t> const expected = {
-      0x09211801,  // src family 2, dest family 1, src /33, dest /24, key family 1
-      0x0a010200,  // destination address
-      0x20010db8, 0x00000000,  // source address, two words for 33 bits
-      0x04010050,  // port, operator 0x01, value 80
-      0x84a30000, 70000,  // a value beyond 16 bits takes a second word
+       0x09211801,             // src family 2, dest family 1, src /33, dest /24, key family 1
+       0x0a010200,             // destination address
+       0x20010db8, 0x00000000, // source address, two words for 33 bits
+       0x04010050,             // port, operator 0x01, value 80
+       0x84a30000, 70000,      // a value beyond 16 bits takes a second word
    };
    FlowspecSlateKey const s = slate(k);
    EXPECT_EQ(std::vector<std::uint32_t>(s.words().begin(), s.words().end()), expected);
@@ -82,10 +82,16 @@ TEST(FlowspecSlateKeyTest, MalformedWordsAreRefused) {
       std::uint32_t value;
    };
    Row const rows[] = {
-      {"high header bits", 0, 0x11001801}, {"family 3", 0, 0x01001803},       {"prefix family 3", 0, 0x03001801},
-      {"IPv4 length 33", 0, 0x01002101},   {"host bits", 1, 0x0a010201},       {"prefix length with no prefix", 0, 0x00001801},
-      {"type 2", 2, 0x02810050},           {"type 14", 2, 0x0e810050},         {"long value that fits 16 bits", 4, 80},
-      {"long word with low bits", 3, 0x84a20001},
+       {"high header bits", 0, 0x11001801},
+       {"family 3", 0, 0x01001803},
+       {"prefix family 3", 0, 0x03001801},
+       {"IPv4 length 33", 0, 0x01002101},
+       {"host bits", 1, 0x0a010201},
+       {"prefix length with no prefix", 0, 0x00001801},
+       {"type 2", 2, 0x02810050},
+       {"type 14", 2, 0x0e810050},
+       {"long value that fits 16 bits", 4, 80},
+       {"long word with low bits", 3, 0x84a20001},
    };
    for (auto const& r : rows) {
       std::vector<std::uint32_t> w = good;
@@ -93,9 +99,9 @@ TEST(FlowspecSlateKeyTest, MalformedWordsAreRefused) {
       EXPECT_FALSE(FlowspecSlateKey::fromWords(w)) << r.name;
    }
    EXPECT_FALSE(FlowspecSlateKey::fromWords(std::vector<std::uint32_t>(good.begin(), good.end() - 1)))
-      << "long value cut off";
+       << "long value cut off";
    EXPECT_FALSE(FlowspecSlateKey::fromWords(std::vector<std::uint32_t>(good.begin(), good.begin() + 1)))
-      << "prefix cut off";
+       << "prefix cut off";
    EXPECT_FALSE(FlowspecSlateKey::fromWords({}));
    EXPECT_FALSE(FlowspecSlateKey::fromWords(std::vector<std::uint32_t>(2049, 0x04810050)));
 }
@@ -143,14 +149,14 @@ struct OrderRow {
 
 TEST(FlowspecSlateKeyTest, KeyOrderIsRulePrecedence) {
    OrderRow const rows[] = {
-      {"destination decides first", "10.1.0.0/16;*;", "10.0.0.0/8;1.0.0.0/8;protocol 1;"},
-      {"a rule with a destination before one without", "0.0.0.0/0;*;", "*;1.0.0.0/8;"},
-      {"then the source", "10.0.0.0/8;1.0.0.0/8;port 99;", "10.0.0.0/8;2.0.0.0/8;protocol 1;"},
-      {"more components first", "*;*;protocol 6;port 80;", "*;*;protocol 6;"},
-      {"lower type first", "*;*;protocol 6;", "*;*;port 1;"},
-      {"operator bytes compare as bytes", "*;*;protocol =6;", "*;*;protocol =17;"},
-      {"the end-of-list bit is part of the bytes", "*;*;protocol =6 =17;", "*;*;protocol =6;"},
-      {"a longer value length is part of the bytes", "*;*;port =80;", "*;*;port =80{len=2};"},
+       {"destination decides first", "10.1.0.0/16;*;", "10.0.0.0/8;1.0.0.0/8;protocol 1;"},
+       {"a rule with a destination before one without", "0.0.0.0/0;*;", "*;1.0.0.0/8;"},
+       {"then the source", "10.0.0.0/8;1.0.0.0/8;port 99;", "10.0.0.0/8;2.0.0.0/8;protocol 1;"},
+       {"more components first", "*;*;protocol 6;port 80;", "*;*;protocol 6;"},
+       {"lower type first", "*;*;protocol 6;", "*;*;port 1;"},
+       {"operator bytes compare as bytes", "*;*;protocol =6;", "*;*;protocol =17;"},
+       {"the end-of-list bit is part of the bytes", "*;*;protocol =6 =17;", "*;*;protocol =6;"},
+       {"a longer value length is part of the bytes", "*;*;port =80;", "*;*;port =80{len=2};"},
    };
    for (auto const& r : rows) {
       SCOPED_TRACE(r.name);

@@ -20,7 +20,8 @@ inline std::string pairsText(FlowspecKey const& k, bool withIndex = false) {
    for (auto r = k.getOptVal(0); !r.atEnd(); r = k.getOptVal(r.nextIndex())) {
       char buf[48];
       if (withIndex) {
-         std::snprintf(buf, sizeof buf, "%s%u:%u:%02x:%u", out.empty() ? "" : " ", r.index(), r.type(), r.op(), r.value());
+         std::snprintf(buf, sizeof buf, "%s%u:%u:%02x:%u", out.empty() ? "" : " ", r.index(), r.type(), r.op(),
+                       r.value());
       } else {
          std::snprintf(buf, sizeof buf, "%s%u:%02x:%u", out.empty() ? "" : " ", r.type(), r.op(), r.value());
       }
@@ -57,14 +58,14 @@ inline FlowspecKey randomNlriKey(std::mt19937& rng, Ovnet::AddressFamily af) {
       for (unsigned i = 0; i < pairs; ++i) {
          unsigned const code = draw(rng) % (maxCode + 1);
          std::uint32_t value = draw(rng);
-         if (draw(rng) % 2 == 0) value &= 0xff;  // small values in long fields
+         if (draw(rng) % 2 == 0) value &= 0xff; // small values in long fields
          if (code < 2) value &= (1u << (8u << code)) - 1;
          if (t == fragment_ && af == Ovnet::AddressFamily::ipv6) value &= ~1u;
          auto op = static_cast<std::uint8_t>((code << 4) | (draw(rng) & (opAnd | 0x0f)));
          if (i + 1 == pairs) op |= opEndOfList;
          index = key.setOpVal(index, t, op, value);
       }
-      if (draw(rng) % 4 != 0) type += 1 + draw(rng) % 3;  // else the type repeats
+      if (draw(rng) % 4 != 0) type += 1 + draw(rng) % 3; // else the type repeats
    }
    return key;
 }

@@ -51,8 +51,12 @@ TEST(RuleSetTest, AddReplaceLookupDelete) {
 
 TEST(RuleSetTest, IterationFollowsRulePrecedenceAndCanStop) {
    InProcessRuleSet set;
-   char const* const texts[] = {"*;*;", "10.0.0.0/8;*;", "10.1.0.0/16;*;", "10.0.0.0/8;*;protocol 6;",
-                                "9.0.0.0/8;*;port 80;", "10.0.0.0/8;*;protocol 1;"};
+   char const* const texts[] = {"*;*;",
+                                "10.0.0.0/8;*;",
+                                "10.1.0.0/16;*;",
+                                "10.0.0.0/8;*;protocol 6;",
+                                "9.0.0.0/8;*;port 80;",
+                                "10.0.0.0/8;*;protocol 1;"};
    std::uint32_t id = 0;
    for (char const* t : texts) ASSERT_EQ(set.ruleIs(ruleFor(t, id++)), RuleIsResult::added);
    // 9/8 (lower address), 10.1/16 (inside 10/8, so before it), then 10/8 with components

@@ -33,7 +33,8 @@ TEST(RuleTest, TrafficRedirectDefaultsToNothingChosen) {
    EXPECT_EQ(r.vrfId, 0xffffffu);
    EXPECT_TRUE(r.address.isUnspecified());
    EXPECT_FALSE(r.copy);
-   EXPECT_EQ(r.str(), "Value('Flowspec::TrafficRedirect', ** {'vrfId': 16777215, 'address': unspecified, 'copy': False})");
+   EXPECT_EQ(r.str(),
+             "Value('Flowspec::TrafficRedirect', ** {'vrfId': 16777215, 'address': unspecified, 'copy': False})");
    TrafficRedirect other = r;
    other.copy = true;
    EXPECT_FALSE(other == r);
@@ -95,16 +96,17 @@ TEST(RuleTest, ActionsFromText) {
       std::uint32_t actions;
       std::uint32_t trafficAction = 0;
    } const rows[] = {
-      {"", true, Flowspec::actionDrop},
-      {"accept", true, Flowspec::actionNone},
-      {"police=1000,terminal", true, Flowspec::actionPolice | Flowspec::actionTrafficAction, Flowspec::trafficActionTerminal},
-      {"sample drop", true, Flowspec::actionTrafficAction | Flowspec::actionDrop, Flowspec::trafficActionSample},
-      {"redirect-ip=192.0.2.1 copy dscp=46", true, Flowspec::actionRedirect | Flowspec::actionSetDscp},
-      {"bits=0x81", true, 0x81},
-      {"dscp=64", false, 0},
-      {"police=fast", false, 0},
-      {"redirect-vrf=16777215", false, 0},
-      {"discard", false, 0},
+       {"", true, Flowspec::actionDrop},
+       {"accept", true, Flowspec::actionNone},
+       {"police=1000,terminal", true, Flowspec::actionPolice | Flowspec::actionTrafficAction,
+        Flowspec::trafficActionTerminal},
+       {"sample drop", true, Flowspec::actionTrafficAction | Flowspec::actionDrop, Flowspec::trafficActionSample},
+       {"redirect-ip=192.0.2.1 copy dscp=46", true, Flowspec::actionRedirect | Flowspec::actionSetDscp},
+       {"bits=0x81", true, 0x81},
+       {"dscp=64", false, 0},
+       {"police=fast", false, 0},
+       {"redirect-vrf=16777215", false, 0},
+       {"discard", false, 0},
    };
    for (auto const& row : rows) {
       SCOPED_TRACE(row.text);

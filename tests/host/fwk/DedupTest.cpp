@@ -18,7 +18,9 @@ int liveValues = 0;
 struct Value : DedupHandle {
    explicit Value(int v, std::uint32_t forcedHash = 0) : v_(v), forcedHash_(forcedHash) { ++liveValues; }
    ~Value() override { --liveValues; }
-   std::uint32_t hash() const override { return forcedHash_ ? forcedHash_ : static_cast<std::uint32_t>(v_) * 2654435761u; }
+   std::uint32_t hash() const override {
+      return forcedHash_ ? forcedHash_ : static_cast<std::uint32_t>(v_) * 2654435761u;
+   }
    bool compare(DedupHandle const* o) const override { return static_cast<Value const*>(o)->v_ == v_; }
    int v_;
    std::uint32_t forcedHash_;

@@ -13,7 +13,10 @@ TEST(SchedulerTest, RunsTasksInDueOrderAsTheClockMoves) {
    auto s = Ovk::ManualScheduler::create();
    std::string log;
    s->postAfter(20ms, [&] { log += "c"; });
-   s->postAfter(10ms, [&] { log += "b"; s->post([&] { log += "B"; }); });
+   s->postAfter(10ms, [&] {
+      log += "b";
+      s->post([&] { log += "B"; });
+   });
    s->post([&] { log += "a"; });
    auto cancelled = s->postAfter(15ms, [&] { log += "x"; });
    EXPECT_EQ(s->runReady(), 1u);

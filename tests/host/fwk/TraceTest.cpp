@@ -91,14 +91,17 @@ TEST(TraceTest, RingKeepsTheNewestLines) {
 }
 
 TEST(TraceTest, QualifiedNamesFromPrettyFunctions) {
-   struct Case { char const* pretty; char const* name; };
+   struct Case {
+      char const* pretty;
+      char const* name;
+   };
    for (auto const& c : {
-           Case{"void Routing::Bgp::FlowspecPlugin::FlowspecPluginMain::handleInitialized()",
-                "FlowspecPlugin::FlowspecPluginMain::handleInitialized"},
-           Case{"Ovk::Ptr<const T> Routing::Bgp::X::f(int) const [with T = int]", "X::f"},
-           Case{"bool A::operator()(int) const", "A::operator()"},
-           Case{"std::map<int, int>* ns::g(std::vector<int>)", "ns::g"},
-           Case{"int main()", "main"},
+            Case{"void Routing::Bgp::FlowspecPlugin::FlowspecPluginMain::handleInitialized()",
+                 "FlowspecPlugin::FlowspecPluginMain::handleInitialized"},
+            Case{"Ovk::Ptr<const T> Routing::Bgp::X::f(int) const [with T = int]", "X::f"},
+            Case{"bool A::operator()(int) const", "A::operator()"},
+            Case{"std::map<int, int>* ns::g(std::vector<int>)", "ns::g"},
+            Case{"int main()", "main"},
         }) {
       EXPECT_EQ(Ovk::qualifiedFunctionName(c.pretty), c.name);
    }

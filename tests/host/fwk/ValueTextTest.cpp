@@ -40,16 +40,19 @@ TEST(ValueTextTest, WriterOutputParsesBack) {
 }
 
 TEST(ValueTextTest, ParseErrorsPointAtTheMissingLiteral) {
-   struct Case { std::string text; std::size_t position; };
+   struct Case {
+      std::string text;
+      std::size_t position;
+   };
    std::string const head = "Value('Ns::Sample', ** {";
    for (auto const& c : {
-           Case{"Value('Ns::Other', ** {", 0},
-           Case{head + "'flag' True", head.size()},
-           Case{head + "'flag': Maybe", head.size() + 8},
-           Case{head + "'flag': True; 'number': 1", head.size() + 12},
-           Case{head + "'flag': True, 'number': x", head.size() + 24},
-           Case{head + "'flag': True, 'number': 1, 'bytes': 'ab", head.size() + 39},
-           Case{head + "'flag': True, 'number': 1, 'bytes': 'ab'", head.size() + 40},
+            Case{"Value('Ns::Other', ** {", 0},
+            Case{head + "'flag' True", head.size()},
+            Case{head + "'flag': Maybe", head.size() + 8},
+            Case{head + "'flag': True; 'number': 1", head.size() + 12},
+            Case{head + "'flag': True, 'number': x", head.size() + 24},
+            Case{head + "'flag': True, 'number': 1, 'bytes': 'ab", head.size() + 39},
+            Case{head + "'flag': True, 'number': 1, 'bytes': 'ab'", head.size() + 40},
         }) {
       SCOPED_TRACE(c.text);
       try {

@@ -58,7 +58,7 @@ TEST(EntityManagerTest, MountsOfOnePathShareTheEntityAndTheLastUnmountReleasesIt
    EXPECT_TRUE(em.doUnmount(fsibPath));
    EXPECT_FALSE(em.getEntity(fsibPath));
    EXPECT_FALSE(em.doUnmount(fsibPath));
-   em.cleanup(fsibPath);  // not mounted: nothing to do
+   em.cleanup(fsibPath); // not mounted: nothing to do
    // The table outlives the mount; mounting again attaches to it.
    ASSERT_EQ(em.doMount(fsibPath, fsibType, fsibInfo()), MountStatus::mounted);
    auto again = fsibOf(em);
@@ -78,14 +78,14 @@ TEST(EntityManagerTest, MountsThatCannotBeMadeLeaveNothingMounted) {
       MountStatus status;
    };
    Row const rows[] = {
-      {"empty path", "", fsibType, fsibInfo(), MountStatus::badPath},
-      {"path with a space", "routing/bgp flowspec", fsibType, fsibInfo(), MountStatus::badPath},
-      {"unknown type", fsibPath, "Flowspec::Rule", fsibInfo(), MountStatus::unknownType},
-      {"no collection", fsibPath, fsibType, MountInfo(), MountStatus::badCollections},
-      {"misnamed collection", fsibPath, fsibType, MountInfo().collectionIs("rules", 10), MountStatus::badCollections},
-      {"extra collection", fsibPath, fsibType, fsibInfo().collectionIs("x", 1), MountStatus::badCollections},
-      {"empty collection", fsibPath, fsibType, fsibInfo(0), MountStatus::badCollections},
-      {"segment too large", fsibPath, fsibType, fsibInfo(SlateLayout::maxCapacity + 1), MountStatus::segmentError},
+       {"empty path", "", fsibType, fsibInfo(), MountStatus::badPath},
+       {"path with a space", "routing/bgp flowspec", fsibType, fsibInfo(), MountStatus::badPath},
+       {"unknown type", fsibPath, "Flowspec::Rule", fsibInfo(), MountStatus::unknownType},
+       {"no collection", fsibPath, fsibType, MountInfo(), MountStatus::badCollections},
+       {"misnamed collection", fsibPath, fsibType, MountInfo().collectionIs("rules", 10), MountStatus::badCollections},
+       {"extra collection", fsibPath, fsibType, fsibInfo().collectionIs("x", 1), MountStatus::badCollections},
+       {"empty collection", fsibPath, fsibType, fsibInfo(0), MountStatus::badCollections},
+       {"segment too large", fsibPath, fsibType, fsibInfo(SlateLayout::maxCapacity + 1), MountStatus::segmentError},
    };
    for (auto const& row : rows) {
       SCOPED_TRACE(row.name);
@@ -111,8 +111,8 @@ TEST(EntityManagerTest, RegisteredTypesMakeTheEntityAndCleanItUp) {
    };
    EntityManager em("registry-" + std::to_string(::getpid()));
    std::vector<std::string> made;
-   auto const make = [&made](std::string const& segment, MountInfo const& info)
-      -> Ovk::Result<Ovk::Ptr<Ovk::PtrInterface>, MountStatus> {
+   auto const make = [&made](std::string const& segment,
+                             MountInfo const& info) -> Ovk::Result<Ovk::Ptr<Ovk::PtrInterface>, MountStatus> {
       if (!info.collectionSize("item")) return Ovk::failure(MountStatus::badCollections);
       made.push_back(segment);
       auto e = Ovk::makePtr<Entity>();
@@ -123,11 +123,12 @@ TEST(EntityManagerTest, RegisteredTypesMakeTheEntityAndCleanItUp) {
    em.mountTypeIs("Test::Thing", MountType{make, [](Ovk::PtrInterface& e) { ++dynamic_cast<Entity&>(e).cleanups; }});
    em.mountTypeIs("Test::Plain", MountType{make, {}});
    // A second registration under a known name changes nothing.
-   em.mountTypeIs("Test::Thing", MountType{[](std::string const&, MountInfo const&)
-                                              -> Ovk::Result<Ovk::Ptr<Ovk::PtrInterface>, MountStatus> {
-                                             return Ovk::failure(MountStatus::segmentError);
-                                          },
-                                          {}});
+   em.mountTypeIs(
+       "Test::Thing",
+       MountType{[](std::string const&, MountInfo const&) -> Ovk::Result<Ovk::Ptr<Ovk::PtrInterface>, MountStatus> {
+                    return Ovk::failure(MountStatus::segmentError);
+                 },
+                 {}});
    EXPECT_TRUE(em.hasMountType("Test::Thing"));
 
    MountInfo const info = MountInfo().collectionIs("item", 4);

@@ -64,21 +64,21 @@ TEST(SlateRuleSetTest, SegmentNamesDeriveFromPrefixAndPath) {
    struct Row {
       char const* prefix;
       char const* path;
-      char const* name;  // nullptr: refused
+      char const* name; // nullptr: refused
    };
    std::string const longPath(300, 'a');
    Row const rows[] = {
-      {"flowspecd", "routing/bgp/flowspec", "/flowspecd.routing.bgp.flowspec"},
-      {"a-b_9", "x", "/a-b_9.x"},
-      {"", "routing", nullptr},
-      {"p", "", nullptr},
-      {"p.q", "x", nullptr},
-      {"p/q", "x", nullptr},
-      {"p", "/x", nullptr},
-      {"p", "x/", nullptr},
-      {"p", "x//y", nullptr},
-      {"p", "x y", nullptr},
-      {"p", longPath.c_str(), nullptr},
+       {"flowspecd", "routing/bgp/flowspec", "/flowspecd.routing.bgp.flowspec"},
+       {"a-b_9", "x", "/a-b_9.x"},
+       {"", "routing", nullptr},
+       {"p", "", nullptr},
+       {"p.q", "x", nullptr},
+       {"p/q", "x", nullptr},
+       {"p", "/x", nullptr},
+       {"p", "x/", nullptr},
+       {"p", "x//y", nullptr},
+       {"p", "x y", nullptr},
+       {"p", longPath.c_str(), nullptr},
    };
    for (auto const& row : rows) {
       SCOPED_TRACE(std::string(row.prefix) + " | " + row.path);
@@ -100,10 +100,10 @@ TEST(SlateRuleSetTest, AFullCollectionRefusesCountsAndLosesNothing) {
    std::uint64_t const g = rd.generation();
    EXPECT_EQ(set->ruleIs(testRule(3)), RuleIsResult::refusedFull);
    EXPECT_EQ(set->ruleIs(testRule(4, 100)), RuleIsResult::refusedFull);
-   EXPECT_EQ(rd.generation(), g);  // a refusal changes no rule
+   EXPECT_EQ(rd.generation(), g); // a refusal changes no rule
    EXPECT_EQ(rd.counters().refusals, 2u);
    EXPECT_FALSE(rd.rule(testKey(3, 1)));
-   EXPECT_EQ(set->ruleIs(testRule(1, 1, 9)), RuleIsResult::replaced);  // full, yet replaces
+   EXPECT_EQ(set->ruleIs(testRule(1, 1, 9)), RuleIsResult::replaced); // full, yet replaces
    ASSERT_TRUE(set->ruleDel(testKey(0, 1)));
    EXPECT_EQ(set->ruleIs(testRule(3)), RuleIsResult::added);
    auto const snap = rd.snapshot();
@@ -165,7 +165,8 @@ TEST(SlateRuleSetTest, BehavesAsTheInProcessSetUnderRandomChurn) {
       // Every change moves the generation by two (odd while under way); misses, refusals
       // and lookups leave it.
       std::uint64_t const generation = rd.generation();
-      std::uint64_t const changes = deletes + deleteAlls + results[RuleIsResult::added] + results[RuleIsResult::replaced];
+      std::uint64_t const changes =
+          deletes + deleteAlls + results[RuleIsResult::added] + results[RuleIsResult::replaced];
       std::uint32_t const id = draw(rng) % 80;
       unsigned const pairs = id % 7 == 0 ? 1 + id * 7 : id % 5;
       unsigned const op = draw(rng) % 100;
@@ -186,7 +187,7 @@ TEST(SlateRuleSetTest, BehavesAsTheInProcessSetUnderRandomChurn) {
          ASSERT_EQ(rd.rule(testKey(id, pairs)), model.rule(testKey(id, pairs))) << "step " << step;
       }
       std::uint64_t const changed =
-         deletes + deleteAlls + results[RuleIsResult::added] + results[RuleIsResult::replaced] - changes;
+          deletes + deleteAlls + results[RuleIsResult::added] + results[RuleIsResult::replaced] - changes;
       ASSERT_EQ(rd.generation(), generation + 2 * changed) << "step " << step;
       ASSERT_EQ(rd.ruleCount(), model.ruleCount()) << "step " << step;
       if (step % 1000 == 0) {
@@ -299,7 +300,7 @@ TEST(SlateRuleSetTest, ReadersSurviveADamagedSegment) {
          auto* words = reinterpret_cast<std::uint32_t*>(raw.base + SlateLayout::headerBytes);
          std::size_t const n = (raw.bytes - SlateLayout::headerBytes) / 4;
          for (int k = 0; k < 200; ++k) {
-            std::size_t const at = seed % 2 == 0 ? draw(rng) % n : draw(rng) % (2 * 32);  // anywhere, or the slots
+            std::size_t const at = seed % 2 == 0 ? draw(rng) % n : draw(rng) % (2 * 32); // anywhere, or the slots
             words[at] = draw(rng) % 3 == 0 ? 0 : static_cast<std::uint32_t>(draw(rng));
          }
       }

@@ -25,8 +25,8 @@ constexpr int readerCount = 2;
 constexpr std::uint32_t keySpace = 3000;
 
 struct ReaderTally {
-   std::atomic<std::uint64_t> rules{0};      // rules checked
-   std::atomic<std::uint64_t> torn{0};       // rules whose checksum did not hold, or of the wrong key
+   std::atomic<std::uint64_t> rules{0}; // rules checked
+   std::atomic<std::uint64_t> torn{0};  // rules whose checksum did not hold, or of the wrong key
    std::atomic<std::uint64_t> damaged{0};
    std::atomic<std::uint64_t> passes{0};
    std::atomic<std::uint64_t> slotReads{0};

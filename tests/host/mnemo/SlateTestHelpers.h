@@ -91,7 +91,7 @@ inline Flowspec::Rule testRule(std::uint32_t id, unsigned pairs = 1, std::uint32
    r.trafficAction = variant & 3u;
    r.trafficRedirect.vrfId = variant;
    r.trafficRedirect.address = (variant & 1) != 0 ? Ovnet::IpGenAddr::ipv4(0xc0000200u + (variant & 0xffu))
-                                                   : *Ovnet::IpGenAddr::parse("2001:db8::1");
+                                                  : *Ovnet::IpGenAddr::parse("2001:db8::1");
    r.trafficRedirect.copy = (variant & 2) != 0;
    r.dscp = static_cast<std::uint8_t>(variant & 0x3fu);
    r.ruleId = ruleChecksum(r);

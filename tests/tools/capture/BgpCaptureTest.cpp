@@ -17,7 +17,9 @@ Bytes keepalive() {
    return m;
 }
 
-void put16(Bytes& b, unsigned v) { b.insert(b.end(), {static_cast<std::uint8_t>(v >> 8), static_cast<std::uint8_t>(v)}); }
+void put16(Bytes& b, unsigned v) {
+   b.insert(b.end(), {static_cast<std::uint8_t>(v >> 8), static_cast<std::uint8_t>(v)});
+}
 void put32(Bytes& b, std::uint32_t v) {
    put16(b, v >> 16);
    put16(b, v & 0xffff);
@@ -74,14 +76,14 @@ TEST(BgpCaptureTest, MrtRecordsOfEveryShape) {
    Bytes ka = keepalive();
    et.insert(et.end(), ka.begin(), ka.end());
    add(record(17, 1, et));
-   add(record(16, 5, Bytes{0, 1, 0, 2}));                 // a state change: skipped
-   add(record(13, 1, Bytes{1, 2, 3}));                    // a table dump: skipped
+   add(record(16, 5, Bytes{0, 1, 0, 2})); // a state change: skipped
+   add(record(13, 1, Bytes{1, 2, 3}));    // a table dump: skipped
    Bytes badMsg = keepalive();
-   badMsg[17] = 0x14;                                     // length field disagrees
+   badMsg[17] = 0x14; // length field disagrees
    add(record(16, 4, bgp4mpAs4Ipv4(badMsg)));
-   add(record(16, 4, Bytes{0, 0}));                       // too short for its fields
+   add(record(16, 4, Bytes{0, 0})); // too short for its fields
    Bytes cut = record(16, 4, bgp4mpAs4Ipv4(keepalive()));
-   cut.resize(cut.size() - 3);                            // the file ends mid-record
+   cut.resize(cut.size() - 3); // the file ends mid-record
    add(cut);
 
    Collected c;
@@ -127,10 +129,10 @@ TEST(BgpCaptureTest, StreamsAreReassembledAcrossReorderingAndRetransmission) {
    };
    a.segment(x, y, 1000, true, false, {}, 0.0);
    seg(0, 10);
-   seg(30, 57);  // early
-   seg(5, 25);   // overlaps what came before
-   seg(0, 10);   // a retransmission
-   seg(25, 30);  // fills the hole
+   seg(30, 57); // early
+   seg(5, 25);  // overlaps what came before
+   seg(0, 10);  // a retransmission
+   seg(25, 30); // fills the hole
    EXPECT_EQ(c.bytes.size(), 3u);
    for (auto const& m : c.bytes) EXPECT_EQ(m, keepalive());
    // Bytes that are not BGP stop the stream and are counted.
@@ -152,15 +154,16 @@ TEST(BgpCaptureTest, ReadsTheCapturedPeerSessions) {
       ASSERT_TRUE(BgpCapture::readPcapFile(dir + "/" + name, c.sink(), stats, error)) << error;
       std::map<unsigned, int> byType;
       for (auto const& m : c.bytes) ++byType[m[18]];
-      EXPECT_GT(byType[1], 0);  // OPEN
-      EXPECT_GT(byType[2], 0);  // UPDATE
-      EXPECT_GT(byType[4], 0);  // KEEPALIVE
+      EXPECT_GT(byType[1], 0); // OPEN
+      EXPECT_GT(byType[2], 0); // UPDATE
+      EXPECT_GT(byType[4], 0); // KEEPALIVE
       EXPECT_EQ(stats.malformed, 0u);
       EXPECT_EQ(stats.gaps, 0u);
    }
    std::string error;
    BgpCapture::Stats stats;
-   EXPECT_FALSE(BgpCapture::readPcapFile(dir + "/README.md", [](auto const&) {}, stats, error));
+   EXPECT_FALSE(BgpCapture::readPcapFile(
+       dir + "/README.md", [](auto const&) {}, stats, error));
    EXPECT_NE(error.find("cannot read capture"), std::string::npos);
 }
 

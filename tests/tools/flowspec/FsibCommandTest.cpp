@@ -68,7 +68,8 @@ class FsibCommandTest : public ::testing::Test {
       mark.actions = Flowspec::ActionFieldSet(Flowspec::actionSetDscp | Flowspec::actionTrafficAction);
       mark.dscp = 46;
       mark.trafficAction = Flowspec::trafficActionSample | Flowspec::trafficActionTerminal;
-      for (auto const& r : {drop, police, redirect, mark}) ASSERT_EQ(set.value()->ruleIs(r), Flowspec::RuleIsResult::added);
+      for (auto const& r : {drop, police, redirect, mark})
+         ASSERT_EQ(set.value()->ruleIs(r), Flowspec::RuleIsResult::added);
       ASSERT_EQ(set.value()->ruleIs(ruleFor("*;*;protocol =1;")), Flowspec::RuleIsResult::refusedFull);
       set.value()->detach();
    }
@@ -99,8 +100,8 @@ TEST_F(FsibCommandTest, RefusesWhatItCannotRead) {
 TEST_F(FsibCommandTest, WatchShowsWhatAnotherWriterDoes) {
    auto set = SlateRuleSet::attach(seg_.name(), 16);
    ASSERT_TRUE(set.ok());
-   std::string const cmd = std::string("timeout 20 ") + FS_FLOWSPEC_TOOL + " fsib --watch --interval-ms 10 --max-reports 2 --prefix " +
-                           seg_.prefix();
+   std::string const cmd = std::string("timeout 20 ") + FS_FLOWSPEC_TOOL +
+                           " fsib --watch --interval-ms 10 --max-reports 2 --prefix " + seg_.prefix();
    FILE* p = ::popen(cmd.c_str(), "r");
    ASSERT_NE(p, nullptr);
    char buf[4096];
@@ -110,7 +111,8 @@ TEST_F(FsibCommandTest, WatchShowsWhatAnotherWriterDoes) {
       }
       return std::string("(end of output)");
    };
-   EXPECT_EQ(lineStartingWith("counters"), "counters  adds 0  replaces 0  deletes 0  delete-alls 0  refusals 0  writer-attaches 1\n");
+   EXPECT_EQ(lineStartingWith("counters"),
+             "counters  adds 0  replaces 0  deletes 0  delete-alls 0  refusals 0  writer-attaches 1\n");
    Flowspec::Rule r = ruleFor("10.1.0.0/16;*;protocol =17;");
    r.actions.set(Flowspec::actionDrop);
    ASSERT_EQ(set.value()->ruleIs(r), Flowspec::RuleIsResult::added);

@@ -122,11 +122,11 @@ TEST(ShowAnswerTest, answersThatAreNotShownAreReported) {
       char const* err;
    };
    for (Case const c : {
-           Case{"", false, "flowspec: the agent's answer is not JSON\n"},
-           Case{"{\"neighbors\":", true, "flowspec: the agent's answer is not JSON\n"},
-           Case{"[1,2]", true, "flowspec: the agent's answer is not JSON\n"},
-           Case{R"({"error":"unknown request: show nothing"})", false, "flowspec: unknown request: show nothing\n"},
-           Case{R"({"error":"unknown request: show nothing"})", true, "flowspec: unknown request: show nothing\n"},
+            Case{"", false, "flowspec: the agent's answer is not JSON\n"},
+            Case{"{\"neighbors\":", true, "flowspec: the agent's answer is not JSON\n"},
+            Case{"[1,2]", true, "flowspec: the agent's answer is not JSON\n"},
+            Case{R"({"error":"unknown request: show nothing"})", false, "flowspec: unknown request: show nothing\n"},
+            Case{R"({"error":"unknown request: show nothing"})", true, "flowspec: unknown request: show nothing\n"},
         }) {
       auto const p = printed(c.answer, c.json, FlowspecTool::printNeighbors);
       EXPECT_EQ(p.status, 1) << c.answer;
@@ -138,7 +138,8 @@ TEST(ShowAnswerTest, answersThatAreNotShownAreReported) {
 TEST(ShowAnswerTest, noNeighborsIsTheHeaderAlone) {
    auto const p = printed(R"({"neighbors":[]})", false, FlowspecTool::printNeighbors);
    EXPECT_EQ(p.status, 0);
-   EXPECT_EQ(p.out, "Neighbor                  AS         State       Up           MsgIn  MsgOut   UpdIn  UpdOut  Families\n");
+   EXPECT_EQ(p.out,
+             "Neighbor                  AS         State       Up           MsgIn  MsgOut   UpdIn  UpdOut  Families\n");
 }
 
 } // namespace

@@ -37,7 +37,9 @@ std::vector<json> records() {
 // turned into the extended communities the standards give for it (RFC 8955 section 7,
 // RFC 8956 section 6, RFC 7674), as hex, sorted.
 
-std::string u16Hex(std::uint32_t v) { return hexText(Bytes{static_cast<std::uint8_t>(v >> 8), static_cast<std::uint8_t>(v)}); }
+std::string u16Hex(std::uint32_t v) {
+   return hexText(Bytes{static_cast<std::uint8_t>(v >> 8), static_cast<std::uint8_t>(v)});
+}
 std::string u32Hex(std::uint32_t v) { return u16Hex(v >> 16) + u16Hex(v & 0xffff); }
 std::string rateHex(std::string const& n, std::uint32_t as = 0) {
    return "8006" + u16Hex(as) + u32Hex(std::bit_cast<std::uint32_t>(std::stof(n)));
@@ -58,8 +60,9 @@ std::string redirectHex(std::string const& target) {
    if (global.find(':') != std::string::npos) return "000d" + addrHex(global) + u16Hex(local); // RFC 8956
    if (std::count(global.begin(), global.end(), '.') == 3) return "8108" + addrHex(global) + u16Hex(local);
    if (std::size_t const dot = global.find('.'); dot != std::string::npos) { // asdot
-      return "8208" + u32Hex(static_cast<std::uint32_t>(std::stoul(global.substr(0, dot)) << 16 |
-                                                        std::stoul(global.substr(dot + 1)))) +
+      return "8208" +
+             u32Hex(static_cast<std::uint32_t>(std::stoul(global.substr(0, dot)) << 16 |
+                                               std::stoul(global.substr(dot + 1)))) +
              u16Hex(local);
    }
    auto const as = std::stoul(global);
@@ -88,10 +91,12 @@ Told told(json const& r) {
          if (words[i] == "discard") t.communities.push_back(rateHex("0"));
          if (words[i] == "rate-limit") {
             bool const as = i + 3 < words.size() && words[i + 2] == "as";
-            t.communities.push_back(rateHex(words[i + 1], as ? static_cast<std::uint32_t>(std::stoul(words[i + 3])) : 0));
+            t.communities.push_back(
+                rateHex(words[i + 1], as ? static_cast<std::uint32_t>(std::stoul(words[i + 3])) : 0));
          }
          if (words[i] == "redirect") t.communities.push_back(redirectHex(words[i + 1]));
-         if (words[i] == "mark") t.communities.push_back("8009" + u32Hex(0) + u16Hex(static_cast<std::uint32_t>(std::stoul(words[i + 1]))));
+         if (words[i] == "mark")
+            t.communities.push_back("8009" + u32Hex(0) + u16Hex(static_cast<std::uint32_t>(std::stoul(words[i + 1]))));
          if (words[i] == "action") t.communities.push_back(actionHex(words[i + 1]));
       }
    } else if (source == "bird") {
@@ -109,14 +114,16 @@ Told told(json const& r) {
       if (std::regex_search(input, nh, std::regex(R"(next-hop ([^;]+);)"))) t.nextHop = nh[1];
       std::string const actions = m[2];
       std::regex const statement(R"(\s*([^;]+);)");
-      for (auto it = std::sregex_iterator(actions.begin(), actions.end(), statement); it != std::sregex_iterator(); ++it) {
+      for (auto it = std::sregex_iterator(actions.begin(), actions.end(), statement); it != std::sregex_iterator();
+           ++it) {
          std::istringstream is((*it)[1].str());
          std::string verb, arg;
          is >> verb >> arg;
          if (verb == "discard") t.communities.push_back(rateHex("0"));
          if (verb == "rate-limit") t.communities.push_back(rateHex(arg));
          if (verb == "redirect") t.communities.push_back(redirectHex(arg));
-         if (verb == "mark") t.communities.push_back("8009" + u32Hex(0) + u16Hex(static_cast<std::uint32_t>(std::stoul(arg))));
+         if (verb == "mark")
+            t.communities.push_back("8009" + u32Hex(0) + u16Hex(static_cast<std::uint32_t>(std::stoul(arg))));
          if (verb == "action") t.communities.push_back(actionHex(arg));
          if (verb == "redirect-to-nexthop") t.communities.push_back("0800" + u32Hex(0) + u16Hex(0));
          if (verb == "copy") {
@@ -250,7 +257,8 @@ TEST(UpdateReportTest, CommunitiesDecoded) {
                        .build();
    json const u = session.updateJson(session.decoder().decode(m), 1, nullptr);
    std::vector<std::string> got;
-   for (json const& c : u["extendedCommunities"]) got.push_back(c["kind"].get<std::string>() + " " + c["fields"].dump());
+   for (json const& c : u["extendedCommunities"])
+      got.push_back(c["kind"].get<std::string>() + " " + c["fields"].dump());
    EXPECT_EQ(got, (std::vector<std::string>{
                       R"(traffic-rate {"as":0,"rateBytesPerSec":1000})",
                       R"(traffic-action {"sample":true,"terminal":true})",
@@ -273,17 +281,19 @@ TEST(UpdateReportTest, JsonSchema) {
    json const u = session.updateJson(session.decoder().decode(m), 7, &origin);
    std::vector<std::string> keys;
    for (auto const& [k, v] : u.items()) keys.push_back(k);
-   EXPECT_EQ(keys, (std::vector<std::string>{"index", "timestamp", "from", "to", "afi", "safi", "nextHop",
-                                             "extendedCommunities", "announced", "withdrawn", "errors", "outcome",
-                                             "notification", "endOfRib", "attributes", "ipv4Announced",
-                                             "ipv4Withdrawn"}));
+   EXPECT_EQ(keys,
+             (std::vector<std::string>{"index", "timestamp", "from", "to", "afi", "safi", "nextHop",
+                                       "extendedCommunities", "announced", "withdrawn", "errors", "outcome",
+                                       "notification", "endOfRib", "attributes", "ipv4Announced", "ipv4Withdrawn"}));
    EXPECT_EQ(u["nextHop"], "c0000201");
    ASSERT_EQ(u["announced"].size(), 2u);
    EXPECT_EQ(u["announced"][0]["rule"], "*;*;");
-   EXPECT_EQ(u["announced"][1].dump(),
-             R"({"ok":false,"afi":1,"nlri":"03012100","reason":223,"message":"could not parse prefix: invalid masklength "})");
-   EXPECT_EQ(u["errors"].dump(),
-             R"([{"reason":223,"name":"flowspecPrefixInvalid","message":"could not parse prefix: invalid masklength ","action":"treat-as-withdraw","attribute":14,"offset":49,"nlri":"03012100"}])");
+   EXPECT_EQ(
+       u["announced"][1].dump(),
+       R"({"ok":false,"afi":1,"nlri":"03012100","reason":223,"message":"could not parse prefix: invalid masklength "})");
+   EXPECT_EQ(
+       u["errors"].dump(),
+       R"([{"reason":223,"name":"flowspecPrefixInvalid","message":"could not parse prefix: invalid masklength ","action":"treat-as-withdraw","attribute":14,"offset":49,"nlri":"03012100"}])");
    EXPECT_EQ(u["outcome"], "treat-as-withdraw");
    EXPECT_EQ(u["attributes"].dump(), R"({"origin":"igp","asPath":"65001"})");
 }
@@ -361,7 +371,8 @@ TEST(UpdateReportTest, InputsThatAreNotUpdates) {
    int status = -1;
    std::string errors;
    // Not hex.
-   EXPECT_EQ(run({{UpdateInput::Kind::hex, "ffzz"}}, false, &status, &errors), "0 message(s), 0 UPDATE(s), 0 with errors; 0 rule(s) announced, 0 withdrawn, 0 refused\n");
+   EXPECT_EQ(run({{UpdateInput::Kind::hex, "ffzz"}}, false, &status, &errors),
+             "0 message(s), 0 UPDATE(s), 0 with errors; 0 rule(s) announced, 0 withdrawn, 0 refused\n");
    EXPECT_EQ(status, 2);
    EXPECT_EQ(errors, "flowspec decode: bad hex in --update (\"ffzz\"): 'z' is not a hex digit\n");
    // A KEEPALIVE given as an UPDATE says what it is.
