@@ -228,9 +228,8 @@ void FlowspecRouteConfigSm::handleRouteEntry(RouteKey const* baseRouteKey) {
    bool const inFsib = inFsib_.count(routeKey) != 0;
    // A rule the full FSIB would refuse is counted without building its slate key.
    if (present && !inFsib && fsib_->ruleCount() >= fsib_->ruleCapacity()) {
-      ++counters_.refusedFull;
       fsib_->refusalNote();
-      if (auto best = routeTable()->ribTable().bestPath(*routeKey)) ++counters_.refusedFullBySource[best->source];
+      countRefusedFull(*routeKey);
       return;
    }
    if (!present && !inFsib) return; // nothing to delete
@@ -245,12 +244,6 @@ void FlowspecRouteConfigSm::handleRouteEntry(RouteKey const* baseRouteKey) {
    OVK_ASSERT(pathAttrs);
    Flowspec::Rule rule;
    rule.key = std::move(slateKey);
-   rule.ruleId = 0;
-   rule.reserved = 0;
-   rule.rate = 0.0f;
-   rule.trafficAction = 0;
-   rule.trafficRedirect = Flowspec::TrafficRedirect{};
-   rule.dscp = 0;
    Flowspec::ActionFieldSet actions(Flowspec::actionNone);
    // The two lists have a next-hop flag each: a next-hop redirect of the first list is not
    // withdrawn by a redirect to a VRF in the second.
@@ -269,7 +262,6 @@ void FlowspecRouteConfigSm::handleRouteEntry(RouteKey const* baseRouteKey) {
    }
    rule.actions = actions;
    rule.ruleId = static_cast<std::uint32_t>(routeKey->ruleId());
-   rule.reserved = 0;
    switch (fsib_->ruleIs(rule)) {
    case Flowspec::RuleIsResult::added:
       ++counters_.added;
@@ -279,13 +271,14 @@ void FlowspecRouteConfigSm::handleRouteEntry(RouteKey const* baseRouteKey) {
       ++counters_.replaced;
       inFsib_.insert(routeKey);
       break;
-   case Flowspec::RuleIsResult::refusedFull: {
-      ++counters_.refusedFull;
-      if (auto best = routeTable()->ribTable().bestPath(*routeKey)) ++counters_.refusedFullBySource[best->source];
-      break;
-   }
+   case Flowspec::RuleIsResult::refusedFull: countRefusedFull(*routeKey); break;
    case Flowspec::RuleIsResult::refusedDetached: break;
    }
+}
+
+void FlowspecRouteConfigSm::countRefusedFull(FlowspecRouteKey const& key) {
+   ++counters_.refusedFull;
+   if (auto best = routeTable()->ribTable().bestPath(key)) ++counters_.refusedFullBySource[best->source];
 }
 
 void FlowspecRouteConfigSm::handleInitialized() {

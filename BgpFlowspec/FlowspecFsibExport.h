@@ -107,6 +107,8 @@ class FlowspecRouteConfigSm : public FwdTgtRouteConfigSm {
    class RtAfiSafiReactor;
    // Removes the key from every route target's set, and from the redirect-VRF map.
    void forgetRedirects(FlowspecRouteKey const& key);
+   // A rule the full FSIB did not take: counted, and by its best path's source.
+   void countRefusedFull(FlowspecRouteKey const& key);
 
    Ovk::Ptr<Mnemo::EntityManager> entityManager_;
    Ovk::Ptr<RtToVrfIdList> rtToVrfIdList_;

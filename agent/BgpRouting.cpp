@@ -196,12 +196,10 @@ std::optional<BgpRouting::PeerView> BgpRouting::peer(Ovnet::IpGenAddr const& nei
    PeerView v;
    v.counters = p.previousSessions;
    if (p.decoder) v.counters += p.decoder->counters();
+   v.unknownWithdrawals = p.unknownWithdrawals;
    for (auto const& [family, table] : p.tables) {
       v.received[family] = table->pathsOf(p.source);
       v.accepted[family] = table->bestOf(p.source);
-   }
-   v.unknownWithdrawals = p.unknownWithdrawals;
-   for (auto const& [family, table] : p.tables) {
       auto const sm = exportSm(family);
       if (!sm) continue;
       auto const& by = sm->exportCounters().refusedFullBySource;
