@@ -281,7 +281,23 @@ void Context::detachForwarding() {
    }
 }
 
+Ovk::Ptr<AdjRibOut const> Context::ribOut(Ovnet::IpGenAddr const& peer, BgpVrfIdBase vrfId, AfiSafi afiSafi) const {
+   auto const it = ribOuts_.find({peer, vrfId, afiSafi});
+   return it == ribOuts_.end() ? Ovk::Ptr<AdjRibOut const>() : it->second;
+}
+
+void Context::ribOutIs(Ovk::Ptr<AdjRibOut const> const& ribOut) {
+   OVK_ASSERT(ribOut);
+   ribOuts_[{ribOut->peer().address, ribOut->peer().vrfId, ribOut->afiSafi()}] = ribOut;
+}
+
+void Context::ribOutDel(AdjRibOut const& ribOut) {
+   auto const it = ribOuts_.find({ribOut.peer().address, ribOut.peer().vrfId, ribOut.afiSafi()});
+   if (it != ribOuts_.end() && it->second.ptr() == &ribOut) ribOuts_.erase(it);
+}
+
 void Context::shutdown() {
+   ribOuts_.clear();
    // The export first, while the RIB it reads is whole.
    detachForwarding();
    std::vector<BgpVrfIdBase> ids;

@@ -23,8 +23,10 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
+#include "host/bgp/AdjRibOut.h"
 #include "host/bgp/AdjRibin.h"
 #include "host/bgp/AfiSafi.h"
 #include "host/bgp/BgpParse.h"
@@ -496,6 +498,15 @@ class Context : public Ovk::PtrInterface {
    // forwarding plane; later changes of the RIB reach no target. Shutdown starts with it.
    void detachForwarding();
 
+   // ---- Adjacency RIB-outs ----
+
+   // The RIB-out of the established session with `peer` in `vrfId` for `afiSafi`; null when
+   // there is none (no session, family not negotiated).
+   Ovk::Ptr<AdjRibOut const> ribOut(Ovnet::IpGenAddr const& peer, BgpVrfIdBase vrfId, AfiSafi afiSafi) const;
+   // The agent's sessions register their RIB-outs while established.
+   void ribOutIs(Ovk::Ptr<AdjRibOut const> const& ribOut);
+   void ribOutDel(AdjRibOut const& ribOut);
+
  private:
    void addRibTables(VrfInstanceStatus& vrf);
 
@@ -515,6 +526,7 @@ class Context : public Ovk::PtrInterface {
    std::vector<VrfSmPluginBase*> vrfSms_;
    Ovk::Ptr<RibSources> sources_;
    Ovk::Ptr<RtAttrDedupTable> attrs_;
+   std::map<std::tuple<Ovnet::IpGenAddr, BgpVrfIdBase, AfiSafi>, Ovk::Ptr<AdjRibOut const>> ribOuts_;
 };
 
 // The best-path RIB table of `afiSafi` in a VRF; null when the VRF has none.
