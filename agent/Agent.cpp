@@ -70,6 +70,9 @@ Ovk::Result<bool, std::string> Agent::start() {
    Neighbor::Deps const deps{scheduler_, connector_, &logger_, routing_.get()};
    for (auto const& n : config_.neighbors) {
       LocalSpeaker const local{config_.localAs, config_.routerId, sourceAddress(config_, n)};
+      SessionRibOut::Options ribOut;
+      ribOut.minRouteAdvertisementInterval = std::chrono::seconds(n.minRouteAdvertisementSeconds);
+      routing_->ribOutOptionsIs(n.address, ribOut);
       auto neighbor = Ovk::makePtr<Neighbor>(n, local, deps);
       byAddress_[n.address] = neighbor.ptr();
       neighbors_.push_back(neighbor);
@@ -196,7 +199,15 @@ std::string Agent::handleControl(std::string_view request) const {
          nlohmann::json received = nlohmann::json::object();
          nlohmann::json accepted = nlohmann::json::object();
          nlohmann::json refused = nlohmann::json::object();
+         nlohmann::json updatesSent = nlohmann::json::object();
+         nlohmann::json rulesSent = nlohmann::json::object();
+         nlohmann::json rulesAdvertised = nlohmann::json::object();
          if (view) {
+            for (auto const& [family, c] : view->sent) {
+               updatesSent[familyName(family)] = c.updates;
+               rulesSent[familyName(family)] = c.advertised;
+            }
+            for (auto const& [family, count] : view->advertised) rulesAdvertised[familyName(family)] = count;
             for (auto const& [family, count] : view->received) received[familyName(family)] = count;
             for (auto const& [family, count] : view->accepted) accepted[familyName(family)] = count;
             for (auto const& [family, count] : view->fsibRefusals) refused[familyName(family)] = count;
@@ -204,6 +215,9 @@ std::string Agent::handleControl(std::string_view request) const {
          n["rulesReceived"] = received;
          n["rulesAccepted"] = accepted;
          n["fsibRefusals"] = refused;
+         n["familyUpdatesOut"] = updatesSent;
+         n["rulesSent"] = rulesSent;
+         n["rulesAdvertised"] = rulesAdvertised;
       }
       return answer.dump();
    }

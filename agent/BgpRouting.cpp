@@ -32,6 +32,8 @@ struct BgpRouting::Peer {
    std::map<AfiSafi, std::uint64_t> unknownWithdrawals;
    std::uint64_t attributeSetsBuilt = 0;
    std::uint64_t attributeSetsReused = 0;
+   std::map<AfiSafi, Ovk::Ptr<SessionRibOut>> ribOuts; // of the established session
+   std::map<AfiSafi, RibOutCounters> sentBefore;       // by the sessions before it
 };
 
 BgpRouting::BgpRouting(Logger& logger, Ovk::Ptr<Plugin::Context> context)
@@ -41,6 +43,7 @@ BgpRouting::BgpRouting(Logger& logger, Ovk::Ptr<Plugin::Context> context)
 
 BgpRouting::~BgpRouting() {
    // The sessions' paths go before the tables and keys they point into.
+   for (auto const& [address, p] : peers_) stopRibOuts(*p);
    for (auto const& [address, p] : peers_) {
       for (auto const& [family, table] : p->tables) table->pathDelAll(p->source);
    }
@@ -90,13 +93,66 @@ void BgpRouting::handleEstablished(BgpPeer const& from, Negotiated const& negoti
    }
    p.attributes = std::make_unique<PathAttributesBuilder>(context_->rtAttrDedupTable(), context_->coreDedupTables(),
                                                           context_->parseExtCommRuleCollections());
-   UpdateSink::handleEstablished(from, negotiated, output);
+   startRibOuts(p, negotiated, output);
+}
+
+void BgpRouting::startRibOuts(Peer& p, Negotiated const& negotiated, BgpPeerOutput& output) {
+   auto const options = ribOutOptions_.find(p.identity.address);
+   SessionRibOut::Options const o = options == ribOutOptions_.end() ? SessionRibOut::Options{} : options->second;
+   UpdateSession const session{negotiated.fourOctetAs, p.identity.internal()};
+   auto const transport = IpPlugin::IpGenNexthop::create(output.localAddress());
+   for (AfiSafi const family : negotiated.families) {
+      auto const it = p.tables.find(family);
+      if (it == p.tables.end()) {
+         output.sendEndOfRib(family); // nothing serves the family: nothing to send
+         continue;
+      }
+      Ovk::Ptr<GenNexthop const> nexthop;
+      if (auto helpers = context_->afiSafiTable()->helpers(family)) {
+         if (auto hook = helpers->hookAs<Plugin::TransportNexthopPluginBase>(Plugin::HookId::transportNexthop)) {
+            nexthop = hook->transportAddrToLocalNexthop(transport, context_->dedupTablesVrf(p.identity.vrfId));
+         }
+      }
+      auto ribOut = Ovk::makePtr<SessionRibOut>(p.identity, p.source, session, it->second, nexthop,
+                                                context_->rtAttrDedupTable(), output, context_->taskScheduler(), o);
+      p.ribOuts[family] = ribOut;
+      context_->ribOutIs(ribOut);
+      ribOut->start();
+   }
+}
+
+void BgpRouting::stopRibOuts(Peer& p) {
+   for (auto const& [family, ribOut] : p.ribOuts) {
+      ribOut->stop();
+      context_->ribOutDel(*ribOut);
+      p.sentBefore[family] += ribOut->counters();
+   }
+   p.ribOuts.clear();
+}
+
+void BgpRouting::handleRouteRefresh(BgpPeer const& from, AfiSafi family) {
+   Peer* const p = peerOf(from);
+   if (!p || !p->established) return;
+   auto const it = p->ribOuts.find(family);
+   if (it != p->ribOuts.end()) it->second->routeRefresh();
+}
+
+void BgpRouting::ribOutOptionsIs(Ovnet::IpGenAddr const& neighbor, SessionRibOut::Options options) {
+   ribOutOptions_[neighbor] = options;
+}
+
+SessionRibOut const* BgpRouting::ribOut(Ovnet::IpGenAddr const& neighbor, AfiSafi family) const {
+   auto const it = peers_.find(neighbor);
+   if (it == peers_.end()) return nullptr;
+   auto const r = it->second->ribOuts.find(family);
+   return r == it->second->ribOuts.end() ? nullptr : r->second.ptr();
 }
 
 void BgpRouting::handleSessionDown(BgpPeer const& from) {
    Peer* const p = peerOf(from);
    if (!p || !p->established) return;
    p->established = false;
+   stopRibOuts(*p);
    // RFC 4271 section 8.2.2: the peer's routes go with its session.
    for (auto const& [family, table] : p->tables) table->pathDelAll(p->source);
    flush(*p);
@@ -197,6 +253,11 @@ std::optional<BgpRouting::PeerView> BgpRouting::peer(Ovnet::IpGenAddr const& nei
    v.counters = p.previousSessions;
    if (p.decoder) v.counters += p.decoder->counters();
    v.unknownWithdrawals = p.unknownWithdrawals;
+   v.sent = p.sentBefore;
+   for (auto const& [family, ribOut] : p.ribOuts) {
+      v.sent[family] += ribOut->counters();
+      v.advertised[family] = ribOut->advertisedRoutes();
+   }
    for (auto const& [family, table] : p.tables) {
       v.received[family] = table->pathsOf(p.source);
       v.accepted[family] = table->bestOf(p.source);

@@ -10,6 +10,11 @@
 // for the like case of IPv4 prefixes). The table's changes are then flushed to the
 // forwarding export, in the same pass of the event loop. A session that goes down takes its
 // paths with it (RFC 4271 section 8.2.2).
+//
+// Each established session also gets a RIB-out per negotiated family (host/bgp/AdjRibOut.h:
+// SessionRibOut), registered in the context while the session lasts: it sends the table,
+// End-of-RIB, every later change, and the table again on ROUTE-REFRESH. The next hop it
+// gives routes is the family's hook 1 answer for the session's local address.
 #pragma once
 
 #include <cstdint>
@@ -35,6 +40,12 @@ class BgpRouting : public UpdateSink {
    UpdateOutcome handleUpdate(BgpPeer const& from, MessageView const& update) override;
    void handleEstablished(BgpPeer const& from, Negotiated const& negotiated, BgpPeerOutput& output) override;
    void handleSessionDown(BgpPeer const& from) override;
+   void handleRouteRefresh(BgpPeer const& from, AfiSafi family) override;
+
+   // The RIB-out settings of `neighbor`'s next sessions (by default: none of the interval).
+   void ribOutOptionsIs(Ovnet::IpGenAddr const& neighbor, SessionRibOut::Options options);
+   // The RIB-out of `neighbor`'s established session for `family`; null when none.
+   SessionRibOut const* ribOut(Ovnet::IpGenAddr const& neighbor, AfiSafi family) const;
 
    Plugin::Context& context() const { return *context_; }
    // The default VRF's RIB table of `family`; null when no plugin serves it.
@@ -47,6 +58,8 @@ class BgpRouting : public UpdateSink {
       std::map<AfiSafi, std::size_t> accepted; // of them, the best paths of their rules
       std::map<AfiSafi, std::uint64_t> unknownWithdrawals;
       std::map<AfiSafi, std::uint64_t> fsibRefusals; // its best rules the full FSIB refused
+      std::map<AfiSafi, RibOutCounters> sent;        // what its sessions were sent
+      std::map<AfiSafi, std::size_t> advertised;     // rules its session holds from us now
    };
    // Empty for a neighbor that never had a session.
    std::optional<PeerView> peer(Ovnet::IpGenAddr const& neighbor) const;
@@ -67,12 +80,16 @@ class BgpRouting : public UpdateSink {
    struct Peer;
    Peer* peerOf(BgpPeer const& from) const;
    void flush(Peer& p);
+   void startRibOuts(Peer& p, Negotiated const& negotiated, BgpPeerOutput& output);
+   // Stops the session's RIB-outs, keeping their counts.
+   void stopRibOuts(Peer& p);
    // Logs refusals of the full FSIB once per burst (a burst ends after a quiet minute).
    void noteRefusals();
 
    Logger& logger_;
    Ovk::Ptr<Plugin::Context> context_;
    std::map<Ovnet::IpGenAddr, std::unique_ptr<Peer>> peers_;
+   std::map<Ovnet::IpGenAddr, SessionRibOut::Options> ribOutOptions_;
    std::uint64_t refusalsLogged_ = 0;
    std::uint64_t refusalsSeen_ = 0;
    Ovk::Clock::time_point lastRefusal_{};

@@ -116,9 +116,9 @@ void readFamilies(Checker& check, toml::node const& v, NeighborConfig& n) {
 }
 
 void readNeighbor(Checker& check, toml::table const& t, NeighborConfig& n) {
-   static std::vector<std::string_view> const known{"address",     "port",          "remote-as",
-                                                    "passive",     "hold-time",     "families",
-                                                    "description", "local-address", "connect-retry"};
+   static std::vector<std::string_view> const known{
+       "address",  "port",        "remote-as",     "passive",       "hold-time",
+       "families", "description", "local-address", "connect-retry", "min-route-advertisement-interval"};
    check.onlyKeys(t, known, "[[neighbor]]");
    n.line = Checker::lineOf(t);
    if (auto const* v = t.get("address")) {
@@ -168,6 +168,11 @@ void readNeighbor(Checker& check, toml::table const& t, NeighborConfig& n) {
    }
    if (auto const* v = t.get("connect-retry")) {
       if (auto s = check.integer(*v, "connect-retry", 1, 65535)) n.connectRetrySeconds = static_cast<std::uint16_t>(*s);
+   }
+   if (auto const* v = t.get("min-route-advertisement-interval")) {
+      if (auto s = check.integer(*v, "min-route-advertisement-interval", 0, 600)) {
+         n.minRouteAdvertisementSeconds = static_cast<std::uint16_t>(*s);
+      }
    }
 }
 

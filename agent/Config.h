@@ -22,6 +22,7 @@
 //   description = "edge router"
 //   local-address = "127.0.0.1"        # source of our connections; see sourceAddress()
 //   connect-retry = 10                 # seconds between connection attempts, 1 to 65535
+//   min-route-advertisement-interval = 0   # seconds, 0 to 600: changes sent at most this often
 //
 // parseConfig reports every mistake it finds, each with the file, the line and what is
 // wrong, and yields no configuration when there is any.
@@ -66,6 +67,7 @@ struct NeighborConfig {
    std::string description;
    std::optional<Ovnet::IpGenAddr> localAddress;
    std::uint16_t connectRetrySeconds = 10;
+   std::uint16_t minRouteAdvertisementSeconds = 0;
    std::uint32_t line = 0; // where its table starts
 };
 

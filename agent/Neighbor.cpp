@@ -87,6 +87,7 @@ class Neighbor::Connection : public Ovk::PtrInterface, public Transport::Receive
       if (open) owner_.send(*this, encodeEndOfRib(family), MessageType::update);
    }
    std::size_t queuedBytes() const override { return transport->queuedBytes(); }
+   Ovnet::IpGenAddr localAddress() const override { return local.address; }
    void drainedCallbackIs(std::function<void()> drained) override {
       if (open) transport->drainedCallbackIs(std::move(drained));
    }

@@ -12,6 +12,10 @@
 //   "remoteRouterId" ("" unless Established), "localEndpoint", "remoteEndpoint"
 //   ("ADDR:PORT" of the current connection, or null),
 //   "familyUpdatesIn" and "endOfRibIn" (objects from family name to count).
+// The agent adds, from its routing (objects from family name to count): "rulesReceived",
+// "rulesAccepted", "fsibRefusals", and what the RIB-outs sent over all sessions:
+// "familyUpdatesOut" (UPDATEs, End-of-RIB aside), "rulesSent" (NLRI announced) and
+// "rulesAdvertised" (rules the current session holds from us).
 #pragma once
 
 #include <nlohmann/json.hpp>

@@ -48,6 +48,9 @@ class BgpPeerOutput {
    // `drained` runs on the task thread each time the queue has been written out; empty: no
    // call. It is dropped when the session ends.
    virtual void drainedCallbackIs(std::function<void()> drained) = 0;
+   // The session's local transport address (the next hop the agent gives its routes);
+   // unspecified when unknown.
+   virtual Ovnet::IpGenAddr localAddress() const { return {}; }
 };
 
 } // namespace Routing::Bgp

@@ -44,6 +44,17 @@ void printNeighbors(nlohmann::json const& answer, std::ostream& os) {
          << '\n';
       if (auto const d = n.at("description").get<std::string>(); !d.empty()) os << "  description: " << d << '\n';
       if (auto const e = n.at("lastError").get<std::string>(); !e.empty()) os << "  last error: " << e << '\n';
+      // What the agent sent: UPDATEs and rules per family (agents before the RIB-out sent none).
+      if (n.contains("familyUpdatesOut")) {
+         for (auto const& [family, updates] : n.at("familyUpdatesOut").items()) {
+            auto const count = [&](char const* key) -> std::uint64_t {
+               auto const& o = n.at(key);
+               return o.contains(family) ? o.at(family).get<std::uint64_t>() : 0;
+            };
+            os << "  sent " << family << ": " << updates.get<std::uint64_t>() << " UPDATE(s), " << count("rulesSent")
+               << " rule(s) announced, " << count("rulesAdvertised") << " held by the peer\n";
+         }
+      }
    }
 }
 
