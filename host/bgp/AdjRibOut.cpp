@@ -18,9 +18,8 @@ SessionRibOut::SessionRibOut(BgpPeer peer, RibSource source, UpdateSession sessi
                              Ovk::Ptr<GenNexthop const> nexthop, Ovk::Ptr<RtAttrDedupTable const> attrTable,
                              BgpPeerOutput& output, Ovk::Ptr<Ovk::TaskScheduler> scheduler, Options options)
     : peer_(std::move(peer)), source_(source), session_(session), table_(std::move(table)),
-      nexthop_(std::move(nexthop)), attrTable_(std::move(attrTable)), output_(output),
-      scheduler_(std::move(scheduler)), options_(options),
-      writer_(table_->afiSafi(), session, [this](std::span<std::uint8_t const> m) { emit(m); }) {
+      nexthop_(std::move(nexthop)), attrTable_(std::move(attrTable)), output_(output), scheduler_(std::move(scheduler)),
+      options_(options), writer_(table_->afiSafi(), session, [this](std::span<std::uint8_t const> m) { emit(m); }) {
    OVK_ASSERT(table_);
    OVK_ASSERT(attrTable_);
    OVK_ASSERT(scheduler_);
