@@ -50,6 +50,7 @@ struct Fixture {
       return p && p->received.count(family) ? p->received.at(family) : 0;
    }
    RibTable& table(AfiSafi family = kIpv4Flowspec) { return *routing.ribTable(family); }
+   Ovk::ManualScheduler& scheduler() { return static_cast<Ovk::ManualScheduler&>(*context->taskScheduler()); }
 
    Fakes::Lines logger;
    Ovk::Ptr<Plugin::Context> context;
@@ -61,7 +62,8 @@ TEST(BgpRoutingTest, RulesComeAndGoWithTheirUpdatesAndTheirSession) {
    Fixture f;
    BgpPeer const a = peer("127.0.0.2", 65001);
    f.routing.handleEstablished(a, session(), f.output);
-   // No RIB-out yet: End-of-RIB for each family at once.
+   // An empty table: End-of-RIB for each family.
+   f.scheduler().runReady();
    EXPECT_EQ(f.output.endOfRibs, (std::vector<AfiSafi>{kIpv4Flowspec, kIpv6Flowspec}));
    EXPECT_EQ(f.update(a, announcing().mpReach(1, 133, "", std::string(kRule) + kOther).build()), std::nullopt);
    EXPECT_EQ(f.received(a), 2u);
@@ -201,6 +203,132 @@ TEST(BgpRoutingTest, AFlappingPeerLeavesNoPathBehind) {
    EXPECT_EQ(f.table().paths(), 0u);
    DedupTablesVrf const* vrf = f.context->dedupTablesVrf(BgpL3VrfId::defaultVrfId()).ptr();
    EXPECT_EQ(vrf->dedupTablesVrfAfiSafi(kIpv4Flowspec)->routeKeyDedupTableRawPtr()->size(), 0u);
+}
+
+// ---- What the agent sends ----
+
+// A session's way out, in the order things were sent: "EoR ipv4-flowspec", or the UPDATE.
+struct OrderedOutput : BgpPeerOutput {
+   explicit OrderedOutput(char const* address) : local(*Ovnet::IpGenAddr::parse(address)) {}
+   void sendUpdate(std::span<std::uint8_t const> m) override { sent.emplace_back(m.begin(), m.end()); }
+   void sendEndOfRib(AfiSafi family) override {
+      std::string const text = "EoR " + familyName(family);
+      sent.emplace_back(text.begin(), text.end());
+   }
+   std::size_t queuedBytes() const override { return 0; }
+   void drainedCallbackIs(std::function<void()>) override {}
+   Ovnet::IpGenAddr localAddress() const override { return local; }
+   // What was sent since the last call: End-of-RIB markers as text, UPDATEs as "U".
+   std::vector<std::string> take() {
+      std::vector<std::string> out;
+      for (Bytes const& m : sent) out.push_back(m.size() >= 3 && m[0] == 'E' ? std::string(m.begin(), m.end()) : "U");
+      sent.swap(updates);
+      std::erase_if(updates, [](Bytes const& m) { return m.size() < 19; });
+      sent.clear();
+      return out;
+   }
+   Ovnet::IpGenAddr local;
+   std::vector<Bytes> sent;
+   std::vector<Bytes> updates; // those of the last take()
+};
+
+// Reads what a peer was sent as the peer's own session would: with the plugin's rules.
+struct PeerReader {
+   explicit PeerReader(Plugin::Context& context, bool fourOctetAs = true) {
+      BgpUpdateDecoder::Options o;
+      o.fourOctetAs = fourOctetAs;
+      o.externalPeer = true;
+      decoder = std::make_unique<BgpUpdateDecoder>(
+          Ovk::makePtr<BgpParseContext>(context.dedupTablesVrf(BgpL3VrfId::defaultVrfId()), "reader"), o);
+      for (AfiSafi f : {kIpv4Flowspec, kIpv6Flowspec}) decoder->ruleCollectionsIs(context.parseRuleCollections(f), {});
+   }
+   // "+nlri" / "-nlri" per rule, after the AS_PATH and the next hop: "as=65001 65002 nh=7f000001 +0501180a0000".
+   std::string read(Bytes const& m) {
+      BgpParsedUpdate const& u = decoder->decode(m);
+      std::string text;
+      for (BgpUpdateError const& e : u.errors) text += std::string("error=") + toStrep(e.reason) + " ";
+      if (u.mpReach.present) {
+         PathAttributesBuilder b(RtAttrDedupTable::create(), CoreDedupTables::create(), nullptr);
+         text += "as=" + b.rtAttrOf(*u.attributes)->contents().asPathText() + " nh=" + hexText(u.mpReach.nextHop) + " ";
+      }
+      for (BgpParsedNlri const& n : u.nlri) {
+         text += std::string(n.reachable ? "+" : "-") + hexText(n.bytes) + (n.routeKey ? "" : "(refused)");
+      }
+      return text;
+   }
+   std::unique_ptr<BgpUpdateDecoder> decoder;
+};
+
+// A rule learnt from one external peer goes to another with our AS in front, our address as
+// next hop and its NLRI bytes unchanged; never back to where it came from.
+TEST(BgpRoutingTest, RulesLearntAreSentToOtherPeersAndNotBack) {
+   Fixture f;
+   BgpPeer const a = peer("127.0.0.2", 65002);
+   BgpPeer const b = peer("127.0.0.3", 65003);
+   OrderedOutput toA("127.0.0.1");
+   OrderedOutput toB("127.0.0.1");
+   f.routing.handleEstablished(a, session(), toA);
+   f.routing.handleEstablished(b, session(), toB);
+   f.scheduler().runReady();
+   EXPECT_EQ(toB.take(), (std::vector<std::string>{"EoR ipv4-flowspec", "EoR ipv6-flowspec"}));
+   EXPECT_EQ(toA.take().size(), 2u);
+   ASSERT_EQ(f.update(a, UpdateBuilder()
+                             .origin()
+                             .asPath({65002})
+                             .extCommunities({0x8006000000000000ull})
+                             .mpReach(1, 133, "", std::string(kRule) + kOther)
+                             .build()),
+             std::nullopt);
+   f.scheduler().runReady();
+   EXPECT_EQ(toA.take(), std::vector<std::string>{});
+   ASSERT_EQ(toB.take(), std::vector<std::string>{"U"});
+   PeerReader reader(*f.context);
+   EXPECT_EQ(reader.read(toB.updates[0]), "as=65001 65002 nh=7f000001 +0501180a0000+0501180b0000");
+   EXPECT_NE(f.context->ribOut(b.address, BgpL3VrfId::defaultVrfId(), kIpv4Flowspec), nullptr);
+   auto const v = f.routing.peer(b.address);
+   EXPECT_EQ(v->sent.at(kIpv4Flowspec).updates, 1u);
+   EXPECT_EQ(v->sent.at(kIpv4Flowspec).advertised, 2u);
+   EXPECT_EQ(v->advertised.at(kIpv4Flowspec), 2u);
+   // A withdrawal follows.
+   (void)f.update(a, UpdateBuilder().mpUnreach(1, 133, kRule).build());
+   f.scheduler().runReady();
+   ASSERT_EQ(toB.take(), std::vector<std::string>{"U"});
+   EXPECT_EQ(reader.read(toB.updates[0]), "-0501180a0000");
+   // The peer's session goes: its rules are withdrawn from the other.
+   f.routing.handleSessionDown(a);
+   f.scheduler().runReady();
+   ASSERT_EQ(toB.take(), std::vector<std::string>{"U"});
+   EXPECT_EQ(reader.read(toB.updates[0]), "-0501180b0000");
+   EXPECT_EQ(f.routing.peer(b.address)->advertised.at(kIpv4Flowspec), 0u);
+}
+
+// A restarted session gets the table again, then End-of-RIB; a route refresh gets the table
+// alone; a session without 4-octet AS numbers reads AS_TRANS.
+TEST(BgpRoutingTest, RestartAndRefreshSendTheTableAgain) {
+   Fixture f;
+   BgpPeer const a = peer("127.0.0.2", 65002);
+   BgpPeer const b = peer("127.0.0.3", 65003);
+   OrderedOutput toA("127.0.0.1");
+   OrderedOutput toB("127.0.0.1");
+   f.routing.handleEstablished(a, session(), toA);
+   (void)f.update(a, UpdateBuilder().origin().asPath({65002, 4200000000u}).mpReach(1, 133, "", kRule).build());
+   f.routing.handleEstablished(b, session(), toB);
+   f.scheduler().runReady();
+   EXPECT_EQ(toB.take(), (std::vector<std::string>{"U", "EoR ipv4-flowspec", "EoR ipv6-flowspec"}));
+   f.routing.handleSessionDown(b);
+   EXPECT_EQ(f.context->ribOut(b.address, BgpL3VrfId::defaultVrfId(), kIpv4Flowspec), nullptr);
+   f.routing.handleEstablished(b, session(false, {kIpv4Flowspec}), toB);
+   f.scheduler().runReady();
+   EXPECT_EQ(toB.take(), (std::vector<std::string>{"U", "EoR ipv4-flowspec"}));
+   PeerReader reader(*f.context, false);
+   EXPECT_EQ(reader.read(toB.updates[0]), "as=65001 65002 23456 nh=7f000001 +0501180a0000");
+   f.routing.handleRouteRefresh(b, kIpv4Flowspec);
+   f.scheduler().runReady();
+   EXPECT_EQ(toB.take(), std::vector<std::string>{"U"});
+   // Counts add up over the sessions.
+   auto const v = f.routing.peer(b.address);
+   EXPECT_EQ(v->sent.at(kIpv4Flowspec).updates, 3u);
+   EXPECT_EQ(v->sent.at(kIpv4Flowspec).endOfRibs, 2u);
 }
 
 } // namespace

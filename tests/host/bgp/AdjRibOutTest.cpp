@@ -19,9 +19,7 @@ class NumberKey : public RouteKey {
  public:
    explicit NumberKey(std::uint32_t n, std::size_t pad = 0) : n_(n), pad_(pad) {}
    std::uint32_t hash() const override { return n_ * 2654435761u; }
-   bool compare(Ovk::DedupHandle const* other) const override {
-      return static_cast<NumberKey const*>(other)->n_ == n_;
-   }
+   bool compare(Ovk::DedupHandle const* other) const override { return static_cast<NumberKey const*>(other)->n_ == n_; }
    Afi afi() const override { return Afi::afiIpv4; }
    std::uint8_t safi() const override { return Safi::flowspec; }
    bool lessThan(Ovk::Ptr<RouteKeyBase const> const& other) const override {
@@ -86,8 +84,8 @@ std::vector<std::string> said(std::vector<Bytes> const& messages) {
             v = v.subspan(3);
             if (reach) v = v.subspan(1 + v[0] + 1);
             while (v.size() >= 5) {
-               std::uint32_t const n = std::uint32_t{v[1]} << 24 | std::uint32_t{v[2]} << 16 |
-                                       std::uint32_t{v[3]} << 8 | v[4];
+               std::uint32_t const n =
+                   std::uint32_t{v[1]} << 24 | std::uint32_t{v[2]} << 16 | std::uint32_t{v[3]} << 8 | v[4];
                out.push_back((reach ? "+" : "-") + std::to_string(n));
                v = v.subspan(5);
             }
@@ -132,8 +130,8 @@ struct Env {
       table->flushChanges();
    }
    SessionRibOut& ribOut(BgpPeer const& to, RibSource self, SessionRibOut::Options o = {}) {
-      ribOuts.push_back(Ovk::makePtr<SessionRibOut>(to, self, UpdateSession{true, to.internal()}, table, nullptr,
-                                                    attrs, output, scheduler, o));
+      ribOuts.push_back(Ovk::makePtr<SessionRibOut>(to, self, UpdateSession{true, to.internal()}, table, nullptr, attrs,
+                                                    output, scheduler, o));
       ribOuts.back()->start();
       return *ribOuts.back();
    }
@@ -164,9 +162,9 @@ TEST(AdjRibOutTest, PolicyBySourceAndTarget) {
       bool sent;
    };
    std::vector<Row> const rows{
-       {"local-to-external", 'l', false, true},   {"local-to-internal", 'l', true, true},
-       {"external-to-external", 'e', false, true}, {"external-to-internal", 'e', true, true},
-       {"internal-to-external", 'i', false, true}, {"internal-to-internal", 'i', true, false},
+       {"local-to-external", 'l', false, true},       {"local-to-internal", 'l', true, true},
+       {"external-to-external", 'e', false, true},    {"external-to-internal", 'e', true, true},
+       {"internal-to-external", 'i', false, true},    {"internal-to-internal", 'i', true, false},
        {"split-horizon-external", 's', false, false}, {"split-horizon-internal", 's', true, false},
    };
    for (Row const& row : rows) {
@@ -175,7 +173,7 @@ TEST(AdjRibOutTest, PolicyBySourceAndTarget) {
       // The target: 10.0.0.9 in AS 65009 or 65001.
       BgpPeer const to = Env::peerOf("10.0.0.9", row.targetInternal ? 65001 : 65009);
       RibSource const self = env.sources->sourceIs(to);
-      RibSource const from = row.source == 'l' ? env.local
+      RibSource const from = row.source == 'l'   ? env.local
                              : row.source == 'e' ? env.ebgp
                              : row.source == 'i' ? env.ibgp
                                                  : self;
@@ -193,8 +191,10 @@ TEST(AdjRibOutTest, PolicyBySourceAndTarget) {
 TEST(AdjRibOutTest, ExternalPeersGetTheLocalAsAndInternalOnesLocalPref) {
    Env env;
    env.path(1, env.local);
-   SessionRibOut& ext = env.ribOut(Env::peerOf("10.0.0.9", 65009), env.sources->sourceIs(Env::peerOf("10.0.0.9", 65009)));
-   SessionRibOut& in = env.ribOut(Env::peerOf("10.0.0.8", 65001), env.sources->sourceIs(Env::peerOf("10.0.0.8", 65001)));
+   SessionRibOut& ext =
+       env.ribOut(Env::peerOf("10.0.0.9", 65009), env.sources->sourceIs(Env::peerOf("10.0.0.9", 65009)));
+   SessionRibOut& in =
+       env.ribOut(Env::peerOf("10.0.0.8", 65001), env.sources->sourceIs(Env::peerOf("10.0.0.8", 65001)));
    env.run();
    PathAttributesContents const& e = ext.findAdvertisedPath(*env.key(1))->attrs->contents();
    EXPECT_EQ(e.asPathText(), "65001");

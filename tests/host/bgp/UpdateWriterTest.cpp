@@ -102,8 +102,11 @@ TEST(UpdateWriterTest, AttributesReadBackThroughTheDecoder) {
        {"all-external-drops-localpref", full, {true, false}, "65001 65002", false},
        {"empty-path", contentsOf(BgpOrigin::incomplete, Ovk::String()), {true, true}, "", false},
        {"two-octet-session-as-trans", wide, {false, false}, "23456 65002 {65003,23456}", true},
-       {"two-octet-session-small-ases", contentsOf(BgpOrigin::igp, segment(2, {65001, 1})), {false, false},
-        "65001 1", false},
+       {"two-octet-session-small-ases",
+        contentsOf(BgpOrigin::igp, segment(2, {65001, 1})),
+        {false, false},
+        "65001 1",
+        false},
        {"four-octet-session-wide", wide, {true, false}, "4200000000 65002 {65003,4200000001}", false},
    };
    for (Row const& row : rows) {
@@ -121,8 +124,8 @@ TEST(UpdateWriterTest, AttributesReadBackThroughTheDecoder) {
       EXPECT_EQ(c.asPathText(), row.asPath);
       EXPECT_EQ(r.as4Path, row.as4Path);
       EXPECT_EQ(c.med, row.attrs.med);
-      EXPECT_EQ(c.localPref, row.session.internal ? std::optional<std::uint32_t>(row.attrs.localPref.value_or(100))
-                                                  : std::nullopt);
+      EXPECT_EQ(c.localPref,
+                row.session.internal ? std::optional<std::uint32_t>(row.attrs.localPref.value_or(100)) : std::nullopt);
       EXPECT_EQ(c.atomicAggregate, row.attrs.atomicAggregate);
       EXPECT_EQ(c.communities, row.attrs.communities);
       EXPECT_TRUE(c.extCommList == row.attrs.extCommList);
@@ -137,8 +140,9 @@ TEST(UpdateWriterTest, NextHopIsWrittenOnlyWhenItIsAnAddressOfTheFamily) {
       char const* address;
       char const* field; // hex
    };
-   for (Row const& row : {Row{kIpv4Flowspec, "127.0.0.1", "7f000001"}, Row{kIpv6Flowspec, "::1", "00000000000000000000000000000001"},
-                          Row{kIpv4Flowspec, "::1", ""}, Row{kIpv6Flowspec, "127.0.0.1", ""}}) {
+   for (Row const& row :
+        {Row{kIpv4Flowspec, "127.0.0.1", "7f000001"}, Row{kIpv6Flowspec, "::1", "00000000000000000000000000000001"},
+         Row{kIpv4Flowspec, "::1", ""}, Row{kIpv6Flowspec, "127.0.0.1", ""}}) {
       SCOPED_TRACE(row.address);
       PathAttributesContents c = contentsOf(BgpOrigin::igp, Ovk::String());
       c.nexthop = IpPlugin::IpGenNexthop::create(*Ovnet::IpGenAddr::parse(row.address));
@@ -248,7 +252,8 @@ TEST(UpdateWriterTest, AnNlriTooLongForOneMessageIsRefusedAndTheChecksAgree) {
    for (bool const internal : {false, true}) {
       BgpPeer const to{Ovnet::IpGenAddr(), internal ? 65001u : 65002u, 65001, 0, BgpVrfIdBase{}};
       for (bool const four : {false, true}) {
-         tightest = std::min(tightest, maxNlriBytes(kIpv6Flowspec, exportAttributes(rib, to, true, v6), {four, internal}));
+         tightest =
+             std::min(tightest, maxNlriBytes(kIpv6Flowspec, exportAttributes(rib, to, true, v6), {four, internal}));
       }
    }
    EXPECT_LT(tightest, kMaxWithdrawnNlriBytes);
