@@ -70,6 +70,7 @@ void SessionRibOut::routeRefresh() {
 
 void SessionRibOut::markAll() {
    dirty_.reserve(dirty_.size() + table_->routes());
+   advertised_.reserve(table_->routes());
    for (auto it = table_->order().begin(); it != table_->order().end(); ++it) markDirty(*it);
 }
 
@@ -82,7 +83,8 @@ void SessionRibOut::handleRouteEntry(RouteKey const* key) {
    // Cheap for what this peer never hears of: its own rules, and rules it was never sent
    // that may not be sent now either.
    RibRouteSlot const& slot = key->ribSlot();
-   if (slot.bestAttrs != nullptr && (advertised_.empty() || advertised_.find(key) == advertised_.end())) {
+   if (advertised_.empty() || advertised_.find(key) == advertised_.end()) {
+      if (slot.bestAttrs == nullptr) return; // gone, and the peer never had it
       RibSource const s = slot.bestSource;
       if (s == source_) return;
       if (s != kLocalRibSource && peer_.internal() && table_->sources().peer(s).internal()) return;
@@ -258,7 +260,17 @@ void SessionRibOut::emit(std::span<std::uint8_t const> message) {
 }
 
 AdvertisedPath const* SessionRibOut::findAdvertisedPath(RouteKey const& key) const {
-   auto const it = advertised_.find(&key);
+   RouteKey const* k = &key;
+   Ovk::Ptr<RouteKey const> canonical;
+   if (!key.isDeduped()) {
+      // An orphan: the table's key equal to it is the one the peer was sent.
+      auto const* table = dynamic_cast<RouteKeyDedupTableBase const*>(key.dedupTable());
+      if (!table) return nullptr;
+      canonical = table->lookupRouteKey(key);
+      if (!canonical) return nullptr;
+      k = canonical.ptr();
+   }
+   auto const it = advertised_.find(k);
    return it == advertised_.end() ? nullptr : &it->second;
 }
 

@@ -118,12 +118,10 @@ class SessionRibOut : public AdjRibOut, public RibTable::Reactor {
    void handleRouteEntry(RouteKey const* key) override;
 
  private:
+   // Keys are deduplicated: one object per rule, so the pointer names it.
    struct KeyHash {
-      std::size_t operator()(RouteKey const* k) const noexcept { return k->isDeduped() ? k->storedHash() : k->hash(); }
-   };
-   struct KeyEqual {
-      bool operator()(RouteKey const* a, RouteKey const* b) const noexcept {
-         return a == b || ((!a->isDeduped() || !b->isDeduped()) && a->compare(b));
+      std::size_t operator()(RouteKey const* k) const noexcept {
+         return static_cast<std::size_t>((reinterpret_cast<std::uintptr_t>(k) >> 4) * 0x9e3779b97f4a7c15ull >> 16);
       }
    };
    struct Item {
@@ -164,7 +162,7 @@ class SessionRibOut : public AdjRibOut, public RibTable::Reactor {
    std::size_t forceFrom_ = 0;
    std::size_t forceTo_ = 0;
    // What the peer has, by key (referenced).
-   std::unordered_map<RouteKey const*, AdvertisedPath, KeyHash, KeyEqual> advertised_;
+   std::unordered_map<RouteKey const*, AdvertisedPath, KeyHash> advertised_;
    // RIB attributes -> what this peer is sent for them (learnt, local).
    struct Exported {
       Ovk::Ptr<RtAttr const> rib;

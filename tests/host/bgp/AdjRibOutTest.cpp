@@ -202,6 +202,13 @@ TEST(AdjRibOutTest, ExternalPeersGetTheLocalAsAndInternalOnesLocalPref) {
    PathAttributesContents const& i = in.findAdvertisedPath(*env.key(1))->attrs->contents();
    EXPECT_EQ(i.asPathText(), "");
    EXPECT_EQ(i.localPref, std::optional<std::uint32_t>(100));
+   // A key built for a lookup (an orphan of the table) finds what the peer holds.
+   auto orphan = newRouteKey<NumberKey>(1u);
+   orphan->orphanIs(env.keys);
+   EXPECT_EQ(ext.findAdvertisedPath(*orphan), ext.findAdvertisedPath(*env.key(1)));
+   auto absent = newRouteKey<NumberKey>(99u);
+   absent->orphanIs(env.keys);
+   EXPECT_EQ(ext.findAdvertisedPath(*absent), nullptr);
 }
 
 TEST(AdjRibOutTest, WithdrawnWhenTheBestPathGoesOrMayNoLongerBeSent) {
