@@ -202,10 +202,12 @@ std::string Agent::handleControl(std::string_view request) const {
          nlohmann::json updatesSent = nlohmann::json::object();
          nlohmann::json rulesSent = nlohmann::json::object();
          nlohmann::json rulesAdvertised = nlohmann::json::object();
+         nlohmann::json endOfRibOut = nlohmann::json::object();
          if (view) {
             for (auto const& [family, c] : view->sent) {
                updatesSent[familyName(family)] = c.updates;
                rulesSent[familyName(family)] = c.advertised;
+               endOfRibOut[familyName(family)] = c.endOfRibs;
             }
             for (auto const& [family, count] : view->advertised) rulesAdvertised[familyName(family)] = count;
             for (auto const& [family, count] : view->received) received[familyName(family)] = count;
@@ -218,6 +220,7 @@ std::string Agent::handleControl(std::string_view request) const {
          n["familyUpdatesOut"] = updatesSent;
          n["rulesSent"] = rulesSent;
          n["rulesAdvertised"] = rulesAdvertised;
+         n["endOfRibOut"] = endOfRibOut;
       }
       return answer.dump();
    }

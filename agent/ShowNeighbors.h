@@ -15,7 +15,7 @@
 // The agent adds, from its routing (objects from family name to count): "rulesReceived",
 // "rulesAccepted", "fsibRefusals", and what the RIB-outs sent over all sessions:
 // "familyUpdatesOut" (UPDATEs, End-of-RIB aside), "rulesSent" (NLRI announced) and
-// "rulesAdvertised" (rules the current session holds from us).
+// "rulesAdvertised" (rules the current session holds from us), "endOfRibOut".
 #pragma once
 
 #include <nlohmann/json.hpp>
