@@ -22,6 +22,7 @@ hold-time = 3
 families = ["ipv4-flowspec"]
 description = "GoBGP"
 connect-retry = 1
+min-route-advertisement-interval = 30
 
 [[neighbor]]
 address = "::1"
@@ -50,11 +51,13 @@ TEST(Config, ReadsEveryKey) {
    EXPECT_EQ(a.families, std::vector<AfiSafi>{kIpv4Flowspec});
    EXPECT_EQ(a.description, "GoBGP");
    EXPECT_EQ(a.connectRetrySeconds, 1);
+   EXPECT_EQ(a.minRouteAdvertisementSeconds, 30);
    EXPECT_EQ(a.line, 6u);
    NeighborConfig const& b = c.neighbors[1];
    EXPECT_EQ(b.port, kBgpPort);
    EXPECT_FALSE(b.passive);
    EXPECT_EQ(b.holdTime, 90);
+   EXPECT_EQ(b.minRouteAdvertisementSeconds, 0);
    EXPECT_EQ(b.families, (std::vector<AfiSafi>{kIpv4Flowspec, kIpv6Flowspec}));
    // Sources: the first non-wildcard listen address of the family, or local-address.
    EXPECT_EQ(sourceAddress(c, a)->str(), "127.0.0.10");
@@ -136,6 +139,9 @@ TEST(Config, EveryMistakeNamesFileLineAndWhat) {
         "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nlocal-address = \"::1\"\n", 6, "not of the family"},
        {"connect-retry zero", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nconnect-retry = 0\n", 6,
         "connect-retry must be between 1"},
+       {"interval too long",
+        "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nmin-route-advertisement-interval = 601\n", 6,
+        "min-route-advertisement-interval must be between 0 and 600"},
        {"duplicate neighbor",
         "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\n[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 3\n", 6,
         "neighbor 1.1.1.1 is already defined on line 3"},

@@ -346,6 +346,38 @@ TEST(AdjRibOutTest, ARuleTooLongForOneUpdateIsNeverSentAndCounted) {
    EXPECT_EQ(r.advertisedRoutes(), 0u);
 }
 
+// A rule the peer has is withdrawn when its new attributes leave no room for it.
+TEST(AdjRibOutTest, ARuleThatNoLongerFitsIsWithdrawn) {
+   Env env;
+   BgpPeer const to = Env::peerOf("10.0.0.9", 65009);
+   SessionRibOut& r = env.ribOut(to, env.sources->sourceIs(to));
+   env.run();
+   Ovk::Ptr<RouteKey const> const big = env.key(7, 4030); // 4032 bytes of NLRI
+   env.table->pathIs(*big, env.local, env.attr());
+   env.table->flushChanges();
+   env.scheduler->runReady();
+   ASSERT_EQ(env.output.messages.size(), 1u);
+   EXPECT_EQ(r.advertisedRoutes(), 1u);
+   PathAttributesContents c = env.attr()->contents();
+   c.communities.assign(10, 0xfde80001);
+   env.table->pathIs(*big, env.local, env.attrs->rtAttrIs(std::move(c)));
+   env.table->flushChanges();
+   env.output.messages.clear();
+   env.scheduler->runReady();
+   ASSERT_EQ(env.output.messages.size(), 1u);
+   EXPECT_EQ(env.output.messages[0][23 + 1], BgpAttrType::mpUnreachNlri);
+   EXPECT_EQ(r.advertisedRoutes(), 0u);
+   EXPECT_EQ(r.counters().unsendable, 1u);
+   EXPECT_EQ(r.counters().withdrawn, 1u);
+}
+
+TEST(AdjRibOutTest, StartTwiceIsABrokenInvariant) {
+   Env env;
+   BgpPeer const to = Env::peerOf("10.0.0.9", 65009);
+   SessionRibOut& r = env.ribOut(to, env.sources->sourceIs(to));
+   EXPECT_DEATH(r.start(), "!running_");
+}
+
 TEST(AdjRibOutTest, StopEndsFollowingTheTable) {
    Env env;
    BgpPeer const to = Env::peerOf("10.0.0.9", 65009);
