@@ -39,8 +39,9 @@ void SessionRibOut::start() {
    running_ = true;
    *alive_ = true;
    table_->reactorIs(this);
+   // A drain resumes a pass the output's fill stopped; changes waiting for the interval wait.
    output_.drainedCallbackIs([alive = alive_, this] {
-      if (*alive && pendingRoutes() != 0) pump();
+      if (*alive && paused_) pump();
    });
    immediate_ = true;
    markAll();
@@ -60,6 +61,9 @@ void SessionRibOut::stop() {
 void SessionRibOut::routeRefresh() {
    if (!running_) return;
    ++counters_.refreshes;
+   if (pumpTask_) scheduler_->cancel(*pumpTask_); // the table goes now, not after the interval
+   pumpTask_.reset();
+   pumpPosted_ = false;
    compactDirty();
    forceFrom_ = dirty_.size();
    markAll();
@@ -135,7 +139,8 @@ void SessionRibOut::pump() {
       next_ = end;
       for (std::size_t i = begin; i < end; ++i) dirty_[i]->deleteRef();
    }
-   if (next_ < dirty_.size()) return; // the next drain goes on
+   paused_ = next_ < dirty_.size();
+   if (paused_) return; // the next drain goes on
    dirty_.clear();
    next_ = forceFrom_ = forceTo_ = 0;
    if (endOfRibPending_) {

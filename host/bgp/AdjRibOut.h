@@ -152,6 +152,7 @@ class SessionRibOut : public AdjRibOut, public RibTable::Reactor {
    bool running_ = false;
    bool endOfRibPending_ = true;
    bool pumpPosted_ = false;
+   bool paused_ = false;    // a pass stopped by the output's fill
    bool immediate_ = false; // the initial table or a refresh: no interval
    std::optional<Ovk::TaskId> pumpTask_;
    Ovk::Clock::time_point nextAllowed_{};

@@ -15,8 +15,8 @@ namespace {
 using FlowspecTest::golden;
 using FlowspecTool::printAnswer;
 
-// Two neighbors up, one over IPv6 with a 4-byte AS and an uptime over a day; one down with
-// a description, a last error and no family negotiated.
+// Two neighbors up, one over IPv6 with a 4-byte AS and an uptime over a day, one that was
+// sent rules; one down with a description, a last error and no family negotiated.
 constexpr char const* kNeighbors = R"({"neighbors":[
  {"address":"192.0.2.1","port":179,"remoteAs":65001,"description":"","passive":false,"state":"Established",
   "uptimeSeconds":3725,"lastError":"","messagesIn":1234,"messagesOut":987,"updatesIn":1200,"updatesOut":1,
@@ -26,7 +26,9 @@ constexpr char const* kNeighbors = R"({"neighbors":[
   "holdTime":90,"keepaliveTime":30,"remoteRouterId":"192.0.2.1","localEndpoint":"192.0.2.254:40000",
   "remoteEndpoint":"192.0.2.1:179","familyUpdatesIn":{"ipv4-flowspec":1100,"ipv6-flowspec":100},
   "endOfRibIn":{"ipv4-flowspec":1,"ipv6-flowspec":1},"rulesReceived":{"ipv4-flowspec":1050,"ipv6-flowspec":90},
-  "rulesAccepted":{"ipv4-flowspec":1049,"ipv6-flowspec":90},"fsibRefusals":{"ipv4-flowspec":2}},
+  "rulesAccepted":{"ipv4-flowspec":1049,"ipv6-flowspec":90},"fsibRefusals":{"ipv4-flowspec":2},
+  "familyUpdatesOut":{"ipv4-flowspec":12},"rulesSent":{"ipv4-flowspec":2400},
+  "rulesAdvertised":{"ipv4-flowspec":2300},"endOfRibOut":{"ipv4-flowspec":1}},
  {"address":"2001:db8::2","port":1179,"remoteAs":4200000000,"description":"","passive":true,"state":"Established",
   "uptimeSeconds":90061,"lastError":"","messagesIn":5,"messagesOut":4,"updatesIn":2,"updatesOut":0,
   "keepalivesIn":2,"keepalivesOut":3,"notificationsIn":0,"notificationsOut":0,"routeRefreshesIn":0,
