@@ -64,9 +64,16 @@ void SessionRibOut::routeRefresh() {
    if (pumpTask_) scheduler_->cancel(*pumpTask_); // the table goes now, not after the interval
    pumpTask_.reset();
    pumpPosted_ = false;
-   compactDirty();
-   forceFrom_ = dirty_.size();
+   // One pass over every key, each once: the table's, and those the peer holds that left it
+   // (their withdrawal was waiting).
+   for (std::size_t i = next_; i < dirty_.size(); ++i) dirty_[i]->deleteRef();
+   dirty_.clear();
+   next_ = 0;
    markAll();
+   for (auto const& [key, path] : advertised_) {
+      if (!table_->routePresent(*key)) markDirty(key);
+   }
+   forceFrom_ = 0;
    forceTo_ = dirty_.size();
    immediate_ = true;
    schedulePump();

@@ -987,7 +987,13 @@ def readvertise_test(bins, workdir):
             agent.wait_state(p.address, "Established", 40)
         wait_until("gobgp API", lambda: gobgp.gobgp("global") is not None, 15)
         gobgp.gobgp("global", "rib", "-a", "ipv4-flowspec", "add", "match", *rule, "then", "discard")
+        gobgp.gobgp("global", "rib", "-a", "ipv6-flowspec", "add", "match", "destination", "2001:db8:7::/48",
+                    "then", "rate-limit", "1000")
         wait_until("GoBGP's rule in BIRD", in_bird, 20)
+        # IPv6 flowspec over the IPv4 session: an empty next-hop field.
+        wait_until("GoBGP's IPv6 rule in BIRD", lambda: "2001:db8:7::/48" in bird_routes(bird, "ft6"), 20)
+        if "BGP.as_path: 65001 65002" not in bird_routes(bird, "ft6"):
+            raise Fail("BIRD shows the IPv6 rule without the agent's AS in front:\n" + bird_routes(bird, "ft6"))
         text = bird_routes(bird, "ft4")
         if "BGP.as_path: 65001 65002" not in text:
             raise Fail("BIRD shows the rule without the agent's AS in front:\n" + text)
@@ -998,7 +1004,8 @@ def readvertise_test(bins, workdir):
             raise Fail(f"show neighbors for BIRD: {n['rulesAdvertised']}, End-of-RIB {n['endOfRibOut']}")
         if agent.neighbor(gobgp.address)["rulesAdvertised"].get("ipv4-flowspec", 0) != 0:
             raise Fail("the rule went back to GoBGP")
-        log("GoBGP's rule reached BIRD with AS_PATH 65001 65002 and its community; not sent back to GoBGP")
+        log("GoBGP's rules (IPv4 and IPv6) reached BIRD with AS_PATH 65001 65002 and their communities; "
+            "not sent back to GoBGP")
         results["readvertise"] = "ok"
 
         # BIRD restarts: the table again, then End-of-RIB.
@@ -1033,7 +1040,7 @@ def readvertise_test(bins, workdir):
            any(not x.get("ok", True) for x in u.get("announced", []) + u.get("withdrawn", []))]
     announced = sum(len(u.get("announced", [])) for u in sent)
     withdrawn = sum(len(u.get("withdrawn", [])) for u in sent)
-    if bad or announced < 2 or withdrawn < 1:
+    if bad or announced < 4 or withdrawn < 1:
         raise Fail(f"captured UPDATEs of the agent: {len(sent)}, {announced} announced, {withdrawn} withdrawn, "
                    f"bad: {bad[:3]}")
     log(f"capture: {len(sent)} UPDATEs from the agent ({capture.packets} packets), {announced} rules announced, "
