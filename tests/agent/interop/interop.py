@@ -13,14 +13,17 @@ over IPv4 and one over IPv6 transport. In "we-connect" the peer is passive and f
 connects; in "they-connect" flowspecd is passive. Each test checks, in order:
   1. both sessions reach Established with ipv4-flowspec and ipv6-flowspec negotiated;
   2. keepalives keep them up past one hold time (3 seconds);
-  3. the peer's flowspec UPDATEs arrive and are counted per family;
+  3. the peer's flowspec UPDATEs arrive and are counted per family, and the agent sends the
+     rules of one session to the other (the peer drops them: its AS is in the path); every
+     UPDATE the agent sends is captured and must decode cleanly;
   4. after the peer restarts, each session comes up again (a new session);
   5. flowspecd's shutdown (SIGTERM) reaches the peer as a Cease.
 The fault test runs flowspecd with one good peer (BIRD) and several misbehaving fake
 peers, and checks each fault gets its NOTIFICATION while the good session stays up.
 The export test runs flowspecd with GoBGP and BIRD announcing rules with every action and
 checks the best paths, and the FSIB as another process reads it, through a withdrawal, a
-reload of the VRF imports, a lost session and a restart of the agent.
+reload of the VRF imports, a lost session and a restart of the agent; what the agent sends
+meanwhile (each peer's rules to the other) is captured and must decode cleanly.
 The readvertise test runs flowspecd between GoBGP and BIRD: a rule GoBGP announces reaches
 BIRD with the agent's AS in front, its withdrawal follows, and a restarted BIRD gets the
 table again and End-of-RIB. Every UPDATE the agent sends is captured on the loopback
@@ -609,6 +612,9 @@ def peer_test(bins, workdir, name, direction):
     agent = Agent(bins, workdir, agent_address, agent_port, neighbors)
     addresses = [n["address"] for n in neighbors]
     both = ["ipv4-flowspec", "ipv6-flowspec"]
+    # The agent passes what one session taught it to the other (the peer drops it: its own AS
+    # is in the path); what goes out over IPv4 is captured and must decode cleanly.
+    capture = LoopbackCapture(os.path.join(workdir, "agent-sent.pcap"), agent_address, (agent_port, peer_port))
     results = {}
     try:
         peer.start()
@@ -651,6 +657,14 @@ def peer_test(bins, workdir, name, direction):
             log(f"{a}: decoded {u['messages']} UPDATE(s), rules held "
                 f"{ {f: v['rules'] for f, v in u['families'].items()} }")
         results["updates"] = "ok"
+        # Both sessions announce the same rules; the one whose path loses gets the winner's.
+        if peer.ipv6:
+            sent = lambda n: n if all(n["rulesAdvertised"].get(f, 0) > 0 for f in both) else None
+            wait_until("one session's rules sent over the other", lambda: any(
+                sent(agent.neighbor(a)) for a in addresses), 10)
+            for a in addresses:
+                n = agent.neighbor(a)
+                log(f"{a}: sent {n['familyUpdatesOut']} UPDATE(s), holds {n['rulesAdvertised']} rules from us")
 
         before = {a: agent.neighbor(a)["establishedTransitions"] for a in addresses}
         peer.stop()
@@ -673,8 +687,11 @@ def peer_test(bins, workdir, name, direction):
         log(f"{name} received our Cease (Administrative Shutdown)")
         results["cease"] = "ok"
     finally:
+        capture.stop()
         agent.stop()
         peer.stop()
+    check_capture(bins, capture, announced=2 if peer.ipv6 else 0, withdrawn=0)
+    results["capture"] = "ok"
     return results
 
 # ----------------------------------------------------------------------------------------
@@ -731,6 +748,8 @@ def export_test(bins, workdir):
     neighbors = [{"address": p.address, "port": p.port, "remote-as": p.asn, "passive": True, "hold-time": HOLD,
                   "connect-retry": 1, "description": p.name} for p in (gobgp, bird)]
     agent = Agent(bins, workdir, agent_address, agent_port, neighbors, extra=vrf_config("65000:100"))
+    # The agent passes each peer's rules to the other: what it sends is checked at the end.
+    capture = LoopbackCapture(os.path.join(workdir, "agent-sent.pcap"), agent_address)
     results = {}
     gobgp_rules = [["destination", "10.1.0.0/24", "protocol", "tcp", "then", "discard"],
                    ["destination", "10.2.0.0/24", "then", "rate-limit", "1000"],
@@ -809,9 +828,12 @@ def export_test(bins, workdir):
         log("restart: the FSIB held exactly the current rules")
         results["restart"] = "ok"
     finally:
+        capture.stop()
         agent.stop()
         gobgp.stop()
         bird.stop()
+    check_capture(bins, capture, announced=6, withdrawn=1)
+    results["capture"] = "ok"
     return results
 
 
@@ -918,12 +940,15 @@ def fault_test(bins, workdir):
 
 
 class LoopbackCapture:
-    """Captures, on the loopback interface, the IPv4 TCP packets `source` sends, into a pcap
-    file (root: an AF_PACKET socket; no capture tool needed)."""
+    """Captures, on the loopback interface, the TCP packets the agent sends into a pcap file
+    (root: an AF_PACKET socket; no capture tool needed): IPv4 ones from `source`, and with
+    `ports` (the agent's listening port, the peer's port) IPv6 ones from ::1 that leave the
+    agent's port or go to the peer's."""
 
-    def __init__(self, path, source):
+    def __init__(self, path, source, ports=None):
         self.path = path
         self.source = socket.inet_aton(source)
+        self.ports = ports
         self.sock = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(0x0003))
         self.sock.bind(("lo", 0))
         self.sock.settimeout(0.2)
@@ -934,6 +959,15 @@ class LoopbackCapture:
         self.thread = threading.Thread(target=self.run, daemon=True)
         self.thread.start()
 
+    def wanted(self, frame):
+        if frame[12:14] == b"\x08\x00" and len(frame) >= 34:
+            return frame[23] == 6 and frame[26:30] == self.source
+        if frame[12:14] == b"\x86\xdd" and self.ports and len(frame) >= 58 and frame[20] == 6:
+            sport, dport = struct.unpack("!HH", frame[54:58])
+            return frame[22:38] == socket.inet_pton(socket.AF_INET6, "::1") and (
+                sport == self.ports[0] or dport == self.ports[1])
+        return False
+
     def run(self):
         while not self.stopping:
             try:
@@ -941,9 +975,7 @@ class LoopbackCapture:
             except socket.timeout:
                 continue
             # Loopback frames are seen twice (outgoing and incoming): keep the outgoing copy.
-            if meta[2] != socket.PACKET_OUTGOING or len(frame) < 34:
-                continue
-            if frame[12:14] != b"\x08\x00" or frame[23] != 6 or frame[26:30] != self.source:
+            if meta[2] != socket.PACKET_OUTGOING or not self.wanted(frame):
                 continue
             now = time.time()
             self.out.write(struct.pack("<IIII", int(now), int((now % 1) * 1e6), len(frame), len(frame)) + frame)
@@ -961,6 +993,26 @@ def bird_routes(bird, table):
     r = subprocess.run(["birdc", "-s", bird.ctl, "show", "route", "table", table, "all"], capture_output=True,
                        text=True, timeout=10)
     return r.stdout
+
+
+def check_capture(bins, capture, announced, withdrawn):
+    """Every UPDATE the agent sent, as captured, reads back cleanly with the project's own
+    decoder (`flowspec decode --pcap`): no error, no refused NLRI; and at least so many rules
+    were announced and withdrawn."""
+    r = subprocess.run([bins[1], "decode", "--pcap", capture.path, "--json"], capture_output=True, text=True,
+                       timeout=30)
+    if r.returncode != 0:
+        raise Fail(f"flowspec decode --pcap: {r.stderr.strip()}")
+    sent = [json.loads(line) for line in r.stdout.splitlines() if line.startswith("{")]
+    sent = [u for u in sent if "index" in u]
+    bad = [u for u in sent if u.get("errors") or u.get("outcome") != "accept" or
+           any(not x.get("ok", True) for x in u.get("announced", []) + u.get("withdrawn", []))]
+    got = (sum(len(u.get("announced", [])) for u in sent), sum(len(u.get("withdrawn", [])) for u in sent))
+    if bad or got[0] < announced or got[1] < withdrawn:
+        raise Fail(f"captured UPDATEs of the agent: {len(sent)}, {got[0]} announced, {got[1]} withdrawn, "
+                   f"bad: {bad[:3]}")
+    log(f"capture: {len(sent)} UPDATEs from the agent ({capture.packets} packets), {got[0]} rules announced, "
+        f"{got[1]} withdrawn, every one decoded cleanly")
 
 
 def readvertise_test(bins, workdir):
@@ -1029,22 +1081,7 @@ def readvertise_test(bins, workdir):
         gobgp.stop()
         bird.stop()
 
-    # Every UPDATE the agent sent reads back cleanly with the project's own decoder.
-    r = subprocess.run([bins[1], "decode", "--pcap", capture.path, "--json"], capture_output=True, text=True,
-                       timeout=30)
-    if r.returncode != 0:
-        raise Fail(f"flowspec decode --pcap: {r.stderr.strip()}")
-    sent = [json.loads(line) for line in r.stdout.splitlines() if line.startswith("{")]
-    sent = [u for u in sent if "index" in u]
-    bad = [u for u in sent if u.get("errors") or u.get("outcome") != "accept" or
-           any(not x.get("ok", True) for x in u.get("announced", []) + u.get("withdrawn", []))]
-    announced = sum(len(u.get("announced", [])) for u in sent)
-    withdrawn = sum(len(u.get("withdrawn", [])) for u in sent)
-    if bad or announced < 4 or withdrawn < 1:
-        raise Fail(f"captured UPDATEs of the agent: {len(sent)}, {announced} announced, {withdrawn} withdrawn, "
-                   f"bad: {bad[:3]}")
-    log(f"capture: {len(sent)} UPDATEs from the agent ({capture.packets} packets), {announced} rules announced, "
-        f"{withdrawn} withdrawn, every one decoded cleanly")
+    check_capture(bins, capture, announced=4, withdrawn=1)
     results["capture"] = "ok"
     return results
 
