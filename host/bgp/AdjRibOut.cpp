@@ -149,6 +149,8 @@ void SessionRibOut::pump() {
    paused_ = next_ < dirty_.size();
    if (paused_) return; // the next drain goes on
    dirty_.clear();
+   // A whole table's list is not kept for the next few changes.
+   if (dirty_.capacity() > 65536) dirty_.shrink_to_fit();
    next_ = forceFrom_ = forceTo_ = 0;
    if (endOfRibPending_) {
       endOfRibPending_ = false;
