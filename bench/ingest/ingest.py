@@ -448,11 +448,24 @@ class Flowspecd(Receiver):
         e.pop("TRACE", None)
         return e
 
+    def request(self, line):
+        """One control request, read straight from the socket: a CLI process per poll would
+        cost the machine more than the receiver spends between two polls."""
+        with socket.socket(socket.AF_UNIX) as c:
+            c.settimeout(60)
+            c.connect(self.sock)
+            c.sendall(line.encode() + b"\n")
+            chunks = []
+            while True:
+                data = c.recv(65536)
+                if not data:
+                    break
+                chunks.append(data)
+        return json.loads(b"".join(chunks))
+
     def summary(self):
-        out = run_quiet([os.path.join(self.build, "tools", "flowspec", "flowspec"), "--socket", self.sock,
-                         "show", "summary", "--json"])
         rules = paths = 0
-        for v in json.loads(out)["vrfs"]:
+        for v in self.request("show summary")["vrfs"]:
             f = v["families"].get(self.fam)
             if f:
                 rules += f["rules"]
@@ -483,6 +496,7 @@ class Bird(Receiver):
     def __init__(self, work, family, tag):
         super().__init__(work, family, tag)
         self.ctl = os.path.join(self.dir, "bird.ctl")
+        self.ctl_sock = None
         self.flow = "flow4" if family == "ipv4" else "flow6"
         self.table = "fs" + self.flow
 
@@ -498,14 +512,38 @@ class Bird(Receiver):
         return ["bird", "-f", "-c", conf, "-s", self.ctl]
 
     def birdc(self, cmd):
-        return run_quiet(["birdc", "-s", self.ctl, cmd])
+        """One command on BIRD's control socket, kept open between polls: a reply is lines
+        "CODE-text" or " text", the last one "CODE text"."""
+        if self.ctl_sock is None:
+            self.ctl_sock = socket.socket(socket.AF_UNIX)
+            self.ctl_sock.settimeout(60)
+            self.ctl_sock.connect(self.ctl)
+            self.ctl_file = self.ctl_sock.makefile("r")
+            self.ctl_file.readline()  # the greeting
+        self.ctl_sock.sendall(cmd.encode() + b"\n")
+        lines = []
+        while True:
+            line = self.ctl_file.readline()
+            if not line:
+                raise RuntimeError("BIRD closed its control socket")
+            lines.append(line[5:] if line[:4].isdigit() else line[1:])
+            if line[:4].isdigit() and line[4] == " ":
+                if line[0] in "89":
+                    raise RuntimeError("BIRD: %s" % line.strip())
+                return "".join(lines)
+
+    def stop(self):
+        if self.ctl_sock is not None:
+            self.ctl_sock.close()
+            self.ctl_sock = None
+        super().stop()
 
     def rules(self):
         # The table's count walks every route; use it only where the time is not what is measured
         for line in self.birdc("show route table %s count" % self.table).splitlines():
             words = line.split()
             if "routes" in words and "of" in words:
-                return int(words[0])
+                return int(words[words.index("of") - 1])
         return 0
 
     def imported(self, peer):
