@@ -15,8 +15,10 @@ namespace Routing::Bgp::FlowspecPlugin {
 
 // The stored encoding: entries one after another, in this order, each opened by a tag byte.
 //
-//   destination prefix   01 mask [offset, IPv6 only] pattern   (the NLRI component itself)
-//   source prefix        02 mask [offset, IPv6 only] pattern
+//   destination prefix   01 mask pattern                       (the NLRI component itself,
+//                        81 mask offset pattern                 an IPv6 prefix's offset byte
+//   source prefix        02 mask pattern                        kept only when it is not 0:
+//                        82 mask offset pattern                 81 and 82 carry it)
 //   components           TT pairs...                           TT = type 3..0x7f whose pairs
 //                                                              are well formed: each pair's
 //                                                              length is its operator's, and
@@ -29,12 +31,15 @@ namespace Routing::Bgp::FlowspecPlugin {
 // The encoding is canonical: the pattern holds ceil((mask - offset) / 8) bytes with the bits
 // beyond (mask - offset) cleared, and the form of a component follows from its type and bytes
 // alone. Two keys with equal fields therefore store equal bytes, and a key whose components
-// all came off the wire stores exactly its NLRI body (after the length field).
+// all came off the wire stores its NLRI body (after the length field), less the offset byte
+// of an IPv6 prefix at offset 0: that byte would push the commonest IPv6 rule, a /128 host
+// with two single-value components, out of the key's 24 bytes in place and onto the heap.
 
 namespace {
 
 constexpr std::uint8_t kTagDestPrefix = 1;
 constexpr std::uint8_t kTagSrcPrefix = 2;
+constexpr std::uint8_t kTagWithOffset = 0x80; // OR-ed into a prefix tag: an offset byte follows
 constexpr std::uint8_t kTagFirstShort = 3;
 constexpr std::uint8_t kTagLastShort = 0x7f;
 constexpr std::uint8_t kTagRaw = 0x80;
@@ -63,6 +68,20 @@ bool wellFormedPairs(std::span<std::uint8_t const> bytes) noexcept {
 }
 
 std::size_t patternBytes(unsigned mask, unsigned offset) noexcept { return (mask - offset + 7) / 8; }
+
+bool isPrefixTag(std::uint8_t tag) noexcept {
+   auto const type = static_cast<std::uint8_t>(tag & ~kTagWithOffset);
+   return type == kTagDestPrefix || type == kTagSrcPrefix;
+}
+
+// Writes a prefix entry's tag, mask and (when not 0) offset; returns the bytes written.
+std::size_t putPrefixHeader(std::uint8_t* out, std::uint8_t type, std::uint8_t mask, std::uint8_t offset) noexcept {
+   std::size_t n = 0;
+   out[n++] = offset == 0 ? type : static_cast<std::uint8_t>(type | kTagWithOffset);
+   out[n++] = mask;
+   if (offset != 0) out[n++] = offset;
+   return n;
+}
 
 void putLe(std::uint8_t* out, std::uint32_t v, std::size_t n) noexcept {
    for (std::size_t i = 0; i < n; ++i) out[i] = static_cast<std::uint8_t>(v >> (8 * i));
@@ -163,6 +182,27 @@ struct FlowspecRouteKey::PrefixEntry {
       h = mixByte(h, mask);
       return mixZeros(h, 3);
    }
+   // Flowspec::FlowspecKey::cmpPrefix(prefix(v6), o.prefix(v6)) for two entries of one
+   // family, read from the pattern bytes: an absent prefix sorts last, then the bits both
+   // cover decide (lower first), then the longer prefix sorts first.
+   int compare(PrefixEntry const& o) const noexcept {
+      if (!present() || !o.present()) return present() == o.present() ? 0 : present() ? -1 : 1;
+      std::uint8_t a[16] = {};
+      std::uint8_t b[16] = {};
+      std::memcpy(a, pattern, patternBytes(mask, offset));
+      std::memcpy(b, o.pattern, patternBytes(o.mask, o.offset));
+      unsigned const common = std::min(mask, o.mask);
+      unsigned const fullBytes = common / 8;
+      if (int const c = std::memcmp(a, b, fullBytes); c != 0) return c < 0 ? -1 : 1;
+      if (unsigned const rest = common % 8; rest != 0) {
+         auto const m = static_cast<std::uint8_t>(0xffu << (8 - rest));
+         auto const x = static_cast<std::uint8_t>(a[fullBytes] & m);
+         auto const y = static_cast<std::uint8_t>(b[fullBytes] & m);
+         if (x != y) return x < y ? -1 : 1;
+      }
+      if (mask != o.mask) return mask > o.mask ? -1 : 1;
+      return 0;
+   }
    Ovnet::IpGenPrefix prefix(bool v6) const noexcept {
       if (!present()) return {};
       std::uint8_t addr[16] = {};
@@ -176,13 +216,14 @@ struct FlowspecRouteKey::PrefixEntry {
 FlowspecRouteKey::PrefixEntry FlowspecRouteKey::prefixEntry(std::uint8_t type) const {
    std::uint8_t const* const data = storedData();
    std::size_t const size = storedSize();
-   std::size_t const header = isV6() ? 3 : 2;
    PrefixEntry e;
    for (std::size_t pos = 0; pos < size;) {
-      std::uint8_t const tag = data[pos];
-      if (tag != kTagDestPrefix && tag != kTagSrcPrefix) break;
+      if (!isPrefixTag(data[pos])) break;
+      bool const withOffset = (data[pos] & kTagWithOffset) != 0;
+      auto const tag = static_cast<std::uint8_t>(data[pos] & ~kTagWithOffset);
+      std::size_t const header = withOffset ? 3 : 2;
       std::uint8_t const mask = data[pos + 1];
-      std::uint8_t const offset = isV6() ? data[pos + 2] : 0;
+      std::uint8_t const offset = withOffset ? data[pos + 2] : 0;
       std::size_t const entrySize = header + patternBytes(mask, offset);
       if (tag == type) return {pos, entrySize, mask, offset, data + pos + header};
       // An absent destination prefix would go first, an absent source prefix after the
@@ -221,10 +262,7 @@ void FlowspecRouteKey::prefixIs(std::uint8_t type, Ovnet::IpGenPrefix const& pre
    OVK_ASSERT(prefix.len() >= offset);
    OVK_ASSERT(offset == 0 || isV6());
    std::uint8_t entry[3 + 16];
-   std::size_t n = 0;
-   entry[n++] = type;
-   entry[n++] = prefix.len();
-   if (isV6()) entry[n++] = offset;
+   std::size_t const n = putPrefixHeader(entry, type, prefix.len(), offset);
    unsigned const bits = static_cast<unsigned>(prefix.len() - offset);
    std::size_t const pattern = patternBytes(prefix.len(), offset);
    std::memcpy(entry + n, prefix.addr().storage().data(), pattern);
@@ -349,10 +387,8 @@ void FlowspecRouteKeyBody::prefixIs(std::uint8_t type, std::uint8_t mask, std::u
    lastStart_ = size_;
    lastType_ = type;
    std::size_t const n = patternBytes(mask, offset);
-   std::uint8_t* out = append((v6_ ? 3 : 2) + n);
-   *out++ = type;
-   *out++ = mask;
-   if (v6_) *out++ = offset;
+   std::uint8_t* out = append((offset != 0 ? 3 : 2) + n);
+   out += putPrefixHeader(out, type, mask, offset);
    if (n == 0) return;
    std::memcpy(out, pattern, n);
    if (unsigned const bits = (mask - offset) % 8u; bits != 0)
@@ -496,22 +532,28 @@ bool FlowspecRouteKey::compare(Ovk::DedupHandle const* other) const {
    if (size == 0) return true;
    std::uint8_t const* const data = storedData();
    if (std::memcmp(data, o->storedData(), size) != 0) return false;
-   return slateKeyAf_ == o->slateKeyAf_ || (data[0] != kTagDestPrefix && data[0] != kTagSrcPrefix);
+   return slateKeyAf_ == o->slateKeyAf_ || !isPrefixTag(data[0]);
 }
 
 bool FlowspecRouteKey::lessThan(Ovk::Ptr<RouteKeyBase const> const& other) const {
+   if (int const c = orderCompare(*other); c != 0) return c < 0;
+   // Equal keys: true, deliberately (callers that need a strict order wrap this).
+   OVK_TRACE(flowspecTraceFacility(), 8, *this << " is equal to " << *other);
+   return true;
+}
+
+int FlowspecRouteKey::orderCompare(RouteKeyBase const& other) const {
    // The host compares keys of one table only: no type check.
-   auto const& o = static_cast<FlowspecRouteKey const&>(*other);
-   auto cmpPrefix = [&](std::uint8_t type) {
-      return Flowspec::FlowspecKey::cmpPrefix(prefixEntry(type).prefix(isV6()), o.prefixEntry(type).prefix(o.isV6()));
-   };
-   if (int const c = cmpPrefix(kTagDestPrefix); c != 0) return c < 0;
-   if (int const c = cmpPrefix(kTagSrcPrefix); c != 0) return c < 0;
+   auto const& o = static_cast<FlowspecRouteKey const&>(other);
+   PrefixEntry const aSrc = prefixEntry(kTagSrcPrefix);
+   PrefixEntry const bSrc = o.prefixEntry(kTagSrcPrefix);
+   if (int const c = prefixEntry(kTagDestPrefix).compare(o.prefixEntry(kTagDestPrefix)); c != 0) return c;
+   if (int const c = aSrc.compare(bSrc); c != 0) return c;
 
    std::uint8_t const* const data = storedData();
    std::uint8_t const* const otherData = o.storedData();
-   std::size_t aPos = componentsBegin();
-   std::size_t bPos = o.componentsBegin();
+   std::size_t aPos = aSrc.pos + aSrc.size;
+   std::size_t bPos = bSrc.pos + bSrc.size;
    FlowspecOpValComponentIterator a(data + aPos, data + storedSize());
    FlowspecOpValComponentIterator b(otherData + bPos, otherData + o.storedSize());
    for (;; ++a, ++b) {
@@ -519,25 +561,19 @@ bool FlowspecRouteKey::lessThan(Ovk::Ptr<RouteKeyBase const> const& other) const
       bool const bDone = b == std::default_sentinel;
       if (aDone && bDone) break;
       // The rule with more components sorts first.
-      if (aDone) return false;
-      if (bDone) return true;
+      if (aDone) return 1;
+      if (bDone) return -1;
       FlowspecOpValComponentView const x = *a;
       FlowspecOpValComponentView const y = *b;
-      if (x.type != y.type) return static_cast<std::int32_t>(x.type) < static_cast<std::int32_t>(y.type);
-      if (int const c = flowspecMemcmp(x.opValuePairsNbo, y.opValuePairsNbo); c != 0) return c < 0;
+      if (x.type != y.type) return static_cast<std::int32_t>(x.type) < static_cast<std::int32_t>(y.type) ? -1 : 1;
+      if (int const c = flowspecMemcmp(x.opValuePairsNbo, y.opValuePairsNbo); c != 0) return c;
       aPos += a.currentSize_;
       bPos += b.currentSize_;
    }
    auto tailAt = [](std::uint8_t const* d, std::size_t pos, std::size_t size) -> std::span<std::uint8_t const> {
       return pos < size ? std::span<std::uint8_t const>(d + pos + 1, size - pos - 1) : std::span<std::uint8_t const>();
    };
-   if (int const c = flowspecMemcmp(tailAt(data, aPos, storedSize()), tailAt(otherData, bPos, o.storedSize()));
-       c != 0) {
-      return c < 0;
-   }
-   // Equal keys: true, deliberately (callers that need a strict order wrap this).
-   OVK_TRACE(flowspecTraceFacility(), 8, *this << " is equal to " << o);
-   return true;
+   return flowspecMemcmp(tailAt(data, aPos, storedSize()), tailAt(otherData, bPos, o.storedSize()));
 }
 
 std::uintptr_t FlowspecRouteKey::ruleId() const {

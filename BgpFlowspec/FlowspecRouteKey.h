@@ -205,6 +205,8 @@ class FlowspecRouteKey : public RouteKey {
    bool compare(Ovk::DedupHandle const* other) const override;
    // The rule order (see the file comment); `other` is a flowspec key of the same family.
    bool lessThan(Ovk::Ptr<RouteKeyBase const> const& other) const override;
+   // The rule order in one pass over both keys' bytes, without building their prefixes.
+   int orderCompare(RouteKeyBase const& other) const override;
    // The destination prefix's place in the rule order, from its first 32 bits (exact for
    // IPv4): keys with lower values sort first; equal values leave the order to lessThan.
    std::uint64_t orderPrefix() const override;

@@ -47,6 +47,20 @@ void RouteKeyBase::blinkPut(Ovk::Blink& blink) const {
 
 bool RouteKeyBase::lessThan(Ovk::Ptr<RouteKeyBase const> const&) const { OVK_FATAL(kMustOverride); }
 
+int RouteKeyBase::orderCompare(RouteKeyBase const& other) const {
+   // Lend `other` to lessThan without a reference count change per call.
+   auto const less = [](RouteKeyBase const& a, RouteKeyBase const& b) {
+      Ovk::Ptr<RouteKeyBase const> p = Ovk::Ptr<RouteKeyBase const>::adopt(&b);
+      bool const r = a.lessThan(p);
+      p.release();
+      return r;
+   };
+   bool const ab = less(*this, other);
+   bool const ba = less(other, *this);
+   if (ab == ba) return 0;
+   return ab ? -1 : 1;
+}
+
 Ovk::TraceFacility& RouteKeyBase::traceFacility() const { return bgpTraceFacility(); }
 
 bool RouteKeyBase::isOverlapping(RouteKeyBase const&) const { OVK_FATAL(kMustOverride); }

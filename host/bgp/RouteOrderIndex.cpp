@@ -44,28 +44,10 @@ struct RouteOrderIndex::Inner : Node {
    }
 };
 
-namespace {
-
-// RouteKeyBase::lessThan without a reference count change per call.
-bool lessThanRaw(RouteKey const& a, RouteKey const& b) {
-   Ovk::Ptr<RouteKeyBase const> other = Ovk::Ptr<RouteKeyBase const>::adopt(&b);
-   bool const less = a.lessThan(other);
-   other.release();
-   return less;
-}
-
-// The family's order alone, for keys of equal prefixes: lessThan answers true both ways
-// for keys it holds equal.
-bool orderLessSamePrefix(RouteKey const& a, RouteKey const& b) { return lessThanRaw(a, b) && !lessThanRaw(b, a); }
-
-} // namespace
-
 bool RouteOrderIndex::entryLess(Entry const& a, Entry const& b) {
    if (a.prefix != b.prefix) return a.prefix < b.prefix;
    if (a.key == b.key) return false;
-   bool const ab = lessThanRaw(*a.key, *b.key);
-   bool const ba = lessThanRaw(*b.key, *a.key);
-   if (ab != ba) return ab;
+   if (int const c = a.key->orderCompare(*b.key); c != 0) return c < 0;
    return a.key < b.key;
 }
 
@@ -77,7 +59,7 @@ bool RouteOrderIndex::orderLess(RouteKey const& a, RouteKey const& b) {
    std::uint64_t const pa = a.orderPrefix();
    std::uint64_t const pb = b.orderPrefix();
    if (pa != pb) return pa < pb;
-   return orderLessSamePrefix(a, b);
+   return a.orderCompare(b) < 0;
 }
 
 RouteOrderIndex::RouteOrderIndex() = default;
@@ -290,7 +272,7 @@ RouteOrderIndex::Iterator RouteOrderIndex::lowerBound(RouteKey const& probe) con
    std::uint64_t const prefix = probe.orderPrefix();
    auto const before = [&](Entry const& e) {
       if (e.prefix != prefix) return e.prefix < prefix;
-      return orderLessSamePrefix(*e.key, probe);
+      return e.key->orderCompare(probe) < 0;
    };
    while (!node->leaf) {
       auto* inner = static_cast<Inner*>(node);

@@ -134,7 +134,7 @@ Ptr<DedupHandle const> DedupHashTable::lookupOrInsert(Ptr<DedupHandle> const& ha
    }
    // Grow at 3/4 load, then find the free slot again in the larger index.
    if ((size_ + 1) * 4 > slots_.size() * 3) {
-      grow();
+      rehash(slots_.size() * 2);
       std::size_t const m = slots_.size() - 1;
       for (i = hash & m; slots_[i]; i = (i + 1) & m) {}
    }
@@ -148,11 +148,21 @@ Ptr<DedupHandle const> DedupHashTable::lookupOrInsert(Ptr<DedupHandle> const& ha
    return handle;
 }
 
-void DedupHashTable::grow() const {
-   std::vector<Slot> old(slots_.size() * 2, 0);
+void DedupHashTable::rehash(std::size_t slots) const {
+   std::vector<Slot> old(slots, 0);
    old.swap(slots_);
    std::size_t const mask = slots_.size() - 1;
-   for (Slot const s : old) {
+   // Re-homing reads every entry's stored hash and writes a random slot of the new index:
+   // two cache misses per entry at random addresses. Fetch the entry far ahead, its new slot
+   // half as far ahead, so that the misses overlap instead of queueing.
+   constexpr std::size_t kEntryAhead = 32;
+   constexpr std::size_t kSlotAhead = 16;
+   for (std::size_t k = 0; k < old.size(); ++k) {
+      if (k + kEntryAhead < old.size() && old[k + kEntryAhead]) __builtin_prefetch(handleOf(old[k + kEntryAhead]));
+      if (k + kSlotAhead < old.size() && old[k + kSlotAhead]) {
+         __builtin_prefetch(&slots_[handleOf(old[k + kSlotAhead])->hash_ & mask], 1);
+      }
+      Slot const s = old[k];
       if (!s) continue;
       std::size_t i = handleOf(s)->hash_ & mask;
       while (slots_[i]) i = (i + 1) & mask;
@@ -184,6 +194,7 @@ void DedupHashTable::remove(DedupHandle* h) const {
    slots_[i] = 0;
    --size_;
    ++counters_.removes;
+   if (slots_.size() > kInitialSlots && size_ * 8 < slots_.size()) rehash(slots_.size() / 2);
    if (notifiee_) notifiee_->handleRemove(h);
 }
 

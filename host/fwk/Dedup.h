@@ -90,6 +90,8 @@ class DedupHashTable : public PtrInterface {
    Ptr<DedupHandle const> lookup(DedupHandle const& probe) const;
 
    std::size_t size() const { return size_; }
+   // Slots of the index: it doubles at 3/4 load and halves below 1/8, never below 16, so a
+   // table that held a million entries does not keep their index once they have gone.
    std::size_t capacity() const { return slots_.size(); }
    // Bytes of the table's own index (the entries themselves are counted by their owners).
    std::size_t indexBytes() const { return slots_.capacity() * sizeof(Slot); }
@@ -134,7 +136,8 @@ class DedupHashTable : public PtrInterface {
    void detachEntries();
    void remove(DedupHandle* h) const;
    std::size_t findSlot(DedupHandle const& probe, std::uint32_t hash) const;
-   void grow() const;
+   // Moves every entry into an index of `slots` slots (a power of two, more than size_).
+   void rehash(std::size_t slots) const;
 
    mutable std::vector<Slot> slots_;
    mutable std::size_t size_ = 0;

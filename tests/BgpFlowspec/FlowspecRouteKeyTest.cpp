@@ -122,11 +122,22 @@ TEST(FlowspecRouteKeyTest, PrefixesAreStoredCanonically) {
    v6->srcPrefixIs(pattern, 32);
    EXPECT_EQ(v6->srcPrefixOffset(), 32);
    EXPECT_EQ(v6->srcPrefix(), Ovnet::IpGenPrefix(*Ovnet::IpGenAddr::parse("1234:5678::"), 64));
-   EXPECT_EQ(toHex(v6->storedBytes()), "02402012345678");
+   // The offset byte is kept only when it is not 0 (the tag says which form follows).
+   EXPECT_EQ(toHex(v6->storedBytes()), "82402012345678");
    v6->destPrefixIs(prefix("2001:db8::/32"));
-   EXPECT_EQ(toHex(v6->storedBytes()), "0120002001"
+   EXPECT_EQ(toHex(v6->storedBytes()), "01202001"
                                        "0db8"
-                                       "02402012345678");
+                                       "82402012345678");
+   EXPECT_EQ(v6->destPrefixOffset(), 0);
+   EXPECT_EQ(v6->srcPrefixOffset(), 32);
+
+   // The commonest IPv6 rule, a host and two single-value components, stays in place.
+   auto host = flowspecV6RouteKeyFactory();
+   host->destPrefixIs(prefix("2001:db8::1/128"));
+   host->addOpValComponent(Flowspec::ipProtocol_, fromHex("81 06"));
+   host->addOpValComponent(Flowspec::destPort_, fromHex("81 50"));
+   EXPECT_EQ(host->storedBytes().size(), 24u);
+   EXPECT_EQ(host->heapBytes(), 0u);
 }
 
 TEST(FlowspecRouteKeyTest, ComponentsComeBackInOrderWithTheirBytes) {
@@ -471,6 +482,10 @@ TEST(FlowspecRouteKeyTest, LessThanIsAStrictWeakOrderOnDistinctKeys) {
          for (std::size_t j = 0; j < keys.size(); ++j) {
             bool const ij = less(*keys[i], *keys[j]);
             ASSERT_EQ(ij, models[i].referenceLess(models[j]));
+            // The three-way answer the order index uses says the same in one call.
+            int const c = keys[i]->orderCompare(*keys[j]);
+            ASSERT_EQ(c < 0, ij && !less(*keys[j], *keys[i]));
+            ASSERT_EQ(c == 0, same(i, j));
             if (!same(i, j)) {
                ASSERT_NE(ij, less(*keys[j], *keys[i]));
             }
