@@ -182,7 +182,8 @@ bool Agent::reload(std::string const& file) {
    applyVrfs();
    config_.rules = std::move(next.rules);
    applyRules("SIGHUP");
-   logger_.log("-", "SIGHUP: configuration " + file + " applied (" + std::to_string(config_.vrfs.size()) + " VRF(s))");
+   logger_.log("-", "SIGHUP: configuration " + file + " applied (" + std::to_string(config_.vrfs.size()) + " VRF(s), " +
+                        std::to_string(config_.rules.size()) + " rule(s))");
    return true;
 }
 
