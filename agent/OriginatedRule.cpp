@@ -286,17 +286,21 @@ Ovk::Result<std::vector<std::uint8_t>, std::string> nlriOf(AfiSafi family, Flows
    if (!key.srcPrefix().isUnset()) putPrefix(body, Flowspec::srcPrefix_, key.srcPrefix());
    // Consecutive pairs of one type form one component; components must come in ascending
    // type order (RFC 8955 section 4.2), so a type given again later cannot be written.
+   // Text that names a type twice gives pairs whose end-of-list bit falls inside one
+   // component; written, those bytes would read back as another rule.
    std::uint32_t lastType = Flowspec::srcPrefix_;
+   bool listEnded = true;
    for (auto r = key.getOptVal(0); !r.atEnd(); r = key.getOptVal(r.nextIndex())) {
       std::uint32_t const type = r.type();
+      if (type < lastType || (type == lastType && listEnded) || (type != lastType && !listEnded)) {
+         return Ovk::failure(std::string("a component is given more than once; give all its values in one place "
+                                         "(for example \"protocol =6 =17\")"));
+      }
       if (type != lastType) {
-         if (type < lastType) {
-            return Ovk::failure(std::string("a component is given more than once or out of order; give all its "
-                                            "values in one place (for example \"protocol =6 =17\")"));
-         }
          body.push_back(static_cast<std::uint8_t>(type));
          lastType = type;
       }
+      listEnded = (r.op() & Flowspec::opEndOfList) != 0;
       std::uint8_t const op = r.op();
       body.push_back(op);
       unsigned const n = Flowspec::opValueBytes(op);
