@@ -473,7 +473,8 @@ Ovk::Result<AgentConfig, ConfigErrors> parseConfig(std::string_view text, std::s
    AgentConfig config;
    config.source = fileName;
    check.onlyKeys(
-       root, {"router-id", "local-as", "listen", "control-socket", "plugin-dir", "fsib-prefix", "neighbor", "vrf", "rule"},
+       root,
+       {"router-id", "local-as", "listen", "control-socket", "plugin-dir", "fsib-prefix", "neighbor", "vrf", "rule"},
        "");
    readGlobals(check, root, config);
    readNeighbors(check, root, config);

@@ -33,7 +33,7 @@ constexpr std::uint16_t kRedirectIpv4 = 0x010c;
 constexpr std::uint16_t kRedirectNexthop = 0x0800;
 constexpr std::uint8_t kRedirectIpv6Subtype = 0x0c;
 
-constexpr std::array<std::string_view, 8> kActionWords{"discard", "rate-limit",   "mark",         "sample",
+constexpr std::array<std::string_view, 8> kActionWords{"discard",  "rate-limit",   "mark",        "sample",
                                                        "terminal", "redirect-vrf", "redirect-ip", "redirect-nexthop"};
 
 std::vector<std::string> wordsOf(std::string_view text) {
@@ -48,7 +48,7 @@ std::string familyShort(AfiSafi family) { return family == kIpv4Flowspec ? "IPv4
 // What the actions read so far ask for; each slot holds the action that set it.
 struct Reading {
    AfiSafi family;
-   std::optional<std::string> rate;     // discard or rate-limit
+   std::optional<std::string> rate; // discard or rate-limit
    std::optional<std::string> mark;
    std::optional<std::string> sample;
    std::optional<std::string> terminal;
@@ -304,7 +304,8 @@ Ovk::Result<std::vector<std::uint8_t>, std::string> nlriOf(AfiSafi family, Flows
       std::uint8_t const op = r.op();
       body.push_back(op);
       unsigned const n = Flowspec::opValueBytes(op);
-      for (unsigned i = n; i-- > 0;) body.push_back(static_cast<std::uint8_t>(n > 4 && i >= 4 ? 0 : r.value() >> (8 * i)));
+      for (unsigned i = n; i-- > 0;)
+         body.push_back(static_cast<std::uint8_t>(n > 4 && i >= 4 ? 0 : r.value() >> (8 * i)));
    }
    if (body.size() > kMaxNlriBody) {
       return Ovk::failure("the rule's NLRI would be " + std::to_string(body.size()) + " bytes, more than " +
@@ -347,8 +348,8 @@ Ovk::Result<OriginatedRule, std::string> originatedRuleOf(AfiSafi family, std::s
    auto communities = communitiesOf(family, then);
    if (!communities) return Ovk::failure("then: " + communities.reason());
    rule.communities = std::move(communities.value());
-   std::size_t const size = maxAdvertisedUpdateSize(rule.nlri.size(), rule.communities.extComms.size(),
-                                                     rule.communities.ip6ExtComms.size());
+   std::size_t const size =
+       maxAdvertisedUpdateSize(rule.nlri.size(), rule.communities.extComms.size(), rule.communities.ip6ExtComms.size());
    if (size > kMaxMessage) {
       return Ovk::failure("the rule's UPDATE would need " + std::to_string(size) +
                           " bytes with its attributes, more than one " + std::to_string(kMaxMessage) +

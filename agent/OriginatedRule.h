@@ -63,9 +63,9 @@ std::vector<std::string> actionTexts(RuleCommunities const& c);
 // A rule ready to originate.
 struct OriginatedRule {
    AfiSafi family;
-   Flowspec::FlowspecKey key;       // the match as the forwarding library reads it
-   std::string match;               // its canonical text
-   std::vector<std::uint8_t> nlri;  // its NLRI, length field included
+   Flowspec::FlowspecKey key;      // the match as the forwarding library reads it
+   std::string match;              // its canonical text
+   std::vector<std::uint8_t> nlri; // its NLRI, length field included
    RuleCommunities communities;
    std::vector<std::string> actions; // canonical action texts
 };

@@ -73,7 +73,7 @@ class Origination {
    struct Entry {
       OriginatedRule rule;
       std::string file;
-      std::uint32_t line = 0; // configured rules
+      std::uint32_t line = 0;       // configured rules
       Ovk::Ptr<RouteKey const> key; // set while its path is in the RIB
       Ovk::Ptr<RtAttr const> attrs;
    };

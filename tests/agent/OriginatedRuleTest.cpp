@@ -178,8 +178,8 @@ TEST(OriginatedRule, MaxAdvertisedUpdateSizeCountsEveryByte) {
        {6, 0, 0, 43 + 3 + 21 + 6},
        {6, 1, 0, 43 + 11 + 3 + 21 + 6},
        {6, 2, 1, 43 + 19 + 23 + 3 + 21 + 6},
-       {234, 0, 0, 43 + 3 + 21 + 234},      // a 255-byte MP_REACH_NLRI value: one length byte
-       {235, 0, 0, 43 + 4 + 21 + 235},      // 256 bytes: the extended length
+       {234, 0, 0, 43 + 3 + 21 + 234},        // a 255-byte MP_REACH_NLRI value: one length byte
+       {235, 0, 0, 43 + 4 + 21 + 235},        // 256 bytes: the extended length
        {6, 31, 0, 43 + 3 + 248 + 3 + 21 + 6}, // 248 bytes of communities: one length byte
        {6, 32, 0, 43 + 4 + 256 + 3 + 21 + 6}, // 256: the extended length
        {6, 0, 13, 43 + 4 + 260 + 3 + 21 + 6},
@@ -193,16 +193,16 @@ TEST(OriginatedRule, MaxAdvertisedUpdateSizeCountsEveryByte) {
 // The arithmetic agrees with real bytes: the agent's own UPDATE of a rule (no AS, no
 // LOCAL_PREF, no next hop) plus what an eBGP advertisement adds (6 + 7 + 16).
 TEST(OriginatedRule, MaxAdvertisedUpdateSizeAgreesWithTheOriginationUpdate) {
-   for (auto const& [family, match, then] :
-        std::vector<std::tuple<AfiSafi, std::string, std::vector<std::string>>>{
+   for (auto const& [family, match, then] : std::vector<std::tuple<AfiSafi, std::string, std::vector<std::string>>>{
             {kIpv4Flowspec, "destination 10.0.0.0/8", {"discard", "mark 1", "sample"}},
             {kIpv6Flowspec, "destination 2001:db8::/32", {"redirect-ip 2001:db8::1", "rate-limit 10"}},
         }) {
       auto rule = originatedRuleOf(family, match, then);
       ASSERT_TRUE(rule.ok()) << rule.reason();
       auto const& r = rule.value();
-      EXPECT_EQ(originationUpdate(r).size() + 6 + 7 + 16,
-                maxAdvertisedUpdateSize(r.nlri.size(), r.communities.extComms.size(), r.communities.ip6ExtComms.size()));
+      EXPECT_EQ(
+          originationUpdate(r).size() + 6 + 7 + 16,
+          maxAdvertisedUpdateSize(r.nlri.size(), r.communities.extComms.size(), r.communities.ip6ExtComms.size()));
    }
 }
 

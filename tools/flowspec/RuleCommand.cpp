@@ -45,7 +45,8 @@ void addRuleCommand(CLI::App& app, FlowspecTool::Options& options) {
    auto* add = rule->add_subcommand("add", "originate a rule: flowspec rule add ipv4|ipv6 MATCH... then ACTION...");
    add->footer(std::string("MATCH is rule text (docs/rule-grammar.md), e.g. destination 192.0.2.0/24 protocol tcp "
                            "destination-port =80.\n") +
-               kActionsHelp + "\nExample: flowspec rule add ipv4 destination 192.0.2.0/24 then rate-limit 125000 mark 10");
+               kActionsHelp +
+               "\nExample: flowspec rule add ipv4 destination 192.0.2.0/24 then rate-limit 125000 mark 10");
    add->add_option("family", args->family, "ipv4 or ipv6")->required()->check(CLI::IsMember({"ipv4", "ipv6"}));
    add->add_option("words", args->words, "MATCH... then ACTION...")->required();
    add->callback([args, &options] {
