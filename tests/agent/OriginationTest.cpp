@@ -189,8 +189,7 @@ TEST(Origination, RuntimeRuleTakesPrecedenceOverTheConfiguredOne) {
    ASSERT_FALSE(again.ok());
    EXPECT_EQ(again.reason(), "no rule ipv4-flowspec 10.1.0.0/24;*; was added at run time (it is configured in "
                              "a.toml line 4; change the file and reload)");
-   EXPECT_EQ(f.origination->runtimeRuleDel(kIpv4Flowspec, "destination 10.1.0.0/33").reason().rfind("match: ", 0),
-             0u);
+   EXPECT_EQ(f.origination->runtimeRuleDel(kIpv4Flowspec, "destination 10.1.0.0/33").reason().rfind("match: ", 0), 0u);
    // A reload without the configured rule, while a run-time one of another match stays.
    (void)f.origination->runtimeRuleIs(Fixture::rule("ipv4", "destination 10.2.0.0/24", {"discard"}));
    (void)f.origination->configuredRulesIs({}, "a.toml");
@@ -220,7 +219,8 @@ TEST(Origination, OriginatedPathsCompeteWithPeers) {
                               .extCommunities({police1000})
                               .mpReach(1, 133, "", kNlri)
                               .build();
-   auto const equal = UpdateBuilder().origin().asPath({}).extCommunities({police1000}).mpReach(1, 133, "", kNlri).build();
+   auto const equal =
+       UpdateBuilder().origin().asPath({}).extCommunities({police1000}).mpReach(1, 133, "", kNlri).build();
 
    ASSERT_EQ(routing.handleUpdate(peer, MessageView{MessageType::update, preferred}).reset, std::nullopt);
    (void)f.origination->runtimeRuleIs(Fixture::rule("ipv4", match, {"discard"}));

@@ -64,8 +64,8 @@ TEST(RuleRequest, PrintsAnswers) {
    EXPECT_EQ(nlohmann::json::parse(out), nlohmann::json::parse(list));
    EXPECT_EQ(print(R"({"rules":[]})", false, out, err), 0);
    EXPECT_EQ(out, "no originated rules\n");
-   EXPECT_EQ(print(R"({"ok":true,"result":"added","rule":"ipv4-flowspec 10.0.0.0/8;*;","actions":["discard"]})",
-                   false, out, err),
+   EXPECT_EQ(print(R"({"ok":true,"result":"added","rule":"ipv4-flowspec 10.0.0.0/8;*;","actions":["discard"]})", false,
+                   out, err),
              0);
    EXPECT_EQ(out, "added: ipv4-flowspec 10.0.0.0/8;*; then discard\n");
    EXPECT_EQ(print(R"({"ok":true,"result":"deleted"})", false, out, err), 0);
