@@ -63,7 +63,7 @@ class Origination {
    // {"rules": [{"family", "match", "actions", "nlri", "source": "config" | "cli", "file",
    // "line" (config), "inForce" (its path is the agent's path in the RIB), "best" (that path
    // is the best of the rule), "fsib" (the rule is in the FSIB)}]}, configured rules first,
-   // each kind in family and match order.
+   // each kind in family and NLRI order.
    nlohmann::json listJson() const;
 
    // The rules whose path is in the RIB now.
