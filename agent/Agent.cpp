@@ -20,6 +20,7 @@ Agent::~Agent() {
    stop();
    neighbors_.clear();
    byAddress_.clear();
+   origination_ = nullptr;
    routing_ = nullptr;
    if (context_) context_->shutdown();
    if (entityManager_) Mnemo::unmountFsib(*entityManager_);
@@ -50,6 +51,8 @@ Ovk::Result<bool, std::string> Agent::start() {
       return Ovk::failure("the plugin library " + config_.pluginPath + " registered no address family");
    }
    routing_ = std::make_unique<BgpRouting>(logger_, context_);
+   origination_ = std::make_unique<Origination>(context_, entityManager_);
+   applyRules("start");
    for (auto const& at : config_.listen) {
       auto l = AsioListener::create(io_, at, [this](Ovk::Ptr<Transport> t) { handleAccept(std::move(t)); });
       if (!l) {
@@ -180,7 +183,10 @@ bool Agent::reload(std::string const& file) {
    }
    config_.vrfs = std::move(next.vrfs);
    applyVrfs();
-   logger_.log("-", "SIGHUP: configuration " + file + " applied (" + std::to_string(config_.vrfs.size()) + " VRF(s))");
+   config_.rules = std::move(next.rules);
+   applyRules("SIGHUP");
+   logger_.log("-", "SIGHUP: configuration " + file + " applied (" + std::to_string(config_.vrfs.size()) + " VRF(s), " +
+                        std::to_string(config_.rules.size()) + " rule(s))");
    return true;
 }
 
@@ -190,7 +196,56 @@ std::vector<NeighborStatus> Agent::neighbors() const {
    return all;
 }
 
-std::string Agent::handleControl(std::string_view request) const {
+void Agent::applyRules(std::string_view why) {
+   Origination::Diff const d = origination_->configuredRulesIs(config_.rules, config_.source);
+   if (d == Origination::Diff{}) return;
+   logger_.log("-", std::string(why) + ": originated rules: " + std::to_string(d.added) + " added, " +
+                        std::to_string(d.withdrawn) + " withdrawn, " + std::to_string(d.changed) + " changed, " +
+                        std::to_string(d.kept) + " kept");
+}
+
+std::string Agent::handleRuleRequest(std::string_view verb, std::string_view body) {
+   auto refuse = [](std::string const& why) { return nlohmann::json{{"ok", false}, {"error", why}}.dump(); };
+   if (verb == "list") return origination_->listJson().dump();
+   nlohmann::json const j = nlohmann::json::parse(body, nullptr, false);
+   if (!j.is_object() || !j.contains("family") || !j["family"].is_string() || !j.contains("match") ||
+       !j["match"].is_string()) {
+      return refuse("a rule request is a JSON object with \"family\" and \"match\" strings");
+   }
+   auto const family = ruleFamilyOf(j["family"].get<std::string>());
+   if (!family) return refuse("unknown family \"" + j["family"].get<std::string>() + "\" (ipv4 or ipv6)");
+   std::string const match = j["match"].get<std::string>();
+   if (verb == "delete") {
+      auto r = origination_->runtimeRuleDel(*family, match);
+      if (!r) return refuse(r.reason());
+      logger_.log("-", "control: rule " + familyName(*family) + " " + match + " " + r.value());
+      return nlohmann::json{{"ok", true}, {"result", r.value()}}.dump();
+   }
+   std::vector<std::string> then;
+   if (j.contains("then") && j["then"].is_array()) {
+      for (auto const& a : j["then"]) {
+         if (!a.is_string()) return refuse("\"then\" holds action strings");
+         then.push_back(a.get<std::string>());
+      }
+   }
+   auto rule = originatedRuleOf(*family, match, then);
+   if (!rule) return refuse(rule.reason());
+   std::string const text = familyName(*family) + " " + rule.value().match;
+   std::vector<std::string> const actions = rule.value().actions;
+   auto r = origination_->runtimeRuleIs(std::move(rule.value()));
+   if (!r) return refuse(r.reason());
+   logger_.log("-", "control: rule " + text + " " + r.value());
+   return nlohmann::json{{"ok", true}, {"result", r.value()}, {"rule", text}, {"actions", actions}}.dump();
+}
+
+std::string Agent::handleControl(std::string_view request) {
+   if (request.rfind("rule ", 0) == 0) {
+      std::string_view rest = request.substr(5);
+      std::size_t const space = rest.find(' ');
+      std::string_view const verb = rest.substr(0, space);
+      std::string_view const body = space == std::string_view::npos ? std::string_view() : rest.substr(space + 1);
+      if (verb == "list" || verb == "add" || verb == "delete") return handleRuleRequest(verb, body);
+   }
    if (request == "show neighbors") {
       nlohmann::json answer = neighborsJson(neighbors());
       for (auto& n : answer["neighbors"]) {

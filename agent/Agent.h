@@ -13,6 +13,7 @@
 #include "agent/EventLoop.h"
 #include "agent/BgpRouting.h"
 #include "agent/Neighbor.h"
+#include "agent/Origination.h"
 
 namespace Flowspecd {
 
@@ -30,15 +31,21 @@ class Agent : public Ovk::PtrInterface {
    // event loop then runs out of work once the last bytes are written.
    void stop();
 
-   // Reads `file` again and applies what may change while running (VRFs and their imports);
+   // Reads `file` again and applies what may change while running (VRFs and their imports,
+   // the configured rules: new ones originated, gone ones withdrawn);
    // a file with mistakes is refused whole and the running configuration stays. False when
    // nothing was applied.
    bool reload(std::string const& file);
    // The routing the sessions feed; null before start().
    BgpRouting* routing() const { return routing_.get(); }
    std::vector<NeighborStatus> neighbors() const;
-   // Answers one control request line.
-   std::string handleControl(std::string_view request) const;
+   // The rules the agent originates; null before start().
+   Origination* origination() const { return origination_.get(); }
+   // Answers one control request line: "show neighbors", "show updates", "show summary",
+   // "rule list", "rule add {JSON}" ({"family", "match", "then": [...]}) and "rule delete
+   // {JSON}" ({"family", "match"}). A rule request is answered {"ok": true, "result",
+   // "rule"} or {"ok": false, "error"}.
+   std::string handleControl(std::string_view request);
    AgentConfig const& config() const { return config_; }
    Ovk::Ptr<EventLoopScheduler> const& scheduler() const { return scheduler_; }
 
@@ -46,6 +53,9 @@ class Agent : public Ovk::PtrInterface {
    void handleAccept(Ovk::Ptr<Transport> t);
    // Makes the context's VRFs and route-target imports those of the configuration.
    void applyVrfs();
+   // Makes the originated rules of the configuration those in the RIB, and logs what changed.
+   void applyRules(std::string_view why);
+   std::string handleRuleRequest(std::string_view verb, std::string_view body);
 
    asio::io_context& io_;
    AgentConfig config_;
@@ -56,6 +66,8 @@ class Agent : public Ovk::PtrInterface {
    Ovk::Ptr<Mnemo::EntityManager> entityManager_;
    Ovk::Ptr<Plugin::Context> context_;
    std::unique_ptr<BgpRouting> routing_;
+   // After the routing: its paths leave the RIB first.
+   std::unique_ptr<Origination> origination_;
    std::vector<Ovk::Ptr<AsioListener>> listeners_;
    Ovk::Ptr<ControlServer> control_;
    std::vector<Ovk::Ptr<Neighbor>> neighbors_;

@@ -374,6 +374,86 @@ void readVrfs(Checker& check, toml::table const& root, AgentConfig& config) {
    assignVrfIds(config.vrfs);
 }
 
+// One [[rule]] table: family, match and then, read into the rule they make.
+std::optional<RuleConfig> readRule(Checker& check, toml::table const& t) {
+   std::uint32_t const line = Checker::lineOf(t);
+   check.onlyKeys(t, {"family", "match", "then"}, "[[rule]]");
+   std::optional<AfiSafi> family;
+   if (auto const* v = t.get("family")) {
+      if (auto name = check.string(*v, "family")) {
+         family = ruleFamilyOf(*name);
+         if (!family || name->find('-') == std::string::npos) {
+            family.reset();
+            check.error(*v, "a rule's family is \"ipv4-flowspec\" or \"ipv6-flowspec\", not \"" + *name + "\"");
+         }
+      }
+   } else {
+      check.error(line, "a [[rule]] needs a family (\"ipv4-flowspec\" or \"ipv6-flowspec\")");
+   }
+   std::optional<std::string> match;
+   toml::node const* matchNode = t.get("match");
+   if (matchNode) {
+      match = check.string(*matchNode, "match");
+   } else {
+      check.error(line, "a [[rule]] needs a match (rule text, docs/rule-grammar.md)");
+   }
+   std::vector<std::string> then;
+   toml::node const* thenNode = t.get("then");
+   bool thenOk = thenNode != nullptr;
+   if (!thenNode) {
+      check.error(line, "a [[rule]] needs then, a list of actions such as [\"discard\"]");
+   } else if (auto const* list = thenNode->as_array()) {
+      for (auto const& item : *list) {
+         auto const s = item.value_exact<std::string>();
+         if (!s) {
+            check.error(Checker::lineOf(item) ? Checker::lineOf(item) : Checker::lineOf(*thenNode),
+                        "then holds action strings such as \"discard\" or \"rate-limit 125000\"");
+            thenOk = false;
+         } else {
+            then.push_back(*s);
+         }
+      }
+   } else {
+      check.error(*thenNode, "then must be a list of actions such as [\"discard\"]");
+      thenOk = false;
+   }
+   if (!family || !match || !thenOk) return std::nullopt;
+   auto rule = originatedRuleOf(*family, *match, then);
+   if (!rule) {
+      // A mistake in the match is on the match's line; one in the actions on then's.
+      bool const inMatch = rule.reason().rfind("match: ", 0) == 0;
+      bool const inThen = rule.reason().rfind("then: ", 0) == 0;
+      std::uint32_t const at = inMatch ? Checker::lineOf(*matchNode) : inThen ? Checker::lineOf(*thenNode) : line;
+      check.error(at, "rule " + rule.reason());
+      return std::nullopt;
+   }
+   return RuleConfig{std::move(rule.value()), line};
+}
+
+// [[rule]] tables: rules the agent originates, one per family and match.
+void readRules(Checker& check, toml::table const& root, AgentConfig& config) {
+   auto const* v = root.get("rule");
+   if (!v) return;
+   auto const* list = v->as_array();
+   if (!list || !list->is_array_of_tables()) {
+      check.error(*v, "rules are written as [[rule]] tables");
+      return;
+   }
+   for (auto const& item : *list) {
+      auto rule = readRule(check, *item.as_table());
+      if (!rule) continue;
+      auto const same = std::find_if(config.rules.begin(), config.rules.end(), [&](RuleConfig const& o) {
+         return o.rule.family == rule->rule.family && o.rule.nlri == rule->rule.nlri;
+      });
+      if (same != config.rules.end()) {
+         check.error(rule->line, "rule " + familyName(rule->rule.family) + " " + rule->rule.match +
+                                     " is already defined on line " + std::to_string(same->line));
+         continue;
+      }
+      config.rules.push_back(std::move(*rule));
+   }
+}
+
 } // namespace
 
 std::string pluginPathIn(std::string_view dir) { return std::string(dir) + "/" + kPluginLibrary; }
@@ -398,10 +478,13 @@ Ovk::Result<AgentConfig, ConfigErrors> parseConfig(std::string_view text, std::s
    AgentConfig config;
    config.source = fileName;
    check.onlyKeys(
-       root, {"router-id", "local-as", "listen", "control-socket", "plugin-dir", "fsib-prefix", "neighbor", "vrf"}, "");
+       root,
+       {"router-id", "local-as", "listen", "control-socket", "plugin-dir", "fsib-prefix", "neighbor", "vrf", "rule"},
+       "");
    readGlobals(check, root, config);
    readNeighbors(check, root, config);
    readVrfs(check, root, config);
+   readRules(check, root, config);
    if (!check.clean()) return Ovk::failure(check.take());
    return config;
 }

@@ -24,6 +24,16 @@
 //   connect-retry = 10                 # seconds between connection attempts, 1 to 65535
 //   min-route-advertisement-interval = 0   # seconds, 0 to 600: changes sent at most this often
 //
+//   [[rule]]                           # a flowspec rule the agent originates
+//   family = "ipv4-flowspec"           # or "ipv6-flowspec", required
+//   match = "destination 192.0.2.0/24 protocol tcp destination-port =80"   # docs/rule-grammar.md
+//   then = ["rate-limit 125000", "mark 10"]   # at least one action; each of: "discard",
+//                                      # "rate-limit BYTES_PER_SECOND", "mark DSCP" (0-63),
+//                                      # "sample", "terminal", "redirect-vrf RT" (the forms of
+//                                      # import-route-targets), "redirect-ip ADDR [copy]" (an
+//                                      # address of the rule's family), "redirect-nexthop [ADDR]"
+//                                      # (agent/OriginatedRule.h); one rule per match and family
+//
 // parseConfig reports every mistake it finds, each with the file, the line and what is
 // wrong, and yields no configuration when there is any.
 #pragma once
@@ -35,6 +45,7 @@
 #include <vector>
 
 #include "agent/ControlProtocol.h"
+#include "agent/OriginatedRule.h"
 #include "host/bgp/BgpMessage.h"
 #include "host/bgp/ExtComm.h"
 #include "host/fwk/Result.h"
@@ -81,6 +92,12 @@ struct VrfConfig {
    std::uint32_t line = 0;
 };
 
+// One [[rule]]: what was written, and the rule read from it.
+struct RuleConfig {
+   OriginatedRule rule;
+   std::uint32_t line = 0;
+};
+
 struct AgentConfig {
    std::string source; // file name, or "<built-in>"
    std::uint32_t routerId = 0;
@@ -91,6 +108,7 @@ struct AgentConfig {
    std::string fsibPrefix = "flowspecd";
    std::vector<NeighborConfig> neighbors;
    std::vector<VrfConfig> vrfs;
+   std::vector<RuleConfig> rules;
 };
 
 struct ConfigError {

@@ -1,5 +1,6 @@
 #include "agent/ControlSocket.h"
 
+#include <array>
 #include <asio/read_until.hpp>
 #include <asio/steady_timer.hpp>
 #include <asio/write.hpp>
@@ -28,20 +29,43 @@ struct ControlClient : std::enable_shared_from_this<ControlClient> {
          std::error_code ignored;
          self->socket.close(ignored);
       });
-      asio::async_read_until(socket, asio::dynamic_buffer(request, ControlServer::kMaxRequest), '\n',
-                             [self](std::error_code const& ec, std::size_t n) {
-                                // A request without its newline counts when the client ends its side.
-                                if (ec && !(ec == asio::error::eof && !self->request.empty())) {
-                                   self->finish();
-                                   return;
-                                }
-                                std::string_view line(self->request.data(), ec ? self->request.size() : n);
-                                while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
-                                   line.remove_suffix(1);
-                                self->answer = self->handler(line) + "\n";
-                                asio::async_write(self->socket, asio::buffer(self->answer),
-                                                  [self](std::error_code const&, std::size_t) { self->finish(); });
-                             });
+      asio::async_read_until(
+          socket, asio::dynamic_buffer(request, ControlServer::kMaxRequest), '\n',
+          [self](std::error_code const& ec, std::size_t n) {
+             if (ec == asio::error::not_found) {
+                self->answer = "{\"error\":\"the request is longer than " + std::to_string(ControlServer::kMaxRequest) +
+                               " bytes\"}\n";
+                // The rest of the request is read and dropped: closing with it
+                // unread would reset the connection before the client reads.
+                asio::async_write(
+                    self->socket, asio::buffer(self->answer), [self](std::error_code const&, std::size_t) {
+                       std::error_code ignored;
+                       self->socket.shutdown(asio::local::stream_protocol::socket::shutdown_send, ignored);
+                       self->drain();
+                    });
+                return;
+             }
+             // A request without its newline counts when the client ends its side.
+             if (ec && !(ec == asio::error::eof && !self->request.empty())) {
+                self->finish();
+                return;
+             }
+             std::string_view line(self->request.data(), ec ? self->request.size() : n);
+             while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
+             self->answer = self->handler(line) + "\n";
+             asio::async_write(self->socket, asio::buffer(self->answer),
+                               [self](std::error_code const&, std::size_t) { self->finish(); });
+          });
+   }
+   void drain() {
+      auto self = shared_from_this();
+      socket.async_read_some(asio::buffer(scratch), [self](std::error_code const& ec, std::size_t) {
+         if (ec) {
+            self->finish();
+         } else {
+            self->drain();
+         }
+      });
    }
    void finish() {
       std::error_code ignored;
@@ -55,6 +79,7 @@ struct ControlClient : std::enable_shared_from_this<ControlClient> {
    ControlServer::Handler handler;
    std::string request;
    std::string answer;
+   std::array<char, 4096> scratch;
 };
 
 // True when something accepts connections at `path`.

@@ -18,7 +18,8 @@ namespace Flowspecd {
 class ControlServer : public Ovk::PtrInterface {
  public:
    using Handler = std::function<std::string(std::string_view request)>;
-   static constexpr std::size_t kMaxRequest = 4096;
+   // A request line, newline included: room for the text of the longest rule (`rule add`).
+   static constexpr std::size_t kMaxRequest = 65536;
    static constexpr std::chrono::seconds kClientTimeout{5};
 
    // Creates the socket. A stale socket file is replaced; one that a running agent answers

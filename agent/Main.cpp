@@ -5,7 +5,8 @@
 //   flowspecd --print-default-config                    shows the built-in configuration
 //
 // Without --config the agent runs on its built-in configuration. SIGTERM and SIGINT send a
-// Cease to every peer and end the agent.
+// Cease to every peer and end the agent. SIGHUP reads the file again: VRFs, their imports and
+// the originated rules change; the rest waits for the next start.
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
 #include <CLI/CLI.hpp>
@@ -53,7 +54,8 @@ int main(int argc, char** argv) {
          printErrors(config.reason());
          return 1;
       }
-      std::cout << checkFile << ": valid, " << config.value().neighbors.size() << " neighbor(s)\n";
+      std::cout << checkFile << ": valid, " << config.value().neighbors.size() << " neighbor(s), "
+                << config.value().rules.size() << " rule(s)\n";
       return 0;
    }
 

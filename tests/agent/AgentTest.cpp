@@ -187,6 +187,55 @@ TEST(Agent, ListenFailureIsReported) {
    unlinkFsib(fsibPrefix("33"));
 }
 
+// Rule requests: what the agent accepts, refuses, and lists, as the control socket answers.
+TEST(Agent, RuleRequestsAreAnsweredWithTheOutcome) {
+   asio::io_context io;
+   QuietLogger logger;
+   auto a = Ovk::makePtr<Agent>(io,
+                                config("127.0.0.39", freePort("127.0.0.39"), "127.0.0.40", 179, 1, 2, true,
+                                       testing::TempDir() + "/flowspecd-agent-test-g.sock"),
+                                logger);
+   ASSERT_TRUE(a->start().ok());
+   auto ask = [&](std::string const& request) { return nlohmann::json::parse(a->handleControl(request)); };
+   struct Row {
+      std::string request;
+      std::string says; // the error, or the result
+   };
+   std::vector<Row> const rows{
+       {R"(rule add {"family":"ipv4","match":"destination 10.0.0.0/8","then":["discard"]})", "added"},
+       {R"(rule add {"family":"ipv4-flowspec","match":"destination 10.0.0.0/8","then":["mark 1"]})", "replaced"},
+       {R"(rule add {"family":"ipv4","match":"destination 10.0.0.0/8","then":[]})",
+        "then: a rule needs at least one action"},
+       {R"(rule add {"family":"ipv4","match":"destination 10.0.0.0/8","then":[1]})", "\"then\" holds action strings"},
+       {R"(rule add {"family":"ipx","match":"destination 10.0.0.0/8","then":["discard"]})", "unknown family \"ipx\""},
+       {R"(rule add {"match":"destination 10.0.0.0/8"})", "a rule request is a JSON object"},
+       {"rule add not json", "a rule request is a JSON object"},
+       {R"(rule delete {"family":"ipv6","match":"destination 2001:db8::/32"})",
+        "no rule ipv6-flowspec 2001:db8::/32;*; was added at run time"},
+       {R"(rule delete {"family":"ipv4","match":"destination 10.0.0.0/8"})", "deleted"},
+   };
+   for (Row const& row : rows) {
+      SCOPED_TRACE(row.request);
+      auto const j = ask(row.request);
+      if (j["ok"] == true) {
+         EXPECT_EQ(j["result"], row.says);
+      } else {
+         EXPECT_EQ(j["error"].get<std::string>().rfind(row.says, 0), 0u) << j.dump();
+      }
+   }
+   EXPECT_EQ(ask("rule list"), nlohmann::json::parse(R"({"rules":[]})"));
+   EXPECT_EQ(ask("rule everything")["error"], "unknown request: rule everything");
+   // A request longer than the socket takes is answered, not dropped.
+   std::thread loop([&] { io.run_for(2s); });
+   auto const tooLong =
+       controlRequest(a->config().controlSocket, std::string(ControlServer::kMaxRequest + 10, 'x'), 2s);
+   ASSERT_TRUE(tooLong.ok()) << tooLong.reason();
+   EXPECT_EQ(nlohmann::json::parse(tooLong.value())["error"], "the request is longer than 65536 bytes");
+   loop.join();
+   a = nullptr;
+   unlinkFsib(fsibPrefix("39"));
+}
+
 TEST(ControlSocket, StaleFileIsReplacedButOthersAreKept) {
    asio::io_context io;
    std::string const path = testing::TempDir() + "/flowspecd-control-test.sock";

@@ -145,6 +145,45 @@ TEST(Config, EveryMistakeNamesFileLineAndWhat) {
        {"duplicate neighbor",
         "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\n[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 3\n", 6,
         "neighbor 1.1.1.1 is already defined on line 3"},
+       // [[rule]]: each mistake on the line of the key at fault.
+       {"rule as a table", "[rule]\nfamily = \"ipv4-flowspec\"\n", 3, "[[rule]] tables"},
+       {"rule without family", "[[rule]]\nmatch = \"destination 10.0.0.0/8\"\nthen = [\"discard\"]\n", 3,
+        "needs a family"},
+       {"rule family short", "[[rule]]\nfamily = \"ipv4\"\nmatch = \"destination 10.0.0.0/8\"\nthen = [\"discard\"]\n",
+        4, "not \"ipv4\""},
+       {"rule without match", "[[rule]]\nfamily = \"ipv4-flowspec\"\nthen = [\"discard\"]\n", 3, "needs a match"},
+       {"rule without then", "[[rule]]\nfamily = \"ipv4-flowspec\"\nmatch = \"destination 10.0.0.0/8\"\n", 3,
+        "needs then"},
+       {"rule then not a list",
+        "[[rule]]\nfamily = \"ipv4-flowspec\"\nmatch = \"destination 10.0.0.0/8\"\nthen = \"discard\"\n", 6,
+        "then must be a list"},
+       {"rule then of numbers",
+        "[[rule]]\nfamily = \"ipv4-flowspec\"\nmatch = \"destination 10.0.0.0/8\"\nthen = [\n5]\n", 7,
+        "then holds action strings"},
+       {"rule match that does not parse",
+        "[[rule]]\nfamily = \"ipv4-flowspec\"\nmatch = \"destination 10.0.0.0/33\"\nthen = [\"discard\"]\n", 5,
+        "rule match: "},
+       {"rule match of the other family",
+        "[[rule]]\nfamily = \"ipv4-flowspec\"\nmatch = \"destination 2001:db8::/32\"\nthen = [\"discard\"]\n", 5,
+        "rule match: "},
+       {"rule action of the other family",
+        "[[rule]]\nfamily = \"ipv6-flowspec\"\nmatch = \"destination 2001:db8::/32\"\n\nthen = [\"redirect-ip "
+        "10.0.0.1\"]\n",
+        7, "rule then: \"redirect-ip 10.0.0.1\": an IPv4 address in an IPv6 rule"},
+       {"rule unknown action",
+        "[[rule]]\nfamily = \"ipv4-flowspec\"\nmatch = \"destination 10.0.0.0/8\"\nthen = [\"police 5\"]\n", 6,
+        "rule then: unknown action \"police 5\""},
+       {"rule conflicting actions",
+        "[[rule]]\nfamily = \"ipv4-flowspec\"\nmatch = \"destination 10.0.0.0/8\"\nthen = [\"rate-limit 1\", "
+        "\"rate-limit 2\"]\n",
+        6, "conflicts with \"rate-limit 1\""},
+       {"rule typo", "[[rule]]\nfamily = \"ipv4-flowspec\"\nmatch = \"destination 10.0.0.0/8\"\nactions = []\n", 6,
+        "unknown key 'actions' in [[rule]]"},
+       // The same rule written twice, even in other words.
+       {"duplicate rule",
+        "[[rule]]\nfamily = \"ipv4-flowspec\"\nmatch = \"destination 10.0.0.0/8 protocol tcp\"\nthen = [\"discard\"]\n"
+        "[[rule]]\nfamily = \"ipv4-flowspec\"\nmatch = \"protocol =6 destination 10.0.0.0/8\"\nthen = [\"mark 1\"]\n",
+        7, "rule ipv4-flowspec 10.0.0.0/8;*;protocol =6; is already defined on line 3"},
    };
    for (auto const& c : cases) {
       SCOPED_TRACE(c.name);
@@ -163,6 +202,42 @@ TEST(Config, EveryMistakeNamesFileLineAndWhat) {
       for (auto const& e : errors) all += e.str() + "\n";
       EXPECT_TRUE(found) << "wanted line " << c.line << ": " << c.says << "\ngot:\n" << all;
    }
+}
+
+TEST(Config, ReadsRules) {
+   auto r = parseConfig(std::string(kGood) + R"(
+[[rule]]
+family = "ipv4-flowspec"
+match = "destination 192.0.2.0/24 protocol tcp destination-port =80"
+then = ["rate-limit 125000", "mark 10"]
+
+[[rule]]
+family = "ipv6-flowspec"
+match = "destination 2001:db8::/32"
+then = ["redirect-ip 2001:db8::1 copy"]
+
+[[rule]]
+family = "ipv4-flowspec"
+match = "destination 192.0.2.0/24 protocol tcp destination-port =80"
+then = ["discard"]
+)",
+                        "rules.toml");
+   // The same match in the other family is another rule; the same in the same family is not.
+   ASSERT_FALSE(r.ok());
+   ASSERT_EQ(r.reason().size(), 1u);
+   EXPECT_EQ(r.reason()[0].str(), "rules.toml:31: rule ipv4-flowspec 192.0.2.0/24;*;protocol =6;destination-port =80; "
+                                  "is already defined on line 21");
+   std::string good(kGood);
+   good += "[[rule]]\nfamily = \"ipv6-flowspec\"\nmatch = \"destination 2001:db8::/32\"\nthen = [\"sample\", "
+           "\"terminal\"]\n";
+   auto ok = parseConfig(good, "rules.toml");
+   ASSERT_TRUE(ok.ok()) << ok.reason().front().str();
+   ASSERT_EQ(ok.value().rules.size(), 1u);
+   RuleConfig const& rule = ok.value().rules[0];
+   EXPECT_EQ(rule.line, 20u);
+   EXPECT_EQ(rule.rule.family, kIpv6Flowspec);
+   EXPECT_EQ(rule.rule.match, "2001:db8::/32;*;");
+   EXPECT_EQ(rule.rule.actions, (std::vector<std::string>{"sample", "terminal"}));
 }
 
 TEST(Config, ReportsAllMistakesAtOnce) {

@@ -30,6 +30,15 @@ expect 1 "decode an UPDATE with a bad ORIGIN" -- "$tool" decode --update "${upda
 expect 2 "NLRI and an UPDATE together" -- "$tool" decode --afi 1 00 --update "$update"
 expect 2 "neither NLRI nor messages" -- "$tool" decode --json
 expect 2 "an MRT file that is not there" -- "$tool" decode --mrt /nonexistent.mrt
+# flowspec rule: usage errors exit 2 before the agent is asked; an agent not there exits 1.
+nosock=/nonexistent/flowspecd.sock
+expect 2 "rule add without then" -- "$tool" --socket "$nosock" rule add ipv4 destination 10.0.0.0/8
+expect 2 "rule add without actions" -- "$tool" --socket "$nosock" rule add ipv4 destination 10.0.0.0/8 then
+expect 2 "rule add of an unknown family" -- "$tool" --socket "$nosock" rule add ipv5 destination 10.0.0.0/8 then discard
+expect 2 "rule delete without a match" -- "$tool" --socket "$nosock" rule delete ipv4
+expect 2 "rule without a subcommand" -- "$tool" --socket "$nosock" rule
+expect 1 "rule list without an agent" -- "$tool" --socket "$nosock" rule list
+expect 0 "rule add help" -- "$tool" rule add --help
 if [ -n "$captures" ] && [ -r "$captures/peers-pairs.pcap" ]; then
    expect 0 "decode a capture" -- "$tool" decode --json --pcap "$captures/peers-pairs.pcap"
 fi

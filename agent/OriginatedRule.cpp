@@ -1,0 +1,405 @@
+#include "agent/OriginatedRule.h"
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <sstream>
+
+#include "host/bgp/BgpMessage.h"
+#include "host/bgp/ExtComm.h"
+
+namespace Flowspecd {
+
+namespace {
+
+using Routing::Bgp::kIpv4Flowspec;
+using Routing::Bgp::kIpv6Flowspec;
+
+constexpr std::uint64_t typeSubtype(std::uint16_t ts) { return static_cast<std::uint64_t>(ts) << 48; }
+
+// The flowspec kinds the actions write (RFC 8955 section 7; redirect to an IP address and to
+// the next hop as the forwarding export reads them, host/bgp/ExtComm.h).
+constexpr std::uint16_t kTrafficRate = 0x8006;
+constexpr std::uint16_t kTrafficAction = 0x8007;
+constexpr std::uint16_t kRedirectAs2 = 0x8008;
+constexpr std::uint16_t kRedirectIpv4Rt = 0x8108;
+constexpr std::uint16_t kRedirectAs4 = 0x8208;
+constexpr std::uint16_t kTrafficMarking = 0x8009;
+constexpr std::uint16_t kRedirectIpv4 = 0x010c;
+constexpr std::uint16_t kRedirectNexthop = 0x0800;
+constexpr std::uint8_t kRedirectIpv6Subtype = 0x0c;
+
+constexpr std::array<std::string_view, 8> kActionWords{"discard",  "rate-limit",   "mark",        "sample",
+                                                       "terminal", "redirect-vrf", "redirect-ip", "redirect-nexthop"};
+
+std::vector<std::string> wordsOf(std::string_view text) {
+   std::vector<std::string> words;
+   std::istringstream in{std::string(text)};
+   for (std::string w; in >> w;) words.push_back(w);
+   return words;
+}
+
+std::string familyShort(AfiSafi family) { return family == kIpv4Flowspec ? "IPv4" : "IPv6"; }
+
+// What the actions read so far ask for; each slot holds the action that set it.
+struct Reading {
+   AfiSafi family;
+   std::optional<std::string> rate; // discard or rate-limit
+   std::optional<std::string> mark;
+   std::optional<std::string> sample;
+   std::optional<std::string> terminal;
+   std::optional<std::string> redirect; // redirect-vrf, redirect-ip or redirect-nexthop
+   RuleCommunities out;
+   std::uint8_t actionFlags = 0;
+
+   // Takes `slot` for `action`; the reason when an earlier action holds it.
+   std::optional<std::string> take(std::optional<std::string>& slot, std::string const& action) {
+      if (slot) {
+         if (*slot == action) return "\"" + action + "\" is given twice";
+         return "\"" + action + "\" conflicts with \"" + *slot + "\"";
+      }
+      slot = action;
+      return std::nullopt;
+   }
+
+   std::optional<Ovnet::IpGenAddr> addressOfFamily(std::string const& word, std::string const& action,
+                                                   std::string& whyNot) const {
+      auto a = Ovnet::IpGenAddr::parse(word);
+      if (!a) {
+         whyNot = "\"" + action + "\": \"" + word + "\" is not an IP address";
+         return std::nullopt;
+      }
+      if (a->isIpv4() != (family == kIpv4Flowspec)) {
+         whyNot = "\"" + action + "\": " + (a->isIpv4() ? "an IPv4" : "an IPv6") + " address in an " +
+                  familyShort(family) + " rule (the rule's family is " + familyName(family) + ")";
+         return std::nullopt;
+      }
+      return a;
+   }
+
+   // Reads one action; the reason when it cannot be read.
+   std::optional<std::string> read(std::string const& action) {
+      std::vector<std::string> const w = wordsOf(action);
+      if (w.empty()) return "an action is empty";
+      std::string const& verb = w[0];
+      std::size_t const args = w.size() - 1;
+      auto wrongArgs = [&](char const* usage) { return "\"" + action + "\": write it as \"" + usage + "\""; };
+      if (verb == "discard") {
+         if (args != 0) return wrongArgs("discard");
+         if (auto e = take(rate, action)) return e;
+         out.extComms.push_back(typeSubtype(kTrafficRate));
+      } else if (verb == "rate-limit") {
+         if (args != 1) return wrongArgs("rate-limit BYTES_PER_SECOND");
+         char* end = nullptr;
+         errno = 0;
+         double const v = std::strtod(w[1].c_str(), &end);
+         if (end != w[1].c_str() + w[1].size() || errno != 0 || !std::isfinite(v) || v <= 0 ||
+             v > static_cast<double>(std::numeric_limits<float>::max())) {
+            return "\"" + action + "\": the rate is a positive number of bytes per second (\"discard\" drops all)";
+         }
+         if (auto e = take(rate, action)) return e;
+         out.extComms.push_back(typeSubtype(kTrafficRate) | std::bit_cast<std::uint32_t>(static_cast<float>(v)));
+      } else if (verb == "mark") {
+         unsigned dscp = 64;
+         if (args != 1) return wrongArgs("mark DSCP");
+         auto const [p, ec] = std::from_chars(w[1].data(), w[1].data() + w[1].size(), dscp);
+         if (ec != std::errc() || p != w[1].data() + w[1].size() || dscp > 63) {
+            return "\"" + action + "\": DSCP is a number from 0 to 63";
+         }
+         if (auto e = take(mark, action)) return e;
+         out.extComms.push_back(typeSubtype(kTrafficMarking) | dscp);
+      } else if (verb == "sample" || verb == "terminal") {
+         if (args != 0) return wrongArgs(verb == "sample" ? "sample" : "terminal");
+         if (auto e = take(verb == "sample" ? sample : terminal, action)) return e;
+         actionFlags |= verb == "sample" ? Routing::Bgp::FlowspecExtCommTrafficAction::sampleFlag
+                                         : Routing::Bgp::FlowspecExtCommTrafficAction::terminalFlag;
+      } else if (verb == "redirect-vrf") {
+         if (args != 1) return wrongArgs("redirect-vrf RT");
+         auto const rt = Routing::Bgp::parseRouteTarget(w[1]);
+         if (!rt) {
+            return "\"" + action +
+                   "\": a route target is AS:NUMBER (AS up to 65535, NUMBER up to 4294967295), IPV4:NUMBER or "
+                   "AS4:NUMBER (AS above 65535, NUMBER up to 65535)";
+         }
+         if (auto e = take(redirect, action)) return e;
+         std::uint8_t const rtType = static_cast<std::uint8_t>(*rt >> 56);
+         std::uint16_t const kind = rtType == 0x00 ? kRedirectAs2 : rtType == 0x01 ? kRedirectIpv4Rt : kRedirectAs4;
+         out.extComms.push_back(typeSubtype(kind) | (*rt & 0x0000ffffffffffffull));
+      } else if (verb == "redirect-ip") {
+         if (args < 1 || args > 2 || (args == 2 && w[2] != "copy")) return wrongArgs("redirect-ip ADDRESS [copy]");
+         std::string whyNot;
+         auto const a = addressOfFamily(w[1], action, whyNot);
+         if (!a) return whyNot;
+         if (auto e = take(redirect, action)) return e;
+         bool const copy = args == 2;
+         if (a->isIpv4()) {
+            out.extComms.push_back(typeSubtype(kRedirectIpv4) | std::uint64_t{a->ipv4HostOrder()} << 16 |
+                                   (copy ? 1u : 0u));
+         } else {
+            std::array<std::uint8_t, 20> c{};
+            c[1] = kRedirectIpv6Subtype;
+            std::copy(a->bytes().begin(), a->bytes().end(), c.begin() + 2);
+            c[19] = copy ? 1 : 0;
+            out.ip6ExtComms.push_back(c);
+         }
+      } else if (verb == "redirect-nexthop") {
+         if (args > 1) return wrongArgs("redirect-nexthop [ADDRESS]");
+         if (args == 1) {
+            std::string whyNot;
+            auto const a = addressOfFamily(w[1], action, whyNot);
+            if (!a) return whyNot;
+            out.nexthop = a;
+         }
+         if (auto e = take(redirect, action)) return e;
+         out.extComms.push_back(typeSubtype(kRedirectNexthop));
+      } else {
+         std::string known;
+         for (auto k : kActionWords) known += (known.empty() ? "" : ", ") + std::string(k);
+         return "unknown action \"" + action + "\" (known: " + known + ")";
+      }
+      return std::nullopt;
+   }
+};
+
+void putU16(std::vector<std::uint8_t>& out, std::size_t v) {
+   out.push_back(static_cast<std::uint8_t>(v >> 8));
+   out.push_back(static_cast<std::uint8_t>(v));
+}
+
+// One path attribute: flags, type, a one-byte length up to 255, else two (extended length).
+void putAttribute(std::vector<std::uint8_t>& out, std::uint8_t flags, std::uint8_t type,
+                  std::vector<std::uint8_t> const& value) {
+   bool const extended = value.size() > 255;
+   out.push_back(static_cast<std::uint8_t>(flags | (extended ? 0x10 : 0)));
+   out.push_back(type);
+   if (extended) {
+      putU16(out, value.size());
+   } else {
+      out.push_back(static_cast<std::uint8_t>(value.size()));
+   }
+   out.insert(out.end(), value.begin(), value.end());
+}
+
+// The size of an attribute with a value of `n` bytes.
+constexpr std::size_t attributeSize(std::size_t n) { return (n > 255 ? 4 : 3) + n; }
+
+void putPrefix(std::vector<std::uint8_t>& out, std::uint8_t type, Ovnet::IpGenPrefix const& p) {
+   out.push_back(type);
+   out.push_back(p.len());
+   // RFC 8956 section 3.1: IPv6 prefixes carry an offset (always 0 in rule text).
+   if (!p.addr().isIpv4()) out.push_back(0);
+   auto const bytes = p.addr().bytes();
+   out.insert(out.end(), bytes.begin(), bytes.begin() + (p.len() + 7) / 8);
+}
+
+} // namespace
+
+std::optional<AfiSafi> ruleFamilyOf(std::string_view name) {
+   if (name == "ipv4" || name == "ipv4-flowspec") return kIpv4Flowspec;
+   if (name == "ipv6" || name == "ipv6-flowspec") return kIpv6Flowspec;
+   return std::nullopt;
+}
+
+Ovk::Result<RuleCommunities, std::string> communitiesOf(AfiSafi family, std::vector<std::string> const& then) {
+   Reading r;
+   r.family = family;
+   for (auto const& action : then) {
+      // Spaces inside an action are not significant: "rate-limit  1000" reads as one.
+      std::string normal;
+      for (auto const& word : wordsOf(action)) normal += (normal.empty() ? "" : " ") + word;
+      if (auto e = r.read(normal)) return Ovk::failure(*e);
+   }
+   // Sample and terminal share one traffic-action community.
+   if (r.actionFlags) r.out.extComms.push_back(typeSubtype(kTrafficAction) | r.actionFlags);
+   std::sort(r.out.extComms.begin(), r.out.extComms.end());
+   return r.out;
+}
+
+std::vector<std::string> actionsOfWords(std::vector<std::string> const& words) {
+   std::vector<std::string> actions;
+   for (auto const& w : words) {
+      bool const starts = std::find(kActionWords.begin(), kActionWords.end(), w) != kActionWords.end();
+      if (starts || actions.empty()) {
+         actions.push_back(w);
+      } else {
+         actions.back() += " " + w;
+      }
+   }
+   return actions;
+}
+
+std::vector<std::string> actionTexts(RuleCommunities const& c) {
+   std::vector<std::string> out;
+   for (std::uint64_t const v : c.extComms) {
+      auto const comm = Routing::Bgp::ExtComm::create(v);
+      std::uint16_t const kind = static_cast<std::uint16_t>(v >> 48);
+      if (kind == kTrafficRate) {
+         float const rate = std::bit_cast<float>(static_cast<std::uint32_t>(v));
+         if (rate == 0.0f) {
+            out.push_back("discard");
+         } else {
+            std::ostringstream s;
+            s.precision(9);
+            s << "rate-limit " << rate;
+            out.push_back(s.str());
+         }
+      } else if (kind == kTrafficAction) {
+         if (v & Routing::Bgp::FlowspecExtCommTrafficAction::sampleFlag) out.push_back("sample");
+         if (v & Routing::Bgp::FlowspecExtCommTrafficAction::terminalFlag) out.push_back("terminal");
+      } else if (kind == kTrafficMarking) {
+         out.push_back("mark " + std::to_string(v & 0x3f));
+      } else if (kind == kRedirectIpv4) {
+         auto const* r = static_cast<Routing::Bgp::FlowspecExtCommRedirectIpv4 const*>(comm.ptr());
+         out.push_back("redirect-ip " + r->address().str() + (r->copy() ? " copy" : ""));
+      } else if (kind == kRedirectNexthop) {
+         out.push_back("redirect-nexthop" + (c.nexthop ? " " + c.nexthop->str() : std::string()));
+      } else {
+         // A redirect to a VRF: the route target's own text.
+         std::uint8_t const rtType = kind == kRedirectAs2 ? 0x00 : kind == kRedirectIpv4Rt ? 0x01 : 0x02;
+         std::uint64_t const rt = std::uint64_t{rtType} << 56 | std::uint64_t{0x02} << 48 | (v & 0x0000ffffffffffffull);
+         std::string text;
+         for (auto const& f : [&] {
+                 std::vector<Routing::Bgp::ExtCommField> fields;
+                 Routing::Bgp::ExtComm::create(rt)->fields(fields);
+                 return fields;
+              }()) {
+            text += (text.empty() ? "" : ":") + f.value;
+         }
+         out.push_back("redirect-vrf " + text);
+      }
+   }
+   for (auto const& c6 : c.ip6ExtComms) {
+      auto const comm = Routing::Bgp::ExtCommIp6::create(std::span<std::uint8_t const, 20>(c6));
+      out.push_back("redirect-ip " + comm->address().str() + (c6[19] & 1 ? " copy" : ""));
+   }
+   return out;
+}
+
+Ovk::Result<std::vector<std::uint8_t>, std::string> nlriOf(AfiSafi family, Flowspec::FlowspecKey const& key) {
+   (void)family;
+   std::vector<std::uint8_t> body;
+   if (!key.destPrefix().isUnset()) putPrefix(body, Flowspec::destPrefix_, key.destPrefix());
+   if (!key.srcPrefix().isUnset()) putPrefix(body, Flowspec::srcPrefix_, key.srcPrefix());
+   // Consecutive pairs of one type form one component; components must come in ascending
+   // type order (RFC 8955 section 4.2), so a type given again later cannot be written.
+   // Text that names a type twice gives pairs whose end-of-list bit falls inside one
+   // component; written, those bytes would read back as another rule.
+   std::uint32_t lastType = Flowspec::srcPrefix_;
+   bool listEnded = true;
+   for (auto r = key.getOptVal(0); !r.atEnd(); r = key.getOptVal(r.nextIndex())) {
+      std::uint32_t const type = r.type();
+      if (type < lastType || (type == lastType && listEnded) || (type != lastType && !listEnded)) {
+         return Ovk::failure(std::string("a component is given more than once; give all its values in one place "
+                                         "(for example \"protocol =6 =17\")"));
+      }
+      if (type != lastType) {
+         body.push_back(static_cast<std::uint8_t>(type));
+         lastType = type;
+      }
+      listEnded = (r.op() & Flowspec::opEndOfList) != 0;
+      std::uint8_t const op = r.op();
+      body.push_back(op);
+      unsigned const n = Flowspec::opValueBytes(op);
+      for (unsigned i = n; i-- > 0;)
+         body.push_back(static_cast<std::uint8_t>(n > 4 && i >= 4 ? 0 : r.value() >> (8 * i)));
+   }
+   if (body.size() > kMaxNlriBody) {
+      return Ovk::failure("the rule's NLRI would be " + std::to_string(body.size()) + " bytes, more than " +
+                          std::to_string(kMaxNlriBody) + " (what its length field holds)");
+   }
+   std::vector<std::uint8_t> nlri;
+   nlri.reserve(body.size() + 2);
+   if (body.size() < 0xf0) {
+      nlri.push_back(static_cast<std::uint8_t>(body.size()));
+   } else {
+      nlri.push_back(static_cast<std::uint8_t>(0xf0 | (body.size() >> 8)));
+      nlri.push_back(static_cast<std::uint8_t>(body.size()));
+   }
+   nlri.insert(nlri.end(), body.begin(), body.end());
+   return nlri;
+}
+
+std::size_t maxAdvertisedUpdateSize(std::size_t nlriBytes, std::size_t extComms, std::size_t ip6ExtComms) {
+   std::size_t const header = 19 + 2 + 2;
+   std::size_t const origin = attributeSize(1);
+   std::size_t const asPath = attributeSize(2 + 4); // one AS_SEQUENCE holding the local AS
+   std::size_t const localPref = attributeSize(4);
+   std::size_t const ext = extComms ? attributeSize(8 * extComms) : 0;
+   std::size_t const ext6 = ip6ExtComms ? attributeSize(20 * ip6ExtComms) : 0;
+   std::size_t const mpReach = attributeSize(2 + 1 + 1 + 16 + 1 + nlriBytes);
+   return header + origin + asPath + localPref + ext + ext6 + mpReach;
+}
+
+Ovk::Result<OriginatedRule, std::string> originatedRuleOf(AfiSafi family, std::string_view match,
+                                                          std::vector<std::string> const& then) {
+   OriginatedRule rule;
+   rule.family = family;
+   rule.key.afIs(family == kIpv4Flowspec ? Ovnet::AddressFamily::ipv4 : Ovnet::AddressFamily::ipv6);
+   std::string whyNot;
+   if (!rule.key.copyInStrCli(match, &whyNot)) return Ovk::failure("match: " + whyNot);
+   auto nlri = nlriOf(family, rule.key);
+   if (!nlri) return Ovk::failure("match: " + nlri.reason());
+   rule.nlri = std::move(nlri.value());
+   if (then.empty()) return Ovk::failure(std::string("then: a rule needs at least one action"));
+   auto communities = communitiesOf(family, then);
+   if (!communities) return Ovk::failure("then: " + communities.reason());
+   rule.communities = std::move(communities.value());
+   std::size_t const size =
+       maxAdvertisedUpdateSize(rule.nlri.size(), rule.communities.extComms.size(), rule.communities.ip6ExtComms.size());
+   if (size > kMaxMessage) {
+      return Ovk::failure("the rule's UPDATE would need " + std::to_string(size) +
+                          " bytes with its attributes, more than one " + std::to_string(kMaxMessage) +
+                          "-byte message holds");
+   }
+   rule.match = rule.key.toStrepCli();
+   rule.actions = actionTexts(rule.communities);
+   return rule;
+}
+
+std::vector<std::uint8_t> originationUpdate(OriginatedRule const& rule) {
+   constexpr std::uint8_t kWellKnown = 0x40;
+   constexpr std::uint8_t kOptional = 0x80;
+   constexpr std::uint8_t kOptionalTransitive = 0xc0;
+   std::vector<std::uint8_t> attrs;
+   putAttribute(attrs, kWellKnown, 1, {0}); // ORIGIN IGP
+   putAttribute(attrs, kWellKnown, 2, {});  // AS_PATH, empty
+   if (!rule.communities.extComms.empty()) {
+      std::vector<std::uint8_t> v;
+      for (std::uint64_t const c : rule.communities.extComms) {
+         for (int shift = 56; shift >= 0; shift -= 8) v.push_back(static_cast<std::uint8_t>(c >> shift));
+      }
+      putAttribute(attrs, kOptionalTransitive, 16, v);
+   }
+   if (!rule.communities.ip6ExtComms.empty()) {
+      std::vector<std::uint8_t> v;
+      for (auto const& c : rule.communities.ip6ExtComms) v.insert(v.end(), c.begin(), c.end());
+      putAttribute(attrs, kOptionalTransitive, 25, v);
+   }
+   std::vector<std::uint8_t> mp;
+   putU16(mp, static_cast<std::uint16_t>(rule.family.afi()));
+   mp.push_back(static_cast<std::uint8_t>(rule.family.safi()));
+   if (rule.communities.nexthop) {
+      auto const nh = rule.communities.nexthop->bytes();
+      mp.push_back(static_cast<std::uint8_t>(nh.size()));
+      mp.insert(mp.end(), nh.begin(), nh.end());
+   } else {
+      mp.push_back(0);
+   }
+   mp.push_back(0); // reserved
+   mp.insert(mp.end(), rule.nlri.begin(), rule.nlri.end());
+   putAttribute(attrs, kOptional, 14, mp);
+
+   std::vector<std::uint8_t> m(16, 0xff);
+   putU16(m, 19 + 2 + 2 + attrs.size());
+   m.push_back(2); // UPDATE
+   putU16(m, 0);
+   putU16(m, attrs.size());
+   m.insert(m.end(), attrs.begin(), attrs.end());
+   return m;
+}
+
+} // namespace Flowspecd

@@ -1,0 +1,102 @@
+// The rules the agent originates, in its RIB: those of the configuration's [[rule]] tables
+// and those added at run time over the control socket.
+//
+// Each rule is one path of the agent itself (kLocalRibSource) in the default VRF's RIB table
+// of its family: ORIGIN IGP, an empty AS_PATH, the communities of its actions and, for
+// "redirect-nexthop ADDR", that next hop. The path is made the way a peer's is: the rule's
+// UPDATE (originationUpdate) goes through the host's decoder with the plugins' parse rules,
+// so the key comes out of the family's route-key dedup table and the communities and next hop
+// are the kinds the forwarding export reads. The path then competes in best path like any
+// other, and each change is flushed to the export at once.
+//
+// The agent holds one path per key, so a configured rule and a run-time rule with the same
+// family and match cannot both be in force: the run-time rule is, for as long as it exists;
+// deleting it puts the configured one back. A reload changes configured rules only.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "agent/Config.h"
+#include "agent/OriginatedRule.h"
+#include "host/bgp/BgpUpdateDecoder.h"
+#include "host/bgp/PathAttributes.h"
+#include "host/mnemo/EntityManager.h"
+#include "host/plugin/Plugin.h"
+
+namespace Flowspecd {
+
+class Origination {
+ public:
+   // `entityManager`, when given, is where the FSIB is read for `list`.
+   Origination(Ovk::Ptr<Plugin::Context> context, Ovk::Ptr<Mnemo::EntityManager> entityManager = nullptr);
+   // Withdraws every originated rule.
+   ~Origination();
+   Origination(Origination const&) = delete;
+   Origination& operator=(Origination const&) = delete;
+
+   // What configuredRulesIs changed.
+   struct Diff {
+      std::size_t added = 0;
+      std::size_t withdrawn = 0;
+      std::size_t changed = 0; // same match, other actions
+      std::size_t kept = 0;
+      friend bool operator==(Diff const&, Diff const&) = default;
+   };
+   // Makes the configured rules `rules` (each family and match once): new ones are
+   // originated, gone ones withdrawn, changed ones replaced; run-time rules stay.
+   Diff configuredRulesIs(std::vector<RuleConfig> const& rules, std::string const& file);
+
+   // A run-time rule: "added", or "replaced" when one with its match existed; a refused
+   // rule's reason otherwise.
+   Ovk::Result<std::string, std::string> runtimeRuleIs(OriginatedRule rule);
+   // Deletes the run-time rule of `family` and `match` (rule text); the reason when there is
+   // none (or the match does not parse).
+   Ovk::Result<std::string, std::string> runtimeRuleDel(AfiSafi family, std::string_view match);
+
+   // {"rules": [{"family", "match", "actions", "nlri", "source": "config" | "cli", "file",
+   // "line" (config), "inForce" (its path is the agent's path in the RIB), "best" (that path
+   // is the best of the rule), "fsib" (the rule is in the FSIB)}]}, configured rules first,
+   // each kind in family and NLRI order.
+   nlohmann::json listJson() const;
+
+   // The rules whose path is in the RIB now.
+   std::size_t inForce() const;
+
+ private:
+   struct Entry {
+      OriginatedRule rule;
+      std::string file;
+      std::uint32_t line = 0;       // configured rules
+      Ovk::Ptr<RouteKey const> key; // set while its path is in the RIB
+      Ovk::Ptr<RtAttr const> attrs;
+   };
+   // Family, then NLRI: one rule per key.
+   using RuleId = std::pair<std::uint16_t, std::vector<std::uint8_t>>;
+   static RuleId idOf(OriginatedRule const& r);
+
+   // Puts the path of `e` into the RIB (replacing the agent's path of its key); false when
+   // the plugin refused it.
+   bool install(Entry& e);
+   // Takes the path of `e` out of the RIB.
+   void uninstall(Entry& e);
+   // The entry whose path should be in force for `id`: the run-time one, else the configured.
+   Entry* winner(RuleId const& id);
+   void flush();
+   Ovk::Ptr<RibTable> table(AfiSafi family) const;
+
+   Ovk::Ptr<Plugin::Context> context_;
+   Ovk::Ptr<Mnemo::EntityManager> entityManager_;
+   std::unique_ptr<BgpUpdateDecoder> decoder_;
+   std::unique_ptr<PathAttributesBuilder> attributes_;
+   std::map<RuleId, Entry> configured_;
+   std::map<RuleId, Entry> runtime_;
+};
+
+} // namespace Flowspecd
