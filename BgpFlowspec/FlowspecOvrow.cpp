@@ -373,16 +373,16 @@ bool BgpFlowspecPeerEgressImpl::lowerBoundIterState(Ovrow::Row* row, BgpFlowspec
    OVK_TRACE(flowspecTraceFacility(), 8, "found bribPath: " << sourceText(sources, bribPath->source));
    AdvertisedPath const* advertised = ribOut->findAdvertisedPath(*routeKey);
    if (!advertised || !advertised->attrs) return false;
-   getPeerEgress(key, *routeKey, *advertised, sources, &state.row);
+   getPeerEgress(vrf->name(), key, *routeKey, *advertised, sources, &state.row);
    return true;
 }
 
-void BgpFlowspecPeerEgressImpl::getPeerEgress(Ovrow::Row const& key, FlowspecRouteKey const& routeKey,
+void BgpFlowspecPeerEgressImpl::getPeerEgress(std::string const& vrfName, Ovrow::Row const& key, FlowspecRouteKey const& routeKey,
                                               AdvertisedPath const& path, RibSources const& sources,
                                               Ovrow::Row* row) const {
    Ovrow::Row& out = Ovrow::requireRow(row);
    out.clear();
-   out.columnIs("vrf", key.getColumn("vrf"));
+   out.columnIs("vrf", vrfName);
    out.columnIs("peer", key.getColumn("peer"));
    out.columnIs("rule", routeKey.toStrepCli());
    out.columnIs("ruleId", std::uint64_t{routeKey.ruleId()});

@@ -125,7 +125,7 @@ class BgpFlowspecPeerEgressImpl : public Ovrow::ExternalTable<BgpFlowspecPeerEgr
    static NlriType getNlriTypeFromTablePath(std::string const& path);
 
  private:
-   void getPeerEgress(Ovrow::Row const& key, FlowspecRouteKey const& routeKey, AdvertisedPath const& path,
+   void getPeerEgress(std::string const& vrfName, Ovrow::Row const& key, FlowspecRouteKey const& routeKey, AdvertisedPath const& path,
                       RibSources const& sources, Ovrow::Row* row) const;
 
    Ovk::Ptr<Plugin::ShowCmdContext const> context_;
