@@ -211,6 +211,7 @@ std::string Agent::handleControl(std::string_view request) const {
          n["rulesAccepted"] = accepted;
          n["fsibRefusals"] = refused;
       }
+      answer["summaryLabels"] = summaryLabelsJson(routing_->context());
       return answer.dump();
    }
    if (request == "show updates") return routing_->updatesJson().dump();

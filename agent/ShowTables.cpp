@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/bgp/BgpMessage.h"
 #include "host/flowspec/FlowspecKey.h"
 #include "host/ovrow/BgpRows.h"
 #include "host/ovrow/Render.h"
@@ -120,6 +121,16 @@ std::string stringField(nlohmann::json const& j, char const* name) {
 }
 
 } // namespace
+
+nlohmann::json summaryLabelsJson(Plugin::Context const& context) {
+   nlohmann::json labels = nlohmann::json::object();
+   for (auto const& [family, helpers] : context.afiSafiTable()->all()) {
+      auto const show = helpers->hookAs<Plugin::ShowPluginBase>(Plugin::HookId::show);
+      if (!show) continue;
+      labels[familyName(family)] = {{"received", show->rcvdSummaryStr()}, {"accepted", show->accSummaryStr()}};
+   }
+   return labels;
+}
 
 bool isShowTableRequest(std::string_view request) {
    if (request.empty() || request.front() != '{') return false;

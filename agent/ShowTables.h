@@ -15,6 +15,7 @@
 #pragma once
 
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -34,5 +35,9 @@ std::unique_ptr<ControlStream> showTableStream(Ovk::Ptr<Routing::Bgp::Plugin::Co
                                                std::string_view request,
                                                std::function<bool(Ovnet::IpGenAddr const&)> const& knownNeighbor,
                                                std::size_t chunkBytes = 64 * 1024);
+
+// The peer summary's labels of each family whose plugin gives them (hook 17):
+// {"ipv4-flowspec": {"received": "RulesRcd", "accepted": "RulesAcc"}, ...}.
+nlohmann::json summaryLabelsJson(Routing::Bgp::Plugin::Context const& context);
 
 } // namespace Flowspecd
