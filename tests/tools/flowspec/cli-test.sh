@@ -30,6 +30,14 @@ expect 1 "decode an UPDATE with a bad ORIGIN" -- "$tool" decode --update "${upda
 expect 2 "NLRI and an UPDATE together" -- "$tool" decode --afi 1 00 --update "$update"
 expect 2 "neither NLRI nor messages" -- "$tool" decode --json
 expect 2 "an MRT file that is not there" -- "$tool" decode --mrt /nonexistent.mrt
+expect 0 "show flowspec help" -- "$tool" show flowspec ipv4 --help
+expect 2 "show flowspec of an unknown family" -- "$tool" show flowspec ipv5
+expect 2 "show flowspec with an unknown option" -- "$tool" show flowspec ipv4 --colour
+expect 2 "show flowspec from a bad destination" -- "$tool" show flowspec ipv4 --dest 10.0.0.0/40
+expect 2 "show flowspec --from and --dest together" -- "$tool" show flowspec ipv4 --from "*;*;" --dest 10.0.0.0/8
+expect 2 "show flowspec advertised to a bad address" -- "$tool" show flowspec ipv4 advertised 10.0.0 "*;*;"
+expect 2 "show flowspec advertised without a rule" -- "$tool" show flowspec ipv4 advertised 10.0.0.1
+expect 1 "show flowspec without an agent" -- "$tool" --socket /nonexistent.sock show flowspec ipv4
 if [ -n "$captures" ] && [ -r "$captures/peers-pairs.pcap" ]; then
    expect 0 "decode a capture" -- "$tool" decode --json --pcap "$captures/peers-pairs.pcap"
 fi
