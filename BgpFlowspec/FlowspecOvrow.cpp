@@ -110,7 +110,10 @@ Ovk::Ptr<RouteKeyDedupTable const> BgpFlowspecRouteImpl::routeKeyTable() const {
 
 FlowspecRouteKey::PtrConst BgpFlowspecRouteImpl::getRouteKey(Ovk::Ptr<RouteKeyDedupTable const> const& table,
                                                              std::string const& text) const {
-   OVK_TRACE(flowspecTraceFacility(), 8, "BgpFlowspecRouteImpl: " << "getRouteKey" << " nlri=" << text);
+   OVK_TRACE(flowspecTraceFacility(), 8,
+             "BgpFlowspecRouteImpl: "
+                 << "getRouteKey"
+                 << " nlri=" << text);
    return dedupFlowspecRouteKey(table, text);
 }
 
@@ -151,10 +154,15 @@ bool BgpFlowspecRouteImpl::findLowerBound(Ovrow::Row* row, BgpFlowspecRouteIterS
 }
 
 bool BgpFlowspecRouteImpl::beginIterState(BgpFlowspecRouteIterState& state) {
-   OVK_TRACE(flowspecTraceFacility(), 8, "BgpFlowspecRouteImpl: " << "beginIterState");
+   OVK_TRACE(flowspecTraceFacility(), 8,
+             "BgpFlowspecRouteImpl: "
+                 << "beginIterState");
    state.table = bribTable();
    if (!state.table || state.table->order().size() == 0) {
-      OVK_TRACE(flowspecTraceFacility(), 8, "BgpFlowspecRouteImpl: " << "beginIterState" << " returning end()");
+      OVK_TRACE(flowspecTraceFacility(), 8,
+                "BgpFlowspecRouteImpl: "
+                    << "beginIterState"
+                    << " returning end()");
       return false;
    }
    state.routeIter = state.table->order().begin();
@@ -167,7 +175,10 @@ bool BgpFlowspecRouteImpl::beginIterState(BgpFlowspecRouteIterState& state) {
 
 bool BgpFlowspecRouteImpl::getRow(Ovrow::Row* row) {
    Ovrow::Row& wanted = Ovrow::requireRow(row);
-   OVK_TRACE(flowspecTraceFacility(), 8, "BgpFlowspecRouteImpl: " << "getRow" << " key: " << wanted);
+   OVK_TRACE(flowspecTraceFacility(), 8,
+             "BgpFlowspecRouteImpl: "
+                 << "getRow"
+                 << " key: " << wanted);
    BgpFlowspecRouteIterState state = newIterState();
    if (!findLowerBound(row, state)) return false;
    Ovrow::Row out(rowType());
@@ -185,10 +196,15 @@ bool BgpFlowspecRouteImpl::getRow(Ovrow::Row* row) {
 
 bool BgpFlowspecRouteImpl::lowerBoundIterState(Ovrow::Row* row, BgpFlowspecRouteIterState& state) {
    Ovrow::Row const& key = Ovrow::requireRow(row);
-   OVK_TRACE(flowspecTraceFacility(), 8, "BgpFlowspecRouteImpl: " << "lowerBoundIterState" << " key: " << key);
+   OVK_TRACE(flowspecTraceFacility(), 8,
+             "BgpFlowspecRouteImpl: "
+                 << "lowerBoundIterState"
+                 << " key: " << key);
    if (!findLowerBound(row, state)) {
       OVK_TRACE(flowspecTraceFacility(), 8,
-                "bgpFlowspecRoute:<" << key << ">: " << "lowerBoundIterState" << " returning end()");
+                "bgpFlowspecRoute:<" << key << ">: "
+                                     << "lowerBoundIterState"
+                                     << " returning end()");
       return false;
    }
    getRoute(state, &state.row);
@@ -196,7 +212,9 @@ bool BgpFlowspecRouteImpl::lowerBoundIterState(Ovrow::Row* row, BgpFlowspecRoute
 }
 
 bool BgpFlowspecRouteImpl::getNextRow(BgpFlowspecRouteIterState& state) {
-   OVK_TRACE(flowspecTraceFacility(), 8, "BgpFlowspecRouteImpl: " << "getNextRow");
+   OVK_TRACE(flowspecTraceFacility(), 8,
+             "BgpFlowspecRouteImpl: "
+                 << "getNextRow");
    if (!state.table) return false;
    RouteOrderIndex const& order = state.table->order();
    if (state.atNext) {
@@ -227,7 +245,9 @@ void BgpFlowspecRouteImpl::resumeIterState(BgpFlowspecRouteIterState& state) {
 }
 
 void BgpFlowspecRouteImpl::getRoute(BgpFlowspecRouteIterState const& state, Ovrow::Row* row) const {
-   OVK_TRACE(flowspecTraceFacility(), 8, "BgpFlowspecRouteImpl: " << "getRoute");
+   OVK_TRACE(flowspecTraceFacility(), 8,
+             "BgpFlowspecRouteImpl: "
+                 << "getRoute");
    Ovrow::Row& out = Ovrow::requireRow(row);
    out.clear();
    FlowspecRouteKey const& key = *state.routeKey;
@@ -280,7 +300,10 @@ BgpFlowspecPeerEgressImpl::BgpFlowspecPeerEgressImpl(Ovk::Ptr<Plugin::ShowCmdCon
       nlriType_(getNlriTypeFromTablePath(path)) {}
 
 NlriType BgpFlowspecPeerEgressImpl::getNlriTypeFromTablePath(std::string const& path) {
-   OVK_TRACE(flowspecTraceFacility(), 8, "BgpFlowspecPeerEgressImpl: " << "getNlriTypeFromTablePath" << " " << path);
+   OVK_TRACE(flowspecTraceFacility(), 8,
+             "BgpFlowspecPeerEgressImpl: "
+                 << "getNlriTypeFromTablePath"
+                 << " " << path);
    if (path == kBgpFlowspecIpv4PeerEgressPath) return NlriType::ipv4Flowspec;
    if (path == kBgpFlowspecIpv6PeerEgressPath) return NlriType::ipv6Flowspec;
    OVK_ASSERT_MSG(false, "Unknown table path");
@@ -289,7 +312,9 @@ NlriType BgpFlowspecPeerEgressImpl::getNlriTypeFromTablePath(std::string const& 
 
 bool BgpFlowspecPeerEgressImpl::beginIterState(BgpFlowspecPeerEgressIterState&) {
    OVK_TRACE(flowspecTraceFacility(), 8,
-             "BgpFlowspecPeerEgressImpl: " << "beginIterState" << "iteration of entire table is not supported");
+             "BgpFlowspecPeerEgressImpl: "
+                 << "beginIterState"
+                 << "iteration of entire table is not supported");
    return false;
 }
 
@@ -305,7 +330,9 @@ bool BgpFlowspecPeerEgressImpl::getNextRow(BgpFlowspecPeerEgressIterState&) { re
 
 bool BgpFlowspecPeerEgressImpl::lowerBoundIterState(Ovrow::Row* row, BgpFlowspecPeerEgressIterState& state) {
    Plugin::Context& context = context_->context();
-   OVK_TRACE(flowspecTraceFacility(), 8, "BgpFlowspecPeerEgressImpl: " << "lowerBoundIterState");
+   OVK_TRACE(flowspecTraceFacility(), 8,
+             "BgpFlowspecPeerEgressImpl: "
+                 << "lowerBoundIterState");
    Ovrow::Row const& key = Ovrow::requireRow(row);
    auto const nlriType = static_cast<unsigned>(nlriType_);
    // Every failure: its trace line (built only when traced) and no row.
@@ -335,8 +362,8 @@ bool BgpFlowspecPeerEgressImpl::lowerBoundIterState(Ovrow::Row* row, BgpFlowspec
       if (sources.peer(s).address == *peerAddr && sources.peer(s).vrfId == vrf->vrfId()) peerStatus = sources.peer(s);
    }
    if (!peerStatus) {
-      return fail(" no peerStatus", " nlriType=", nlriType, " peerVrfAddr=", peerText ? *peerText : std::string(),
-                  "%", vrf->vrfId());
+      return fail(" no peerStatus", " nlriType=", nlriType, " peerVrfAddr=", peerText ? *peerText : std::string(), "%",
+                  vrf->vrfId());
    }
 
    auto const afiSafi = nlriType_ == NlriType::ipv4Flowspec ? AfiSafi::ipv4Flowspec() : AfiSafi::ipv6Flowspec();
@@ -362,8 +389,9 @@ bool BgpFlowspecPeerEgressImpl::lowerBoundIterState(Ovrow::Row* row, BgpFlowspec
       return fail(" getRibOutSm failed vrfId=", vrf->vrfId(), " nlriType=", nlriType, " peerStatus=", *peerStatus);
    }
    OVK_TRACE(flowspecTraceFacility(), 8,
-             "bgpFlowspecPeerEgressKey: " << "vrfId=" << vrf->vrfId() << ", nlriType=" << nlriType
-                                          << ", peer=" << peerStatus->address << ", nlri=" << routeKey->toStrepCli());
+             "bgpFlowspecPeerEgressKey: "
+                 << "vrfId=" << vrf->vrfId() << ", nlriType=" << nlriType << ", peer=" << peerStatus->address
+                 << ", nlri=" << routeKey->toStrepCli());
 
    auto const bribPath = table->bestPath(*routeKey);
    if (!bribPath) {
@@ -377,9 +405,9 @@ bool BgpFlowspecPeerEgressImpl::lowerBoundIterState(Ovrow::Row* row, BgpFlowspec
    return true;
 }
 
-void BgpFlowspecPeerEgressImpl::getPeerEgress(std::string const& vrfName, Ovrow::Row const& key, FlowspecRouteKey const& routeKey,
-                                              AdvertisedPath const& path, RibSources const& sources,
-                                              Ovrow::Row* row) const {
+void BgpFlowspecPeerEgressImpl::getPeerEgress(std::string const& vrfName, Ovrow::Row const& key,
+                                              FlowspecRouteKey const& routeKey, AdvertisedPath const& path,
+                                              RibSources const& sources, Ovrow::Row* row) const {
    Ovrow::Row& out = Ovrow::requireRow(row);
    out.clear();
    out.columnIs("vrf", vrfName);

@@ -50,8 +50,7 @@ class FlowspecOvrowPlugin : public Plugin::OvrowPluginBase {
    // flowspec) in `database`, with implementations built over `context`; any other family
    // registers nothing. The row types must be known to the database (Ovrow::Bgp::
    // registerBgpRowTypes).
-   void registerOvrowTables(Ovk::Ptr<Plugin::ShowCmdContext const> const& context,
-                            Ovrow::LocalOvdb* database) override;
+   void registerOvrowTables(Ovk::Ptr<Plugin::ShowCmdContext const> const& context, Ovrow::LocalOvdb* database) override;
 
  private:
    AfiSafi afiSafi_;
@@ -89,7 +88,8 @@ class BgpFlowspecRouteImpl : public Ovrow::ExternalTable<BgpFlowspecRouteIterSta
    void resumeIterState(BgpFlowspecRouteIterState& state) override;
 
    // The key the rule text names in the family's route-key table of the default VRF.
-   FlowspecRouteKey::PtrConst getRouteKey(Ovk::Ptr<RouteKeyDedupTable const> const& table, std::string const& text) const;
+   FlowspecRouteKey::PtrConst getRouteKey(Ovk::Ptr<RouteKeyDedupTable const> const& table,
+                                          std::string const& text) const;
    // The key the row's key columns start a lower-bound search at: its rule text, else
    // "<destination host prefix>;*;", else none (the beginning of the table).
    FlowspecRouteKey::PtrConst startKey(Ovrow::Row const& row) const;
@@ -125,8 +125,8 @@ class BgpFlowspecPeerEgressImpl : public Ovrow::ExternalTable<BgpFlowspecPeerEgr
    static NlriType getNlriTypeFromTablePath(std::string const& path);
 
  private:
-   void getPeerEgress(std::string const& vrfName, Ovrow::Row const& key, FlowspecRouteKey const& routeKey, AdvertisedPath const& path,
-                      RibSources const& sources, Ovrow::Row* row) const;
+   void getPeerEgress(std::string const& vrfName, Ovrow::Row const& key, FlowspecRouteKey const& routeKey,
+                      AdvertisedPath const& path, RibSources const& sources, Ovrow::Row* row) const;
 
    Ovk::Ptr<Plugin::ShowCmdContext const> context_;
    NlriType nlriType_;

@@ -81,8 +81,8 @@ constexpr std::size_t kMillion = 1u << 20;
 void BM_FirstPage(benchmark::State& state) {
    Env& e = env(kMillion);
    bool const json = state.range(0) != 0;
-   nlohmann::json const request{{"show", "flowspec"}, {"family", "ipv4"}, {"format", json ? "json" : "text"},
-                                {"limit", 100}};
+   nlohmann::json const request{
+       {"show", "flowspec"}, {"family", "ipv4"}, {"format", json ? "json" : "text"}, {"limit", 100}};
    for (auto _ : state) benchmark::DoNotOptimize(e.answer(request));
    state.SetLabel(json ? "json" : "text");
 }

@@ -3,7 +3,9 @@
 namespace Ovrow::Bgp {
 
 namespace {
-ColumnDef col(char const* name, ColumnType type, unsigned width = 0) { return ColumnDef{name, type, false, width, false, {}}; }
+ColumnDef col(char const* name, ColumnType type, unsigned width = 0) {
+   return ColumnDef{name, type, false, width, false, {}};
+}
 ColumnDef key(char const* name, ColumnType type, unsigned width, bool hidden = false) {
    return ColumnDef{name, type, true, width, hidden, {}};
 }
@@ -11,10 +13,10 @@ ColumnDef key(char const* name, ColumnType type, unsigned width, bool hidden = f
 
 Ovk::Ptr<RowType const> const& bgpFlowspecPathRowType() {
    static Ovk::Ptr<RowType const> const type = RowType::create(
-       "Bgp::bgpFlowspecPath", {col("peer", ColumnType::text, 16), col("best", ColumnType::boolean, 4),
-                                col("asPath", ColumnType::text, 16), col("origin", ColumnType::text, 10),
-                                col("localPref", ColumnType::u64, 9), col("med", ColumnType::u64, 6),
-                                col("nextHop", ColumnType::text, 16), col("communities", ColumnType::textList, 1)});
+       "Bgp::bgpFlowspecPath",
+       {col("peer", ColumnType::text, 16), col("best", ColumnType::boolean, 4), col("asPath", ColumnType::text, 16),
+        col("origin", ColumnType::text, 10), col("localPref", ColumnType::u64, 9), col("med", ColumnType::u64, 6),
+        col("nextHop", ColumnType::text, 16), col("communities", ColumnType::textList, 1)});
    return type;
 }
 

@@ -17,33 +17,33 @@ void appendU64(std::uint64_t v, std::string& out) {
 
 void appendJsonValue(Value const& v, std::string& out) {
    switch (v.index()) {
-      case 0: out += "null"; break;
-      case 1: out += std::get<bool>(v) ? "true" : "false"; break;
-      case 2: appendU64(std::get<std::uint64_t>(v), out); break;
-      case 3: appendJsonString(std::get<std::string>(v), out); break;
-      case 4: appendJsonString(std::get<Ovnet::IpGenPrefix>(v).str(), out); break;
-      case 5: {
-         out += '[';
-         bool first = true;
-         for (auto const& s : std::get<std::vector<std::string>>(v)) {
-            if (!first) out += ", ";
-            first = false;
-            appendJsonString(s, out);
-         }
-         out += ']';
-         break;
+   case 0: out += "null"; break;
+   case 1: out += std::get<bool>(v) ? "true" : "false"; break;
+   case 2: appendU64(std::get<std::uint64_t>(v), out); break;
+   case 3: appendJsonString(std::get<std::string>(v), out); break;
+   case 4: appendJsonString(std::get<Ovnet::IpGenPrefix>(v).str(), out); break;
+   case 5: {
+      out += '[';
+      bool first = true;
+      for (auto const& s : std::get<std::vector<std::string>>(v)) {
+         if (!first) out += ", ";
+         first = false;
+         appendJsonString(s, out);
       }
-      default: {
-         out += '[';
-         bool first = true;
-         for (auto const& r : std::get<std::vector<Row>>(v)) {
-            if (!first) out += ", ";
-            first = false;
-            appendJson(r, out);
-         }
-         out += ']';
-         break;
+      out += ']';
+      break;
+   }
+   default: {
+      out += '[';
+      bool first = true;
+      for (auto const& r : std::get<std::vector<Row>>(v)) {
+         if (!first) out += ", ";
+         first = false;
+         appendJson(r, out);
       }
+      out += ']';
+      break;
+   }
    }
 }
 
@@ -134,19 +134,19 @@ void appendJson(Row const& row, std::string& out) {
 
 std::string valueText(Value const& v) {
    switch (v.index()) {
-      case 0: return "-";
-      case 1: return std::get<bool>(v) ? "yes" : "no";
-      case 2: return std::to_string(std::get<std::uint64_t>(v));
-      case 3: return std::get<std::string>(v).empty() ? "-" : std::get<std::string>(v);
-      case 4: return std::get<Ovnet::IpGenPrefix>(v).str();
-      case 5: {
-         auto const& list = std::get<std::vector<std::string>>(v);
-         if (list.empty()) return "-";
-         std::string s;
-         for (auto const& e : list) s += (s.empty() ? "" : " ") + e;
-         return s;
-      }
-      default: return std::to_string(std::get<std::vector<Row>>(v).size()) + " rows";
+   case 0: return "-";
+   case 1: return std::get<bool>(v) ? "yes" : "no";
+   case 2: return std::to_string(std::get<std::uint64_t>(v));
+   case 3: return std::get<std::string>(v).empty() ? "-" : std::get<std::string>(v);
+   case 4: return std::get<Ovnet::IpGenPrefix>(v).str();
+   case 5: {
+      auto const& list = std::get<std::vector<std::string>>(v);
+      if (list.empty()) return "-";
+      std::string s;
+      for (auto const& e : list) s += (s.empty() ? "" : " ") + e;
+      return s;
+   }
+   default: return std::to_string(std::get<std::vector<Row>>(v).size()) + " rows";
    }
 }
 

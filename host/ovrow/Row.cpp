@@ -4,7 +4,8 @@
 
 namespace Ovrow {
 
-RowType::RowType(std::string name, std::vector<ColumnDef> columns) : name_(std::move(name)), columns_(std::move(columns)) {
+RowType::RowType(std::string name, std::vector<ColumnDef> columns)
+    : name_(std::move(name)), columns_(std::move(columns)) {
    bool keys = true;
    for (auto const& c : columns_) {
       OVK_ASSERT_MSG(!c.key || keys, "key columns first");
@@ -27,13 +28,13 @@ Row::Row(Ovk::Ptr<RowType const> type) : type_(std::move(type)), values_(type_->
 namespace {
 bool typeMatches(ColumnType t, Value const& v) {
    switch (v.index()) {
-      case 0: return true;
-      case 1: return t == ColumnType::boolean;
-      case 2: return t == ColumnType::u64;
-      case 3: return t == ColumnType::text;
-      case 4: return t == ColumnType::prefix;
-      case 5: return t == ColumnType::textList;
-      default: return t == ColumnType::rowList;
+   case 0: return true;
+   case 1: return t == ColumnType::boolean;
+   case 2: return t == ColumnType::u64;
+   case 3: return t == ColumnType::text;
+   case 4: return t == ColumnType::prefix;
+   case 5: return t == ColumnType::textList;
+   default: return t == ColumnType::rowList;
    }
 }
 } // namespace

@@ -76,9 +76,17 @@ TEST(FlowspecOvrowTest, HooksAndSummaryLabels) {
 TEST(FlowspecOvrowTest, WalkIsRuleOrderFromAnyStart) {
    FlowspecShowEnv env("ovroworder");
    std::vector<std::string> const texts = {
-       "10.0.0.0/8;*;",         "10.1.0.0/16;*;proto=6",    "10.1.0.0/16;*;proto=17", "*;192.0.2.0/24;",
-       "10.1.2.0/24;*;dport=80", "10.1.2.0/24;*;",           "10.1.2.128/25;*;",       "172.16.0.0/12;*;icmp-type=8",
-       "*;*;proto=1",            "10.1.2.0/24;10.9.0.0/16;", "10.1.2.3/32;*;",
+       "10.0.0.0/8;*;",
+       "10.1.0.0/16;*;proto=6",
+       "10.1.0.0/16;*;proto=17",
+       "*;192.0.2.0/24;",
+       "10.1.2.0/24;*;dport=80",
+       "10.1.2.0/24;*;",
+       "10.1.2.128/25;*;",
+       "172.16.0.0/12;*;icmp-type=8",
+       "*;*;proto=1",
+       "10.1.2.0/24;10.9.0.0/16;",
+       "10.1.2.3/32;*;",
    };
    std::vector<FlowspecRouteKey::PtrConst> keys;
    for (auto const& t : texts) keys.push_back(env.announce(t, env.source, {}));
@@ -168,8 +176,9 @@ TEST(FlowspecOvrowTest, EmptyTable) {
 TEST(FlowspecOvrowTest, RowOfARule) {
    FlowspecShowEnv env("ovrowrow");
    env.context->vrfIs(BgpVrfIdBase(10), "blue");
-   auto const k = env.announce("10.1.0.0/16;*;proto=6", env.source,
-                               {{65002, 65010}, 200, 5, "192.0.2.9", {std::uint64_t{0x8006} << 48}, {65002u << 16 | 7}});
+   auto const k =
+       env.announce("10.1.0.0/16;*;proto=6", env.source,
+                    {{65002, 65010}, 200, 5, "192.0.2.9", {std::uint64_t{0x8006} << 48}, {65002u << 16 | 7}});
    env.announce("10.1.0.0/16;*;proto=6", env.second, {{65003}, 100, std::nullopt, "192.0.2.10", {}, {}});
    auto main = Ovk::ptrCast<FlowspecPluginMain>(env.context->pluginMain(AfiSafi::ipv4Flowspec()));
    main->rkToRedirVrfId()->mapIs(k.ptr(), FlowspecRedirVrfId{10, 1});
@@ -229,10 +238,12 @@ TEST(FlowspecOvrowTest, ResumeAfterTheTableChanged) {
 
 TEST(FlowspecOvrowTest, PeerEgressFailuresOnePerRow) {
    FlowspecShowEnv env("ovrowegress");
-   auto const sent = env.announce("10.1.0.0/16;*;", env.source, {{65001}, std::nullopt, std::nullopt, "192.0.2.1", {}, {}});
+   auto const sent =
+       env.announce("10.1.0.0/16;*;", env.source, {{65001}, std::nullopt, std::nullopt, "192.0.2.1", {}, {}});
    env.announce("10.2.0.0/16;*;", env.source, {});
    auto out = env.ribOutOf(env.second);
-   out->sentIs(sent.ptr(), AdvertisedPath{env.attrs({{65001, 65002}, std::nullopt, 3, "192.0.2.1", {}, {}}), env.source});
+   out->sentIs(sent.ptr(),
+               AdvertisedPath{env.attrs({{65001, 65002}, std::nullopt, 3, "192.0.2.1", {}, {}}), env.source});
    auto db = env.showDb(AfiSafi::ipv4Flowspec());
    auto table = db.database().table(kBgpFlowspecIpv4PeerEgressPath);
    struct Case {

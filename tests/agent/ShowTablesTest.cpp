@@ -23,8 +23,8 @@ class ShowTablesEnv : public Fakes::FlowspecShowEnv {
  public:
    ShowTablesEnv() : FlowspecShowEnv("showtables") {
       context->vrfIs(BgpVrfIdBase(10), "blue");
-      auto const a = announce("10.1.0.0/16;*;proto=6", source,
-                              {{65002, 65010}, 200, 5, "192.0.2.9", {kDrop}, {65002u << 16 | 7}});
+      auto const a =
+          announce("10.1.0.0/16;*;proto=6", source, {{65002, 65010}, 200, 5, "192.0.2.9", {kDrop}, {65002u << 16 | 7}});
       announce("10.1.0.0/16;*;proto=6", second, {{65003}, 100, std::nullopt, "192.0.2.10", {}, {}});
       announce("10.1.2.0/24;*;dport=80", second, {{65003}, std::nullopt, std::nullopt, "192.0.2.10", {}, {}});
       announce("10.2.0.0/16;*;", source, {{65002}, std::nullopt, std::nullopt, "192.0.2.9", {}, {}}, false, 4);
@@ -33,18 +33,17 @@ class ShowTablesEnv : public Fakes::FlowspecShowEnv {
       auto main = Ovk::ptrCast<FlowspecPlugin::FlowspecPluginMain>(context->pluginMain(AfiSafi::ipv4Flowspec()));
       main->rkToRedirVrfId()->mapIs(a.ptr(), FlowspecPlugin::FlowspecRedirVrfId{10, 1});
       auto out = ribOutOf(second);
-      out->sentIs(a.ptr(), AdvertisedPath{attrs({{65001, 65002, 65010}, std::nullopt, std::nullopt, "192.0.2.1",
-                                                 {kDrop}, {}}),
-                                          source});
+      out->sentIs(
+          a.ptr(),
+          AdvertisedPath{attrs({{65001, 65002, 65010}, std::nullopt, std::nullopt, "192.0.2.1", {kDrop}, {}}), source});
    }
 
    // The whole answer, read a chunk at a time.
    std::string answer(nlohmann::json const& request, std::size_t chunk = 64 * 1024) const {
-      auto stream = showTableStream(context, request.dump(),
-                                    [](Ovnet::IpGenAddr const& a) { return a.str() == "192.0.2.10"; }, chunk);
+      auto stream = showTableStream(
+          context, request.dump(), [](Ovnet::IpGenAddr const& a) { return a.str() == "192.0.2.10"; }, chunk);
       std::string out;
-      while (stream->next(out)) {
-      }
+      while (stream->next(out)) {}
       return out;
    }
 };

@@ -88,8 +88,7 @@ class FlowspecShowEnv : public PluginContext {
       for (std::uint64_t v : p.extComms) c.extCommList.push(context->coreDedupTables()->extCommIs(rules->create(v)));
       Ovnet::IpGenAddr const addr = p.nexthop ? *Ovnet::IpGenAddr::parse(p.nexthop) : Ovnet::IpGenAddr();
       auto nh = FlowspecPlugin::flowspecGenNexthopFactory(v6 ? Afi::afiIpv6 : Afi::afiIpv4, addr, Ovk::String());
-      c.nexthop = nh->dedup(
-          Ovk::Ptr<GenNexthopDedupTableBase const>(dedupTables(v6).nexthopDedupTableRawPtr()), false);
+      c.nexthop = nh->dedup(Ovk::Ptr<GenNexthopDedupTableBase const>(dedupTables(v6).nexthopDedupTableRawPtr()), false);
       return context->rtAttrDedupTable()->rtAttrIs(std::move(c));
    }
    FlowspecPlugin::FlowspecRouteKey::PtrConst announce(std::string const& rule, RibSource from, PathSpec const& p,

@@ -80,8 +80,9 @@ void addFamily(CLI::App& flowspec, Options& options, char const* family) {
    rule->add_flag("--json", args->json, "print JSON");
 
    auto* adv = fam->add_subcommand("advertised", "what NEIGHBOR was sent for RULE");
-   adv->add_option("NEIGHBOR", args->neighbor, "neighbor address")->required()->check(
-       CLI::Validator(checkAddress, "ADDRESS"));
+   adv->add_option("NEIGHBOR", args->neighbor, "neighbor address")
+       ->required()
+       ->check(CLI::Validator(checkAddress, "ADDRESS"));
    adv->add_option("RULE", args->rule, "rule text")->required();
    adv->add_flag("--json", args->json, "print JSON");
    fam->require_subcommand(0, 1);

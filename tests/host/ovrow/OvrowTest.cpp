@@ -9,8 +9,8 @@ namespace Ovrow {
 namespace {
 
 Ovk::Ptr<RowType const> subType() {
-   return RowType::create("T::sub", {{"name", ColumnType::text, false, 6, false, {}},
-                                     {"n", ColumnType::u64, false, 3, false, {}}});
+   return RowType::create(
+       "T::sub", {{"name", ColumnType::text, false, 6, false, {}}, {"n", ColumnType::u64, false, 3, false, {}}});
 }
 
 Ovk::Ptr<RowType const> mainType() {
@@ -107,8 +107,8 @@ TEST(OvrowTest, DatabaseKnowsTypesAndTables) {
 
 TEST(OvrowDeathTest, Invariants) {
    auto const t = mainType();
-   EXPECT_DEATH(RowType::create("bad", {{"a", ColumnType::text, false, 0, false, {}},
-                                        {"k", ColumnType::text, true, 0, false, {}}}),
+   EXPECT_DEATH(RowType::create(
+                    "bad", {{"a", ColumnType::text, false, 0, false, {}}, {"k", ColumnType::text, true, 0, false, {}}}),
                 "key columns first");
    Row r(t);
    EXPECT_DEATH(r.columnIs("on", std::string("yes")), "column type");
