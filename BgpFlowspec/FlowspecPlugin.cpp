@@ -8,6 +8,7 @@
 #include <typeindex>
 
 #include "BgpFlowspec/FlowspecFsibExport.h"
+#include "BgpFlowspec/FlowspecOvrow.h"
 #include "BgpFlowspec/FlowspecPluginHoardReaders.h"
 #include "host/fwk/Assert.h"
 #include "host/fwk/Trace.h"
@@ -79,8 +80,9 @@ void FlowspecPluginMain::handleInitialized() {
    afiSafiHelpers_->hookIs(Plugin::HookId::constructAdjRibin, Ovk::makePtr<FlowspecConstructAdjRibinPlugin>(afiSafi_));
    rkToRedirVrfIdIs();
    addExportHooks();
-   afiSafiHelpers_->hookIs(Plugin::HookId::transportNexthop, Ovk::makePtr<FlowspecTransportNexthopPlugin>(afiSafi_));
    addShowHooks();
+   afiSafiHelpers_->hookIs(Plugin::HookId::transportNexthop, Ovk::makePtr<FlowspecTransportNexthopPlugin>(afiSafi_));
+   addSummaryHook();
    // One forwarding-target helper per context: the first family to start registers it.
    if (context_->fwdTgtHelpers().count(ForwardingTarget::flowspec) == 0) {
       context_->registerForwardingTarget(Ovk::makePtr<FlowspecFwdTgtHelper>());
@@ -104,7 +106,13 @@ void FlowspecPluginMain::addExportHooks() {
    afiSafiHelpers_->hookIs(Plugin::HookId::routeConfigSmFactory, factory);
 }
 
-void FlowspecPluginMain::addShowHooks() {}
+void FlowspecPluginMain::addShowHooks() {
+   afiSafiHelpers_->hookIs(Plugin::HookId::ovrow, Ovk::makePtr<FlowspecOvrowPlugin>(afiSafi_));
+}
+
+void FlowspecPluginMain::addSummaryHook() {
+   afiSafiHelpers_->hookIs(Plugin::HookId::show, Ovk::makePtr<FlowspecShowPlugin>());
+}
 
 void FlowspecPluginMain::handleDestroy() { OVK_TRACE(flowspecTraceFacility(), 8, *this); }
 

@@ -68,8 +68,10 @@ class FlowspecPluginMain : public Plugin::PluginMainBase {
    void handleDestroy();
    // With an entity manager, the export's route-config factory as hook 6.
    void addExportHooks();
-   // Hooks 18 (show tables) and 17 (summary labels).
+   // Hook 18 (show tables).
    void addShowHooks();
+   // Hook 17 (summary labels).
+   void addSummaryHook();
    // Registers next-hop type T with the attribute cache ("Orrery is not initialized" when
    // the context has none).
    template <class T, class... Args>

@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include "agent/ShowNeighbors.h"
+#include "agent/ShowTables.h"
 #include "host/bgp/RtImport.h"
 #include "host/mnemo/SlateRuleSetMount.h"
 #include "host/plugin/PluginHost.h"
@@ -69,6 +70,11 @@ Ovk::Result<bool, std::string> Agent::start() {
       return Ovk::failure(control.reason());
    }
    control_ = control.value();
+   control_->streamHandlerIs([this](std::string_view request) -> std::unique_ptr<ControlStream> {
+      if (!isShowTableRequest(request)) return nullptr;
+      return showTableStream(Ovk::Ptr<Plugin::Context>(&routing_->context()), request,
+                             [this](Ovnet::IpGenAddr const& a) { return byAddress_.count(a) != 0; });
+   });
    logger_.log("-", "control socket " + config_.controlSocket);
    Neighbor::Deps const deps{scheduler_, connector_, &logger_, routing_.get()};
    for (auto const& n : config_.neighbors) {
@@ -277,6 +283,7 @@ std::string Agent::handleControl(std::string_view request) {
          n["rulesAdvertised"] = rulesAdvertised;
          n["endOfRibOut"] = endOfRibOut;
       }
+      answer["summaryLabels"] = summaryLabelsJson(routing_->context());
       return answer.dump();
    }
    if (request == "show updates") return routing_->updatesJson().dump();

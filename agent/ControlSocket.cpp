@@ -18,10 +18,12 @@ namespace {
 
 // One client: read a line, answer, close; bounded in time.
 struct ControlClient : std::enable_shared_from_this<ControlClient> {
-   ControlClient(asio::local::stream_protocol::socket s, ControlServer::Handler const& h)
-       : socket(std::move(s)), timer(socket.get_executor()), handler(h) {}
+   ControlClient(asio::local::stream_protocol::socket s, ControlServer::Handler const& h,
+                 ControlServer::StreamHandler const& sh)
+       : socket(std::move(s)), timer(socket.get_executor()), handler(h), streamHandler(sh) {}
 
-   void start() {
+   // The client is dropped if the next step does not end in time.
+   void arm() {
       auto self = shared_from_this();
       timer.expires_after(ControlServer::kClientTimeout);
       timer.async_wait([self](std::error_code const& ec) {
@@ -29,6 +31,11 @@ struct ControlClient : std::enable_shared_from_this<ControlClient> {
          std::error_code ignored;
          self->socket.close(ignored);
       });
+   }
+
+   void start() {
+      auto self = shared_from_this();
+      arm();
       asio::async_read_until(
           socket, asio::dynamic_buffer(request, ControlServer::kMaxRequest), '\n',
           [self](std::error_code const& ec, std::size_t n) {
@@ -52,6 +59,11 @@ struct ControlClient : std::enable_shared_from_this<ControlClient> {
              }
              std::string_view line(self->request.data(), ec ? self->request.size() : n);
              while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
+             if (self->streamHandler) self->stream = self->streamHandler(line);
+             if (self->stream) {
+                self->pump();
+                return;
+             }
              self->answer = self->handler(line) + "\n";
              asio::async_write(self->socket, asio::buffer(self->answer),
                                [self](std::error_code const&, std::size_t) { self->finish(); });
@@ -67,6 +79,21 @@ struct ControlClient : std::enable_shared_from_this<ControlClient> {
          }
       });
    }
+   // Writes the stream's next chunk, then asks for the one after; the client has the
+   // timeout again for each chunk.
+   void pump() {
+      answer.clear();
+      bool const more = stream->next(answer);
+      arm();
+      auto self = shared_from_this();
+      asio::async_write(socket, asio::buffer(answer), [self, more](std::error_code const& ec, std::size_t) {
+         if (ec || !more) {
+            self->finish();
+            return;
+         }
+         self->pump();
+      });
+   }
    void finish() {
       std::error_code ignored;
       timer.cancel();
@@ -77,6 +104,8 @@ struct ControlClient : std::enable_shared_from_this<ControlClient> {
    asio::local::stream_protocol::socket socket;
    asio::steady_timer timer;
    ControlServer::Handler handler;
+   ControlServer::StreamHandler streamHandler;
+   std::unique_ptr<ControlStream> stream;
    std::string request;
    std::string answer;
    std::array<char, 4096> scratch;
@@ -137,7 +166,7 @@ void ControlServer::acceptNext() {
    acceptor_.async_accept(
        [self = Ovk::Ptr<ControlServer>(this)](std::error_code const& ec, asio::local::stream_protocol::socket s) {
           if (!self->acceptor_.is_open()) return;
-          if (!ec) std::make_shared<ControlClient>(std::move(s), self->handler_)->start();
+          if (!ec) std::make_shared<ControlClient>(std::move(s), self->handler_, self->streamHandler_)->start();
           self->acceptNext();
        });
 }

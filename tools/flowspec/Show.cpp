@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include "agent/ControlProtocol.h"
+#include "tools/flowspec/ShowFlowspec.h"
 #include "tools/flowspec/ShowPrinters.h"
 #include "tools/flowspec/Subcommand.h"
 
@@ -41,6 +42,7 @@ void addShowCommand(CLI::App& app, FlowspecTool::Options& options) {
                      "show updates", FlowspecTool::printUpdates);
    addShowSubcommand(*show, options, "summary", "per VRF and family: rules, paths and the FSIB export", "show summary",
                      FlowspecTool::printSummary);
+   FlowspecTool::addShowFlowspecCommand(*show, options);
 }
 
 const FlowspecTool::SubcommandRegistration registration{"show", addShowCommand};

@@ -4,6 +4,8 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <utility>
+#include <vector>
 
 namespace FlowspecTool {
 
@@ -23,13 +25,39 @@ std::string joined(nlohmann::json const& list) {
    return text.empty() ? "-" : text;
 }
 
+// A neighbor's count of `family` in the object `field`; "-" when it has none.
+std::string countText(nlohmann::json const& n, char const* field, std::string const& family) {
+   auto const it = n.find(field);
+   if (it == n.end() || !it->contains(family)) return "-";
+   return std::to_string(it->at(family).get<std::uint64_t>());
+}
+
 } // namespace
 
 void printNeighbors(nlohmann::json const& answer, std::ostream& os) {
+   // Per family whose plugin labels its counts (hook 17): received and accepted rules, under
+   // the family's name.
+   std::vector<std::pair<std::string, nlohmann::json>> labelled;
+   if (auto const it = answer.find("summaryLabels"); it != answer.end()) {
+      for (auto const& [family, l] : it->items()) labelled.emplace_back(family, l);
+   }
+   if (!labelled.empty()) {
+      std::string line(26 + 11 + 12 + 10 + 4 * 8, ' ');
+      for (auto const& [family, l] : labelled) {
+         line += "  " + family;
+         line.append(family.size() < 18 ? 18 - family.size() : 0, ' ');
+      }
+      while (line.back() == ' ') line.pop_back();
+      os << line << '\n';
+   }
    os << std::left << std::setw(26) << "Neighbor" << std::setw(11) << "AS" << std::setw(12) << "State" << std::setw(10)
       << "Up" << std::right << std::setw(8) << "MsgIn" << std::setw(8) << "MsgOut" << std::setw(8) << "UpdIn"
-      << std::setw(8) << "UpdOut"
-      << "  " << std::left << "Families\n";
+      << std::setw(8) << "UpdOut";
+   for (auto const& [family, l] : labelled) {
+      os << "  " << std::setw(8) << l.at("received").get<std::string>() << std::setw(10)
+         << l.at("accepted").get<std::string>();
+   }
+   os << "  " << std::left << "Families\n";
    for (auto const& n : answer.at("neighbors")) {
       std::string const address = n.at("address").get<std::string>();
       std::string const name = address.find(':') != std::string::npos
@@ -40,8 +68,12 @@ void printNeighbors(nlohmann::json const& answer, std::ostream& os) {
          << uptimeText(n.at("state") == "Established", n.at("uptimeSeconds").get<std::uint64_t>()) << std::right
          << std::setw(8) << n.at("messagesIn").get<std::uint64_t>() << std::setw(8)
          << n.at("messagesOut").get<std::uint64_t>() << std::setw(8) << n.at("updatesIn").get<std::uint64_t>()
-         << std::setw(8) << n.at("updatesOut").get<std::uint64_t>() << "  " << std::left << joined(n.at("families"))
-         << '\n';
+         << std::setw(8) << n.at("updatesOut").get<std::uint64_t>();
+      for (auto const& [family, l] : labelled) {
+         os << "  " << std::setw(8) << countText(n, "rulesReceived", family) << std::setw(10)
+            << countText(n, "rulesAccepted", family);
+      }
+      os << "  " << std::left << joined(n.at("families")) << '\n';
       if (auto const d = n.at("description").get<std::string>(); !d.empty()) os << "  description: " << d << '\n';
       if (auto const e = n.at("lastError").get<std::string>(); !e.empty()) os << "  last error: " << e << '\n';
       // What the agent sent: UPDATEs and rules per family (agents before the RIB-out sent none).

@@ -837,6 +837,86 @@ def export_test(bins, workdir):
     return results
 
 
+def show_test(bins, workdir):
+    """GoBGP and BIRD announce overlapping rules; the route table lists them in the order
+    forwarding applies them (RFC 8955 section 5.1), the shared rule with both paths."""
+    agent_address, gobgp_address, bird_address = "127.0.21.1", "127.0.21.2", "127.0.21.3"
+    agent_port = free_port(agent_address, "::1")
+    gobgp = GoBgp(workdir, gobgp_address, free_port(gobgp_address), agent_address, agent_port, passive=False,
+                  asn=65002, ipv6=False)
+    bird = Bird(workdir, bird_address, free_port(bird_address), agent_address, agent_port, passive=False,
+                asn=65003, ipv6=False)
+    bird.flow4 = [("dst 10.1.0.0/24; proto 6;", [(0x80060000, 0x447a0000)]),
+                  ("dst 10.1.0.0/24; proto 6; dport 80;", [(0x80060000, 0)])]
+    bird.flow6 = []
+    bird.prepend = 1
+    neighbors = [{"address": p.address, "port": p.port, "remote-as": p.asn, "passive": True, "hold-time": HOLD,
+                  "connect-retry": 1, "description": p.name} for p in (gobgp, bird)]
+    agent = Agent(bins, workdir, agent_address, agent_port, neighbors)
+    gobgp_rules = [["destination", "10.1.0.0/24", "protocol", "tcp", "then", "discard"],
+                   ["destination", "10.1.0.0/16", "then", "rate-limit", "1000"],
+                   ["destination", "10.1.0.128/25", "then", "discard"]]
+    # Longer destination first among overlapping ones; with equal destinations, a rule with
+    # a destination port before one without.
+    order = ["10.1.0.128/25;*;", "10.1.0.0/24;*;protocol =6;destination-port =80;", "10.1.0.0/24;*;protocol =6;",
+             "10.1.0.0/16;*;"]
+    results = {}
+
+    def table(*args):
+        return agent.ask("show", "flowspec", "ipv4", "--json", *args)["rules"]
+
+    try:
+        gobgp.start()
+        bird.start()
+        agent.start()
+        for p in (gobgp, bird):
+            agent.wait_state(p.address, "Established", 40)
+        wait_until("gobgp API", lambda: gobgp.gobgp("global") is not None, 15)
+        for r in gobgp_rules:
+            gobgp.gobgp("global", "rib", "-a", "ipv4-flowspec", "add", "match", *r)
+        wait_until("every rule in the route table", lambda: len(table()) == len(order), 20)
+        wait_until("both paths of the shared rule",
+                   lambda: len(next(r for r in table() if r["rule"] == order[2])["paths"]) == 2, 20)
+        rules = table()
+        if [r["rule"] for r in rules] != order:
+            raise Fail(f"rule order: {[r['rule'] for r in rules]}; wanted {order}")
+        shared = rules[2]
+        peers = [(p["peer"], p["best"]) for p in shared["paths"]]
+        # GoBGP's shorter AS_PATH wins.
+        if peers != [(gobgp_address, True), (bird_address, False)]:
+            raise Fail(f"paths of the shared rule: {peers}")
+        if not all(r["inFsib"] and r["notInFsibReason"] is None for r in rules):
+            raise Fail(f"FSIB status: {[(r['rule'], r['inFsib'], r['notInFsibReason']) for r in rules]}")
+        log(f"rule order {order}; the shared rule's paths {peers}")
+        results["order"] = "ok"
+
+        if [r["rule"] for r in table("--from", order[1], "--limit", "2")] != order[1:3]:
+            raise Fail("--from with --limit did not give the two rules from the given one")
+        # 10.1.0.0/32 sorts before 10.1.0.128/25 (no overlap, lower address): every rule follows.
+        if [r["rule"] for r in table("--dest", "10.1.0.77/24")] != order:
+            raise Fail("--dest 10.1.0.77/24 did not start at the first rule")
+        if table("--dest", "10.2.0.0/16") != []:
+            raise Fail("--dest 10.2.0.0/16 listed rules that sort before it")
+        one = agent.ask("show", "flowspec", "ipv4", "rule", "10.1.0.0/16 ; * ;", "--json")["rules"]
+        if [r["rule"] for r in one] != [order[3]]:
+            raise Fail(f"rule lookup: {one}")
+        r = subprocess.run([agent.flowspec, "--socket", agent.socket, "show", "flowspec", "ipv4", "rule",
+                            "10.9.0.0/16;*;"], capture_output=True, text=True, timeout=10)
+        if r.returncode != 1 or "no rule" not in r.stderr:
+            raise Fail(f"a rule not there: exit {r.returncode}, {r.stderr.strip()}")
+        r = subprocess.run([agent.flowspec, "--socket", agent.socket, "show", "flowspec", "ipv4", "advertised",
+                            "127.0.21.99", order[0]], capture_output=True, text=True, timeout=10)
+        if r.returncode != 2 or "unknown neighbor" not in r.stderr:
+            raise Fail(f"advertised to an unknown neighbor: exit {r.returncode}, {r.stderr.strip()}")
+        log("--from, --limit, --dest, one rule and the failures answered as expected")
+        results["starts"] = "ok"
+    finally:
+        agent.stop()
+        gobgp.stop()
+        bird.stop()
+    return results
+
+
 # ----------------------------------------------------------------------------------------
 # Faults: misbehaving peers, each with its own address, against one agent that also peers
 # with BIRD. Each fault must end in its NOTIFICATION while the BIRD sessions stay up.
@@ -1098,6 +1178,7 @@ def main():
     sub.add_parser("faults")
     sub.add_parser("export")
     sub.add_parser("readvertise")
+    sub.add_parser("show")
     args = ap.parse_args()
 
     label = f"{args.name}-{args.direction}" if args.what == "peer" else args.what
@@ -1123,6 +1204,8 @@ def main():
             results = fault_test(bins, workdir)
         elif args.what == "readvertise":
             results = readvertise_test(bins, workdir)
+        elif args.what == "show":
+            results = show_test(bins, workdir)
         else:
             results = export_test(bins, workdir)
     except Exception as e:  # Fail, or a tool that broke: both fail the test with the logs

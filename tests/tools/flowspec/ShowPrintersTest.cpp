@@ -70,6 +70,12 @@ constexpr char const* kSummary = R"({"vrfs":[
   "families":{"ipv4-flowspec":{"rules":3,"paths":4,"indexBytes":512}}}],
  "attributeSets":42,"attributeSetsBuilt":1300,"attributeSetsReused":1258})";
 
+// The same neighbors with the flowspec plugin's summary labels.
+std::string const kNeighborsLabelled =
+    std::string(R"({"summaryLabels":{"ipv4-flowspec":{"received":"RulesRcd","accepted":"RulesAcc"},)"
+                R"("ipv6-flowspec":{"received":"RulesRcd","accepted":"RulesAcc"}},)") +
+    (kNeighbors + 1);
+
 struct Printed {
    int status;
    std::string out;
@@ -113,6 +119,8 @@ TEST_P(ShowGoldenTest, answerOfAnotherShapeIsReported) {
 
 INSTANTIATE_TEST_SUITE_P(Show, ShowGoldenTest,
                          ::testing::Values(ShowCase{"neighbors", kNeighbors, FlowspecTool::printNeighbors},
+                                           ShowCase{"neighbors_labelled", kNeighborsLabelled.c_str(),
+                                                    FlowspecTool::printNeighbors},
                                            ShowCase{"updates", kUpdates, FlowspecTool::printUpdates},
                                            ShowCase{"summary", kSummary, FlowspecTool::printSummary}),
                          [](auto const& p) { return std::string(p.param.name); });

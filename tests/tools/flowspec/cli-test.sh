@@ -39,6 +39,14 @@ expect 2 "rule delete without a match" -- "$tool" --socket "$nosock" rule delete
 expect 2 "rule without a subcommand" -- "$tool" --socket "$nosock" rule
 expect 1 "rule list without an agent" -- "$tool" --socket "$nosock" rule list
 expect 0 "rule add help" -- "$tool" rule add --help
+expect 0 "show flowspec help" -- "$tool" show flowspec ipv4 --help
+expect 2 "show flowspec of an unknown family" -- "$tool" show flowspec ipv5
+expect 2 "show flowspec with an unknown option" -- "$tool" show flowspec ipv4 --colour
+expect 2 "show flowspec from a bad destination" -- "$tool" show flowspec ipv4 --dest 10.0.0.0/40
+expect 2 "show flowspec --from and --dest together" -- "$tool" show flowspec ipv4 --from "*;*;" --dest 10.0.0.0/8
+expect 2 "show flowspec advertised to a bad address" -- "$tool" show flowspec ipv4 advertised 10.0.0 "*;*;"
+expect 2 "show flowspec advertised without a rule" -- "$tool" show flowspec ipv4 advertised 10.0.0.1
+expect 1 "show flowspec without an agent" -- "$tool" --socket /nonexistent.sock show flowspec ipv4
 if [ -n "$captures" ] && [ -r "$captures/peers-pairs.pcap" ]; then
    expect 0 "decode a capture" -- "$tool" decode --json --pcap "$captures/peers-pairs.pcap"
 fi
