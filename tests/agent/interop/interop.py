@@ -910,6 +910,22 @@ def show_test(bins, workdir):
             raise Fail(f"advertised to an unknown neighbor: exit {r.returncode}, {r.stderr.strip()}")
         log("--from, --limit, --dest, one rule and the failures answered as expected")
         results["starts"] = "ok"
+
+        # What each peer was sent, from the sessions' RIB-outs: GoBGP's rule goes to BIRD
+        # with our AS in front, and not back to GoBGP.
+        def advertised(peer):
+            return subprocess.run([agent.flowspec, "--socket", agent.socket, "show", "flowspec", "ipv4",
+                                   "advertised", peer, order[0], "--json"], capture_output=True, text=True, timeout=10)
+
+        wait_until("the rule advertised to BIRD", lambda: advertised(bird_address).returncode == 0, 20)
+        sent = json.loads(advertised(bird_address).stdout)["advertised"]
+        if len(sent) != 1 or sent[0]["source"] != gobgp_address or sent[0]["asPath"] != f"{LOCAL_AS} 65002":
+            raise Fail(f"advertised to BIRD: {sent}")
+        r = advertised(gobgp_address)
+        if r.returncode != 1 or "not advertised" not in r.stderr:
+            raise Fail(f"advertised back to GoBGP: exit {r.returncode}, {r.stdout.strip()} {r.stderr.strip()}")
+        log(f"advertised to BIRD: {sent[0]['asPath']}; nothing back to GoBGP")
+        results["advertised"] = "ok"
     finally:
         agent.stop()
         gobgp.stop()
