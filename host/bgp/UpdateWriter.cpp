@@ -9,7 +9,8 @@ namespace Routing::Bgp {
 
 namespace {
 
-constexpr std::uint8_t kAsSet = 1, kAsSequence = 2, kConfedSequence = 3, kConfedSet = 4;
+// AS_PATH segment types (RFC 4271 section 4.3, RFC 5065 section 3); AS_SET (1) needs no special case.
+constexpr std::uint8_t kAsSequence = 2, kConfedSequence = 3, kConfedSet = 4;
 constexpr std::uint8_t kWellKnown = BgpAttrFlag::transitive;
 constexpr std::uint8_t kOptionalTransitive = BgpAttrFlag::optional | BgpAttrFlag::transitive;
 constexpr std::uint8_t kOptional = BgpAttrFlag::optional;

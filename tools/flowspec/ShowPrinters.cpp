@@ -78,7 +78,9 @@ void printNeighbors(nlohmann::json const& answer, std::ostream& os) {
       if (auto const e = n.at("lastError").get<std::string>(); !e.empty()) os << "  last error: " << e << '\n';
       // What the agent sent: UPDATEs and rules per family (agents before the RIB-out sent none).
       if (n.contains("familyUpdatesOut")) {
-         for (auto const& [family, updates] : n.at("familyUpdatesOut").items()) {
+         for (auto const& item : n.at("familyUpdatesOut").items()) {
+            std::string const& family = item.key();
+            auto const& updates = item.value();
             auto const count = [&](char const* key) -> std::uint64_t {
                auto const& o = n.at(key);
                return o.contains(family) ? o.at(family).get<std::uint64_t>() : 0;
