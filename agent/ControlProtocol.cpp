@@ -9,16 +9,16 @@
 
 namespace Flowspecd {
 
-Ovk::Result<std::string, std::string> controlRequest(std::string const& path, std::string_view request,
-                                                     std::chrono::milliseconds timeout) {
+SocketCloser::~SocketCloser() {
+   if (fd >= 0) ::close(fd);
+}
+
+Ovk::Result<int, std::string> sendControlRequest(std::string const& path, std::string_view request) {
    sockaddr_un addr{};
    if (path.size() >= sizeof(addr.sun_path)) return Ovk::failure("control socket path " + path + " is too long");
    int const fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
    if (fd < 0) return Ovk::failure(std::string("socket: ") + std::strerror(errno));
-   struct Closer {
-      int fd;
-      ~Closer() { ::close(fd); }
-   } const closer{fd};
+   SocketCloser closer{fd};
    addr.sun_family = AF_UNIX;
    std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
    if (::connect(fd, reinterpret_cast<sockaddr const*>(&addr), sizeof(addr)) != 0) {
@@ -33,6 +33,16 @@ Ovk::Result<std::string, std::string> controlRequest(std::string const& path, st
       if (n <= 0) return Ovk::failure(std::string("cannot send the request: ") + std::strerror(errno));
       sent += static_cast<std::size_t>(n);
    }
+   closer.fd = -1;
+   return fd;
+}
+
+Ovk::Result<std::string, std::string> controlRequest(std::string const& path, std::string_view request,
+                                                     std::chrono::milliseconds timeout) {
+   auto const sent = sendControlRequest(path, request);
+   if (!sent.ok()) return Ovk::failure(sent.reason());
+   SocketCloser const closer{sent.value()};
+   int const fd = closer.fd;
    std::string answer;
    auto const deadline = std::chrono::steady_clock::now() + timeout;
    char buf[4096];

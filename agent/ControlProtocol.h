@@ -19,4 +19,17 @@ constexpr char const* kDefaultControlSocket = "/tmp/flowspecd.sock";
 Ovk::Result<std::string, std::string> controlRequest(std::string const& path, std::string_view request,
                                                      std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
+// The clients' first step: connects to the agent at `path` and writes `request` and its
+// newline. The connected socket, which the caller closes (SocketCloser), or what went wrong.
+Ovk::Result<int, std::string> sendControlRequest(std::string const& path, std::string_view request);
+
+// Closes a socket when it goes; -1: nothing to close.
+struct SocketCloser {
+   int fd;
+   explicit SocketCloser(int f) : fd(f) {}
+   SocketCloser(SocketCloser const&) = delete;
+   SocketCloser& operator=(SocketCloser const&) = delete;
+   ~SocketCloser();
+};
+
 } // namespace Flowspecd
