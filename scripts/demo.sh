@@ -4,6 +4,8 @@
 #     neighbor 127.0.0.2), with GoBGP as that neighbor announcing three rules, for
 #     DEMO_SECONDS (default 20) or until Ctrl-C: the session, the best-path table and the
 #     FSIB the rules were written to, as another process reads it;
+#     The agent also originates a rule (`flowspec rule add`); the rule table, what GoBGP was
+#     sent and GoBGP's own table follow.
 #  2. `flowspec decode` on flowspec NLRI that GoBGP, BIRD and ExaBGP sent (the bundled
 #     samples in tools/flowspec/samples), and `flowspec encode` of a rule read back;
 #  3. `flowspec decode` on whole UPDATE messages of real speakers: a packet capture of
@@ -77,6 +79,21 @@ gobgp global rib -a ipv4-flowspec add match destination 198.51.100.7/32 protocol
 echo "\$ gobgp global rib -a ipv6-flowspec add match destination 2001:db8::/32 then mark 10"
 gobgp global rib -a ipv6-flowspec add match destination 2001:db8::/32 then mark 10
 sleep 1
+echo
+# The agent originates a rule of its own, which competes in best path and goes to GoBGP.
+fs() {
+  echo "\$ flowspec --socket $work/flowspecd.sock $*"
+  "$bin/tools/flowspec/flowspec" --socket "$work/flowspecd.sock" "$@"
+}
+fs rule add ipv4 destination 203.0.113.0/24 protocol tcp destination-port =80 then rate-limit 125000 mark 10
+sleep 1
+echo
+fs show flowspec ipv4     # every rule in the order forwarding applies them, with paths and FSIB status
+echo
+fs show flowspec ipv4 advertised 127.0.0.2 "203.0.113.0/24;*;protocol =6;destination-port =80;"
+echo
+echo "\$ gobgp global rib -a ipv4-flowspec     # GoBGP received the agent's rule"
+gobgp global rib -a ipv4-flowspec
 echo
 echo "\$ flowspec --socket $work/flowspecd.sock show summary"
 "$bin/tools/flowspec/flowspec" --socket "$work/flowspecd.sock" show summary
