@@ -4,7 +4,7 @@
 #     neighbor 127.0.0.2), with GoBGP as that neighbor announcing three rules, for
 #     DEMO_SECONDS (default 20) or until Ctrl-C: the session, the best-path table and the
 #     FSIB the rules were written to, as another process reads it;
-#     The agent also originates a rule (`flowspec rule add`); the rule table, what GoBGP was
+#     the agent also originates a rule (`flowspec rule add`); the rule table, what GoBGP was
 #     sent and GoBGP's own table follow.
 #  2. `flowspec decode` on flowspec NLRI that GoBGP, BIRD and ExaBGP sent (the bundled
 #     samples in tools/flowspec/samples), and `flowspec encode` of a rule read back;
