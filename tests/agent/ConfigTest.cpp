@@ -225,8 +225,8 @@ then = ["discard"]
    // The same match in the other family is another rule; the same in the same family is not.
    ASSERT_FALSE(r.ok());
    ASSERT_EQ(r.reason().size(), 1u);
-   EXPECT_EQ(r.reason()[0].str(), "rules.toml:31: rule ipv4-flowspec 192.0.2.0/24;*;protocol =6;destination-port =80; "
-                                  "is already defined on line 21");
+   EXPECT_EQ(r.reason()[0].str(), "rules.toml:32: rule ipv4-flowspec 192.0.2.0/24;*;protocol =6;destination-port =80; "
+                                  "is already defined on line 22");
    std::string good(kGood);
    good += "[[rule]]\nfamily = \"ipv6-flowspec\"\nmatch = \"destination 2001:db8::/32\"\nthen = [\"sample\", "
            "\"terminal\"]\n";
@@ -234,7 +234,7 @@ then = ["discard"]
    ASSERT_TRUE(ok.ok()) << ok.reason().front().str();
    ASSERT_EQ(ok.value().rules.size(), 1u);
    RuleConfig const& rule = ok.value().rules[0];
-   EXPECT_EQ(rule.line, 20u);
+   EXPECT_EQ(rule.line, 21u);
    EXPECT_EQ(rule.rule.family, kIpv6Flowspec);
    EXPECT_EQ(rule.rule.match, "2001:db8::/32;*;");
    EXPECT_EQ(rule.rule.actions, (std::vector<std::string>{"sample", "terminal"}));
