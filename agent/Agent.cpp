@@ -234,7 +234,7 @@ std::string Agent::handleRuleRequest(std::string_view verb, std::string_view bod
          then.push_back(a.get<std::string>());
       }
    }
-   auto rule = originatedRuleOf(*family, match, then);
+   auto rule = originatedRuleOf(*family, match, then, config_.localAs);
    if (!rule) return refuse(rule.reason());
    std::string const text = familyName(*family) + " " + rule.value().match;
    std::vector<std::string> const actions = rule.value().actions;

@@ -375,7 +375,7 @@ void readVrfs(Checker& check, toml::table const& root, AgentConfig& config) {
 }
 
 // One [[rule]] table: family, match and then, read into the rule they make.
-std::optional<RuleConfig> readRule(Checker& check, toml::table const& t) {
+std::optional<RuleConfig> readRule(Checker& check, toml::table const& t, std::uint32_t localAs) {
    std::uint32_t const line = Checker::lineOf(t);
    check.onlyKeys(t, {"family", "match", "then"}, "[[rule]]");
    std::optional<AfiSafi> family;
@@ -418,7 +418,7 @@ std::optional<RuleConfig> readRule(Checker& check, toml::table const& t) {
       thenOk = false;
    }
    if (!family || !match || !thenOk) return std::nullopt;
-   auto rule = originatedRuleOf(*family, *match, then);
+   auto rule = originatedRuleOf(*family, *match, then, localAs);
    if (!rule) {
       // A mistake in the match is on the match's line; one in the actions on then's.
       bool const inMatch = rule.reason().rfind("match: ", 0) == 0;
@@ -440,7 +440,7 @@ void readRules(Checker& check, toml::table const& root, AgentConfig& config) {
       return;
    }
    for (auto const& item : *list) {
-      auto rule = readRule(check, *item.as_table());
+      auto rule = readRule(check, *item.as_table(), config.localAs);
       if (!rule) continue;
       auto const same = std::find_if(config.rules.begin(), config.rules.end(), [&](RuleConfig const& o) {
          return o.rule.family == rule->rule.family && o.rule.nlri == rule->rule.nlri;

@@ -11,13 +11,19 @@
 
 #include "host/bgp/BgpMessage.h"
 #include "host/bgp/ExtComm.h"
+#include "host/bgp/PathAttributes.h"
+#include "host/bgp/UpdateWriter.h"
 
 namespace Flowspecd {
 
 namespace {
 
+using Routing::Bgp::BgpOrigin;
+using Routing::Bgp::ExtComm;
+using Routing::Bgp::ExtCommIp6;
 using Routing::Bgp::kIpv4Flowspec;
 using Routing::Bgp::kIpv6Flowspec;
+using Routing::Bgp::PathAttributesContents;
 
 constexpr std::uint64_t typeSubtype(std::uint16_t ts) { return static_cast<std::uint64_t>(ts) << 48; }
 
@@ -323,19 +329,8 @@ Ovk::Result<std::vector<std::uint8_t>, std::string> nlriOf(AfiSafi family, Flows
    return nlri;
 }
 
-std::size_t maxAdvertisedUpdateSize(std::size_t nlriBytes, std::size_t extComms, std::size_t ip6ExtComms) {
-   std::size_t const header = 19 + 2 + 2;
-   std::size_t const origin = attributeSize(1);
-   std::size_t const asPath = attributeSize(2 + 4); // one AS_SEQUENCE holding the local AS
-   std::size_t const localPref = attributeSize(4);
-   std::size_t const ext = extComms ? attributeSize(8 * extComms) : 0;
-   std::size_t const ext6 = ip6ExtComms ? attributeSize(20 * ip6ExtComms) : 0;
-   std::size_t const mpReach = attributeSize(2 + 1 + 1 + 16 + 1 + nlriBytes);
-   return header + origin + asPath + localPref + ext + ext6 + mpReach;
-}
-
 Ovk::Result<OriginatedRule, std::string> originatedRuleOf(AfiSafi family, std::string_view match,
-                                                          std::vector<std::string> const& then) {
+                                                          std::vector<std::string> const& then, std::uint32_t localAs) {
    OriginatedRule rule;
    rule.family = family;
    rule.key.afIs(family == kIpv4Flowspec ? Ovnet::AddressFamily::ipv4 : Ovnet::AddressFamily::ipv6);
@@ -348,9 +343,15 @@ Ovk::Result<OriginatedRule, std::string> originatedRuleOf(AfiSafi family, std::s
    auto communities = communitiesOf(family, then);
    if (!communities) return Ovk::failure("then: " + communities.reason());
    rule.communities = std::move(communities.value());
-   std::size_t const size =
-       maxAdvertisedUpdateSize(rule.nlri.size(), rule.communities.extComms.size(), rule.communities.ip6ExtComms.size());
-   if (size > kMaxMessage) {
+   // The writer's own limit: what the rule's attributes leave for its NLRI on the tightest
+   // session it may go to.
+   PathAttributesContents rib;
+   rib.origin = BgpOrigin::igp;
+   for (std::uint64_t const c : rule.communities.extComms) rib.extCommList.push(ExtComm::create(c));
+   for (auto const& c : rule.communities.ip6ExtComms) rib.extCommIp6List.push(ExtCommIp6::create(c));
+   if (!Routing::Bgp::fitsOneUpdate(family, rib, rule.nlri.size(), localAs)) {
+      std::size_t const room = Routing::Bgp::maxNlriBytesToAnyPeer(family, rib, localAs);
+      std::size_t const size = kMaxMessage - std::min(room, kMaxMessage) + rule.nlri.size();
       return Ovk::failure("the rule's UPDATE would need " + std::to_string(size) +
                           " bytes with its attributes, more than one " + std::to_string(kMaxMessage) +
                           "-byte message holds");

@@ -79,19 +79,11 @@ std::optional<AfiSafi> ruleFamilyOf(std::string_view name);
 // kMaxNlriBody bytes.
 Ovk::Result<std::vector<std::uint8_t>, std::string> nlriOf(AfiSafi family, Flowspec::FlowspecKey const& key);
 
-// The exact size of the largest UPDATE that can carry this rule's advertisement to a peer,
-// as the UPDATE writer builds it: header 19, withdrawn-routes length 2, path-attributes
-// length 2; ORIGIN 4; AS_PATH 3 plus one AS_SEQUENCE of one 4-octet AS (6) that an eBGP
-// session prepends; LOCAL_PREF 7 (iBGP); EXTENDED_COMMUNITIES 3 (4 with an extended length
-// above 255 bytes) plus 8 per community; IPv6 address specific extended communities the
-// same with 20 per community; MP_REACH_NLRI 3 or 4 plus AFI 2, SAFI 1, next-hop length 1,
-// a next hop of up to 16 bytes, reserved 1, and the NLRI. Attributes without communities
-// are left out.
-std::size_t maxAdvertisedUpdateSize(std::size_t nlriBytes, std::size_t extComms, std::size_t ip6ExtComms);
-
-// Reads a whole rule. The reason says what is wrong, starting with "match: " or "then: ".
+// Reads a whole rule of the agent of AS `localAs`. The reason says what is wrong, starting
+// with "match: " or "then: "; a rule whose UPDATE cannot fit one message to every peer it may
+// go to (fitsOneUpdate, the UPDATE writer's own check) is refused with the size it would need.
 Ovk::Result<OriginatedRule, std::string> originatedRuleOf(AfiSafi family, std::string_view match,
-                                                          std::vector<std::string> const& then);
+                                                          std::vector<std::string> const& then, std::uint32_t localAs);
 
 // The UPDATE whose decoding gives the agent's own path of `rule`: ORIGIN IGP, an empty
 // AS_PATH, the rule's communities and an MP_REACH_NLRI with the rule's next hop (an empty

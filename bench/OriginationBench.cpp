@@ -21,6 +21,7 @@ std::string matchOf(std::uint32_t i) {
           std::to_string(i & 0xff) + "/32 protocol tcp destination-port =80";
 }
 std::vector<std::string> const kThen{"rate-limit 125000", "mark 10"};
+constexpr std::uint32_t kLocalAs = 65001;
 
 // The plugin library, loaded as the agent loads it (its parse rules read the rules' UPDATEs).
 void loadPlugin() {
@@ -32,7 +33,7 @@ std::vector<RuleConfig> rules(std::uint32_t n) {
    std::vector<RuleConfig> out;
    out.reserve(n);
    for (std::uint32_t i = 0; i < n; ++i) {
-      out.push_back(RuleConfig{originatedRuleOf(kIpv4Flowspec, matchOf(i), kThen).value(), i + 1});
+      out.push_back(RuleConfig{originatedRuleOf(kIpv4Flowspec, matchOf(i), kThen, kLocalAs).value(), i + 1});
    }
    return out;
 }
@@ -40,7 +41,7 @@ std::vector<RuleConfig> rules(std::uint32_t n) {
 void BM_OriginatedRuleOf(benchmark::State& state) {
    std::string const match = matchOf(12345);
    for (auto _ : state) {
-      auto r = originatedRuleOf(kIpv4Flowspec, match, kThen);
+      auto r = originatedRuleOf(kIpv4Flowspec, match, kThen, kLocalAs);
       benchmark::DoNotOptimize(r);
    }
    state.SetItemsProcessed(state.iterations());

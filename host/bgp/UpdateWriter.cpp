@@ -1,5 +1,6 @@
 #include "host/bgp/UpdateWriter.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "host/bgp/Rib.h"
@@ -187,19 +188,19 @@ std::size_t maxNlriBytes(AfiSafi family, PathAttributesContents const& attrs, Up
    return w.maxNlri();
 }
 
-bool fitsOneUpdate(AfiSafi family, PathAttributesContents const& rib, std::size_t nlriBytes, std::uint32_t localAs) {
-   if (nlriBytes > kMaxWithdrawnNlriBytes) return false;
-   // The longest next hop any session gets.
+std::size_t maxNlriBytesToAnyPeer(AfiSafi family, PathAttributesContents const& rib, std::uint32_t localAs) {
+   std::size_t room = kMaxWithdrawnNlriBytes;
+   // The longest next hop any session gets: hook 1 gives an address of the family or nothing.
    Ovk::Ptr<GenNexthop const> const nexthop =
-       family.afi() == Afi::afiIpv6 ? IpPlugin::IpGenNexthop::create(*Ovnet::IpGenAddr::parse("::1")) : nullptr;
+       IpPlugin::IpGenNexthop::create(*Ovnet::IpGenAddr::parse(family.afi() == Afi::afiIpv6 ? "::1" : "127.0.0.1"));
    for (bool const internal : {false, true}) {
-      BgpPeer const to{Ovnet::IpGenAddr(), internal ? localAs : localAs + 1, localAs, 0, BgpVrfIdBase{}};
+      BgpPeer const to{Ovnet::IpGenAddr(), internal ? localAs : localAs ^ 1u, localAs, 0, BgpVrfIdBase{}};
       PathAttributesContents const out = exportAttributes(rib, to, true, nexthop);
       for (bool const fourOctet : {false, true}) {
-         if (maxNlriBytes(family, out, UpdateSession{fourOctet, internal}) < nlriBytes) return false;
+         room = std::min(room, maxNlriBytes(family, out, UpdateSession{fourOctet, internal}));
       }
    }
-   return true;
+   return room;
 }
 
 // ---- UpdateWriter ----

@@ -63,11 +63,18 @@ inline constexpr std::size_t kMaxWithdrawnNlriBytes = kMaxMessageSize - kWithdra
 // exportAttributes) in `family` for `session`; 0 when the attributes alone fill it.
 std::size_t maxNlriBytes(AfiSafi family, PathAttributesContents const& attrs, UpdateSession session);
 
-// The check for a rule before it enters the RIB: true when an NLRI of `nlriBytes` bytes (its
-// length field included) with the RIB attributes `rib` fits one UPDATE to any peer the agent
-// of AS `localAs` may send it to (external or internal, with or without 4-octet AS numbers,
-// with an IPv6 next hop of 16 bytes, as its own path) and its withdrawal fits one too.
-bool fitsOneUpdate(AfiSafi family, PathAttributesContents const& rib, std::size_t nlriBytes, std::uint32_t localAs);
+// The NLRI bytes (length field included) one UPDATE can carry with the RIB attributes `rib`
+// to any peer the agent of AS `localAs` may send them to: the tightest of external and
+// internal, with and without 4-octet AS numbers, with the longest next hop of the family (4
+// bytes for IPv4, 16 for IPv6), as its own path; never more than a withdrawal carries.
+std::size_t maxNlriBytesToAnyPeer(AfiSafi family, PathAttributesContents const& rib, std::uint32_t localAs);
+
+// The check for a rule before it enters the RIB: true when an NLRI of `nlriBytes` bytes fits
+// one UPDATE to any peer (maxNlriBytesToAnyPeer) and its withdrawal fits one too.
+inline bool fitsOneUpdate(AfiSafi family, PathAttributesContents const& rib, std::size_t nlriBytes,
+                          std::uint32_t localAs) {
+   return nlriBytes <= maxNlriBytesToAnyPeer(family, rib, localAs);
+}
 
 // Packs NLRI into UPDATE messages for one session and family.
 class UpdateWriter {

@@ -14,6 +14,8 @@ using BgpTest::hexText;
 using Routing::Bgp::kIpv4Flowspec;
 using Routing::Bgp::kIpv6Flowspec;
 
+constexpr std::uint32_t kAs = 65001;
+
 std::string hex16(std::uint64_t v) {
    char b[17];
    std::snprintf(b, sizeof b, "%016llx", static_cast<unsigned long long>(v));
@@ -136,7 +138,7 @@ TEST(OriginatedRule, NlriIsWhatTheRouteKeyWrites) {
    };
    for (Row const& row : rows) {
       SCOPED_TRACE(row.text);
-      auto rule = originatedRuleOf(row.family, row.text, {"discard"});
+      auto rule = originatedRuleOf(row.family, row.text, {"discard"}, kAs);
       ASSERT_TRUE(rule.ok()) << rule.reason();
       auto const encoded = FlowspecTool::encodeRule(row.family.afi(), row.text);
       ASSERT_TRUE(encoded["ok"].get<bool>()) << encoded.dump();
@@ -160,50 +162,12 @@ TEST(OriginatedRule, MatchesThatAreRefusedSayWhy) {
    };
    for (Row const& row : rows) {
       SCOPED_TRACE(row.text);
-      auto rule = originatedRuleOf(row.family, row.text, {"discard"});
+      auto rule = originatedRuleOf(row.family, row.text, {"discard"}, kAs);
       ASSERT_FALSE(rule.ok());
       EXPECT_EQ(rule.reason().rfind(row.why, 0), 0u) << rule.reason();
    }
-   EXPECT_EQ(originatedRuleOf(kIpv4Flowspec, "destination 10.0.0.0/8", {}).reason(),
+   EXPECT_EQ(originatedRuleOf(kIpv4Flowspec, "destination 10.0.0.0/8", {}, kAs).reason(),
              "then: a rule needs at least one action");
-}
-
-// The largest UPDATE of a rule, counted by hand for the attribute lengths' two forms.
-TEST(OriginatedRule, MaxAdvertisedUpdateSizeCountsEveryByte) {
-   struct Row {
-      std::size_t nlri, ext, ext6, size;
-   };
-   // Fixed: 23 header, 4 ORIGIN, 9 AS_PATH, 7 LOCAL_PREF = 43; MP_REACH 3 + 21 + NLRI.
-   std::vector<Row> const rows{
-       {6, 0, 0, 43 + 3 + 21 + 6},
-       {6, 1, 0, 43 + 11 + 3 + 21 + 6},
-       {6, 2, 1, 43 + 19 + 23 + 3 + 21 + 6},
-       {234, 0, 0, 43 + 3 + 21 + 234},        // a 255-byte MP_REACH_NLRI value: one length byte
-       {235, 0, 0, 43 + 4 + 21 + 235},        // 256 bytes: the extended length
-       {6, 31, 0, 43 + 3 + 248 + 3 + 21 + 6}, // 248 bytes of communities: one length byte
-       {6, 32, 0, 43 + 4 + 256 + 3 + 21 + 6}, // 256: the extended length
-       {6, 0, 13, 43 + 4 + 260 + 3 + 21 + 6},
-   };
-   for (Row const& r : rows) {
-      SCOPED_TRACE(r.nlri);
-      EXPECT_EQ(maxAdvertisedUpdateSize(r.nlri, r.ext, r.ext6), r.size);
-   }
-}
-
-// The arithmetic agrees with real bytes: the agent's own UPDATE of a rule (no AS, no
-// LOCAL_PREF, no next hop) plus what an eBGP advertisement adds (6 + 7 + 16).
-TEST(OriginatedRule, MaxAdvertisedUpdateSizeAgreesWithTheOriginationUpdate) {
-   for (auto const& [family, match, then] : std::vector<std::tuple<AfiSafi, std::string, std::vector<std::string>>>{
-            {kIpv4Flowspec, "destination 10.0.0.0/8", {"discard", "mark 1", "sample"}},
-            {kIpv6Flowspec, "destination 2001:db8::/32", {"redirect-ip 2001:db8::1", "rate-limit 10"}},
-        }) {
-      auto rule = originatedRuleOf(family, match, then);
-      ASSERT_TRUE(rule.ok()) << rule.reason();
-      auto const& r = rule.value();
-      EXPECT_EQ(
-          originationUpdate(r).size() + 6 + 7 + 16,
-          maxAdvertisedUpdateSize(r.nlri.size(), r.communities.extComms.size(), r.communities.ip6ExtComms.size()));
-   }
 }
 
 // A rule whose NLRI fits its length field but whose UPDATE does not fit one message is
@@ -214,17 +178,29 @@ TEST(OriginatedRule, RuleThatCannotFitOneUpdateIsRefused) {
       for (int p = 0; p < n; ++p) text += " =" + std::to_string(1000 + p); // 3 bytes each
       return text;
    };
-   // NLRI: 2 length bytes, 1 type byte, 3 per value; fixed 43 + MP_REACH 4 + 21 + 11 for
-   // one community: 79 bytes beside the NLRI. 4096 - 79 = 4017 = 2 + 1 + 3 * 1338.
-   auto fits = originatedRuleOf(kIpv4Flowspec, ports(1338), {"discard"});
+   // NLRI: 2 length bytes, 1 type byte, 3 per value. The tightest session is iBGP: header 23,
+   // ORIGIN 4, empty AS_PATH 3, LOCAL_PREF 7, one community 11, MP_REACH_NLRI 4 + 9 with a
+   // 4-byte next hop: 61 bytes beside the NLRI. 4096 - 61 = 4035 = 2 + 1 + 3 * 1344.
+   auto fits = originatedRuleOf(kIpv4Flowspec, ports(1344), {"discard"}, kAs);
    ASSERT_TRUE(fits.ok()) << fits.reason();
-   EXPECT_EQ(fits.value().nlri.size(), 4017u);
-   auto const tooBig = originatedRuleOf(kIpv4Flowspec, ports(1339), {"discard"});
+   EXPECT_EQ(fits.value().nlri.size(), 4035u);
+   auto const tooBig = originatedRuleOf(kIpv4Flowspec, ports(1345), {"discard"}, kAs);
    ASSERT_FALSE(tooBig.ok());
    EXPECT_EQ(tooBig.reason(), "the rule's UPDATE would need 4099 bytes with its attributes, more than one 4096-byte "
                               "message holds");
+   // A local AS beyond 16 bits costs an eBGP session without 4-octet AS numbers AS_TRANS and
+   // an AS4_PATH (7 + 9 bytes): 67 beside the NLRI, so 4029 = 2 + 1 + 3 * 1342.
+   EXPECT_TRUE(originatedRuleOf(kIpv4Flowspec, ports(1342), {"discard"}, 4200000000u).ok());
+   EXPECT_FALSE(originatedRuleOf(kIpv4Flowspec, ports(1343), {"discard"}, 4200000000u).ok());
+   // IPv6: a 16-byte next hop (+12) and an IPv6 address specific community (+23): 96 beside
+   // the NLRI, so 4000 holds 2 + 1 + 3 * 1332.
+   std::vector<std::string> const redirect{"redirect-ip 2001:db8::1", "discard"};
+   EXPECT_TRUE(originatedRuleOf(kIpv6Flowspec, ports(1332), redirect, kAs).ok());
+   auto const v6 = originatedRuleOf(kIpv6Flowspec, ports(1333), redirect, kAs);
+   ASSERT_FALSE(v6.ok());
+   EXPECT_NE(v6.reason().find("would need 4098 bytes"), std::string::npos) << v6.reason();
    // An NLRI beyond its length field is refused as such.
-   auto const tooLong = originatedRuleOf(kIpv4Flowspec, ports(1400), {"discard"});
+   auto const tooLong = originatedRuleOf(kIpv4Flowspec, ports(1400), {"discard"}, kAs);
    ASSERT_FALSE(tooLong.ok());
    EXPECT_NE(tooLong.reason().find("4095"), std::string::npos) << tooLong.reason();
 }

@@ -43,7 +43,7 @@ struct Fixture {
    }
 
    static OriginatedRule rule(std::string const& family, std::string const& match, std::vector<std::string> then) {
-      auto r = originatedRuleOf(*ruleFamilyOf(family), match, then);
+      auto r = originatedRuleOf(*ruleFamilyOf(family), match, then, 65001);
       EXPECT_TRUE(r.ok()) << r.reason();
       return r.value();
    }

@@ -487,6 +487,10 @@ class Bird(Peer):
 
 class ExaBgp(Peer):
     name = "exabgp"
+    # Its own rules, announced from the configuration; and whether the API process also hears
+    # the UPDATEs it receives (ExaBGP prints received routes only that way).
+    routes = True
+    receive_updates = False
 
     def start(self):
         cfg = os.path.join(self.workdir, "exabgp.conf")
@@ -503,13 +507,16 @@ class ExaBgp(Peer):
                       f"  local-as {PEER_AS};", f"  peer-as {LOCAL_AS};", f"  hold-time {HOLD};",
                       f"  connect {self.agent_port};", f"  passive {'true' if self.passive else 'false'};",
                       "  family { ipv4 flow; ipv6 flow; }",
-                      "  api { processes [ events ]; neighbor-changes; receive { parsed; notification; } }",
-                      "  flow {",
-                      "    route web { match { destination 10.2.0.0/24; protocol tcp; destination-port =80; }"
-                      " then { discard; } }",
-                      "    route v6 { match { destination 2001:db8:2::/48/0; next-header udp; }"
-                      " then { rate-limit 9600; } }",
-                      "  }", "}"]
+                      "  api { processes [ events ]; neighbor-changes; receive { parsed; notification;"
+                      + (" update;" if self.receive_updates else "") + " } }"]
+            if self.routes:
+                lines += ["  flow {",
+                          "    route web { match { destination 10.2.0.0/24; protocol tcp; destination-port =80; }"
+                          " then { discard; } }",
+                          "    route v6 { match { destination 2001:db8:2::/48/0; next-header udp; }"
+                          " then { rate-limit 9600; } }",
+                          "  }"]
+            lines.append("}")
         with open(cfg, "w") as f:
             f.write("\n".join(lines) + "\n")
         env = dict(os.environ)
@@ -546,7 +553,7 @@ class Frr(Peer):
         cfg = os.path.join(self.workdir, "frr.conf")
         vty = os.path.join(self.workdir, "frr-vty")
         os.makedirs(vty, exist_ok=True)
-        lines = ["hostname interop-frr", "debug bgp neighbor-events", "router bgp %d" % PEER_AS,
+        lines = ["hostname interop-frr", "debug bgp neighbor-events", "debug bgp updates in", "debug bgp flowspec", "router bgp %d" % PEER_AS,
                  f" bgp router-id {self.address}", " bgp log-neighbor-changes",
                  " no bgp ebgp-requires-policy", " no bgp default ipv4-unicast", " no bgp network import-check",
                  f" timers bgp 1 {HOLD}"]

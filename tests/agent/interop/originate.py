@@ -123,7 +123,7 @@ def originate_test(bins, workdir):
         expect_status(agent, 1, "match: cannot read", "rule", "add", "ipv4", "destinatio", "10.0.0.0/8", "then",
                       "discard")
         expect_status(agent, 1, "UPDATE would need", "rule", "add", "ipv4", "destination-port",
-                      *[f"={p}" for p in range(1000, 2339)], "then", "discard")
+                      *[f"={p}" for p in range(1000, 2345)], "then", "discard")
         expect_status(agent, 2, "no \"then\"", "rule", "add", "ipv4", "destination", "10.0.0.0/8")
         expect_status(agent, 2, "", "rule", "add", "ipv7", "destination", "10.0.0.0/8", "then", "discard")
         listing = agent.ask("rule", "list", "--json")["rules"]
