@@ -190,9 +190,6 @@ void putAttribute(std::vector<std::uint8_t>& out, std::uint8_t flags, std::uint8
    out.insert(out.end(), value.begin(), value.end());
 }
 
-// The size of an attribute with a value of `n` bytes.
-constexpr std::size_t attributeSize(std::size_t n) { return (n > 255 ? 4 : 3) + n; }
-
 void putPrefix(std::vector<std::uint8_t>& out, std::uint8_t type, Ovnet::IpGenPrefix const& p) {
    out.push_back(type);
    out.push_back(p.len());
