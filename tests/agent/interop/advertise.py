@@ -22,17 +22,14 @@ import base64
 import json
 import os
 import re
-import shutil
 import socket
 import struct
 import subprocess
 import sys
-import tempfile
-import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from interop import (HOLD, PEER_AS, Agent, Bird, ExaBgp, Fail, Frr, GoBgp, LoopbackCapture,  # noqa: E402
-                     free_port, log, wait_until)
+                     case_workdir, free_port, log, run_case, wait_until)
 
 
 def ext(type_, subtype, value):
@@ -406,32 +403,9 @@ def main():
     ap.add_argument("--flowspec", required=True)
     ap.add_argument("--work", help="folder for configurations and logs (default: a new temporary one)")
     args = ap.parse_args()
-    if args.work:
-        workdir = os.path.join(args.work, "advertise")
-        shutil.rmtree(workdir, ignore_errors=True)
-        os.makedirs(workdir)
-    else:
-        workdir = tempfile.mkdtemp(prefix="flowspecd-advertise-")
-    os.chmod(workdir, 0o755)  # daemons that drop privileges read their files here
-    started = time.monotonic()
-    try:
-        for program in ("gobgpd", "gobgp", "bird", "birdc", "exabgp", "/usr/lib/frr/bgpd", "vtysh"):
-            if not shutil.which(program):
-                raise Fail(f"{program} is not installed (scripts/setup.sh installs the BGP speakers)")
-        results = advertise_test((os.path.abspath(args.flowspecd), os.path.abspath(args.flowspec)), workdir)
-    except Exception as e:
-        log(f"FAILED advertise: {e}")
-        log(f"logs and configurations: {workdir}")
-        for name in sorted(os.listdir(workdir)):
-            if name.endswith(".log"):
-                with open(os.path.join(workdir, name), errors="replace") as f:
-                    print(f"---- {name} (last lines)\n" + "\n".join(f.read().splitlines()[-25:]))
-        print("0 passed, 1 failed")
-        return 1
-    log("advertise: " + ", ".join(f"{k} {v}" for k, v in results.items()) +
-        f" ({time.monotonic() - started:.1f}s)")
-    print("1 passed, 0 failed")
-    return 0
+    workdir = case_workdir(args.work, "advertise")
+    bins = (os.path.abspath(args.flowspecd), os.path.abspath(args.flowspec))
+    return run_case("advertise", workdir, lambda: advertise_test(bins, workdir), ("gobgpd", "gobgp", "bird", "birdc", "exabgp", "/usr/lib/frr/bgpd", "vtysh"))
 
 
 if __name__ == "__main__":

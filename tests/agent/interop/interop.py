@@ -1189,6 +1189,45 @@ def readvertise_test(bins, workdir):
     return results
 
 
+def case_workdir(work, label):
+    """The folder of one case's configurations and logs: under --work when given (emptied
+    first), else a new temporary one; readable by daemons that drop privileges."""
+    if work:
+        workdir = os.path.join(work, label)
+        shutil.rmtree(workdir, ignore_errors=True)
+        os.makedirs(workdir)
+    else:
+        workdir = tempfile.mkdtemp(prefix=f"flowspecd-interop-{label}-")
+    os.chmod(workdir, 0o755)
+    return workdir
+
+
+def run_case(label, workdir, run, needed=()):
+    """Runs one case (`run` returns its results by step) after checking that the programs
+    it needs are installed. On any failure, a Fail or a tool that broke, prints the last
+    lines of every log in `workdir`. Returns the exit status."""
+    started = time.monotonic()
+    try:
+        for program in needed:
+            if not shutil.which(program):
+                raise Fail(f"{program} is not installed (scripts/setup.sh installs the BGP speakers)")
+        results = run()
+    except Exception as e:
+        log(f"FAILED {label}: {e}")
+        log(f"logs and configurations: {workdir}")
+        for name in sorted(os.listdir(workdir)):
+            if name.endswith(".log"):
+                with open(os.path.join(workdir, name), errors="replace") as f:
+                    tail = f.read().splitlines()[-25:]
+                print(f"---- {name} (last lines)\n" + "\n".join(tail))
+        print("0 passed, 1 failed")
+        return 1
+    log(f"{label}: " + ", ".join(f"{k} {v}" for k, v in results.items()) +
+        f" ({time.monotonic() - started:.1f}s)")
+    print("1 passed, 0 failed")
+    return 0
+
+
 def main():
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("--flowspecd", required=True, help="the agent binary")
@@ -1205,46 +1244,24 @@ def main():
     args = ap.parse_args()
 
     label = f"{args.name}-{args.direction}" if args.what == "peer" else args.what
-    if args.work:
-        workdir = os.path.join(args.work, label)
-        shutil.rmtree(workdir, ignore_errors=True)
-        os.makedirs(workdir)
-    else:
-        workdir = tempfile.mkdtemp(prefix=f"flowspecd-interop-{label}-")
-    os.chmod(workdir, 0o755)  # daemons that drop privileges read their files here
-    started = time.monotonic()
+    workdir = case_workdir(args.work, label)
     bins = (os.path.abspath(args.flowspecd), os.path.abspath(args.flowspec))
-    try:
-        needed = {"gobgp": ["gobgpd", "gobgp"], "bird": ["bird"], "exabgp": ["exabgp"],
-                  "frr": ["/usr/lib/frr/bgpd"]}[args.name] if args.what == "peer" else (
-                      ["bird"] if args.what == "faults" else ["bird", "birdc", "gobgpd", "gobgp"])
-        for program in needed:
-            if not shutil.which(program):
-                raise Fail(f"{program} is not installed (scripts/setup.sh installs the BGP speakers)")
+    needed = {"gobgp": ["gobgpd", "gobgp"], "bird": ["bird"], "exabgp": ["exabgp"],
+              "frr": ["/usr/lib/frr/bgpd"]}[args.name] if args.what == "peer" else (
+                  ["bird"] if args.what == "faults" else ["bird", "birdc", "gobgpd", "gobgp"])
+
+    def run():
         if args.what == "peer":
-            results = peer_test(bins, workdir, args.name, args.direction)
-        elif args.what == "faults":
-            results = fault_test(bins, workdir)
-        elif args.what == "readvertise":
-            results = readvertise_test(bins, workdir)
-        elif args.what == "show":
-            results = show_test(bins, workdir)
-        else:
-            results = export_test(bins, workdir)
-    except Exception as e:  # Fail, or a tool that broke: both fail the test with the logs
-        log(f"FAILED {label}: {e}")
-        log(f"logs and configurations: {workdir}")
-        for name in sorted(os.listdir(workdir)):
-            if name.endswith(".log"):
-                with open(os.path.join(workdir, name), errors="replace") as f:
-                    tail = f.read().splitlines()[-25:]
-                print(f"---- {name} (last lines)\n" + "\n".join(tail))
-        print("0 passed, 1 failed")
-        return 1
-    log(f"{label}: " + ", ".join(f"{k} {v}" for k, v in results.items()) +
-        f" ({time.monotonic() - started:.1f}s)")
-    print("1 passed, 0 failed")
-    return 0
+            return peer_test(bins, workdir, args.name, args.direction)
+        if args.what == "faults":
+            return fault_test(bins, workdir)
+        if args.what == "readvertise":
+            return readvertise_test(bins, workdir)
+        if args.what == "show":
+            return show_test(bins, workdir)
+        return export_test(bins, workdir)
+
+    return run_case(label, workdir, run, needed)
 
 
 if __name__ == "__main__":

@@ -16,15 +16,12 @@ Every process is started here, bounded in time, and stopped by its PID.
 """
 import argparse
 import os
-import shutil
 import subprocess
 import sys
-import tempfile
-import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from interop import (Agent, Fail, DROP, POLICE, REDIRECT, SET_DSCP, free_port, log,  # noqa: E402
-                     wait_until)
+from interop import (Agent, Fail, DROP, POLICE, REDIRECT, SET_DSCP, case_workdir, free_port, log,  # noqa: E402
+                     run_case, wait_until)
 
 TRAFFIC_ACTION = 0x02
 
@@ -188,28 +185,9 @@ def main():
     ap.add_argument("--flowspec", required=True)
     ap.add_argument("--work", help="folder for configurations and logs (default: a new temporary one)")
     args = ap.parse_args()
-    if args.work:
-        workdir = os.path.join(args.work, "originate")
-        shutil.rmtree(workdir, ignore_errors=True)
-        os.makedirs(workdir)
-    else:
-        workdir = tempfile.mkdtemp(prefix="flowspecd-originate-")
-    started = time.monotonic()
-    try:
-        results = originate_test((os.path.abspath(args.flowspecd), os.path.abspath(args.flowspec)), workdir)
-    except Exception as e:
-        log(f"FAILED originate: {e}")
-        log(f"logs and configurations: {workdir}")
-        for name in sorted(os.listdir(workdir)):
-            if name.endswith(".log"):
-                with open(os.path.join(workdir, name), errors="replace") as f:
-                    print(f"---- {name} (last lines)\n" + "\n".join(f.read().splitlines()[-25:]))
-        print("0 passed, 1 failed")
-        return 1
-    log("originate: " + ", ".join(f"{k} {v}" for k, v in results.items()) +
-        f" ({time.monotonic() - started:.1f}s)")
-    print("1 passed, 0 failed")
-    return 0
+    workdir = case_workdir(args.work, "originate")
+    bins = (os.path.abspath(args.flowspecd), os.path.abspath(args.flowspec))
+    return run_case("originate", workdir, lambda: originate_test(bins, workdir), ())
 
 
 if __name__ == "__main__":
