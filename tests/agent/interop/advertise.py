@@ -17,7 +17,6 @@ configuration and half with `flowspec rule add`. Checks, in order:
      and exactly its communities, and the deleted rules' withdrawals.
 Every process is started here, bounded in time, and stopped by its PID.
 """
-import argparse
 import base64
 import json
 import os
@@ -29,7 +28,7 @@ import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from interop import (HOLD, PEER_AS, Agent, Bird, ExaBgp, Fail, Frr, GoBgp, LoopbackCapture,  # noqa: E402
-                     case_workdir, free_port, log, run_case, wait_until)
+                     main_of_case, free_port, log, wait_until)
 
 
 def ext(type_, subtype, value):
@@ -398,14 +397,7 @@ def advertise_test(bins, workdir):
 
 
 def main():
-    ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    ap.add_argument("--flowspecd", required=True)
-    ap.add_argument("--flowspec", required=True)
-    ap.add_argument("--work", help="folder for configurations and logs (default: a new temporary one)")
-    args = ap.parse_args()
-    workdir = case_workdir(args.work, "advertise")
-    bins = (os.path.abspath(args.flowspecd), os.path.abspath(args.flowspec))
-    return run_case("advertise", workdir, lambda: advertise_test(bins, workdir), ("gobgpd", "gobgp", "bird", "birdc", "exabgp", "/usr/lib/frr/bgpd", "vtysh"))
+    return main_of_case(__doc__, "advertise", advertise_test, ("gobgpd", "gobgp", "bird", "birdc", "exabgp", "/usr/lib/frr/bgpd", "vtysh"))
 
 
 if __name__ == "__main__":

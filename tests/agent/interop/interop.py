@@ -1202,6 +1202,18 @@ def case_workdir(work, label):
     return workdir
 
 
+def main_of_case(doc, label, test, needed=()):
+    """The main of a test file with one case: `test(bins, workdir)` gives its results."""
+    ap = argparse.ArgumentParser(description=doc, formatter_class=argparse.RawDescriptionHelpFormatter)
+    ap.add_argument("--flowspecd", required=True, help="the agent binary")
+    ap.add_argument("--flowspec", required=True, help="the command-line tool binary")
+    ap.add_argument("--work", help="folder for configurations and logs (default: a new temporary one)")
+    args = ap.parse_args()
+    workdir = case_workdir(args.work, label)
+    bins = (os.path.abspath(args.flowspecd), os.path.abspath(args.flowspec))
+    return run_case(label, workdir, lambda: test(bins, workdir), needed)
+
+
 def run_case(label, workdir, run, needed=()):
     """Runs one case (`run` returns its results by step) after checking that the programs
     it needs are installed. On any failure, a Fail or a tool that broke, prints the last

@@ -14,14 +14,13 @@ Checks, in order:
   5. deleted rules leave the FSIB; the agent stops cleanly.
 Every process is started here, bounded in time, and stopped by its PID.
 """
-import argparse
 import os
 import subprocess
 import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from interop import (Agent, Fail, DROP, POLICE, REDIRECT, SET_DSCP, case_workdir, free_port, log,  # noqa: E402
-                     run_case, wait_until)
+from interop import (Agent, Fail, DROP, POLICE, REDIRECT, SET_DSCP, main_of_case, free_port, log,  # noqa: E402
+                     wait_until)
 
 TRAFFIC_ACTION = 0x02
 
@@ -180,14 +179,7 @@ def originate_test(bins, workdir):
 
 
 def main():
-    ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    ap.add_argument("--flowspecd", required=True)
-    ap.add_argument("--flowspec", required=True)
-    ap.add_argument("--work", help="folder for configurations and logs (default: a new temporary one)")
-    args = ap.parse_args()
-    workdir = case_workdir(args.work, "originate")
-    bins = (os.path.abspath(args.flowspecd), os.path.abspath(args.flowspec))
-    return run_case("originate", workdir, lambda: originate_test(bins, workdir), ())
+    return main_of_case(__doc__, "originate", originate_test, ())
 
 
 if __name__ == "__main__":
