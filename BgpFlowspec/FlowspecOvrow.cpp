@@ -10,23 +10,13 @@
 #include "host/bgp/Serialize.h"
 #include "host/fwk/Trace.h"
 #include "host/ovrow/Render.h"
+#include "host/fwk/String.h"
 
 namespace Routing::Bgp::FlowspecPlugin {
 
 namespace {
 
 constexpr BgpVrfIdBase kDefaultVrf = BgpL3VrfId::defaultVrfId();
-
-std::string hexOf(std::span<std::uint8_t const> bytes) {
-   static constexpr char digits[] = "0123456789abcdef";
-   std::string s;
-   s.reserve(bytes.size() * 2);
-   for (std::uint8_t b : bytes) {
-      s += digits[b >> 4];
-      s += digits[b & 0xf];
-   }
-   return s;
-}
 
 // The communities of a path as text: standard ones "AS:N", then extended and IPv6
 // extended ones decoded ("traffic-rate(...)").
@@ -256,7 +246,7 @@ void BgpFlowspecRouteImpl::getRoute(BgpFlowspecRouteIterState const& state, Ovro
    if (!key.wontExportReason().empty()) {
       Serialize s;
       key.serializeTo(s);
-      out.columnIs("nlri", hexOf(s.bytes()));
+      out.columnIs("nlri", Ovk::hexOf(s.bytes()));
    }
    out.columnIs("detail", key.toStrepCliDetail());
 

@@ -2,20 +2,11 @@
 
 #include "host/flowspec/FlowspecSlateKey.h"
 #include "host/mnemo/SlateRuleSetMount.h"
+#include "host/fwk/String.h"
 
 namespace Flowspecd {
 
 namespace {
-
-std::string hexOf(std::vector<std::uint8_t> const& bytes) {
-   static constexpr char kDigits[] = "0123456789abcdef";
-   std::string s;
-   for (std::uint8_t b : bytes) {
-      s += kDigits[b >> 4];
-      s += kDigits[b & 15];
-   }
-   return s;
-}
 
 // An UPDATE with nothing in it: decoding it lets the decoder drop the keys of the last one.
 std::vector<std::uint8_t> const& emptyUpdate() {
@@ -209,7 +200,7 @@ nlohmann::json Origination::listJson() const {
       nlohmann::json r = {{"family", familyName(e.rule.family)},
                           {"match", e.rule.match},
                           {"actions", e.rule.actions},
-                          {"nlri", hexOf(e.rule.nlri)},
+                          {"nlri", Ovk::hexOf(e.rule.nlri)},
                           {"source", configured ? "config" : "cli"},
                           {"inForce", static_cast<bool>(e.key)},
                           {"best", best},

@@ -96,9 +96,7 @@ void SessionRibOut::handleRouteEntry(RouteKey const* key) {
    RibRouteSlot const& slot = key->ribSlot();
    if (advertised_.empty() || advertised_.find(key) == advertised_.end()) {
       if (slot.bestAttrs == nullptr) return; // gone, and the peer never had it
-      RibSource const s = slot.bestSource;
-      if (s == source_) return;
-      if (s != kLocalRibSource && peer_.internal() && table_->sources().peer(s).internal()) return;
+      if (!sendsFrom(slot.bestSource)) return;
    }
    markDirty(key);
    // A storm of changes to few keys under a long interval keeps the list to the table's size.
@@ -178,11 +176,14 @@ RtAttr const* SessionRibOut::wanted(RouteKey const& key, RibSource& source) {
    std::optional<RibPath> const best = table_->bestPath(key);
    if (!best) return nullptr;
    source = best->source;
-   bool const local = source == kLocalRibSource;
-   if (source == source_) return nullptr; // split horizon
+   if (!sendsFrom(source)) return nullptr;
+   return exported(best->attrs, source == kLocalRibSource);
+}
+
+bool SessionRibOut::sendsFrom(RibSource source) const {
+   if (source == source_) return false; // split horizon
    // RFC 4271 section 9.1.3: what an internal peer taught us goes to no internal peer.
-   if (!local && peer_.internal() && table_->sources().peer(source).internal()) return nullptr;
-   return exported(best->attrs, local);
+   return source == kLocalRibSource || !peer_.internal() || !table_->sources().peer(source).internal();
 }
 
 void SessionRibOut::encodeStep(std::size_t begin, std::size_t end) {

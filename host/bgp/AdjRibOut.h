@@ -131,6 +131,9 @@ class SessionRibOut : public AdjRibOut, public RibTable::Reactor {
    };
    // The attributes the peer is to have for `key` now; null when it is to have none.
    RtAttr const* wanted(RouteKey const& key, RibSource& source);
+   // Whether a best path of `source` may go to this peer: never back to the peer it came
+   // from, and nothing an internal peer taught us to another internal peer.
+   bool sendsFrom(RibSource source) const;
    RtAttr const* exported(RtAttr const* rib, bool local);
    void markDirty(RouteKey const* key);
    void markAll();

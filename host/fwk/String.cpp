@@ -30,6 +30,17 @@ std::uint32_t String::hashBytes(std::uint8_t const* p, std::size_t n) noexcept {
    return h;
 }
 
+std::string hexOf(std::span<std::uint8_t const> bytes) {
+   static constexpr char kHex[] = "0123456789abcdef";
+   std::string out;
+   out.reserve(2 * bytes.size());
+   for (std::uint8_t const b : bytes) {
+      out += kHex[b >> 4];
+      out += kHex[b & 15];
+   }
+   return out;
+}
+
 std::string quoted(std::string_view bytes) {
    static constexpr char kHex[] = "0123456789abcdef";
    std::string out;

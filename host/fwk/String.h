@@ -93,6 +93,9 @@ static_assert(sizeof(String) == 16);
 // Quoted text form: single quotes, with \\, \', \n, \r, \t and \xHH escapes for other bytes
 // outside printable ASCII.
 std::string quoted(std::string_view bytes);
+
+// Bytes as lower-case hex digits, two per byte, nothing between ("8006" for 0x80 0x06).
+std::string hexOf(std::span<std::uint8_t const> bytes);
 std::ostream& operator<<(std::ostream& os, String const& s);
 
 } // namespace Ovk

@@ -7,17 +7,6 @@ namespace FlowspecTool {
 using namespace Routing::Bgp;
 using namespace Routing::Bgp::FlowspecPlugin;
 
-std::string hexOf(std::span<std::uint8_t const> bytes) {
-   static constexpr char kDigits[] = "0123456789abcdef";
-   std::string out;
-   out.reserve(2 * bytes.size());
-   for (std::uint8_t b : bytes) {
-      out += kDigits[b >> 4];
-      out += kDigits[b & 15];
-   }
-   return out;
-}
-
 std::optional<std::vector<std::uint8_t>> bytesOfHex(std::string_view text, std::string& whyNot) {
    std::string digits;
    for (char c : text) {

@@ -12,14 +12,14 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/fwk/String.h"
 #include "BgpFlowspec/FlowspecParseNlri.h"
 
 namespace FlowspecTool {
 
 using Json = nlohmann::ordered_json;
 
-// Lower-case hex, no separators.
-std::string hexOf(std::span<std::uint8_t const> bytes);
+using Ovk::hexOf;
 // Hex digits (upper or lower case, with an optional "0x", white space anywhere); empty, with
 // `whyNot` set, on anything else.
 std::optional<std::vector<std::uint8_t>> bytesOfHex(std::string_view text, std::string& whyNot);
