@@ -1,6 +1,7 @@
 #include "agent/BgpRouting.h"
 
 #include <algorithm>
+#include <malloc.h>
 
 namespace Flowspecd {
 
@@ -164,6 +165,9 @@ void BgpRouting::handleSessionDown(BgpPeer const& from) {
    p->decoder = nullptr;
    p->attributes = nullptr;
    p->adjRibins = nullptr;
+   // The session's paths, and the keys and attributes only it held, are freed by now: give
+   // the freed heap back, so that a table that went with its peer leaves the RSS.
+   ::malloc_trim(0);
 }
 
 UpdateOutcome BgpRouting::handleUpdate(BgpPeer const& from, MessageView const& update) {

@@ -1,7 +1,5 @@
 #include "agent/Neighbor.h"
 
-#include <malloc.h>
-
 #include <algorithm>
 #include <chrono>
 
@@ -466,9 +464,6 @@ void Neighbor::closeConnection(Connection& c, std::optional<Notification> notify
    if (wasEstablished) {
       log("session down");
       deps_.updates->handleSessionDown(c.peer);
-      // The session's paths, and the keys and attributes only it held, are freed by now:
-      // give the freed heap back, so that a table that went with its peer leaves the RSS.
-      ::malloc_trim(0);
    }
    transition(nullptr, connections_.empty() ? BgpState::idle : neighborState_);
 }
