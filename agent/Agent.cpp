@@ -1,4 +1,5 @@
 #include "agent/Agent.h"
+#include "host/fwk/JsonText.h"
 
 #include <algorithm>
 #include <chrono>
@@ -211,8 +212,8 @@ void Agent::applyRules(std::string_view why) {
 }
 
 std::string Agent::handleRuleRequest(std::string_view verb, std::string_view body) {
-   auto refuse = [](std::string const& why) { return nlohmann::json{{"ok", false}, {"error", why}}.dump(); };
-   if (verb == "list") return origination_->listJson().dump();
+   auto refuse = [](std::string const& why) { return Ovk::jsonText(nlohmann::json{{"ok", false}, {"error", why}}); };
+   if (verb == "list") return Ovk::jsonText(origination_->listJson());
    nlohmann::json const j = nlohmann::json::parse(body, nullptr, false);
    if (!j.is_object() || !j.contains("family") || !j["family"].is_string() || !j.contains("match") ||
        !j["match"].is_string()) {
@@ -225,7 +226,7 @@ std::string Agent::handleRuleRequest(std::string_view verb, std::string_view bod
       auto r = origination_->runtimeRuleDel(*family, match);
       if (!r) return refuse(r.reason());
       logger_.log("-", "control: rule " + familyName(*family) + " " + match + " " + r.value());
-      return nlohmann::json{{"ok", true}, {"result", r.value()}}.dump();
+      return Ovk::jsonText(nlohmann::json{{"ok", true}, {"result", r.value()}});
    }
    std::vector<std::string> then;
    if (j.contains("then") && j["then"].is_array()) {
@@ -241,7 +242,7 @@ std::string Agent::handleRuleRequest(std::string_view verb, std::string_view bod
    auto r = origination_->runtimeRuleIs(std::move(rule.value()));
    if (!r) return refuse(r.reason());
    logger_.log("-", "control: rule " + text + " " + r.value());
-   return nlohmann::json{{"ok", true}, {"result", r.value()}, {"rule", text}, {"actions", actions}}.dump();
+   return Ovk::jsonText(nlohmann::json{{"ok", true}, {"result", r.value()}, {"rule", text}, {"actions", actions}});
 }
 
 std::string Agent::handleControl(std::string_view request) {
@@ -284,11 +285,11 @@ std::string Agent::handleControl(std::string_view request) {
          n["endOfRibOut"] = endOfRibOut;
       }
       answer["summaryLabels"] = summaryLabelsJson(routing_->context());
-      return answer.dump();
+      return Ovk::jsonText(answer);
    }
-   if (request == "show updates") return routing_->updatesJson().dump();
-   if (request == "show summary") return routing_->summaryJson().dump();
-   return nlohmann::json{{"error", "unknown request: " + std::string(request)}}.dump();
+   if (request == "show updates") return Ovk::jsonText(routing_->updatesJson());
+   if (request == "show summary") return Ovk::jsonText(routing_->summaryJson());
+   return Ovk::jsonText(nlohmann::json{{"error", "unknown request: " + std::string(request)}});
 }
 
 void StderrLogger::log(std::string_view who, std::string_view event) {

@@ -35,6 +35,12 @@ struct BgpRouting::Peer {
    std::uint64_t attributeSetsReused = 0;
    std::map<AfiSafi, Ovk::Ptr<SessionRibOut>> ribOuts; // of the established session
    std::map<AfiSafi, RibOutCounters> sentBefore;       // by the sessions before it
+   // The paths of a session that went down, still leaving the tables a slice at a time.
+   struct Purge {
+      Ovk::Ptr<RibTable> table;
+      Ovk::Ptr<RouteKey const> cursor;
+   };
+   std::vector<Purge> purges;
 };
 
 BgpRouting::BgpRouting(Logger& logger, Ovk::Ptr<Plugin::Context> context)
@@ -43,8 +49,10 @@ BgpRouting::BgpRouting(Logger& logger, Ovk::Ptr<Plugin::Context> context)
 }
 
 BgpRouting::~BgpRouting() {
+   if (purgeTask_) context_->taskScheduler()->cancel(*purgeTask_);
    // The sessions' paths go before the tables and keys they point into.
    for (auto const& [address, p] : peers_) stopRibOuts(*p);
+   for (auto const& [address, p] : peers_) p->purges.clear();
    for (auto const& [address, p] : peers_) {
       for (auto const& [family, table] : p->tables) table->pathDelAll(p->source);
    }
@@ -67,6 +75,10 @@ void BgpRouting::handleEstablished(BgpPeer const& from, Negotiated const& negoti
    if (!slot) slot = std::make_unique<Peer>();
    Peer& p = *slot;
    if (p.established) handleSessionDown(p.identity);
+   // What the last session left must be gone before this one's paths come: they share the
+   // source.
+   while (purgeStep(p, SIZE_MAX)) {
+   }
    p.identity = from;
    p.source = context_->ribSources()->sourceIs(from);
    p.established = true;
@@ -154,10 +166,7 @@ void BgpRouting::handleSessionDown(BgpPeer const& from) {
    if (!p || !p->established) return;
    p->established = false;
    stopRibOuts(*p);
-   // RFC 4271 section 8.2.2: the peer's routes go with its session.
-   for (auto const& [family, table] : p->tables) table->pathDelAll(p->source);
-   flush(*p);
-   // The session's decoder, whose last result still holds rules, and its attributes go too;
+   // The session's decoder, whose last result still holds rules, and its attributes go;
    // their counts stay.
    p->previousSessions += p->decoder->counters();
    p->attributeSetsBuilt += p->attributes->built();
@@ -165,9 +174,49 @@ void BgpRouting::handleSessionDown(BgpPeer const& from) {
    p->decoder = nullptr;
    p->attributes = nullptr;
    p->adjRibins = nullptr;
+   // RFC 4271 section 8.2.2: the peer's routes go with its session. A million of them take
+   // a while, so they go a slice per turn of the event loop: keepalives, the other sessions
+   // and the control socket are served in between.
+   for (auto const& [family, table] : p->tables) p->purges.push_back(Peer::Purge{table, nullptr});
+   schedulePurge();
+}
+
+bool BgpRouting::purgeStep(Peer& p, std::size_t budget) {
+   if (p.purges.empty()) return false;
+   std::size_t left = budget;
+   while (!p.purges.empty() && left > 0) {
+      Peer::Purge& purge = p.purges.front();
+      std::size_t const slice = std::min(left, kPurgeKeysPerSlice);
+      purge.table->pathDelSome(p.source, purge.cursor, slice);
+      left -= slice;
+      if (!purge.cursor) p.purges.erase(p.purges.begin());
+   }
+   flush(p);
+   if (!p.purges.empty()) return true;
    // The session's paths, and the keys and attributes only it held, are freed by now: give
    // the freed heap back, so that a table that went with its peer leaves the RSS.
    ::malloc_trim(0);
+   return false;
+}
+
+void BgpRouting::schedulePurge() {
+   if (purgeTask_) return;
+   purgeTask_ = context_->taskScheduler()->post(
+       [this] {
+          purgeTask_.reset();
+          bool more = false;
+          for (auto const& [address, p] : peers_) {
+             if (purgeStep(*p, kPurgeKeysPerSlice)) more = true;
+          }
+          if (more) schedulePurge();
+       },
+       "ribPurge");
+}
+
+std::size_t BgpRouting::purgesPending() const {
+   std::size_t n = 0;
+   for (auto const& [address, p] : peers_) n += p->purges.size();
+   return n;
 }
 
 UpdateOutcome BgpRouting::handleUpdate(BgpPeer const& from, MessageView const& update) {

@@ -76,6 +76,12 @@ class BgpRouting : public UpdateSink {
    // The export state machine of the default VRF's `family`; null when nothing exports.
    Ovk::Ptr<FwdTgtRouteConfigSm> exportSm(AfiSafi family) const;
 
+   // Keys of the table's order a purge of a session's paths visits per turn of the event
+   // loop: about 10 ms of work.
+   static constexpr std::size_t kPurgeKeysPerSlice = 16384;
+   // Tables whose paths of a session that went down are still being removed.
+   std::size_t purgesPending() const;
+
  private:
    struct Peer;
    Peer* peerOf(BgpPeer const& from) const;
@@ -85,6 +91,10 @@ class BgpRouting : public UpdateSink {
    void stopRibOuts(Peer& p);
    // Logs refusals of the full FSIB once per burst (a burst ends after a quiet minute).
    void noteRefusals();
+   // Removes a slice of at most `budget` keys' worth of the paths of `p`'s last session and
+   // flushes; true when some remain.
+   bool purgeStep(Peer& p, std::size_t budget);
+   void schedulePurge();
 
    Logger& logger_;
    Ovk::Ptr<Plugin::Context> context_;
@@ -93,6 +103,7 @@ class BgpRouting : public UpdateSink {
    std::uint64_t refusalsLogged_ = 0;
    std::uint64_t refusalsSeen_ = 0;
    Ovk::Clock::time_point lastRefusal_{};
+   std::optional<Ovk::TaskId> purgeTask_;
 };
 
 } // namespace Flowspecd

@@ -12,9 +12,23 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "host/fwk/JsonText.h"
+
 namespace Flowspecd {
 
 namespace {
+
+// Runs `f`, which answers a request; an exception it throws becomes an error answer.
+template <class F>
+std::string guarded(F&& f) {
+   try {
+      return f();
+   } catch (std::exception const& e) {
+      return Ovk::jsonText(nlohmann::json{{"error", std::string("the request failed: ") + e.what()}}) + "\n";
+   } catch (...) {
+      return "{\"error\":\"the request failed\"}\n";
+   }
+}
 
 // One client: read a line, answer, close; bounded in time.
 struct ControlClient : std::enable_shared_from_this<ControlClient> {
@@ -59,12 +73,16 @@ struct ControlClient : std::enable_shared_from_this<ControlClient> {
              }
              std::string_view line(self->request.data(), ec ? self->request.size() : n);
              while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
-             if (self->streamHandler) self->stream = self->streamHandler(line);
+             // A request is outside input: whatever a handler throws on it ends this
+             // answer with an error, never the agent.
+             self->answer = guarded([&] {
+                if (self->streamHandler) self->stream = self->streamHandler(line);
+                return self->stream ? std::string() : self->handler(line) + "\n";
+             });
              if (self->stream) {
                 self->pump();
                 return;
              }
-             self->answer = self->handler(line) + "\n";
              asio::async_write(self->socket, asio::buffer(self->answer),
                                [self](std::error_code const&, std::size_t) { self->finish(); });
           });
@@ -83,7 +101,16 @@ struct ControlClient : std::enable_shared_from_this<ControlClient> {
    // timeout again for each chunk.
    void pump() {
       answer.clear();
-      bool const more = stream->next(answer);
+      bool more = false;
+      std::string const failed = guarded([&] {
+         more = stream->next(answer);
+         return std::string();
+      });
+      if (!failed.empty()) {
+         // The chunks already written stand; the error ends the answer on a line of its own.
+         answer += "\n" + failed;
+         more = false;
+      }
       arm();
       auto self = shared_from_this();
       asio::async_write(socket, asio::buffer(answer), [self, more](std::error_code const& ec, std::size_t) {

@@ -1,4 +1,5 @@
 #include "agent/ShowTables.h"
+#include "host/fwk/JsonText.h"
 
 #include <nlohmann/json.hpp>
 
@@ -17,7 +18,7 @@ namespace {
 std::string statusLine(int status, std::string const& error = {}) {
    nlohmann::json j{{"status", status}};
    if (status != 0) j["error"] = error;
-   return j.dump() + "\n";
+   return Ovk::jsonText(j) + "\n";
 }
 
 // An answer that is only its status line.
@@ -194,7 +195,10 @@ std::unique_ptr<ControlStream> showTableStream(Ovk::Ptr<Plugin::Context> const& 
          start->columnIs("destPrefix", *prefix);
       }
       std::uint64_t limit = UINT64_MAX;
-      if (auto it = j.find("limit"); it != j.end() && it->is_number_unsigned()) limit = it->get<std::uint64_t>();
+      if (auto it = j.find("limit"); it != j.end()) {
+         if (!it->is_number_unsigned()) return failure(2, "limit must be a whole number of rules, 0 or more");
+         limit = it->get<std::uint64_t>();
+      }
       return std::make_unique<TableStream>(std::move(local), table, renderer(table->rowType(), "rules"),
                                            std::move(start), limit, chunkBytes);
    }

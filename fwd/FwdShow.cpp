@@ -1,4 +1,5 @@
 #include "fwd/FwdShow.h"
+#include "host/fwk/JsonText.h"
 
 #include <map>
 #include <ostream>
@@ -80,7 +81,7 @@ int showRules(ShowOptions const& opt, std::ostream& out, std::ostream& err) {
       j["table"] = "inet " + opt.table;
       j["fsibGeneration"] = snap.generation;
       j["programmedGeneration"] = status ? nlohmann::json(status->generation) : nlohmann::json(nullptr);
-      out << j.dump(2) << '\n';
+      out << Ovk::jsonText(j, 2) << '\n';
       return 0;
    }
    out << "table inet " << opt.table << ": FSIB generation " << snap.generation << ", programmed generation "

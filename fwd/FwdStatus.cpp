@@ -1,4 +1,5 @@
 #include "fwd/FwdStatus.h"
+#include "host/fwk/JsonText.h"
 
 #include <unistd.h>
 
@@ -35,7 +36,7 @@ bool writeStatusFile(std::string const& path, std::string const& table, std::str
    std::string const tmp = path + ".tmp";
    {
       std::ofstream out(tmp, std::ios::trunc);
-      out << j.dump() << '\n';
+      out << Ovk::jsonText(j) << '\n';
       if (!out) {
          if (error != nullptr) *error = "cannot write " + tmp + ": " + std::strerror(errno);
          return false;

@@ -99,8 +99,15 @@ void SessionRibOut::handleRouteEntry(RouteKey const* key) {
       if (!sendsFrom(slot.bestSource)) return;
    }
    markDirty(key);
-   // A storm of changes to few keys under a long interval keeps the list to the table's size.
-   if (dirty_.size() - next_ > 2 * table_->routes() + 4096) compactDirty();
+   // A storm of changes to few keys under a long interval keeps the list to the table's
+   // size. Many distinct keys (a session of a million routes going) only grow it: the
+   // threshold grows with what compaction leaves, so each key is sorted a bounded number of
+   // times.
+   std::size_t const pending = dirty_.size() - next_;
+   if (pending > 2 * table_->routes() + 4096 && pending > 2 * compactFloor_) {
+      compactDirty();
+      compactFloor_ = dirty_.size() - next_;
+   }
    schedulePump();
 }
 
@@ -112,10 +119,19 @@ void SessionRibOut::compactDirty() {
    forceTo_ = forceTo_ > next_ ? forceTo_ - next_ : 0;
    next_ = 0;
    if (forceFrom_ < forceTo_) return; // a refresh under way keeps its range
+   compactedEntries_ += dirty_.size();
    std::sort(dirty_.begin(), dirty_.end());
-   auto const last = std::unique(dirty_.begin(), dirty_.end());
-   for (auto it = last; it != dirty_.end(); ++it) (*it)->deleteRef();
-   dirty_.erase(last, dirty_.end());
+   // Each entry holds a reference: a repeated one gives its reference back. (std::unique
+   // leaves unspecified values behind, so the repeats are released here, as they are met.)
+   std::size_t kept = 0;
+   for (std::size_t i = 0; i < dirty_.size(); ++i) {
+      if (kept > 0 && dirty_[kept - 1] == dirty_[i]) {
+         dirty_[i]->deleteRef();
+      } else {
+         dirty_[kept++] = dirty_[i];
+      }
+   }
+   dirty_.resize(kept);
 }
 
 void SessionRibOut::schedulePump() {
@@ -150,6 +166,7 @@ void SessionRibOut::pump() {
    // A whole table's list is not kept for the next few changes.
    if (dirty_.capacity() > 65536) dirty_.shrink_to_fit();
    next_ = forceFrom_ = forceTo_ = 0;
+   compactFloor_ = 0;
    if (endOfRibPending_) {
       endOfRibPending_ = false;
       ++counters_.endOfRibs;

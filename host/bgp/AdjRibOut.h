@@ -114,6 +114,9 @@ class SessionRibOut : public AdjRibOut, public RibTable::Reactor {
    std::size_t pendingRoutes() const { return dirty_.size() - next_; }
    // True once the initial table and its End-of-RIB went out.
    bool initialTableSent() const { return !endOfRibPending_; }
+   // Entries the list of keys to look at again held when it was compacted, over the
+   // RIB-out's life: the work its compactions did.
+   std::uint64_t compactedEntries() const { return compactedEntries_; }
 
    void handleRouteEntry(RouteKey const* key) override;
 
@@ -162,6 +165,10 @@ class SessionRibOut : public AdjRibOut, public RibTable::Reactor {
    // Keys to look at, each referenced; those before next_ are done.
    std::vector<RouteKey const*> dirty_;
    std::size_t next_ = 0;
+   // The list is compacted when it holds twice what it held after the last compaction (and
+   // more than twice the table): a storm of distinct keys costs N log N, not N squared.
+   std::size_t compactFloor_ = 0;
+   std::uint64_t compactedEntries_ = 0;
    // dirty_[forceFrom_, forceTo_) go out even when the peer has them (a refresh).
    std::size_t forceFrom_ = 0;
    std::size_t forceTo_ = 0;

@@ -251,10 +251,19 @@ bool RibTable::pathDel(RouteKey const& key, RibSource source) {
 }
 
 std::size_t RibTable::pathDelAll(RibSource source) {
-   if (pathsOf(source) == 0) return 0;
+   Ovk::Ptr<RouteKey const> cursor;
+   return pathDelSome(source, cursor, SIZE_MAX);
+}
+
+std::size_t RibTable::pathDelSome(RibSource source, Ovk::Ptr<RouteKey const>& cursor, std::size_t budget) {
+   if (pathsOf(source) == 0) {
+      cursor = nullptr;
+      return 0;
+   }
    // Collect first: removing a key's last path takes it out of the order being walked.
    std::vector<RouteKey const*> keys;
-   for (auto it = order_.begin(); it != order_.end(); ++it) {
+   auto it = cursor ? order_.lowerBound(*cursor) : order_.begin();
+   for (std::size_t visited = 0; it != order_.end() && visited < budget; ++it, ++visited) {
       RouteKey const* key = *it;
       if (key->ribSlot().bestSource == source) {
          keys.push_back(key);
@@ -266,10 +275,13 @@ std::size_t RibTable::pathDelAll(RibSource source) {
          }
       }
    }
+   // The next key is not among those collected, so it stays in the index meanwhile.
+   cursor = it == order_.end() ? nullptr : Ovk::Ptr<RouteKey const>(*it);
    std::size_t removed = 0;
    for (RouteKey const* key : keys) {
       if (pathDel(*key, source)) ++removed;
    }
+   if (pathsOf(source) == 0) cursor = nullptr;
    return removed;
 }
 

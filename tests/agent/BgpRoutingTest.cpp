@@ -78,6 +78,7 @@ TEST(BgpRoutingTest, RulesComeAndGoWithTheirUpdatesAndTheirSession) {
    EXPECT_EQ(f.routing.peer(a.address)->unknownWithdrawals.at(kIpv4Flowspec), 1u);
    EXPECT_TRUE(f.logger.lines.empty());
    f.routing.handleSessionDown(a);
+   f.scheduler().runReady();
    EXPECT_EQ(f.received(a), 0u);
    EXPECT_EQ(f.table().routes(), 0u);
    EXPECT_EQ(f.table().paths(), 0u);
@@ -199,10 +200,60 @@ TEST(BgpRoutingTest, AFlappingPeerLeavesNoPathBehind) {
       ASSERT_EQ(f.received(a), 50u);
       f.routing.handleSessionDown(a);
    }
+   f.scheduler().runReady();
    EXPECT_EQ(f.table().routes(), 0u);
    EXPECT_EQ(f.table().paths(), 0u);
    DedupTablesVrf const* vrf = f.context->dedupTablesVrf(BgpL3VrfId::defaultVrfId()).ptr();
    EXPECT_EQ(vrf->dedupTablesVrfAfiSafi(kIpv4Flowspec)->routeKeyDedupTableRawPtr()->size(), 0u);
+}
+
+// The UPDATEs of `count` rules 10.x.y.0/24 from `first` on, 600 to a message.
+std::vector<Bytes> manyRules(std::uint32_t first, std::uint32_t count) {
+   std::vector<Bytes> updates;
+   for (std::uint32_t i = 0; i < count; i += 600) {
+      std::string nlri;
+      for (std::uint32_t n = first + i; n < first + std::min(count, i + 600); ++n) {
+         char b[16];
+         std::snprintf(b, sizeof b, "0501180a%04x", n);
+         nlri += b;
+      }
+      updates.push_back(announcing().mpReach(1, 133, "", nlri).build());
+   }
+   return updates;
+}
+
+// A session of many rules goes a slice per turn of the event loop: the other peer is sent
+// the withdrawals, and a session that comes back meanwhile starts from a clean slate.
+TEST(BgpRoutingTest, ASessionOfManyRulesGoesASliceAtATime) {
+   Fixture f;
+   BgpPeer const a = peer("127.0.0.2", 65002);
+   BgpPeer const b = peer("127.0.0.3", 65003);
+   Fakes::RecordingOutput toB;
+   f.routing.handleEstablished(a, session(), f.output);
+   f.routing.handleEstablished(b, session(), toB);
+   constexpr std::uint32_t kRules = 40000;
+   for (Bytes const& u : manyRules(0, kRules)) ASSERT_EQ(f.update(a, u), std::nullopt);
+   f.scheduler().runReady();
+   ASSERT_EQ(f.routing.peer(b.address)->advertised.at(kIpv4Flowspec), kRules);
+
+   f.routing.handleSessionDown(a);
+   EXPECT_EQ(f.received(a), kRules); // nothing yet: the event loop goes on first
+   EXPECT_GT(f.routing.purgesPending(), 0u);
+   EXPECT_GE(f.scheduler().runReady(), kRules / BgpRouting::kPurgeKeysPerSlice);
+   EXPECT_EQ(f.routing.purgesPending(), 0u);
+   EXPECT_EQ(f.table().routes(), 0u);
+   EXPECT_EQ(f.routing.peer(b.address)->advertised.at(kIpv4Flowspec), 0u);
+   EXPECT_EQ(f.routing.peer(b.address)->sent.at(kIpv4Flowspec).withdrawn, kRules);
+
+   f.routing.handleEstablished(a, session(), f.output);
+   for (Bytes const& u : manyRules(0, kRules)) ASSERT_EQ(f.update(a, u), std::nullopt);
+   f.routing.handleSessionDown(a);
+   f.routing.handleEstablished(a, session(), f.output);
+   EXPECT_EQ(f.received(a), 0u);
+   for (Bytes const& u : manyRules(7, 1)) ASSERT_EQ(f.update(a, u), std::nullopt);
+   f.scheduler().runReady();
+   EXPECT_EQ(f.received(a), 1u);
+   EXPECT_EQ(f.routing.purgesPending(), 0u);
 }
 
 // ---- What the agent sends ----

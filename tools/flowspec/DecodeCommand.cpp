@@ -8,6 +8,7 @@
 // host's UPDATE decoder and the flowspec plugin (UpdateReport.h). Exit status: 0 when every
 // UPDATE was accepted whole, 1 when one was not, 2 when an input could not be read.
 #include <iostream>
+#include "host/fwk/JsonText.h"
 #include <string>
 #include <vector>
 
@@ -89,7 +90,7 @@ void addDecodeCommand(CLI::App& app, FlowspecTool::Options& options) {
          for (auto const& bytes : inputs) {
             Json const decoded = decoder.decode(bytes);
             if (!decoded["ok"].get<bool>()) status = 1;
-            std::cout << (args->json ? decoded.dump() : FlowspecTool::decodedLine(decoded)) << "\n";
+            std::cout << (args->json ? Ovk::jsonText(decoded) : FlowspecTool::decodedLine(decoded)) << "\n";
          }
          return status;
       };

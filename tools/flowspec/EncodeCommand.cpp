@@ -2,6 +2,7 @@
 // family and prints the NLRI the key writes, in hex (or one JSON object per text). Exit
 // status: 0 when every text was read, 1 when one was not.
 #include <iostream>
+#include "host/fwk/JsonText.h"
 #include <string>
 #include <vector>
 
@@ -30,7 +31,7 @@ void addEncodeCommand(CLI::App& app, FlowspecTool::Options& options) {
             FlowspecTool::Json const encoded =
                 FlowspecTool::encodeRule(static_cast<Routing::Bgp::Afi>(args->afi), text);
             if (!encoded["ok"].get<bool>()) status = 1;
-            std::cout << (args->json ? encoded.dump() : FlowspecTool::encodedLine(encoded)) << "\n";
+            std::cout << (args->json ? Ovk::jsonText(encoded) : FlowspecTool::encodedLine(encoded)) << "\n";
          }
          return status;
       };

@@ -6,6 +6,7 @@
 // change of the generation or the counters: the rules added ("+"), deleted ("-") and changed
 // ("~"), and the counters; with --json each report is one JSON object on one line.
 #include <charconv>
+#include "host/fwk/JsonText.h"
 #include <chrono>
 #include <iomanip>
 #include <iostream>
@@ -109,7 +110,7 @@ nlohmann::json listingJson(SlateRuleSetReader const& rd, SlateSnapshot const& s)
 
 void printListing(FsibOptions const& o, SlateRuleSetReader const& rd, SlateSnapshot const& s) {
    if (o.json) {
-      std::cout << (o.watch ? listingJson(rd, s).dump() : listingJson(rd, s).dump(2)) << std::endl;
+      std::cout << (o.watch ? Ovk::jsonText(listingJson(rd, s)) : Ovk::jsonText(listingJson(rd, s), 2)) << std::endl;
       return;
    }
    printHeader(std::cout, rd, s);
@@ -160,7 +161,7 @@ void printChanges(FsibOptions const& o, SlateRuleSetReader const& rd, RuleMap co
       nlohmann::json gone = nlohmann::json::array();
       for (Rule const* r : deleted) gone.push_back(r->key.toStrepCli());
       j["deleted"] = gone;
-      std::cout << j.dump() << std::endl;
+      std::cout << Ovk::jsonText(j) << std::endl;
       return;
    }
    std::cout << "-- generation " << after.generation << "  rules " << after.rules.size() << "/" << rd.capacity();

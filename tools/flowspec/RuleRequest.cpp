@@ -1,4 +1,5 @@
 #include "tools/flowspec/RuleRequest.h"
+#include "host/fwk/JsonText.h"
 
 #include <algorithm>
 #include <iomanip>
@@ -51,11 +52,11 @@ Ovk::Result<std::string, std::string> ruleAddRequest(std::string const& family, 
    nlohmann::json const request = {{"family", family},
                                    {"match", joined(words.begin(), then)},
                                    {"then", Flowspecd::actionsOfWords({then + 1, words.end()})}};
-   return "rule add " + request.dump();
+   return "rule add " + Ovk::jsonText(request);
 }
 
 std::string ruleDeleteRequest(std::string const& family, std::vector<std::string> const& words) {
-   return "rule delete " + nlohmann::json{{"family", family}, {"match", joined(words.begin(), words.end())}}.dump();
+   return "rule delete " + Ovk::jsonText(nlohmann::json{{"family", family}, {"match", joined(words.begin(), words.end())}});
 }
 
 int printRuleAnswer(std::string const& answer, bool json, std::ostream& out, std::ostream& err) {
@@ -69,7 +70,7 @@ int printRuleAnswer(std::string const& answer, bool json, std::ostream& out, std
       return 1;
    }
    if (json) {
-      out << j.dump() << '\n';
+      out << Ovk::jsonText(j) << '\n';
       return 0;
    }
    try {

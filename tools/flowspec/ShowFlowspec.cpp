@@ -1,4 +1,5 @@
 #include "tools/flowspec/ShowFlowspec.h"
+#include "host/fwk/JsonText.h"
 
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -44,7 +45,7 @@ namespace {
 
 int runStream(Options const& options, nlohmann::json const& request) {
    StreamedAnswerPrinter printer(std::cout, std::cerr);
-   auto const r = Flowspecd::controlStreamRequest(options.socketPath, request.dump(),
+   auto const r = Flowspecd::controlStreamRequest(options.socketPath, Ovk::jsonText(request),
                                                   [&printer](std::string_view piece) { printer.data(piece); });
    if (!r) {
       std::cerr << "flowspec: " << r.reason() << '\n';

@@ -1,4 +1,5 @@
 #include "tools/flowspec/ShowPrinters.h"
+#include "host/fwk/JsonText.h"
 
 #include <iomanip>
 #include <iostream>
@@ -152,7 +153,7 @@ int printAnswer(std::string const& answer, bool json, ShowPrinter print, std::os
       return 1;
    }
    if (json) {
-      out << parsed.dump() << '\n';
+      out << Ovk::jsonText(parsed) << '\n';
       return 0;
    }
    try {

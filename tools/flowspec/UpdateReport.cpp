@@ -1,4 +1,5 @@
 #include "tools/flowspec/UpdateReport.h"
+#include "host/fwk/JsonText.h"
 
 #include <algorithm>
 #include <ostream>
@@ -268,7 +269,7 @@ void UpdateDecodeSession::updateText(BgpParsedUpdate const& u, std::size_t index
    if (!attrs.empty()) {
       out << "  attributes:";
       for (auto const& [name, value] : attrs.items()) {
-         out << ' ' << name << ' ' << (value.is_string() ? value.get<std::string>() : value.dump());
+         out << ' ' << name << ' ' << (value.is_string() ? value.get<std::string>() : Ovk::jsonText(value));
          out << ';';
       }
       out << '\n';
@@ -320,7 +321,7 @@ int decodeUpdates(std::vector<UpdateInput> const& inputs, bool asJson, std::ostr
          status = std::max(status, 1);
       }
       if (asJson) {
-         out << session.updateJson(u, totals.messages, origin).dump() << '\n';
+         out << Ovk::jsonText(session.updateJson(u, totals.messages, origin)) << '\n';
       } else {
          session.updateText(u, totals.messages, origin, out);
       }

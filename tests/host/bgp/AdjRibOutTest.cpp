@@ -289,7 +289,10 @@ TEST(AdjRibOutTest, TheIntervalCoalescesAStormIntoItsLatestState) {
    EXPECT_EQ(env.run(), Said{"EoR"}); // the initial table waits for no interval
    env.path(1, env.ebgp);
    env.path(2, env.ebgp);
-   for (std::uint32_t med = 1; med <= 50; ++med) env.path(1, env.ebgp, med);
+   // Enough changes for the list of keys to look at to be compacted on the way.
+   for (std::uint32_t med = 1; med <= 6000; ++med) env.path(1, env.ebgp, med);
+   EXPECT_GT(r.compactedEntries(), 0u);
+   EXPECT_LE(r.pendingRoutes(), 4200u);
    env.gone(2, env.ebgp);
    EXPECT_EQ(env.run(), Said{});
    env.output.drain(); // the output writing something out changes nothing
@@ -377,6 +380,31 @@ TEST(AdjRibOutTest, ARuleThatNoLongerFitsIsWithdrawn) {
    EXPECT_EQ(r.advertisedRoutes(), 0u);
    EXPECT_EQ(r.counters().unsendable, 1u);
    EXPECT_EQ(r.counters().withdrawn, 1u);
+}
+
+// A table of many routes going at once, held back by a full output: every key is looked at
+// again once, and keeping that list costs a bounded number of entries per key (a session of
+// a million routes going used to sort the whole list once per key).
+TEST(AdjRibOutTest, ATableGoingAtOnceCostsBoundedWorkPerRoute) {
+   Env env;
+   constexpr std::uint32_t kRoutes = 30000;
+   for (std::uint32_t n = 1; n <= kRoutes; ++n) env.table->pathIs(*env.key(n), env.ebgp, env.attr());
+   env.table->flushChanges();
+   SessionRibOut& r = env.ribOut(Env::peerOf("10.0.0.9", 65009), env.sources->sourceIs(Env::peerOf("10.0.0.9", 65009)));
+   env.run();
+   while (!r.initialTableSent()) env.output.drain();
+   ASSERT_EQ(r.advertisedRoutes(), kRoutes);
+   env.output.messages.clear();
+   env.output.queued = SessionRibOut::Options{}.highWaterBytes; // the peer reads nothing meanwhile
+   env.table->pathDelAll(env.ebgp);
+   env.table->flushChanges();
+   EXPECT_EQ(r.pendingRoutes(), kRoutes);
+   EXPECT_LE(r.compactedEntries(), 4u * kRoutes);
+   env.output.queued = 0;
+   env.scheduler->runReady();
+   while (r.pendingRoutes() > 0) env.output.drain();
+   EXPECT_EQ(r.advertisedRoutes(), 0u);
+   EXPECT_EQ(r.counters().withdrawn, kRoutes);
 }
 
 TEST(AdjRibOutTest, StartTwiceIsABrokenInvariant) {
