@@ -9,6 +9,7 @@
 #include "agent/ShowNeighbors.h"
 #include "agent/ShowTables.h"
 #include "host/bgp/RtImport.h"
+#include "host/mnemo/SlateRuleSet.h"
 #include "host/mnemo/SlateRuleSetMount.h"
 #include "host/plugin/PluginHost.h"
 
@@ -43,8 +44,16 @@ Ovk::Result<bool, std::string> Agent::start() {
    Mnemo::MountStatus const mounted = Mnemo::mountFsib(*entityManager_);
    if (mounted != Mnemo::MountStatus::mounted) {
       std::string const name = entityManager_->segmentName(Mnemo::fsibPath).value_or("?");
-      return Ovk::failure("cannot write the FSIB " + name + " (" + Mnemo::toStrep(mounted) +
-                          "): is another flowspecd running with fsib-prefix \"" + config_.fsibPrefix + "\"?");
+      std::string const& why = entityManager_->lastMountProblem();
+      return Ovk::failure("cannot write the FSIB " + name + ": " +
+                          (why.empty() ? std::string(Mnemo::toStrep(mounted)) : why) +
+                          (why.find("another running process") != std::string::npos
+                               ? " (another flowspecd with fsib-prefix \"" + config_.fsibPrefix + "\"?)"
+                               : ""));
+   }
+   // A segment changed under the agent is replaced; the operator hears of it.
+   if (auto* slate = dynamic_cast<Mnemo::SlateRuleSet*>(Mnemo::fsibOf(*entityManager_).ptr())) {
+      slate->problemHandlerIs([this](std::string const& text) { logger_.log("-", text); });
    }
    options.entityManager = entityManager_;
    context_ = Plugin::startPlugins(std::move(options));

@@ -13,6 +13,13 @@ For each family, workload, N and run, every receiver is started fresh and goes t
   drop       B's session drops (time until only A's paths are left), then A's session
              drops: time until the RIB and the FSIB are empty, and RSS left above idle
 
+With --drop-gap (flowspecd alone) a third peer C listens instead: it announces nothing and
+notes when each message from the receiver arrives. A announces N and C is sent them all;
+A withdraws all N (time until the RIB, the FSIB and C are clean, and the longest silence
+towards C meanwhile); A announces them again and its session drops (the same figures), while
+the control socket is polled (its slowest answer). A receiver that stalls on the drop shows
+as a long silence towards C, whose hold time is 9 s.
+
 Workloads: "simple" (distinct destination hosts, protocol 6, destination port 80, one
 shared attribute set, discard) and "mixed" (five mitigation rule shapes, five attribute
 sets, 10% of the rules withdrawn and announced again before the last ones arrive, so
@@ -42,6 +49,8 @@ ROOT = os.path.dirname(os.path.dirname(HERE))
 
 RECV_AS = 65001
 PEERS = {"A": ("127.0.3.10", 65010), "B": ("127.0.3.11", 65011)}
+LISTENER = ("127.0.3.12", 65012)  # peer C of --drop-gap
+LISTENER_HOLD = 9
 RX_ADDR = {"flowspecd": "127.0.3.1", "bird": "127.0.3.2"}
 MAX_UPDATE = 4096
 
@@ -52,13 +61,13 @@ def bgp_message(kind, body):
     return b"\xff" * 16 + struct.pack("!HB", 19 + len(body), kind) + body
 
 
-def open_message(asn, router_id):
+def open_message(asn, router_id, hold=240):
     caps = b""
     for afi in (1, 2):
         caps += struct.pack("!BBHBB", 1, 4, afi, 0, 133)  # multiprotocol, SAFI 133
     caps += struct.pack("!BBI", 65, 4, asn)  # four-octet AS numbers
     params = struct.pack("!BB", 2, len(caps)) + caps
-    body = struct.pack("!BHH4sB", 4, asn if asn < 65536 else 23456, 240,
+    body = struct.pack("!BHH4sB", 4, asn if asn < 65536 else 23456, hold,
                        socket.inet_aton(router_id), len(params)) + params
     return bgp_message(1, body)
 
@@ -230,11 +239,12 @@ class Peer:
     """One BGP session from a loopback source address to a receiver; it answers keepalives
     and throws away whatever the receiver sends."""
 
-    def __init__(self, name, rx_addr, rx_port):
-        self.addr, self.asn = PEERS[name]
+    def __init__(self, name, rx_addr, rx_port, hold=240):
+        self.addr, self.asn = PEERS[name] if name in PEERS else LISTENER
+        self.keepalive_every = hold / 3
         self.sock = socket.create_connection((rx_addr, rx_port), timeout=30, source_address=(self.addr, 0))
         self.sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        self.sock.sendall(open_message(self.asn, self.addr))
+        self.sock.sendall(open_message(self.asn, self.addr, hold))
         self.established = None
         self.alive = True
         buf = b""
@@ -271,7 +281,7 @@ class Peer:
 
     def _keepalive(self):
         while self.alive:
-            time.sleep(30)
+            time.sleep(self.keepalive_every)
             try:
                 with self.lock:
                     self.sock.sendall(KEEPALIVE)
@@ -289,6 +299,40 @@ class Peer:
         except OSError:
             pass
         self.sock.close()
+
+
+class Listener(Peer):
+    """Peer C of --drop-gap: announces nothing; notes when each message of the receiver
+    arrives (UPDATEs and keepalives alike)."""
+
+    def __init__(self, rx_addr, rx_port):
+        self.arrivals = []
+        super().__init__("C", rx_addr, rx_port, hold=LISTENER_HOLD)
+
+    def _drain(self):
+        buf, pos = b"", 0
+        try:
+            while True:
+                data = self.sock.recv(1 << 20)
+                if not data:
+                    break
+                now = time.monotonic()
+                buf = buf[pos:] + data
+                pos = 0
+                while len(buf) - pos >= 19:
+                    length = struct.unpack("!H", buf[pos + 16:pos + 18])[0]
+                    if len(buf) - pos < length:
+                        break
+                    self.arrivals.append(now)
+                    pos += length
+        except OSError:
+            pass
+        self.alive = False
+
+    def longest_gap(self, t0, t1):
+        """The longest time in [t0, t1] without a message from the receiver."""
+        times = [t0] + [t for t in list(self.arrivals) if t0 < t < t1] + [t1]
+        return max(b - a for a, b in zip(times, times[1:]))
 
 
 # ---------------------------------------------------------------------------- processes
@@ -450,9 +494,9 @@ class Flowspecd(Receiver):
         with open(conf, "w") as f:
             f.write('router-id = "10.255.0.1"\nlocal-as = %d\nlisten = ["%s:%d"]\n' % (RECV_AS, self.addr, self.port))
             f.write('control-socket = "%s"\nfsib-prefix = "%s"\n' % (self.sock, self.prefix))
-            for addr, asn in PEERS.values():
-                f.write('\n[[neighbor]]\naddress = "%s"\nremote-as = %d\npassive = true\nhold-time = 240\n'
-                        'families = ["%s"]\n' % (addr, asn, self.fam))
+            for (addr, asn), hold in [(p, 240) for p in PEERS.values()] + [(LISTENER, LISTENER_HOLD)]:
+                f.write('\n[[neighbor]]\naddress = "%s"\nremote-as = %d\npassive = true\nhold-time = %d\n'
+                        'families = ["%s"]\n' % (addr, asn, hold, self.fam))
         return [os.path.join(self.build, "agent", "flowspecd"), "--config", conf]
 
     def env(self):
@@ -489,6 +533,13 @@ class Flowspecd(Receiver):
 
     def paths(self):
         return self.summary()[1]
+
+    def advertised_to(self, addr):
+        """Rules the session to the neighbor at `addr` holds from the receiver now."""
+        for nb in self.request("show neighbors")["neighbors"]:
+            if nb["address"].split(":")[0] == addr:
+                return nb.get("rulesAdvertised", {}).get(self.fam, 0)
+        return 0
 
     def fsib_rules(self):
         out = run_quiet([os.path.join(self.build, "tools", "flowspec", "flowspec"), "fsib", "--prefix", self.prefix,
@@ -641,6 +692,65 @@ def measure(rx, streams, n, timeout, skip_extra):
 # ------------------------------------------------------------------------------- report
 
 
+def measure_drop_gap(rx, streams, n, timeout):
+    """Withdraw-all and a session drop of N rules while peer C is sent the withdrawals."""
+    r = {}
+    c = Listener(rx.addr, rx.port)
+    a = Peer("A", rx.addr, rx.port)
+    sent_all = lambda: rx.rules() >= n and rx.advertised_to(LISTENER[0]) >= n
+    a.send(streams["A"].announce)
+    wait_for(sent_all, a.established, timeout, "all rules, sent to C")
+    clean = lambda: rx.summary() == (0, 0) and rx.fsib_rules() == 0 and rx.advertised_to(LISTENER[0]) == 0
+
+    t0 = time.monotonic()
+    a.send(streams["A"].withdraw)
+    r["withdraw_time"] = wait_for(clean, t0, timeout, "withdraw all")
+    r["withdraw_gap"] = c.longest_gap(t0, t0 + r["withdraw_time"])
+
+    t0 = time.monotonic()
+    a.send(streams["A"].announce)
+    wait_for(sent_all, t0, timeout, "all rules again, sent to C")
+    slowest = [0.0]
+    done = threading.Event()
+
+    def poll_control():
+        while not done.is_set():
+            t = time.monotonic()
+            rx.request("show summary")
+            slowest[0] = max(slowest[0], time.monotonic() - t)
+            time.sleep(0.05)
+
+    poller = threading.Thread(target=poll_control, daemon=True)
+    t0 = time.monotonic()
+    a.close()
+    poller.start()
+    r["drop_time"] = wait_for(clean, t0, timeout, "RIB, FSIB and C clean after the drop")
+    done.set()
+    poller.join()
+    r["drop_gap"] = c.longest_gap(t0, t0 + r["drop_time"])
+    r["drop_control_slowest"] = slowest[0]
+    r["listener_alive"] = c.alive
+    c.close()
+    return r
+
+
+def report_drop_gap(results, out):
+    cols = [("withdraw_time", "withdraw s"), ("withdraw_gap", "gap s"), ("drop_time", "drop s"),
+            ("drop_gap", "gap s"), ("drop_control_slowest", "control s")]
+    head = "%-5s %-7s %-5s" % ("fam", "load", "N") + "".join(" %12s" % c[1] for c in cols)
+    print(head, file=out)
+    print("-" * len(head), file=out)
+    for fam, load, n in sorted({(r["family"], r["workload"], r["n"]) for r in results}):
+        runs = [r for r in results if (r["family"], r["workload"], r["n"]) == (fam, load, n)]
+        cells = []
+        for key, _ in cols:
+            m, _ = median_spread([r.get(key) for r in runs])
+            cells.append(" %12s" % ("-" if m is None else "%.3f" % m))
+        print("%-5s %-7s %-5s" % (fam, load, fmt_n(n)) + "".join(cells), file=out)
+    print("medians; gap: the longest silence towards peer C (hold time %d s); control: the slowest "
+          "answer of the control socket during the drop" % LISTENER_HOLD, file=out)
+
+
 def median_spread(vals):
     vals = [v for v in vals if v is not None]
     if not vals:
@@ -712,6 +822,9 @@ def main():
     ap.add_argument("--runs", type=int, default=3, help="fresh receivers per case (default 3)")
     ap.add_argument("--quick", action="store_true", help="N = 2000 and one run: a smoke test of every phase")
     ap.add_argument("--ingest-only", action="store_true", help="skip the second peer and the session drops")
+    ap.add_argument("--drop-gap", action="store_true",
+                    help="flowspecd alone: withdraw-all and a session drop while a third peer is sent the "
+                         "withdrawals; the time to clean and the longest silence towards that peer")
     ap.add_argument("--build", default=os.environ.get("FLOWSPECD_BUILD", os.path.join(ROOT, "build", "default")),
                     help="the build holding agent/flowspecd and tools/flowspec/flowspec (default build/default)")
     ap.add_argument("--work", help="directory for configurations and logs, kept (default a temporary one, removed)")
@@ -721,6 +834,8 @@ def main():
     a = ap.parse_args()
 
     receivers = parse_list(a.receivers)
+    if a.drop_gap:
+        receivers = ["flowspecd"]
     families = parse_list(a.family)
     workloads = parse_list(a.workload)
     ns = parse_list(a.n, parse_n)
@@ -771,7 +886,10 @@ def main():
                                 rec = {"receiver": name, "family": family, "workload": workload, "n": n, "run": run}
                                 try:
                                     rx.start()
-                                    rec.update(measure(rx, streams, n, a.timeout, a.ingest_only))
+                                    if a.drop_gap:
+                                        rec.update(measure_drop_gap(rx, streams, n, a.timeout))
+                                    else:
+                                        rec.update(measure(rx, streams, n, a.timeout, a.ingest_only))
                                 except (RuntimeError, OSError, subprocess.SubprocessError, ValueError) as e:
                                     rec["error"] = str(e)
                                     failed = True
@@ -787,7 +905,10 @@ def main():
     finally:
         for rx in live:
             rx.stop()
-    report([r for r in results if "error" not in r], receivers, sys.stdout)
+    if a.drop_gap:
+        report_drop_gap([r for r in results if "error" not in r], sys.stdout)
+    else:
+        report([r for r in results if "error" not in r], receivers, sys.stdout)
     print("JSON lines: %s" % out_path)
     for r in results:
         if "error" in r:

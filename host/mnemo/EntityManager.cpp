@@ -65,7 +65,8 @@ MountStatus EntityManager::doMount(std::string const& path, std::string const& t
    if (!name) return failed(MountStatus::badPath);
    auto const known = types_.find(type);
    if (known == types_.end()) return failed(MountStatus::unknownType);
-   auto entity = known->second.make(*name, info);
+   lastProblem_.clear();
+   auto entity = known->second.make(*name, info, lastProblem_);
    if (!entity) return failed(entity.reason());
    mounts_.emplace(path, Mount{type, info, entity.value(), 1});
    OVK_TRACE(mnemoTrace(), 5, "mounted " << path << " as " << *name);

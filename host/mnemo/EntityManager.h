@@ -64,9 +64,9 @@ char const* toStrep(MountStatus s);
 struct MountType {
    // The entity for the segment named `segment` as `info` describes it; a failure is the
    // status the mount ends with (badCollections or segmentError), its cause traced by the
-   // factory.
-   using Factory = std::function<Ovk::Result<Ovk::Ptr<Ovk::PtrInterface>, MountStatus>(std::string const& segment,
-                                                                                       MountInfo const& info)>;
+   // factory and said in `why` (a sentence for people, possibly empty).
+   using Factory = std::function<Ovk::Result<Ovk::Ptr<Ovk::PtrInterface>, MountStatus>(
+       std::string const& segment, MountInfo const& info, std::string& why)>;
    Factory make;
    // Before the last unmount, when set: the entity stops writing.
    std::function<void(Ovk::PtrInterface& entity)> cleanup;
@@ -84,8 +84,10 @@ class EntityManager : public Ovk::PtrInterface {
    void mountTypeIs(std::string const& name, MountType type);
    bool hasMountType(std::string_view name) const;
 
-   // Mounts `path`. Failures are traced (facility "Mnemo", level 3) and leave nothing mounted.
+   // Mounts `path`. Failures are traced (facility "Mnemo", level 3) and leave nothing mounted;
+   // lastMountProblem() then says why in a sentence when the entity's type could.
    MountStatus doMount(std::string const& path, std::string const& type, MountInfo const& info);
+   std::string const& lastMountProblem() const { return lastProblem_; }
    // The entity at `path`, or empty when the path is not mounted.
    Ovk::Ptr<Ovk::PtrInterface> getEntity(std::string const& path) const;
    // Before the last unmount of `path`: the entity stops writing (its type's cleanup), so a
@@ -108,6 +110,7 @@ class EntityManager : public Ovk::PtrInterface {
    std::string prefix_;
    std::map<std::string, MountType, std::less<>> types_;
    std::map<std::string, Mount, std::less<>> mounts_;
+   std::string lastProblem_;
 };
 
 } // namespace Mnemo

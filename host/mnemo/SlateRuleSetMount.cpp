@@ -6,13 +6,17 @@ namespace Mnemo {
 
 namespace {
 
-Ovk::Result<Ovk::Ptr<Ovk::PtrInterface>, MountStatus> makeRuleSet(std::string const& segment, MountInfo const& info) {
+Ovk::Result<Ovk::Ptr<Ovk::PtrInterface>, MountStatus> makeRuleSet(std::string const& segment, MountInfo const& info,
+                                                                  std::string& why) {
    // A rule set has exactly one collection, its rules.
    std::optional<std::uint32_t> const size = info.collectionSize(fsibCollection);
    if (info.collections().size() != 1 || !size || *size == 0) return Ovk::failure(MountStatus::badCollections);
-   auto set = SlateRuleSet::attach(segment, *size);
+   auto set = SlateRuleSet::attach(segment, *size, &why);
    if (!set) {
-      OVK_TRACE(mnemoTrace(), 3, "cannot attach " << segment << ": " << toStrep(set.reason()));
+      if (set.reason() == SlateError::writerActive) {
+         why = segmentPath(segment) + " is being written by another running process";
+      }
+      OVK_TRACE(mnemoTrace(), 3, "cannot attach " << segment << ": " << toStrep(set.reason()) << " " << why);
       return Ovk::failure(MountStatus::segmentError);
    }
    Ovk::Ptr<Flowspec::RuleSet> entity = set.value();

@@ -2,8 +2,11 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
+#include <cstring>
 #include <csignal>
 #include <fcntl.h>
+#include <pwd.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -34,6 +37,7 @@ char const* toStrep(SlateError e) {
    case SlateError::openFailed: return "openFailed";
    case SlateError::notASegment: return "notASegment";
    case SlateError::writerActive: return "writerActive";
+   case SlateError::notOurs: return "notOurs";
    }
    return "?";
 }
@@ -64,6 +68,52 @@ std::optional<std::string> slateSegmentName(std::string_view prefix, std::string
 }
 
 bool unlinkSlateSegment(std::string const& name) { return ::shm_unlink(name.c_str()) == 0; }
+
+std::string segmentPath(std::string const& name) { return "/dev/shm" + name; }
+
+namespace {
+
+std::string userText(uid_t uid) {
+   std::string text = "uid " + std::to_string(uid);
+   struct passwd pw {};
+   struct passwd* found = nullptr;
+   char buf[1024];
+   if (::getpwuid_r(uid, &pw, buf, sizeof buf, &found) == 0 && found) text = std::string(found->pw_name) + " (" + text + ")";
+   return text;
+}
+
+std::string modeText(mode_t mode) {
+   char text[8];
+   std::snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode & 07777));
+   return text;
+}
+
+} // namespace
+
+std::string segmentTrustProblem(std::string const& name, int fd) {
+   std::string const path = segmentPath(name);
+   struct stat st {};
+   // shm_open does not follow a symbolic link; say what is there rather than "cannot open".
+   if (fd < 0) {
+      if (::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+         char target[4096];
+         ssize_t const n = ::readlink(path.c_str(), target, sizeof target - 1);
+         return path + " is a symbolic link" + (n > 0 ? " to " + std::string(target, static_cast<std::size_t>(n)) : "") +
+                ", not a segment of ours";
+      }
+      return {};
+   }
+   if (::fstat(fd, &st) != 0) return "cannot read the owner of " + path + ": " + std::strerror(errno);
+   if (!S_ISREG(st.st_mode)) return path + " is not a regular file";
+   if (st.st_uid != ::geteuid()) {
+      return path + " belongs to user " + userText(st.st_uid) + ", not to this process's user " +
+             userText(::geteuid());
+   }
+   if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+      return path + " may be written by other users (mode " + modeText(st.st_mode) + ")";
+   }
+   return {};
+}
 
 bool processAlive(std::uint32_t pid) {
    if (pid == 0 || pid > static_cast<std::uint32_t>(INT_MAX)) return false;

@@ -25,6 +25,8 @@ enum class SlateError : std::uint8_t {
    openFailed,   // shm_open, fstat, ftruncate or mmap failed
    notASegment,  // the object is not a segment of this format, or not yet initialised
    writerActive, // another live process is the segment's writer
+   notOurs,      // the name is taken by what this process cannot trust: another user's object,
+                 // one others may write, a symbolic link, something not a regular file
 };
 char const* toStrep(SlateError e);
 
@@ -40,6 +42,14 @@ bool unlinkSlateSegment(std::string const& name);
 
 // The size of the object open as `fd`, or 0 when it cannot be read.
 std::uint64_t segmentFileBytes(int fd);
+
+// Why the shared-memory object `name` (open as `fd`) is not one this process may write into
+// and trust: it must be a regular file of this process's user that no one else may write
+// (another user could otherwise feed the forwarding plane, or truncate or overwrite the
+// segment under its writer). Empty when it is fine. The text names the object's path.
+std::string segmentTrustProblem(std::string const& name, int fd);
+// The path of the object a segment name stands for ("/dev/shm/NAME").
+std::string segmentPath(std::string const& name);
 
 // True while process `pid` exists (possibly as a zombie not yet waited for).
 bool processAlive(std::uint32_t pid);

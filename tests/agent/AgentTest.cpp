@@ -9,7 +9,10 @@
 
 #include <asio/post.hpp>
 #include <nlohmann/json.hpp>
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <fstream>
 #include <unistd.h>
 #include <thread>
@@ -156,6 +159,35 @@ TEST(Agent, SecondAgentOnOneFsibIsRefusedAtStart) {
    EXPECT_TRUE(second->start().ok());
    second = nullptr;
    unlinkFsib(fsibPrefix("35"));
+}
+
+// A local user who creates the FSIB's segment before the agent starts cannot feed the
+// forwarding plane through it: the agent refuses to start and names the segment and its owner.
+TEST(Agent, AnFsibSegmentOfAnotherUserIsRefusedAtStart) {
+   if (::geteuid() != 0) GTEST_SKIP() << "making a segment as another user needs root (setuid in a child)";
+   asio::io_context io;
+   QuietLogger logger;
+   AgentConfig c = config("127.0.0.39", freePort("127.0.0.39"), "127.0.0.40", 179, 1, 2, true,
+                          testing::TempDir() + "/flowspecd-agent-test-squat.sock");
+   std::string const segment = *Mnemo::EntityManager(c.fsibPrefix).segmentName(Mnemo::fsibPath);
+   unlinkFsib(c.fsibPrefix);
+   pid_t const child = ::fork();
+   if (child == 0) {
+      if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(2);
+      int const fd = ::shm_open(segment.c_str(), O_RDWR | O_CREAT | O_EXCL, 0666);
+      ::_exit(fd >= 0 ? 0 : 1);
+   }
+   int status = 0;
+   ASSERT_EQ(::waitpid(child, &status, 0), child);
+   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+   auto agent = Ovk::makePtr<Agent>(io, c, logger);
+   auto const r = agent->start();
+   ASSERT_FALSE(r.ok());
+   EXPECT_NE(r.reason().find("cannot write the FSIB " + segment + ": /dev/shm" + segment + " belongs to user "),
+             std::string::npos)
+       << r.reason();
+   agent = nullptr;
+   unlinkFsib(c.fsibPrefix);
 }
 
 // A plugin library that is not there stops the start, naming the path and the loader's reason.

@@ -111,8 +111,8 @@ TEST(EntityManagerTest, RegisteredTypesMakeTheEntityAndCleanItUp) {
    };
    EntityManager em("registry-" + std::to_string(::getpid()));
    std::vector<std::string> made;
-   auto const make = [&made](std::string const& segment,
-                             MountInfo const& info) -> Ovk::Result<Ovk::Ptr<Ovk::PtrInterface>, MountStatus> {
+   auto const make = [&made](std::string const& segment, MountInfo const& info,
+                             std::string&) -> Ovk::Result<Ovk::Ptr<Ovk::PtrInterface>, MountStatus> {
       if (!info.collectionSize("item")) return Ovk::failure(MountStatus::badCollections);
       made.push_back(segment);
       auto e = Ovk::makePtr<Entity>();
@@ -125,7 +125,8 @@ TEST(EntityManagerTest, RegisteredTypesMakeTheEntityAndCleanItUp) {
    // A second registration under a known name changes nothing.
    em.mountTypeIs(
        "Test::Thing",
-       MountType{[](std::string const&, MountInfo const&) -> Ovk::Result<Ovk::Ptr<Ovk::PtrInterface>, MountStatus> {
+       MountType{[](std::string const&, MountInfo const&,
+                    std::string&) -> Ovk::Result<Ovk::Ptr<Ovk::PtrInterface>, MountStatus> {
                     return Ovk::failure(MountStatus::segmentError);
                  },
                  {}});

@@ -7,9 +7,12 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <map>
 #include <random>
+#include <sys/stat.h>
 
+#include "host/mnemo/SlateRecord.h"
 #include "host/mnemo/SlateRuleSetReader.h"
 #include "tests/host/mnemo/SlateTestHelpers.h"
 
@@ -317,6 +320,142 @@ TEST(SlateRuleSetTest, ReadersSurviveADamagedSegment) {
          ASSERT_NE(next->ruleIs(testRule(200 + i, 40)), RuleIsResult::refusedFull);
       }
    }
+}
+
+// A writer changed under: whatever was written over the segment, the next change finds it,
+// puts the rules it holds into a fresh segment and says so; nothing crashes, nothing is lost.
+TEST(SlateRuleSetTest, AWriterFindsItsSegmentChangedUnderItAndReplacesIt) {
+   struct Row {
+      char const* name;
+      std::function<void(RawSegment&)> damage;
+      char const* said;
+   };
+   std::vector<Row> const rows{
+       {"slot word", [](RawSegment& r) { r.slot(3) ^= 0x10; }, "slot 3 was overwritten"},
+       {"record", [](RawSegment& r) { reinterpret_cast<std::uint32_t*>(r.base + SlateLayout::slotBlockOffset(r.slot(3)))[SlateLayout::recordHeaderWords] ^= 1; },
+        "the record of slot 3 was overwritten"},
+       {"header", [](RawSegment& r) { r.header().capacity = 7; }, "its header was overwritten"},
+       {"writer", [](RawSegment& r) { r.header().writerPid.store(1); }, "its writer's process id was overwritten"},
+       {"generation", [](RawSegment& r) { r.header().generation.fetch_add(2); }, "generation"},
+       {"cut", [](RawSegment& r) { ASSERT_EQ(::ftruncate(r.fd, 128), 0); }, "it was cut to 128 bytes"},
+   };
+   for (Row const& row : rows) {
+      SCOPED_TRACE(row.name);
+      ScopedSegment seg("changed");
+      auto set = writer(seg, 16);
+      ASSERT_TRUE(set);
+      std::vector<std::string> heard;
+      set->problemHandlerIs([&](std::string const& text) { heard.push_back(text); });
+      for (std::uint32_t i = 0; i < 8; ++i) ASSERT_EQ(set->ruleIs(testRule(i, i)), RuleIsResult::added);
+      std::optional<SlateRuleSetReader> old = reader(seg);
+      // The slot of rule 3 is the one the next change replaces.
+      std::uint32_t slot = 0;
+      {
+         RawSegment raw(seg.name());
+         for (; slot < 16; ++slot) {
+            auto const off = SlateLayout::slotBlockOffset(raw.slot(slot));
+            if (off != 0 && SlateRecord::keyEquals({reinterpret_cast<std::uint32_t const*>(raw.base + off), 64},
+                                                   testKey(3, 3).words())) {
+               break;
+            }
+         }
+         ASSERT_EQ(slot, 3u); // slots are handed out from the lowest
+         row.damage(raw);
+      }
+      EXPECT_EQ(set->ruleIs(testRule(3, 3, 99)), RuleIsResult::replaced);
+      ASSERT_EQ(heard.size(), 1u);
+      EXPECT_NE(heard[0].find(row.said), std::string::npos) << heard[0];
+      EXPECT_NE(heard[0].find("replaced by a fresh segment holding its 8 rules"), std::string::npos) << heard[0];
+      EXPECT_EQ(set->repairs(), 1u);
+      if (std::string(row.name) != "cut") {
+         EXPECT_TRUE(old->retired());
+      }
+      auto const now = reader(seg).snapshot();
+      EXPECT_EQ(now.status, SnapshotStatus::consistent);
+      EXPECT_EQ(now.rules, contents(*set));
+      EXPECT_EQ(now.rules.size(), 8u);
+      EXPECT_TRUE(set->ruleDel(testKey(5, 5)));
+      EXPECT_EQ(reader(seg).ruleCount(), 7u);
+      EXPECT_EQ(heard.size(), 1u);
+   }
+}
+
+// Random words written over a segment while its writer is attached: it goes on writing, and
+// what it holds is what it was told.
+TEST(SlateRuleSetTest, AWriterSurvivesRandomDamageUnderIt) {
+   for (unsigned seed = 0; seed < 10; ++seed) {
+      SCOPED_TRACE(seed);
+      ScopedSegment seg("writerdamage");
+      auto set = writer(seg, 32);
+      ASSERT_TRUE(set);
+      std::map<std::uint32_t, std::uint32_t> model; // rule -> its variant
+      std::mt19937 rng(seed);
+      for (int op = 0; op < 400; ++op) {
+         if (op % 50 == 25) {
+            RawSegment raw(seg.name());
+            auto* words = reinterpret_cast<std::uint32_t*>(raw.base);
+            std::size_t const n = raw.bytes / 4;
+            for (int k = 0; k < 20; ++k) words[draw(rng) % n] = static_cast<std::uint32_t>(draw(rng));
+         }
+         std::uint32_t const i = draw(rng) % 40;
+         if (draw(rng) % 3 == 0) {
+            EXPECT_EQ(set->ruleDel(testKey(i, i % 5)), model.erase(i) == 1);
+         } else {
+            std::uint32_t const variant = draw(rng) % 4;
+            RuleIsResult const r = set->ruleIs(testRule(i, i % 5, variant));
+            if (r != RuleIsResult::refusedFull) model[i] = variant;
+         }
+      }
+      std::vector<Rule> expected;
+      for (auto const& [i, variant] : model) expected.push_back(testRule(i, i % 5, variant));
+      std::sort(expected.begin(), expected.end(), [](Rule const& a, Rule const& b) { return a.key < b.key; });
+      EXPECT_EQ(contents(*set), expected);
+   }
+}
+
+// The writer owns what it writes: a name taken by what it cannot trust is refused, with the
+// reason, and left alone.
+TEST(SlateRuleSetTest, ASegmentThatIsNotOursIsRefused) {
+   {
+      ScopedSegment seg("loose");
+      int const fd = ::shm_open(seg.name().c_str(), O_RDWR | O_CREAT, 0600);
+      ASSERT_GE(fd, 0);
+      ASSERT_EQ(::fchmod(fd, 0666), 0);
+      ::close(fd);
+      std::string why;
+      EXPECT_EQ(SlateRuleSet::attach(seg.name(), 8, &why).reason(), SlateError::notOurs);
+      EXPECT_EQ(why, segmentPath(seg.name()) + " may be written by other users (mode 0666)");
+   }
+   {
+      ScopedSegment seg("link");
+      std::string const target = "/tmp/fsibtest-link-target-" + std::to_string(::getpid());
+      ASSERT_EQ(::symlink(target.c_str(), segmentPath(seg.name()).c_str()), 0);
+      std::string why;
+      EXPECT_EQ(SlateRuleSet::attach(seg.name(), 8, &why).reason(), SlateError::notOurs);
+      EXPECT_EQ(why, segmentPath(seg.name()) + " is a symbolic link to " + target + ", not a segment of ours");
+      ::unlink(segmentPath(seg.name()).c_str());
+   }
+   if (::geteuid() != 0) {
+      GTEST_SKIP() << "a segment of another user needs root to make (setuid in a child); run as root";
+   }
+   ScopedSegment seg("squat");
+   pid_t const child = ::fork();
+   if (child == 0) {
+      // An unprivileged user gets there first, with a segment anyone may write.
+      if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(2);
+      int const fd = ::shm_open(seg.name().c_str(), O_RDWR | O_CREAT | O_EXCL, 0644);
+      ::_exit(fd >= 0 && ::ftruncate(fd, 1 << 20) == 0 ? 0 : 1);
+   }
+   int status = 0;
+   ASSERT_EQ(::waitpid(child, &status, 0), child);
+   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+   std::string why;
+   EXPECT_EQ(SlateRuleSet::attach(seg.name(), 8, &why).reason(), SlateError::notOurs);
+   EXPECT_NE(why.find(segmentPath(seg.name()) + " belongs to user "), std::string::npos) << why;
+   EXPECT_NE(why.find("(uid 65534), not to this process's user"), std::string::npos) << why;
+   struct stat st {};
+   ASSERT_EQ(::stat(segmentPath(seg.name()).c_str(), &st), 0);
+   EXPECT_EQ(st.st_uid, 65534u); // left as it was
 }
 
 TEST(SlateRuleSetTest, OneWriterAtATime) {
