@@ -1,5 +1,6 @@
 #include "BgpFlowspec/FlowspecFsibExport.h"
 
+#include <algorithm>
 #include <ostream>
 #include <vector>
 
@@ -122,6 +123,270 @@ template void translateExtComm<ExtComm>(FlowspecRouteConfigSm&, ExtComm const*, 
 template void translateExtComm<ExtCommIp6>(FlowspecRouteConfigSm&, ExtCommIp6 const*, PathAttributesContents const&,
                                            Flowspec::Rule&, Flowspec::ActionFieldSet&, bool&, FlowspecRouteKey const&);
 
+// ---- FlowspecFsibAdmission ----
+
+namespace {
+
+constexpr char const* kAdmissionAttachment = "flowspecAdmission";
+
+std::uint32_t slateFamily(Flowspec::FlowspecSlateKey const& k) { return k.empty() ? 0 : k.words()[0] & 0xffu; }
+
+Flowspec::FlowspecSlateKey slateKeyOf(FlowspecRouteKey const& key) {
+   Flowspec::FlowspecSlateKey s;
+   s.copyInFlowspecKey(key.slateKey());
+   return s;
+}
+
+} // namespace
+
+FlowspecFsibAdmission::FlowspecFsibAdmission(Ovk::Ptr<Flowspec::RuleSet> fsib, Ovk::Ptr<Ovk::TaskScheduler> scheduler)
+    : fsib_(std::move(fsib)), scheduler_(std::move(scheduler)) {
+   OVK_ASSERT(fsib_);
+}
+
+FlowspecFsibAdmission::~FlowspecFsibAdmission() {
+   *alive_ = false;
+   if (refillTask_ && scheduler_) scheduler_->cancel(*refillTask_);
+   for (Writer& w : writers_) {
+      for (FlowspecRouteKey const* k : w.held) k->deleteRef();
+   }
+}
+
+Ovk::Ptr<FlowspecFsibAdmission> FlowspecFsibAdmission::of(Mnemo::EntityManager& em,
+                                                           Ovk::Ptr<Ovk::TaskScheduler> const& scheduler) {
+   auto existing = Ovk::ptrCast<FlowspecFsibAdmission>(em.attachment(Mnemo::fsibPath, kAdmissionAttachment));
+   if (existing) return existing;
+   auto fsib = Mnemo::fsibOf(em);
+   if (!fsib) return nullptr;
+   auto made = Ovk::makePtr<FlowspecFsibAdmission>(fsib, scheduler);
+   em.attachmentIs(Mnemo::fsibPath, kAdmissionAttachment, made);
+   return made;
+}
+
+FlowspecFsibAdmission::Writer* FlowspecFsibAdmission::writerOf(FlowspecRouteConfigSm const& sm) {
+   for (Writer& w : writers_) {
+      if (w.sm == &sm) return &w;
+   }
+   return nullptr;
+}
+
+FlowspecFsibAdmission::Writer const* FlowspecFsibAdmission::writerOf(FlowspecRouteConfigSm const& sm) const {
+   for (Writer const& w : writers_) {
+      if (w.sm == &sm) return &w;
+   }
+   return nullptr;
+}
+
+void FlowspecFsibAdmission::writerIs(FlowspecRouteConfigSm& sm) {
+   if (writerOf(sm)) return;
+   // What an earlier writer of the family left goes: the FSIB's keys carry their family.
+   std::uint32_t const family =
+       static_cast<std::uint32_t>(sm.afiSafi().afi() == Afi::afiIpv4 ? Ovnet::AddressFamily::ipv4
+                                                                      : Ovnet::AddressFamily::ipv6);
+   // (Unless a writer of the family writes now: its rules are not stale.)
+   bool const familyWritten = std::any_of(writers_.begin(), writers_.end(),
+                                          [&](Writer const& w) { return w.sm->afiSafi() == sm.afiSafi(); });
+   std::vector<Flowspec::FlowspecSlateKey> stale;
+   if (!familyWritten) {
+      fsib_->forEachRule([&](Flowspec::Rule const& r) {
+         if (slateFamily(r.key) == family) stale.push_back(r.key);
+         return true;
+      });
+   }
+   if (stale.size() == fsib_->ruleCount()) {
+      fsib_->ruleDelAll();
+   } else {
+      for (auto const& k : stale) fsib_->ruleDel(k);
+   }
+   writers_.push_back(Writer{&sm, {}, {}, nullptr, false});
+   restartWalks();
+   if (!stale.empty()) refusedWaiting_ = true; // room for the others' refused rules
+   scheduleRefill();
+}
+
+void FlowspecFsibAdmission::writerDel(FlowspecRouteConfigSm& sm) {
+   auto it = std::find_if(writers_.begin(), writers_.end(), [&](Writer const& w) { return w.sm == &sm; });
+   if (it == writers_.end()) return;
+   for (FlowspecRouteKey const* k : it->held) k->deleteRef();
+   writers_.erase(it);
+   restartWalks();
+}
+
+bool FlowspecFsibAdmission::holds(FlowspecRouteConfigSm const& sm, FlowspecRouteKey const& key) const {
+   Writer const* w = writerOf(sm);
+   return w && w->held.count(&key) != 0;
+}
+
+std::size_t FlowspecFsibAdmission::held(FlowspecRouteConfigSm const& sm) const {
+   Writer const* w = writerOf(sm);
+   return w ? w->held.size() : 0;
+}
+
+bool FlowspecFsibAdmission::precedes(Writer const& wa, FlowspecRouteKey const& a, Writer const& wb,
+                                     FlowspecRouteKey const& b) const {
+   if (wa.sm->afiSafi() == wb.sm->afiSafi()) return RouteOrderIndex::less(&a, &b);
+   return slateKeyOf(a) < slateKeyOf(b);
+}
+
+FlowspecFsibAdmission::Writer* FlowspecFsibAdmission::lastWriter() {
+   Writer* last = nullptr;
+   for (Writer& w : writers_) {
+      if (w.order.empty()) continue;
+      if (!last || precedes(*last, **last->order.rbegin(), w, **w.order.rbegin())) last = &w;
+   }
+   return last;
+}
+
+void FlowspecFsibAdmission::restartWalks() {
+   for (Writer& w : writers_) {
+      w.scan = nullptr;
+      w.scanDone = false;
+   }
+}
+
+bool FlowspecFsibAdmission::install(Writer& w, FlowspecRouteKey const& key, bool isNew) {
+   FlowspecRouteConfigSm& sm = *w.sm;
+   switch (fsib_->ruleIs(sm.ruleOf(key))) {
+   case Flowspec::RuleIsResult::added:
+   case Flowspec::RuleIsResult::replaced:
+      if (isNew) {
+         ++sm.counters_.added;
+         key.newRef();
+         w.held.insert(&key);
+         w.order.insert(&key);
+      } else {
+         ++sm.counters_.replaced;
+      }
+      return true;
+   case Flowspec::RuleIsResult::refusedFull:
+      // Out of shared memory with slots free: nothing to displace for.
+      sm.countRefusedFull(key);
+      refusedWaiting_ = true;
+      return false;
+   case Flowspec::RuleIsResult::refusedDetached: return false;
+   }
+   return false;
+}
+
+void FlowspecFsibAdmission::release(Writer& w, FlowspecRouteKey const& key) {
+   fsib_->ruleDel(slateKeyOf(key));
+   // Out of the FSIB, its redirects depend on the import configuration no more.
+   w.sm->forgetRedirects(key);
+   w.order.erase(&key);
+   w.held.erase(&key);
+   key.deleteRef();
+}
+
+void FlowspecFsibAdmission::routePresent(FlowspecRouteConfigSm& sm, FlowspecRouteKey const& key) {
+   Writer* w = writerOf(sm);
+   if (!w) return;
+   if (w->held.count(&key) != 0) {
+      (void)install(*w, key, false);
+      return;
+   }
+   restartWalks();
+   if (fsib_->ruleCount() >= fsib_->ruleCapacity()) {
+      Writer* last = lastWriter();
+      FlowspecRouteKey const* tail = last ? *last->order.rbegin() : nullptr;
+      if (!tail || !precedes(*w, key, *last, *tail)) {
+         // Counted without the rule being built: at a million rules most are refused.
+         fsib_->refusalNote();
+         sm.countRefusedFull(key);
+         refusedWaiting_ = true;
+         return;
+      }
+      // The last rule held makes room: the FSIB holds the rules that come first.
+      FlowspecRouteConfigSm& lastSm = *last->sm;
+      Ovk::Ptr<RouteKey const> const keep(tail);
+      release(*last, *tail);
+      fsib_->refusalNote();
+      ++lastSm.counters_.displaced;
+      lastSm.countRefusedFull(*tail);
+      refusedWaiting_ = true;
+   }
+   (void)install(*w, key, true);
+}
+
+void FlowspecFsibAdmission::routeGone(FlowspecRouteConfigSm& sm, FlowspecRouteKey const& key) {
+   Writer* w = writerOf(sm);
+   if (!w || w->held.count(&key) == 0) return;
+   release(*w, key);
+   ++sm.counters_.deleted;
+   restartWalks();
+   scheduleRefill();
+}
+
+void FlowspecFsibAdmission::scheduleRefill() {
+   if (!refusedWaiting_ || refillTask_) return;
+   if (!scheduler_) {
+      while (refill(SIZE_MAX)) {
+      }
+      return;
+   }
+   refillTask_ = scheduler_->post(
+       [this, alive = alive_] {
+          if (!*alive) return;
+          refillTask_.reset();
+          if (refill(kRefillKeysPerSlice)) scheduleRefill();
+       },
+       "fsibRefill");
+}
+
+FlowspecRouteKey const* FlowspecFsibAdmission::nextRefused(Writer& w, std::size_t& budget) {
+   if (w.scanDone) return nullptr;
+   if (!w.sm->routeTable()) {
+      w.scanDone = true;
+      return nullptr;
+   }
+   RouteOrderIndex const& order = w.sm->routeTable()->ribTable().order();
+   RouteOrderIndex::Iterator it;
+   if (w.scan) {
+      it = order.lowerBound(*w.scan);
+   } else if (w.order.empty()) {
+      it = order.begin();
+   } else {
+      it = order.lowerBound(**w.order.rbegin());
+   }
+   for (; it != order.end(); ++it) {
+      if (budget == 0) {
+         w.scan = Ovk::Ptr<RouteKey const>(*it);
+         return nullptr;
+      }
+      --budget;
+      auto const* key = static_cast<FlowspecRouteKey const*>(*it);
+      if (key->wontExportReason().empty() && w.held.count(key) == 0) {
+         w.scan = Ovk::Ptr<RouteKey const>(key);
+         return key;
+      }
+   }
+   w.scan = nullptr;
+   w.scanDone = true;
+   return nullptr;
+}
+
+bool FlowspecFsibAdmission::refill(std::size_t budget) {
+   while (fsib_->ruleCount() < fsib_->ruleCapacity()) {
+      Writer* best = nullptr;
+      FlowspecRouteKey const* bestKey = nullptr;
+      for (Writer& w : writers_) {
+         FlowspecRouteKey const* k = nextRefused(w, budget);
+         // A walk the budget cut short may yet find a rule before the others' candidates.
+         if (!k && !w.scanDone) return true;
+         if (k && (!best || precedes(w, *k, *best, *bestKey))) {
+            best = &w;
+            bestKey = k;
+         }
+      }
+      if (!best) {
+         refusedWaiting_ = false; // nothing refused is left
+         return false;
+      }
+      if (!install(*best, *bestKey, true)) return false;
+      ++best->sm->counters_.refilled;
+   }
+   return false;
+}
+
 // ---- FlowspecRouteConfigSm ----
 
 class FlowspecRouteConfigSm::RtAfiSafiReactor : public RtToVrfIdList::Reactor {
@@ -139,15 +404,18 @@ FlowspecRouteConfigSm::FlowspecRouteConfigSm(BgpVrfIdBase vrfIdBase, AfiSafi afi
                                              Ovk::Ptr<Mnemo::EntityManager> entityManager,
                                              Ovk::Ptr<RtToVrfIdList> rtToVrfIdList,
                                              Ovk::Ptr<CoreDedupTables> coreDedupTables,
-                                             Ovk::Ptr<FlowspecRkToRedirVrfId> rkToRedirVrfId)
+                                             Ovk::Ptr<FlowspecRkToRedirVrfId> rkToRedirVrfId,
+                                             Ovk::Ptr<Ovk::TaskScheduler> scheduler)
     : FwdTgtRouteConfigSm(vrfIdBase, afiSafi, ForwardingTarget::flowspec, std::move(routeTable)),
       entityManager_(std::move(entityManager)), rtToVrfIdList_(std::move(rtToVrfIdList)),
-      coreDedupTables_(std::move(coreDedupTables)), rkToRedirVrfId_(std::move(rkToRedirVrfId)) {
+      coreDedupTables_(std::move(coreDedupTables)), rkToRedirVrfId_(std::move(rkToRedirVrfId)),
+      scheduler_(std::move(scheduler)) {
    if (rtToVrfIdList_) rtAfiSafiReactor_ = std::make_unique<RtAfiSafiReactor>(*this, rtToVrfIdList_);
    handleInitialized();
 }
 
 FlowspecRouteConfigSm::~FlowspecRouteConfigSm() {
+   if (admission_) admission_->writerDel(*this);
    vpnAfiSafiReactor_ = nullptr;
    rtAfiSafiReactor_ = nullptr;
 }
@@ -224,36 +492,29 @@ void FlowspecRouteConfigSm::handleRouteEntry(RouteKey const* baseRouteKey) {
       ++counters_.notExportable;
       return;
    }
-   bool const present = routeTable() && routeTable()->routeKeyPresent(*routeKey);
-   bool const inFsib = inFsib_.count(routeKey) != 0;
-   // A rule the full FSIB would refuse is counted without building its slate key.
-   if (present && !inFsib && fsib_->ruleCount() >= fsib_->ruleCapacity()) {
-      fsib_->refusalNote();
-      countRefusedFull(*routeKey);
-      return;
+   if (routeTable() && routeTable()->routeKeyPresent(*routeKey)) {
+      admission_->routePresent(*this, *routeKey);
+   } else {
+      admission_->routeGone(*this, *routeKey);
    }
-   if (!present && !inFsib) return; // nothing to delete
-   Flowspec::FlowspecSlateKey slateKey;
-   slateKey.copyInFlowspecKey(routeKey->slateKey());
-   if (!present) {
-      if (fsib_->ruleDel(slateKey)) ++counters_.deleted;
-      inFsib_.erase(routeKey);
-      return;
-   }
-   PathAttributesContents const* pathAttrs = routeTable()->getEffectivePathAttrs(*routeKey);
+}
+
+Flowspec::Rule FlowspecRouteConfigSm::ruleOf(FlowspecRouteKey const& key) {
+   forgetRedirects(key);
+   PathAttributesContents const* pathAttrs = routeTable()->getEffectivePathAttrs(key);
    OVK_ASSERT(pathAttrs);
    Flowspec::Rule rule;
-   rule.key = std::move(slateKey);
+   rule.key.copyInFlowspecKey(key.slateKey());
    Flowspec::ActionFieldSet actions(Flowspec::actionNone);
    // The two lists have a next-hop flag each: a next-hop redirect of the first list is not
    // withdrawn by a redirect to a VRF in the second.
    bool redirectNexthopIpSet = false;
    for (ExtCommIp6 const* c : pathAttrs->extCommIp6List.classificationList(extCommClassificationFlowspec())) {
-      translateExtComm(*this, c, *pathAttrs, rule, actions, redirectNexthopIpSet, *routeKey);
+      translateExtComm(*this, c, *pathAttrs, rule, actions, redirectNexthopIpSet, key);
    }
    redirectNexthopIpSet = false;
    for (ExtComm const* c : pathAttrs->extCommList.classificationList(extCommClassificationFlowspec())) {
-      translateExtComm(*this, c, *pathAttrs, rule, actions, redirectNexthopIpSet, *routeKey);
+      translateExtComm(*this, c, *pathAttrs, rule, actions, redirectNexthopIpSet, key);
    }
    if (actions.any(0x7d)) actions.clear(Flowspec::actionNone);
    // A redirect to an address without a VRF goes to this VRF's table.
@@ -261,19 +522,8 @@ void FlowspecRouteConfigSm::handleRouteEntry(RouteKey const* baseRouteKey) {
       rule.trafficRedirect.vrfId = vrfIdBase().value();
    }
    rule.actions = actions;
-   rule.ruleId = static_cast<std::uint32_t>(routeKey->ruleId());
-   switch (fsib_->ruleIs(rule)) {
-   case Flowspec::RuleIsResult::added:
-      ++counters_.added;
-      inFsib_.insert(routeKey);
-      break;
-   case Flowspec::RuleIsResult::replaced:
-      ++counters_.replaced;
-      inFsib_.insert(routeKey);
-      break;
-   case Flowspec::RuleIsResult::refusedFull: countRefusedFull(*routeKey); break;
-   case Flowspec::RuleIsResult::refusedDetached: break;
-   }
+   rule.ruleId = static_cast<std::uint32_t>(key.ruleId());
+   return rule;
 }
 
 void FlowspecRouteConfigSm::countRefusedFull(FlowspecRouteKey const& key) {
@@ -287,10 +537,10 @@ void FlowspecRouteConfigSm::handleInitialized() {
    Mnemo::mountFsib(*entityManager_);
    fsib_ = Mnemo::fsibOf(*entityManager_);
    OVK_ASSERT_MSG(fsib_, "fsib()");
-   // Every start begins from an empty FSIB: an earlier run's rules are removed, not
-   // reconciled.
-   fsib_->ruleDelAll();
-   inFsib_.clear();
+   // Every start begins from an FSIB without rules of its family: an earlier run's rules are
+   // removed, not reconciled. The other family's rules stay.
+   admission_ = FlowspecFsibAdmission::of(*entityManager_, scheduler_);
+   admission_->writerIs(*this);
    hasNotificationActiveIs(true);
    handleRouteEntryAll();
    handleRtAfiSafiAll();
@@ -298,9 +548,10 @@ void FlowspecRouteConfigSm::handleInitialized() {
 
 void FlowspecRouteConfigSm::handleDestroyed() {
    OVK_TRACE(flowspecTraceFacility(), 8, "FlowspecRouteConfigSm(" << afiSafi() << " vrf=" << vrfIdBase() << ")");
+   if (admission_) admission_->writerDel(*this);
+   admission_ = nullptr;
    if (entityManager_ && fsib_) Mnemo::unmountFsib(*entityManager_);
    fsib_ = nullptr;
-   inFsib_.clear();
    vpnAfiSafiReactor_ = nullptr;
    if (rtAfiSafiReactor_) rtAfiSafiReactor_->hasNotificationActiveIs(false);
    rtToRouteKeySet_.clear();
@@ -344,8 +595,8 @@ std::string FlowspecRouteConfigSm::notInForwardingReason(RouteKey const& key) co
       if (r.componentTypeMoreThanOnce()) why += std::string(why.empty() ? "" : ", ") + "component type repeated";
       return "cannot be forwarded: " + why;
    }
-   if (!fsib_) return "FSIB not mounted";
-   if (inFsib_.count(routeKey)) return {};
+   if (!fsib_ || !admission_) return "FSIB not mounted";
+   if (admission_->holds(*this, *routeKey)) return {};
    if (!routeTable() || !routeTable()->routeKeyPresent(key)) return "no best path";
    return "FSIB full";
 }
@@ -356,10 +607,11 @@ FlowspecRouteConfigSmFactory::FlowspecRouteConfigSmFactory(AfiSafi afiSafi,
                                                            Ovk::Ptr<Mnemo::EntityManager> entityManager,
                                                            Ovk::Ptr<RtToVrfIdList> rtToVrfIdList,
                                                            Ovk::Ptr<CoreDedupTables> coreDedupTables,
-                                                           Ovk::Ptr<FlowspecRkToRedirVrfId> rkToRedirVrfId)
+                                                           Ovk::Ptr<FlowspecRkToRedirVrfId> rkToRedirVrfId,
+                                                           Ovk::Ptr<Ovk::TaskScheduler> scheduler)
     : RouteConfigSmFactoryBase(afiSafi), entityManager_(std::move(entityManager)),
       rtToVrfIdList_(std::move(rtToVrfIdList)), coreDedupTables_(std::move(coreDedupTables)),
-      rkToRedirVrfId_(std::move(rkToRedirVrfId)) {}
+      rkToRedirVrfId_(std::move(rkToRedirVrfId)), scheduler_(std::move(scheduler)) {}
 
 Ovk::FwkType const& FlowspecRouteConfigSmFactory::classFwkType() {
    static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecRouteConfigSmFactory");
@@ -372,7 +624,7 @@ Ovk::Ptr<FwdTgtRouteConfigSm> FlowspecRouteConfigSmFactory::instantiate(
     BgpVrfIdBase const& vrfIdBase, Ovk::Ptr<RibRouteVrfAfiSafiFwdTgtTable> const& routeTable,
     Ovk::Ptr<NexthopListMapBase const> const&) {
    return Ovk::makePtr<FlowspecRouteConfigSm>(vrfIdBase, afiSafi(), routeTable, entityManager_, rtToVrfIdList_,
-                                              coreDedupTables_, rkToRedirVrfId_);
+                                              coreDedupTables_, rkToRedirVrfId_, scheduler_);
 }
 
 void FlowspecRouteConfigSmFactory::detach(Ovk::Ptr<FwdTgtRouteConfigSm> const& sm) {

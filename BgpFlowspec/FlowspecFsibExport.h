@@ -12,22 +12,26 @@
 //   redirect to next hop    the path's next hop, likewise;
 //   redirect to VRF         through the route-target import configuration
 //                           (FlowspecRedirectVrfId.h).
-// Rules the forwarding plane cannot honour (a won't-export reason) never reach the FSIB; a
-// full FSIB refuses new rules, which are counted and never overwrite one.
+// Rules the forwarding plane cannot honour (a won't-export reason) never reach the FSIB.
+// Which rules a full FSIB holds is FlowspecFsibAdmission's (below): the first in precedence.
 #pragma once
 
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 #include "BgpFlowspec/FlowspecRedirectVrfId.h"
 #include "BgpFlowspec/FlowspecRouteKey.h"
 #include "host/bgp/FwdTgt.h"
 #include "host/bgp/PathAttributes.h"
+#include "host/bgp/RouteOrderIndex.h"
 #include "host/bgp/RtImport.h"
 #include "host/flowspec/RuleSet.h"
+#include "host/fwk/Scheduler.h"
 #include "host/mnemo/EntityManager.h"
 #include "host/plugin/Plugin.h"
 
@@ -50,13 +54,99 @@ bool shouldExport(FlowspecExtCommRedirectNexthop const* extComm, Ovnet::IpGenAdd
                   Flowspec::TrafficRedirect const& current);
 
 class FlowspecVpnAfiSafiReactor;
+class FlowspecRouteConfigSm;
+
+// ---- Which rules the FSIB holds ----
+
+// The export state machines of every family and VRF write one FSIB and share its capacity.
+// When more rules are exportable than it holds, it holds those that come first in rule
+// precedence (RFC 8955 section 5.1), the same rules whatever order they came in:
+//   - a rule that comes to a full FSIB takes the place of the last rule held when it
+//     precedes it (that rule is then refused in its turn, "displaced"), and is refused
+//     otherwise;
+//   - a rule that leaves makes room: the first refused rule goes in, found by walking the
+//     tables in rule order from the last rule held, a slice of keys per turn of the
+//     scheduler (at once without one).
+// Precedence between families is the FSIB's own order (Flowspec::FlowspecSlateKey); within a
+// family it is the table's order, which agrees with it for every exportable rule.
+//
+// One admission per FSIB mount, kept with the mount (Mnemo::EntityManager::attachment); it is
+// also the one record of which rules are in the FSIB, whichever state machine wrote them.
+class FlowspecFsibAdmission : public Ovk::PtrInterface {
+ public:
+   // Keys a refill walks per turn of the scheduler.
+   static constexpr std::size_t kRefillKeysPerSlice = 16384;
+
+   FlowspecFsibAdmission(Ovk::Ptr<Flowspec::RuleSet> fsib, Ovk::Ptr<Ovk::TaskScheduler> scheduler);
+   ~FlowspecFsibAdmission() override;
+   // The admission of the FSIB mounted in `em` (made with `scheduler` on first use); null
+   // when the FSIB is not mounted.
+   static Ovk::Ptr<FlowspecFsibAdmission> of(Mnemo::EntityManager& em, Ovk::Ptr<Ovk::TaskScheduler> const& scheduler);
+
+   // `sm` writes from now on: the rules of its family an earlier writer left (a run before
+   // this one, or an earlier machine of the family) are deleted first; other families' rules
+   // stay.
+   void writerIs(FlowspecRouteConfigSm& sm);
+   // `sm` writes no more; the rules it wrote stay in the FSIB, no longer counted as held.
+   void writerDel(FlowspecRouteConfigSm& sm);
+
+   // The best route of `key` (exportable) is there, new or changed: its rule goes in or is
+   // replaced, displaces the last rule held, or is refused.
+   void routePresent(FlowspecRouteConfigSm& sm, FlowspecRouteKey const& key);
+   // The best route of `key` went: its rule leaves, and a refused rule may take its place.
+   void routeGone(FlowspecRouteConfigSm& sm, FlowspecRouteKey const& key);
+
+   bool holds(FlowspecRouteConfigSm const& sm, FlowspecRouteKey const& key) const;
+   // Rules of `sm` held.
+   std::size_t held(FlowspecRouteConfigSm const& sm) const;
+   // True while a refill waits for its next slice.
+   bool refillPending() const { return refillTask_.has_value(); }
+
+ private:
+   struct OrderLess {
+      bool operator()(RouteKey const* a, RouteKey const* b) const { return RouteOrderIndex::less(a, b); }
+   };
+   struct Writer {
+      FlowspecRouteConfigSm* sm = nullptr;
+      std::unordered_set<FlowspecRouteKey const*> held;   // each referenced
+      std::set<FlowspecRouteKey const*, OrderLess> order; // the same keys in the table's order
+      // Where the refill's walk goes on; null: after the last key held.
+      Ovk::Ptr<RouteKey const> scan;
+      bool scanDone = false;
+   };
+   Writer* writerOf(FlowspecRouteConfigSm const& sm);
+   Writer const* writerOf(FlowspecRouteConfigSm const& sm) const;
+   // True when `a` of `wa` precedes `b` of `wb`.
+   bool precedes(Writer const& wa, FlowspecRouteKey const& a, Writer const& wb, FlowspecRouteKey const& b) const;
+   // The writer of the last rule held, null when none is.
+   Writer* lastWriter();
+   bool install(Writer& w, FlowspecRouteKey const& key, bool isNew);
+   void release(Writer& w, FlowspecRouteKey const& key);
+   // Something changed since the walks began: they start again from the last rule held.
+   void restartWalks();
+   void scheduleRefill();
+   // One slice of refill; true when more may be done.
+   bool refill(std::size_t budget);
+   // The next refused rule of `w`, walking at most `budget` keys; null when the walk ended or
+   // the budget did.
+   FlowspecRouteKey const* nextRefused(Writer& w, std::size_t& budget);
+
+   Ovk::Ptr<Flowspec::RuleSet> fsib_;
+   Ovk::Ptr<Ovk::TaskScheduler> scheduler_;
+   std::vector<Writer> writers_;
+   // A rule was refused or displaced since the last walk that found none.
+   bool refusedWaiting_ = false;
+   std::optional<Ovk::TaskId> refillTask_;
+   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+};
 
 class FlowspecRouteConfigSm : public FwdTgtRouteConfigSm {
  public:
    // Builds the state machine, mounts the FSIB and starts the export (handleInitialized).
    FlowspecRouteConfigSm(BgpVrfIdBase vrfIdBase, AfiSafi afiSafi, Ovk::Ptr<RibRouteVrfAfiSafiFwdTgtTable> routeTable,
                          Ovk::Ptr<Mnemo::EntityManager> entityManager, Ovk::Ptr<RtToVrfIdList> rtToVrfIdList,
-                         Ovk::Ptr<CoreDedupTables> coreDedupTables, Ovk::Ptr<FlowspecRkToRedirVrfId> rkToRedirVrfId);
+                         Ovk::Ptr<CoreDedupTables> coreDedupTables, Ovk::Ptr<FlowspecRkToRedirVrfId> rkToRedirVrfId,
+                         Ovk::Ptr<Ovk::TaskScheduler> scheduler = nullptr);
    static Ovk::FwkType const& classFwkType();
    virtual Ovk::FwkType const& fwkType() const;
 
@@ -100,10 +190,16 @@ class FlowspecRouteConfigSm : public FwdTgtRouteConfigSm {
    // route, the FSIB full, or not mounted.
    std::string notInForwardingReason(RouteKey const& key) const override;
 
+   // The FSIB rule of `key`'s best route, which must be there: its match and the actions of
+   // its communities.
+   Flowspec::Rule ruleOf(FlowspecRouteKey const& key);
+   FlowspecFsibAdmission* admission() const { return admission_.ptr(); }
+
  protected:
    ~FlowspecRouteConfigSm() override;
 
  private:
+   friend class FlowspecFsibAdmission;
    class RtAfiSafiReactor;
    // Removes the key from every route target's set, and from the redirect-VRF map.
    void forgetRedirects(FlowspecRouteKey const& key);
@@ -118,8 +214,8 @@ class FlowspecRouteConfigSm : public FwdTgtRouteConfigSm {
    Ovk::Ptr<FlowspecRkToRedirVrfId> rkToRedirVrfId_;
    Ovk::Ptr<Flowspec::RuleSet> fsib_;
    std::unique_ptr<FlowspecVpnAfiSafiReactor> vpnAfiSafiReactor_;
-   // The rules in the FSIB: a full FSIB refuses any other without the slate key being built.
-   std::unordered_set<FlowspecRouteKey const*> inFsib_;
+   Ovk::Ptr<Ovk::TaskScheduler> scheduler_;
+   Ovk::Ptr<FlowspecFsibAdmission> admission_;
 };
 
 // One community of the flowspec classification, applied to the rule being built (one
@@ -139,7 +235,8 @@ class FlowspecRouteConfigSmFactory : public Plugin::RouteConfigSmFactoryBase {
  public:
    FlowspecRouteConfigSmFactory(AfiSafi afiSafi, Ovk::Ptr<Mnemo::EntityManager> entityManager,
                                 Ovk::Ptr<RtToVrfIdList> rtToVrfIdList, Ovk::Ptr<CoreDedupTables> coreDedupTables,
-                                Ovk::Ptr<FlowspecRkToRedirVrfId> rkToRedirVrfId);
+                                Ovk::Ptr<FlowspecRkToRedirVrfId> rkToRedirVrfId,
+                                Ovk::Ptr<Ovk::TaskScheduler> scheduler = nullptr);
    static Ovk::FwkType const& classFwkType();
    virtual Ovk::FwkType const& fwkType() const;
 
@@ -157,6 +254,7 @@ class FlowspecRouteConfigSmFactory : public Plugin::RouteConfigSmFactoryBase {
    Ovk::Ptr<RtToVrfIdList> rtToVrfIdList_;
    Ovk::Ptr<CoreDedupTables> coreDedupTables_;
    Ovk::Ptr<FlowspecRkToRedirVrfId> rkToRedirVrfId_;
+   Ovk::Ptr<Ovk::TaskScheduler> scheduler_;
 };
 
 } // namespace Routing::Bgp::FlowspecPlugin

@@ -101,7 +101,8 @@ void FlowspecPluginMain::addExportHooks() {
       return;
    }
    auto factory = Ovk::makePtr<FlowspecRouteConfigSmFactory>(
-       afiSafi_, context_->entityManager(), context_->rtToVrfIdList(), context_->coreDedupTables(), rkToRedirVrfId_);
+       afiSafi_, context_->entityManager(), context_->rtToVrfIdList(), context_->coreDedupTables(), rkToRedirVrfId_,
+       context_->taskScheduler());
    factory->hasNotificationActiveIs(true);
    afiSafiHelpers_->hookIs(Plugin::HookId::routeConfigSmFactory, factory);
 }

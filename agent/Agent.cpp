@@ -214,6 +214,7 @@ std::vector<NeighborStatus> Agent::neighbors() const {
 
 void Agent::applyRules(std::string_view why) {
    Origination::Diff const d = origination_->configuredRulesIs(config_.rules, config_.source);
+   routing_->noteRefusals();
    if (d == Origination::Diff{}) return;
    logger_.log("-", std::string(why) + ": originated rules: " + std::to_string(d.added) + " added, " +
                         std::to_string(d.withdrawn) + " withdrawn, " + std::to_string(d.changed) + " changed, " +
@@ -249,6 +250,7 @@ std::string Agent::handleRuleRequest(std::string_view verb, std::string_view bod
    std::string const text = familyName(*family) + " " + rule.value().match;
    std::vector<std::string> const actions = rule.value().actions;
    auto r = origination_->runtimeRuleIs(std::move(rule.value()));
+   routing_->noteRefusals();
    if (!r) return refuse(r.reason());
    logger_.log("-", "control: rule " + text + " " + r.value());
    return Ovk::jsonText(nlohmann::json{{"ok", true}, {"result", r.value()}, {"rule", text}, {"actions", actions}});

@@ -50,6 +50,7 @@ BgpRouting::BgpRouting(Logger& logger, Ovk::Ptr<Plugin::Context> context)
 
 BgpRouting::~BgpRouting() {
    if (purgeTask_) context_->taskScheduler()->cancel(*purgeTask_);
+   if (refusalTimer_) context_->taskScheduler()->cancel(*refusalTimer_);
    // The sessions' paths go before the tables and keys they point into.
    for (auto const& [address, p] : peers_) stopRibOuts(*p);
    for (auto const& [address, p] : peers_) p->purges.clear();
@@ -282,20 +283,39 @@ Ovk::Ptr<FwdTgtRouteConfigSm> BgpRouting::exportSm(AfiSafi family) const {
    return context_->routeConfigSm(ForwardingTarget::flowspec, BgpL3VrfId::defaultVrfId(), family);
 }
 
-void BgpRouting::noteRefusals() {
+std::uint64_t BgpRouting::fsibRefusals() const {
    std::uint64_t refused = 0;
    for (AfiSafi const family : {kIpv4Flowspec, kIpv6Flowspec}) {
       if (auto sm = exportSm(family)) refused += sm->exportCounters().refusedFull;
    }
-   if (refused == refusalsSeen_) return;
-   auto const now = Ovk::Clock::now();
-   bool const newBurst = refusalsLogged_ == 0 || now - lastRefusal_ > std::chrono::minutes(1);
-   refusalsSeen_ = refused;
-   lastRefusal_ = now;
-   if (!newBurst) return;
-   logger_.log("-", "FSIB full: rules refused (" + std::to_string(refused - refusalsLogged_) +
-                        " since the last report; flowspec fsib shows the counts)");
+   return refused;
+}
+
+void BgpRouting::noteRefusals() {
+   // The first refusal is said at once; while they go on, what came since is said every
+   // kRefusalReport, so that the counts of the lines add up to what was refused.
+   if (refusalTimer_) return;
+   std::uint64_t const refused = fsibRefusals();
+   if (refused == refusalsLogged_) return;
+   logger_.log("-", "FSIB full: " + std::to_string(refused - refusalsLogged_) +
+                        " rule(s) refused (flowspec fsib and show summary count them)");
    refusalsLogged_ = refused;
+   armRefusalTimer();
+}
+
+void BgpRouting::armRefusalTimer() {
+   refusalTimer_ = context_->taskScheduler()->postAfter(
+       kRefusalReport,
+       [this] {
+          refusalTimer_.reset();
+          std::uint64_t const refused = fsibRefusals();
+          if (refused == refusalsLogged_) return; // the burst is over
+          logger_.log("-", "FSIB full: " + std::to_string(refused - refusalsLogged_) +
+                               " more rule(s) refused since the last report");
+          refusalsLogged_ = refused;
+          armRefusalTimer();
+       },
+       "fsibRefusals");
 }
 
 std::optional<BgpRouting::PeerView> BgpRouting::peer(Ovnet::IpGenAddr const& neighbor) const {
@@ -367,6 +387,8 @@ nlohmann::json BgpRouting::summaryJson() const {
                          {"replaced", c.replaced},
                          {"deleted", c.deleted},
                          {"refusedFull", c.refusedFull},
+                         {"displaced", c.displaced},
+                         {"refilled", c.refilled},
                          {"notExportable", c.notExportable}};
          }
          families[familyName(family)] = f;

@@ -79,8 +79,14 @@ class BgpRouting : public UpdateSink {
    // Keys of the table's order a purge of a session's paths visits per turn of the event
    // loop: about 10 ms of work.
    static constexpr std::size_t kPurgeKeysPerSlice = 16384;
+   // While the full FSIB goes on refusing rules, how often the log says how many.
+   static constexpr std::chrono::seconds kRefusalReport{10};
    // Tables whose paths of a session that went down are still being removed.
    std::size_t purgesPending() const;
+   // Logs refusals of the full FSIB: the first at once, then what came since every
+   // kRefusalReport while they go on. Runs after every UPDATE; callers that change the RIB
+   // otherwise (originated rules) call it too.
+   void noteRefusals();
 
  private:
    struct Peer;
@@ -89,8 +95,8 @@ class BgpRouting : public UpdateSink {
    void startRibOuts(Peer& p, Negotiated const& negotiated, BgpPeerOutput& output);
    // Stops the session's RIB-outs, keeping their counts.
    void stopRibOuts(Peer& p);
-   // Logs refusals of the full FSIB once per burst (a burst ends after a quiet minute).
-   void noteRefusals();
+   void armRefusalTimer();
+   std::uint64_t fsibRefusals() const;
    // Removes a slice of at most `budget` keys' worth of the paths of `p`'s last session and
    // flushes; true when some remain.
    bool purgeStep(Peer& p, std::size_t budget);
@@ -101,8 +107,7 @@ class BgpRouting : public UpdateSink {
    std::map<Ovnet::IpGenAddr, std::unique_ptr<Peer>> peers_;
    std::map<Ovnet::IpGenAddr, SessionRibOut::Options> ribOutOptions_;
    std::uint64_t refusalsLogged_ = 0;
-   std::uint64_t refusalsSeen_ = 0;
-   Ovk::Clock::time_point lastRefusal_{};
+   std::optional<Ovk::TaskId> refusalTimer_;
    std::optional<Ovk::TaskId> purgeTask_;
 };
 

@@ -8,6 +8,7 @@
 // its rules, which later inputs then see.
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -47,26 +48,25 @@ struct Setup {
       auto config = parseConfig(text, "fuzz");
       if (!config) std::abort();
       agent = Ovk::makePtr<Agent>(io, std::move(config.value()), logger);
-      if (!agent->start()) std::abort();
-   }
-   ~Setup() {
-      agent->stop();
-      agent = nullptr;
+      if (auto started = agent->start(); !started) {
+         std::fprintf(stderr, "the agent did not start: %s\n", started.reason().c_str());
+         std::abort();
+      }
+      // The process never ends the agent: its segment and socket lose their names now, and
+      // go with the process.
       if (auto name = Mnemo::EntityManager(fsibPrefix).segmentName(Mnemo::fsibPath)) Mnemo::unlinkSlateSegment(*name);
+      ::unlink(agent->config().controlSocket.c_str());
    }
 };
 
-void checkJsonLines(std::string const& answer) {
-   std::size_t start = 0;
-   while (start < answer.size()) {
-      std::size_t end = answer.find('\n', start);
-      if (end == std::string::npos) end = answer.size();
-      std::string_view const line(answer.data() + start, end - start);
-      // The text renderer's rows follow a JSON status line; only lines that open an object
-      // are JSON.
-      if (!line.empty() && line.front() == '{' && !nlohmann::json::accept(line)) std::abort();
-      start = end + 1;
-   }
+// A streamed answer: a JSON status line, then (status 0) the rows, one JSON document when
+// the request asked for JSON.
+void checkStreamed(std::string const& answer, bool json) {
+   std::size_t const eol = answer.find('\n');
+   if (eol == std::string::npos) std::abort();
+   auto const status = nlohmann::json::parse(answer.substr(0, eol), nullptr, false);
+   if (!status.is_object() || !status.contains("status")) std::abort();
+   if (json && status["status"] == 0 && !nlohmann::json::accept(answer.substr(eol + 1))) std::abort();
 }
 
 } // namespace
@@ -85,10 +85,12 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
                                     [](Ovnet::IpGenAddr const& a) { return a.str() == "127.0.0.2"; }, 4096);
       while (stream->next(answer)) {
       }
+      auto const j = nlohmann::json::parse(request, nullptr, false);
+      auto const format = j.is_object() ? j.find("format") : j.end();
+      checkStreamed(answer, format != j.end() && format->is_string() && *format == "json");
    } else {
       answer = agent.handleControl(request);
       if (!nlohmann::json::accept(answer)) std::abort();
    }
-   checkJsonLines(answer);
    return 0;
 }

@@ -98,7 +98,9 @@ class FwdTgtRouteConfigSm : public Ovk::PtrInterface, public Ovk::NotificationSw
       std::uint64_t added = 0;                                // rules entered in the forwarding table
       std::uint64_t replaced = 0;                             // rules changed there
       std::uint64_t deleted = 0;                              // rules taken out
-      std::uint64_t refusedFull = 0;                          // rules the full table refused
+      std::uint64_t refusedFull = 0;                          // rules the full table refused (displaced included)
+      std::uint64_t displaced = 0;   // rules taken out of the full table for rules of higher precedence
+      std::uint64_t refilled = 0;    // refused rules that went in later, when room was made
       std::uint64_t notExportable = 0;                        // routes the target cannot take (a won't-export reason)
       std::map<RibSource, std::uint64_t> refusedFullBySource; // by the best path's source
    };

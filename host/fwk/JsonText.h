@@ -12,9 +12,11 @@
 
 namespace Ovk {
 
-// `j` as JSON text; `indent` < 0 writes it on one line.
-inline std::string jsonText(nlohmann::json const& j, int indent = -1) {
-   return j.dump(indent, ' ', false, nlohmann::json::error_handler_t::replace);
+// `j` as JSON text; `indent` < 0 writes it on one line. Any JSON type of the library (an
+// ordered one keeps its keys in their order).
+template <class Json>
+std::string jsonText(Json const& j, int indent = -1) {
+   return j.dump(indent, ' ', false, Json::error_handler_t::replace);
 }
 
 } // namespace Ovk

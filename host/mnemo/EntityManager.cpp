@@ -68,7 +68,7 @@ MountStatus EntityManager::doMount(std::string const& path, std::string const& t
    lastProblem_.clear();
    auto entity = known->second.make(*name, info, lastProblem_);
    if (!entity) return failed(entity.reason());
-   mounts_.emplace(path, Mount{type, info, entity.value(), 1});
+   mounts_.emplace(path, Mount{type, info, entity.value(), 1, {}});
    OVK_TRACE(mnemoTrace(), 5, "mounted " << path << " as " << *name);
    return MountStatus::mounted;
 }
@@ -92,6 +92,20 @@ bool EntityManager::doUnmount(std::string const& path) {
       mounts_.erase(it);
       OVK_TRACE(mnemoTrace(), 5, "unmounted " << path);
    }
+   return true;
+}
+
+Ovk::Ptr<Ovk::PtrInterface> EntityManager::attachment(std::string const& path, std::string const& name) const {
+   auto const it = mounts_.find(path);
+   if (it == mounts_.end()) return nullptr;
+   auto const a = it->second.attachments.find(name);
+   return a == it->second.attachments.end() ? nullptr : a->second;
+}
+
+bool EntityManager::attachmentIs(std::string const& path, std::string const& name, Ovk::Ptr<Ovk::PtrInterface> value) {
+   auto const it = mounts_.find(path);
+   if (it == mounts_.end()) return false;
+   it->second.attachments[name] = std::move(value);
    return true;
 }
 

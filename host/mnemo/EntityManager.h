@@ -100,12 +100,20 @@ class EntityManager : public Ovk::PtrInterface {
    // How many mounts of `path` are held.
    unsigned mountCount(std::string const& path) const;
 
+   // State the users of one mount share (how they divide what the entity holds, say), kept
+   // with the mount under a name and released with its last unmount. Null when the path is
+   // not mounted or holds nothing under `name`.
+   Ovk::Ptr<Ovk::PtrInterface> attachment(std::string const& path, std::string const& name) const;
+   // Keeps `value` under `name` with the mount of `path`; false when the path is not mounted.
+   bool attachmentIs(std::string const& path, std::string const& name, Ovk::Ptr<Ovk::PtrInterface> value);
+
  private:
    struct Mount {
       std::string type;
       MountInfo info;
       Ovk::Ptr<Ovk::PtrInterface> entity;
       unsigned count = 0;
+      std::map<std::string, Ovk::Ptr<Ovk::PtrInterface>, std::less<>> attachments;
    };
    std::string prefix_;
    std::map<std::string, MountType, std::less<>> types_;

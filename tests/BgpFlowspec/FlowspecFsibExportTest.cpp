@@ -363,31 +363,78 @@ TEST(FlowspecFsibExportTest, RulesFollowTheirBestRoutes) {
    EXPECT_EQ(c.deleted, 1u);
 }
 
-// A full FSIB refuses further rules and counts them by the best path's source; what it holds
-// stays. A rule leaving makes room for the next change.
-TEST(FlowspecFsibExportTest, AFullFsibRefusesAndCounts) {
-   ExportEnv env;
-   std::vector<FlowspecRouteKey::PtrConst> keys;
-   auto const a = env.attrs({rate(0)});
-   for (std::uint32_t i = 0; i < Mnemo::fsibRuleCount + 2; ++i) {
-      std::string const text = "10." + std::to_string(i >> 8) + "." + std::to_string(i & 0xff) + ".0/24;*;";
-      keys.push_back(env.key(text.c_str()));
-      env.table().pathIs(*keys.back(), env.source, a);
+// A full FSIB holds the rules that come first in precedence, whatever order they came in:
+// a rule of higher precedence displaces the last one held, one of lower precedence is
+// refused, both counted by the best path's source. A rule that leaves makes room for the
+// first refused one, with no one sending it again.
+TEST(FlowspecFsibExportTest, AFullFsibHoldsTheRulesThatComeFirst) {
+   for (bool const reversed : {false, true}) {
+      SCOPED_TRACE(reversed ? "announced last rule first" : "announced in rule order");
+      ExportEnv env;
+      std::vector<FlowspecRouteKey::PtrConst> keys; // in rule order
+      auto const a = env.attrs({rate(0)});
+      for (std::uint32_t i = 0; i < Mnemo::fsibRuleCount + 2; ++i) {
+         std::string const text = "10." + std::to_string(i >> 8) + "." + std::to_string(i & 0xff) + ".0/24;*;";
+         keys.push_back(env.key(text.c_str()));
+      }
+      for (std::size_t n = 0; n < keys.size(); ++n) {
+         env.table().pathIs(*keys[reversed ? keys.size() - 1 - n : n], env.source, a);
+      }
+      env.table().flushChanges();
+      EXPECT_EQ(env.sm().fsib()->ruleCount(), Mnemo::fsibRuleCount);
+      auto const& c = env.sm().exportCounters();
+      EXPECT_EQ(c.refusedFull, 2u);
+      EXPECT_EQ(c.displaced, reversed ? 2u : 0u);
+      EXPECT_EQ(c.refusedFullBySource.at(env.source), 2u);
+      // A reader of the segment sees the refusals too.
+      auto reader = Mnemo::SlateRuleSetReader::open(*env.segmentName());
+      ASSERT_TRUE(reader.ok());
+      EXPECT_EQ(reader.value().counters().refusals, 2u);
+      EXPECT_TRUE(env.rule(*keys[Mnemo::fsibRuleCount - 1]));
+      EXPECT_FALSE(env.rule(*keys[Mnemo::fsibRuleCount]));
+      EXPECT_EQ(env.sm().notInForwardingReason(*keys.back()), "FSIB full");
+      // Room: the first refused rule goes in, and only it.
+      env.withdraw(*keys.front());
+      EXPECT_TRUE(env.rule(*keys[Mnemo::fsibRuleCount]));
+      EXPECT_FALSE(env.rule(*keys.back()));
+      EXPECT_EQ(c.refilled, 1u);
+      EXPECT_EQ(env.sm().fsib()->ruleCount(), Mnemo::fsibRuleCount);
+      // A change of a refused rule changes nothing; back, the withdrawn rule displaces again.
+      env.announce(*keys.back(), env.attrs({rate(5)}));
+      EXPECT_FALSE(env.rule(*keys.back()));
+      env.announce(*keys.front(), a);
+      EXPECT_TRUE(env.rule(*keys.front()));
+      EXPECT_FALSE(env.rule(*keys[Mnemo::fsibRuleCount]));
    }
-   env.table().flushChanges();
-   EXPECT_EQ(env.sm().fsib()->ruleCount(), Mnemo::fsibRuleCount);
-   auto const& c = env.sm().exportCounters();
-   EXPECT_EQ(c.refusedFull, 2u);
-   EXPECT_EQ(c.refusedFullBySource.at(env.source), 2u);
-   // A reader of the segment sees the refusals too.
-   auto reader = Mnemo::SlateRuleSetReader::open(*env.segmentName());
-   ASSERT_TRUE(reader.ok());
-   EXPECT_EQ(reader.value().counters().refusals, 2u);
-   EXPECT_EQ(env.sm().notInForwardingReason(*keys.back()), "FSIB full");
-   EXPECT_TRUE(env.rule(*keys.front()));
-   env.withdraw(*keys.front());
-   env.announce(*keys.back(), env.attrs({rate(5)}));
-   EXPECT_TRUE(env.rule(*keys.back()));
+}
+
+// Both families share the FSIB: precedence between them is the FSIB's own order, in which a
+// rule with a destination prefix comes before one without.
+TEST(FlowspecFsibExportTest, FamiliesShareTheFullFsibByPrecedence) {
+   ExportEnv env;
+   auto const a = env.attrs({rate(0)});
+   auto const a6 = env.attrs({rate(0)}, {}, nullptr, true);
+   std::vector<FlowspecRouteKey::PtrConst> v6;
+   for (std::uint32_t i = 0; i < Mnemo::fsibRuleCount; ++i) {
+      char text[64];
+      std::snprintf(text, sizeof text, "2001:db8:%x::/48;*;", i);
+      v6.push_back(env.key(text, true));
+      env.table(true).pathIs(*v6.back(), env.source, a6);
+   }
+   env.table(true).flushChanges();
+   auto const noDest = env.key("*;*;protocol =17;");
+   env.announce(*noDest, a);
+   EXPECT_FALSE(env.rule(*noDest));
+   EXPECT_EQ(env.sm().exportCounters().refusedFull, 1u);
+   auto const withDest = env.key("192.0.2.0/24;*;");
+   env.announce(*withDest, a);
+   EXPECT_TRUE(env.rule(*withDest));
+   EXPECT_FALSE(env.rule(*v6.back(), true));
+   EXPECT_EQ(env.sm(true).exportCounters().displaced, 1u);
+   // The IPv6 rule that left takes the room the IPv4 one makes.
+   env.withdraw(*withDest);
+   EXPECT_TRUE(env.rule(*v6.back(), true));
+   EXPECT_FALSE(env.rule(*noDest));
 }
 
 // ---- Redirect to VRF follows the import configuration, level by level ----

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "host/mnemo/SlateRuleSetMount.h"
+#include "host/mnemo/SlateSegment.h"
 #include "host/plugin/PluginHost.h"
 #include "tests/fakes/AgentFakes.h"
 #include "tests/host/bgp/UpdateBuilder.h"
@@ -29,9 +31,13 @@ constexpr char const* kRule = "0501180a0000";  // 10.0.0.0/24
 constexpr char const* kOther = "0501180b0000"; // 11.0.0.0/24
 
 // The plugin library is loaded as the agent loads it.
-Ovk::Ptr<Plugin::Context> startContext() {
+void loadPlugin() {
    static bool const loaded = Plugin::loadPluginLibrary(FS_PLUGIN_LIBRARY).ok();
    EXPECT_TRUE(loaded);
+}
+
+Ovk::Ptr<Plugin::Context> startContext() {
+   loadPlugin();
    Plugin::Context::Options o;
    o.taskScheduler = Ovk::ManualScheduler::create();
    o.attributeCacheStatus = Hoard::AttributeCacheStatus::create();
@@ -254,6 +260,60 @@ TEST(BgpRoutingTest, ASessionOfManyRulesGoesASliceAtATime) {
    f.scheduler().runReady();
    EXPECT_EQ(f.received(a), 1u);
    EXPECT_EQ(f.routing.purgesPending(), 0u);
+}
+
+// A full FSIB: the log says how many rules it refused, in lines whose counts add up to what
+// was refused; room made later takes the refused rules in, no one sending them again.
+TEST(BgpRoutingTest, AFullFsibSaysWhatItRefusedAndRefillsWhenRoomIsMade) {
+   std::string const prefix = "routingtest-full-" + std::to_string(::getpid());
+   loadPlugin();
+   Plugin::Context::Options o;
+   o.taskScheduler = Ovk::ManualScheduler::create();
+   o.attributeCacheStatus = Hoard::AttributeCacheStatus::create();
+   o.local = BgpPeer{Ovnet::IpGenAddr(), 65001, 65001, 1, BgpL3VrfId::defaultVrfId()};
+   o.entityManager = Ovk::makePtr<Mnemo::EntityManager>(prefix);
+   auto context = Plugin::startPlugins(std::move(o));
+   auto& scheduler = static_cast<Ovk::ManualScheduler&>(*context->taskScheduler());
+   {
+      Fakes::Lines logger;
+      BgpRouting routing(logger, context);
+      Fakes::RecordingOutput output;
+      BgpPeer const a = peer("127.0.0.2", 65002);
+      routing.handleEstablished(a, session(), output);
+      constexpr std::uint32_t kRules = 13000;
+      for (Bytes const& u : manyRules(0, kRules)) {
+         ASSERT_EQ(routing.handleUpdate(a, MessageView{MessageType::update, u}).reset, std::nullopt);
+      }
+      scheduler.advance(std::chrono::seconds(30));
+      std::uint64_t said = 0;
+      for (std::string const& line : logger.lines) {
+         auto const at = line.find("FSIB full: ");
+         if (at != std::string::npos) said += std::stoull(line.substr(at + 11));
+      }
+      std::uint32_t const refused = kRules - Mnemo::fsibRuleCount;
+      EXPECT_EQ(said, refused) << ::testing::PrintToString(logger.lines);
+      auto sm = routing.exportSm(kIpv4Flowspec);
+      ASSERT_TRUE(sm);
+      EXPECT_EQ(sm->exportCounters().refusedFull, refused);
+      EXPECT_EQ(routing.peer(a.address)->fsibRefusals.at(kIpv4Flowspec), refused);
+      // 1000 rules go: the refused ones come in.
+      std::string withdrawn;
+      for (std::uint32_t n = 0; n < 1000; ++n) {
+         char b[16];
+         std::snprintf(b, sizeof b, "0501180a%04x", n);
+         withdrawn += b;
+         if (withdrawn.size() >= 600 * 12 || n == 999) {
+            (void)routing.handleUpdate(a, MessageView{MessageType::update, UpdateBuilder().mpUnreach(1, 133, withdrawn).build()});
+            withdrawn.clear();
+         }
+      }
+      scheduler.runReady();
+      auto const fsib = Mnemo::fsibOf(*context->entityManager());
+      EXPECT_EQ(fsib->ruleCount(), kRules - 1000);
+      EXPECT_EQ(sm->exportCounters().refilled, refused);
+   }
+   context->shutdown();
+   if (auto name = Mnemo::EntityManager(prefix).segmentName(Mnemo::fsibPath)) Mnemo::unlinkSlateSegment(*name);
 }
 
 // ---- What the agent sends ----

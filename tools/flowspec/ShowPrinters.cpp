@@ -131,8 +131,9 @@ void printSummary(nlohmann::json const& answer, std::ostream& os) {
             auto const& x = f.at("fsib");
             os << "  FSIB: added " << x.at("added").get<std::uint64_t>() << ", replaced "
                << x.at("replaced").get<std::uint64_t>() << ", deleted " << x.at("deleted").get<std::uint64_t>()
-               << ", refused (full) " << x.at("refusedFull").get<std::uint64_t>() << ", not exportable "
-               << x.at("notExportable").get<std::uint64_t>();
+               << ", refused (full) " << x.at("refusedFull").get<std::uint64_t>() << " (displaced "
+               << x.value("displaced", std::uint64_t{0}) << ", in later " << x.value("refilled", std::uint64_t{0})
+               << "), not exportable " << x.at("notExportable").get<std::uint64_t>();
          }
          os << '\n';
       }

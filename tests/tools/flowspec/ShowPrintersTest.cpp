@@ -63,9 +63,11 @@ constexpr char const* kUpdates = R"({"neighbors":[
 constexpr char const* kSummary = R"({"vrfs":[
  {"name":"default","id":0,
   "families":{"ipv4-flowspec":{"rules":1050,"paths":1062,"indexBytes":81920,
-                               "fsib":{"added":1100,"replaced":12,"deleted":50,"refusedFull":2,"notExportable":1}},
+                               "fsib":{"added":1100,"replaced":12,"deleted":50,"refusedFull":2,"displaced":1,
+                                       "refilled":1,"notExportable":1}},
               "ipv6-flowspec":{"rules":91,"paths":91,"indexBytes":8192,
-                               "fsib":{"added":91,"replaced":0,"deleted":0,"refusedFull":0,"notExportable":0}}}},
+                               "fsib":{"added":91,"replaced":0,"deleted":0,"refusedFull":0,"displaced":0,
+                                       "refilled":0,"notExportable":0}}}},
  {"name":"blue","id":17,
   "families":{"ipv4-flowspec":{"rules":3,"paths":4,"indexBytes":512}}}],
  "attributeSets":42,"attributeSetsBuilt":1300,"attributeSetsReused":1258})";
