@@ -107,22 +107,23 @@ FlowspecRouteKey::PtrConst BgpFlowspecRouteImpl::getRouteKey(Ovk::Ptr<RouteKeyDe
    return dedupFlowspecRouteKey(table, text);
 }
 
+namespace {
+
+// Rule text without the notes of values longer than needed ("=80{len=2}" reads "=80").
+std::string withoutValueLengths(std::string text) {
+   for (std::size_t at = text.find("{len="); at != std::string::npos; at = text.find("{len=", at)) {
+      std::size_t const end = text.find('}', at);
+      if (end == std::string::npos) break;
+      text.erase(at, end - at + 1);
+   }
+   return text;
+}
+
+} // namespace
+
 FlowspecRouteKey::PtrConst BgpFlowspecRouteImpl::startKey(Ovrow::Row const& row) const {
    if (auto const* nlri = row.get<std::string>("rule"); nlri && !nlri->empty()) {
       auto routeKey = getRouteKey(routeKeyTable(), *nlri);
-      OVK_ASSERT(routeKey);
-      return routeKey;
-   }
-   if (auto const* dest = row.get<Ovnet::IpGenPrefix>("destPrefix"); dest && !dest->isUnset()) {
-      // The first rule of a destination sorts at or after the rule of its host prefix alone:
-      // a longer destination prefix comes first (RFC 8955 section 5.1), and a host prefix is
-      // the longest there is.
-      Ovnet::IpGenPrefix host = *dest;
-      host.clearLowerAddrBits();
-      host.maskIs(static_cast<std::uint8_t>(host.maxLen()));
-      std::string const text = host.str() + ";*;";
-      OVK_TRACE(flowspecTraceFacility(), 8, "Dest prefix provided, starting iterator at nlri " << text);
-      auto routeKey = getRouteKey(routeKeyTable(), text);
       OVK_ASSERT(routeKey);
       return routeKey;
    }
@@ -134,9 +135,24 @@ bool BgpFlowspecRouteImpl::findLowerBound(Ovrow::Row* row, BgpFlowspecRouteIterS
    Ovrow::Row& key = Ovrow::requireRow(row);
    state.table = bribTable();
    if (!state.table) return false;
-   FlowspecRouteKey::PtrConst const start = startKey(key);
    RouteOrderIndex const& order = state.table->order();
-   state.routeIter = start ? order.lowerBound(*start) : order.begin();
+   auto const* dest = key.get<Ovnet::IpGenPrefix>("destPrefix");
+   auto const* nlri = key.get<std::string>("rule");
+   if ((!nlri || nlri->empty()) && dest && !dest->isUnset()) {
+      // The first rule whose destination falls in the prefix: every rule of a destination
+      // sorts at or after its first host address (a longer destination comes first, RFC 8955
+      // section 5.1, and a host prefix is the longest), whatever its source and components.
+      Ovnet::IpGenPrefix host = *dest;
+      host.clearLowerAddrBits();
+      host.maskIs(static_cast<std::uint8_t>(host.maxLen()));
+      OVK_TRACE(flowspecTraceFacility(), 8, "Dest prefix provided, starting iterator at destination " << host.str());
+      state.routeIter = order.lowerBoundWhere([&host](RouteKey const& k) {
+         return Flowspec::FlowspecKey::cmpPrefix(static_cast<FlowspecRouteKey const&>(k).destPrefix(), host) < 0;
+      });
+   } else {
+      FlowspecRouteKey::PtrConst const start = startKey(key);
+      state.routeIter = start ? order.lowerBound(*start) : order.begin();
+   }
    state.atNext = false;
    if (state.routeIter == order.end()) return false;
    state.routeKey = FlowspecRouteKey::PtrConst(static_cast<FlowspecRouteKey const*>(*state.routeIter));
@@ -176,12 +192,42 @@ bool BgpFlowspecRouteImpl::getRow(Ovrow::Row* row) {
    // The rule text compares in its canonical form: the text a user typed names the same rule
    // however it is spaced or ordered.
    Ovrow::Row canonical = wanted;
+   FlowspecRouteKey::PtrConst typed;
    if (auto const* nlri = wanted.get<std::string>("rule"); nlri && !nlri->empty()) {
-      canonical.columnIs("rule", getRouteKey(routeKeyTable(), *nlri)->toStrepCli());
+      typed = getRouteKey(routeKeyTable(), *nlri);
+      canonical.columnIs("rule", typed->toStrepCli());
    }
-   if (!out.keyEquals(canonical)) return false;
-   wanted = std::move(out);
-   return true;
+   if (out.keyEquals(canonical)) {
+      wanted = std::move(out);
+      return true;
+   }
+   // A peer may send a value longer than it needs ("=80{len=2}"): that rule means what the
+   // text without the length says, and is found among the rules of the same destination and
+   // source.
+   if (!typed) return false;
+   std::string const meaning = withoutValueLengths(typed->toStrepCli());
+   Ovnet::IpGenPrefix const dest = typed->destPrefix();
+   Ovnet::IpGenPrefix const src = typed->srcPrefix();
+   RouteOrderIndex const& order = state.table->order();
+   for (auto it = order.lowerBoundWhere([&](RouteKey const& k) {
+           auto const& f = static_cast<FlowspecRouteKey const&>(k);
+           int const c = Flowspec::FlowspecKey::cmpPrefix(f.destPrefix(), dest);
+           return c < 0 || (c == 0 && Flowspec::FlowspecKey::cmpPrefix(f.srcPrefix(), src) < 0);
+        });
+        it != order.end(); ++it) {
+      auto const* k = static_cast<FlowspecRouteKey const*>(*it);
+      if (Flowspec::FlowspecKey::cmpPrefix(k->destPrefix(), dest) != 0 ||
+          Flowspec::FlowspecKey::cmpPrefix(k->srcPrefix(), src) != 0) {
+         break;
+      }
+      if (withoutValueLengths(k->toStrepCli()) != meaning) continue;
+      state.routeIter = it;
+      state.routeKey = FlowspecRouteKey::PtrConst(k);
+      getRoute(state, &out);
+      wanted = std::move(out);
+      return true;
+   }
+   return false;
 }
 
 bool BgpFlowspecRouteImpl::lowerBoundIterState(Ovrow::Row* row, BgpFlowspecRouteIterState& state) {
@@ -242,7 +288,8 @@ void BgpFlowspecRouteImpl::getRoute(BgpFlowspecRouteIterState const& state, Ovro
    out.clear();
    FlowspecRouteKey const& key = *state.routeKey;
    out.columnIs("rule", key.toStrepCli());
-   out.columnIs("ruleId", std::uint64_t{key.ruleId()});
+   // The id the rule's FSIB record carries (`flowspec fsib` shows it), not the key's address.
+   out.columnIs("ruleId", std::uint64_t{static_cast<std::uint32_t>(key.ruleId())});
    if (!key.wontExportReason().empty()) {
       Serialize s;
       key.serializeTo(s);
@@ -403,7 +450,7 @@ void BgpFlowspecPeerEgressImpl::getPeerEgress(std::string const& vrfName, Ovrow:
    out.columnIs("vrf", vrfName);
    out.columnIs("peer", key.getColumn("peer"));
    out.columnIs("rule", routeKey.toStrepCli());
-   out.columnIs("ruleId", std::uint64_t{routeKey.ruleId()});
+   out.columnIs("ruleId", std::uint64_t{static_cast<std::uint32_t>(routeKey.ruleId())});
    out.columnIs("source", path.source < sources.size() ? sourceText(sources, path.source) : std::string());
    fillPathColumns(out, path.attrs->contents());
 }

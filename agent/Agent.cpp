@@ -86,18 +86,67 @@ Ovk::Result<bool, std::string> Agent::start() {
                              [this](Ovnet::IpGenAddr const& a) { return byAddress_.count(a) != 0; });
    });
    logger_.log("-", "control socket " + config_.controlSocket);
-   Neighbor::Deps const deps{scheduler_, connector_, &logger_, routing_.get()};
    for (auto const& n : config_.neighbors) {
-      LocalSpeaker const local{config_.localAs, config_.routerId, sourceAddress(config_, n)};
-      SessionRibOut::Options ribOut;
-      ribOut.minRouteAdvertisementInterval = std::chrono::seconds(n.minRouteAdvertisementSeconds);
-      routing_->ribOutOptionsIs(n.address, ribOut);
-      auto neighbor = Ovk::makePtr<Neighbor>(n, local, deps);
+      auto neighbor = makeNeighbor(n);
       byAddress_[n.address] = neighbor.ptr();
       neighbors_.push_back(neighbor);
    }
    for (auto const& n : neighbors_) n->start();
    return true;
+}
+
+Ovk::Ptr<Neighbor> Agent::makeNeighbor(NeighborConfig const& n) {
+   Neighbor::Deps const deps{scheduler_, connector_, &logger_, routing_.get()};
+   LocalSpeaker const local{config_.localAs, config_.routerId, sourceAddress(config_, n)};
+   SessionRibOut::Options ribOut;
+   ribOut.minRouteAdvertisementInterval = std::chrono::seconds(n.minRouteAdvertisementSeconds);
+   routing_->ribOutOptionsIs(n.address, ribOut);
+   return Ovk::makePtr<Neighbor>(n, local, deps);
+}
+
+void Agent::applyNeighbors(std::vector<NeighborConfig> const& next) {
+   std::vector<Ovk::Ptr<Neighbor>> kept;
+   std::map<Ovnet::IpGenAddr, Neighbor*> byAddress;
+   for (NeighborConfig const& n : next) {
+      auto const old = byAddress_.find(n.address);
+      Ovk::Ptr<Neighbor> neighbor;
+      if (old == byAddress_.end()) {
+         logger_.log(n.address.str(), "SIGHUP: new neighbor");
+         neighbor = makeNeighbor(n);
+         neighbor->start();
+      } else {
+         neighbor = Ovk::Ptr<Neighbor>(old->second);
+         NeighborChanges const c = neighborChanges(neighbor->config(), n);
+         auto const joined = [](std::vector<std::string> const& v) {
+            std::string text;
+            for (auto const& s : v) text += (text.empty() ? "" : ", ") + s;
+            return text;
+         };
+         if (!c.reset.empty()) {
+            logger_.log(n.address.str(), "SIGHUP: " + joined(c.reset) + (c.inPlace.empty() ? "" : ", " + joined(c.inPlace)) +
+                                             ": the session starts again");
+            neighbor->stop(Notification{ErrorCode::cease, CeaseSubcode::otherConfigurationChange, {}});
+            neighbor = makeNeighbor(n);
+            neighbor->start();
+         } else if (!c.inPlace.empty()) {
+            logger_.log(n.address.str(), "SIGHUP: " + joined(c.inPlace) + " (the session goes on)");
+            neighbor->softConfigIs(n);
+            SessionRibOut::Options ribOut;
+            ribOut.minRouteAdvertisementInterval = std::chrono::seconds(n.minRouteAdvertisementSeconds);
+            routing_->ribOutOptionsIs(n.address, ribOut);
+         }
+      }
+      byAddress[n.address] = neighbor.ptr();
+      kept.push_back(neighbor);
+   }
+   for (auto const& [address, neighbor] : byAddress_) {
+      if (byAddress.count(address)) continue;
+      logger_.log(address.str(), "SIGHUP: neighbor removed");
+      neighbor->stop(Notification{ErrorCode::cease, CeaseSubcode::peerDeconfigured, {}});
+   }
+   neighbors_ = std::move(kept);
+   byAddress_ = std::move(byAddress);
+   config_.neighbors = next;
 }
 
 void Agent::stop() {
@@ -185,23 +234,23 @@ bool Agent::reload(std::string const& file) {
    }
    AgentConfig& next = fresh.value();
    // What a reload does not change is kept and said.
-   auto const sameNeighbors = [&] {
-      if (next.neighbors.size() != config_.neighbors.size()) return false;
-      for (std::size_t i = 0; i < next.neighbors.size(); ++i) {
-         if (next.neighbors[i].address != config_.neighbors[i].address) return false;
-      }
-      return true;
-   };
-   if (!sameNeighbors() || next.listen != config_.listen || next.localAs != config_.localAs ||
-       next.routerId != config_.routerId || next.fsibPrefix != config_.fsibPrefix) {
-      logger_.log(
-          "-", "SIGHUP: changes of neighbors, listeners, AS, router-id or fsib-prefix take effect at the next start");
+   std::vector<std::string> later;
+   if (next.listen != config_.listen) later.push_back("listen");
+   if (next.localAs != config_.localAs) later.push_back("local-as");
+   if (next.routerId != config_.routerId) later.push_back("router-id");
+   if (next.fsibPrefix != config_.fsibPrefix) later.push_back("fsib-prefix");
+   if (!later.empty()) {
+      std::string text;
+      for (auto const& k : later) text += (text.empty() ? "" : ", ") + k;
+      logger_.log("-", "SIGHUP: " + text + " changed: takes effect at the next start");
    }
+   applyNeighbors(next.neighbors);
    config_.vrfs = std::move(next.vrfs);
    applyVrfs();
    config_.rules = std::move(next.rules);
    applyRules("SIGHUP");
-   logger_.log("-", "SIGHUP: configuration " + file + " applied (" + std::to_string(config_.vrfs.size()) + " VRF(s), " +
+   logger_.log("-", "SIGHUP: configuration " + file + " applied (" + std::to_string(config_.neighbors.size()) +
+                        " neighbor(s), " + std::to_string(config_.vrfs.size()) + " VRF(s), " +
                         std::to_string(config_.rules.size()) + " rule(s))");
    return true;
 }

@@ -55,6 +55,12 @@ class Agent : public Ovk::PtrInterface {
    void applyVrfs();
    // Makes the originated rules of the configuration those in the RIB, and logs what changed.
    void applyRules(std::string_view why);
+   // Makes the neighbors those of `next` and logs each change: new ones start, gone ones are
+   // stopped with a Cease (Peer De-configured), changed ones take the change as they run or,
+   // when the OPEN or the connection carries it, start again after a Cease (Other
+   // Configuration Change).
+   void applyNeighbors(std::vector<NeighborConfig> const& next);
+   Ovk::Ptr<Neighbor> makeNeighbor(NeighborConfig const& n);
    std::string handleRuleRequest(std::string_view verb, std::string_view body);
 
    asio::io_context& io_;

@@ -10,7 +10,14 @@
 #define TOML_EXCEPTIONS 0
 #include <toml++/toml.h>
 
+#include <sys/un.h>
+
 namespace Flowspecd {
+
+namespace {
+// A Unix socket's path, with its terminating zero.
+constexpr std::size_t kMaxUnixSocketPath = sizeof(sockaddr_un::sun_path);
+} // namespace
 
 namespace {
 
@@ -254,6 +261,10 @@ void readHostNames(Checker& check, toml::table const& root, AgentConfig& config)
       if (auto s = check.string(*v, "control-socket")) {
          if (s->empty()) {
             check.error(*v, "control-socket must not be empty");
+         } else if (s->size() >= kMaxUnixSocketPath) {
+            check.error(*v, "control-socket \"" + *s + "\" is " + std::to_string(s->size()) +
+                                " bytes long; a Unix socket's path holds at most " +
+                                std::to_string(kMaxUnixSocketPath - 1));
          } else {
             config.controlSocket = *s;
          }
@@ -282,6 +293,14 @@ void readNeighbors(Checker& check, toml::table const& root, AgentConfig& config)
                if (!n.address.isUnspecified() && other.address == n.address) {
                   check.error(n.line, "neighbor " + n.address.str() + " is already defined on line " +
                                           std::to_string(other.line));
+               }
+            }
+            // The agent would connect to itself. (An address of its own on another port is
+            // another speaker on this host, as on ::1 in tests.)
+            for (Endpoint const& at : config.listen) {
+               if (!n.address.isUnspecified() && at.address == n.address && at.port == n.port) {
+                  check.error(n.line, "neighbor " + Endpoint{n.address, n.port}.str() +
+                                          " is the agent itself: it listens there");
                }
             }
             config.neighbors.push_back(std::move(n));
@@ -500,6 +519,30 @@ Ovk::Result<AgentConfig, ConfigErrors> loadConfigFile(std::string const& path) {
 }
 
 std::string_view embeddedDefaultConfig() { return kDefaultConfig; }
+
+NeighborChanges neighborChanges(NeighborConfig const& from, NeighborConfig const& to) {
+   NeighborChanges c;
+   auto const families = [](std::vector<AfiSafi> const& fs) {
+      std::string text;
+      for (AfiSafi const f : fs) text += (text.empty() ? "" : ",") + familyName(f);
+      return "[" + text + "]";
+   };
+   auto const address = [](std::optional<Ovnet::IpGenAddr> const& a) { return a ? a->str() : std::string("none"); };
+   auto const note = [](std::vector<std::string>& list, char const* key, std::string const& a, std::string const& b) {
+      if (a != b) list.push_back(std::string(key) + " " + a + " -> " + b);
+   };
+   note(c.reset, "remote-as", std::to_string(from.remoteAs), std::to_string(to.remoteAs));
+   note(c.reset, "port", std::to_string(from.port), std::to_string(to.port));
+   note(c.reset, "hold-time", std::to_string(from.holdTime), std::to_string(to.holdTime));
+   note(c.reset, "families", families(from.families), families(to.families));
+   note(c.reset, "passive", from.passive ? "true" : "false", to.passive ? "true" : "false");
+   note(c.reset, "local-address", address(from.localAddress), address(to.localAddress));
+   note(c.inPlace, "description", "\"" + from.description + "\"", "\"" + to.description + "\"");
+   note(c.inPlace, "connect-retry", std::to_string(from.connectRetrySeconds), std::to_string(to.connectRetrySeconds));
+   note(c.inPlace, "min-route-advertisement-interval", std::to_string(from.minRouteAdvertisementSeconds),
+        std::to_string(to.minRouteAdvertisementSeconds));
+   return c;
+}
 
 std::optional<Ovnet::IpGenAddr> sourceAddress(AgentConfig const& config, NeighborConfig const& n) {
    if (n.localAddress) return n.localAddress;

@@ -129,6 +129,16 @@ Ovk::Result<AgentConfig, ConfigErrors> loadConfigFile(std::string const& path);
 std::string_view embeddedDefaultConfig();
 inline constexpr char const* kEmbeddedConfigName = "<built-in>";
 
+// What differs between two configurations of one neighbor, in the words of the file
+// ("remote-as 65002 -> 65003"): the changes a session must start again for (the OPEN and the
+// connection carry them), and those it takes as it runs.
+struct NeighborChanges {
+   std::vector<std::string> reset;
+   std::vector<std::string> inPlace;
+   bool empty() const { return reset.empty() && inPlace.empty(); }
+};
+NeighborChanges neighborChanges(NeighborConfig const& from, NeighborConfig const& to);
+
 // The local address our connections to `n` start from: its local-address, else the first
 // listen address of the same family that is not a wildcard; nothing lets the kernel choose.
 std::optional<Ovnet::IpGenAddr> sourceAddress(AgentConfig const& config, NeighborConfig const& n);

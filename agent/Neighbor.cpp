@@ -150,6 +150,13 @@ void Neighbor::transition(Connection* c, BgpState to) {
    if (!c && to == BgpState::idle) enterIdle();
 }
 
+void Neighbor::softConfigIs(NeighborConfig const& config) {
+   config_.description = config.description;
+   config_.connectRetrySeconds = config.connectRetrySeconds;
+   config_.minRouteAdvertisementSeconds = config.minRouteAdvertisementSeconds;
+   config_.line = config.line;
+}
+
 void Neighbor::start() {
    if (started_) return;
    started_ = true;

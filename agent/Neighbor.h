@@ -144,6 +144,10 @@ class Neighbor : public Ovk::PtrInterface {
 
    BgpState state() const;
    NeighborConfig const& config() const { return config_; }
+   // Takes what changes without a new session: the description, the connect-retry time
+   // (from the next attempt on) and the minimum advertisement interval (whose user reads it
+   // at the next session). The rest of `config` must be as it is.
+   void softConfigIs(NeighborConfig const& config);
    NeighborStatus status() const;
    // True while some connection is open.
    bool hasConnections() const { return !connections_.empty(); }

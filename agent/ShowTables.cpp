@@ -229,7 +229,7 @@ std::unique_ptr<ControlStream> showTableStream(Ovk::Ptr<Plugin::Context> const& 
       }
       Ovrow::Row row(table->rowType());
       row.columnIs("peer", address->str());
-      row.columnIs("rule", rule);
+      row.columnIs("rule", *held.get<std::string>("rule")); // the rule as held, however it was typed
       if (!table->lookup(row)) {
          return failure(1, "rule " + *held.get<std::string>("rule") + " is not advertised to " + neighbor);
       }

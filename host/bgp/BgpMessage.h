@@ -87,8 +87,8 @@ namespace FsmSubcode {
 constexpr std::uint8_t inOpenSent = 1, inOpenConfirm = 2, inEstablished = 3;
 }
 namespace CeaseSubcode {
-constexpr std::uint8_t administrativeShutdown = 2, peerDeconfigured = 3, administrativeReset = 4,
-                       connectionRejected = 5, connectionCollision = 7;
+constexpr std::uint8_t maxPrefixes = 1, administrativeShutdown = 2, peerDeconfigured = 3, administrativeReset = 4,
+                       connectionRejected = 5, otherConfigurationChange = 6, connectionCollision = 7;
 }
 
 // A NOTIFICATION: to send, or as received.

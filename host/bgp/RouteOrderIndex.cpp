@@ -267,13 +267,21 @@ void RouteOrderIndex::erase(RouteKey const* key) {
 }
 
 RouteOrderIndex::Iterator RouteOrderIndex::lowerBound(RouteKey const& probe) const {
-   Node* node = root_;
-   if (!node) return end();
    std::uint64_t const prefix = probe.orderPrefix();
-   auto const before = [&](Entry const& e) {
+   return lowerBoundOf([&](Entry const& e) {
       if (e.prefix != prefix) return e.prefix < prefix;
       return e.key->orderCompare(probe) < 0;
-   };
+   });
+}
+
+RouteOrderIndex::Iterator RouteOrderIndex::lowerBoundWhere(std::function<bool(RouteKey const&)> const& before) const {
+   return lowerBoundOf([&](Entry const& e) { return before(*e.key); });
+}
+
+template <class Before>
+RouteOrderIndex::Iterator RouteOrderIndex::lowerBoundOf(Before const& before) const {
+   Node* node = root_;
+   if (!node) return end();
    while (!node->leaf) {
       auto* inner = static_cast<Inner*>(node);
       // The last child whose first key is before the probe: keys equivalent to the probe may

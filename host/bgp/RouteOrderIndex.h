@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 
 #include "host/bgp/RouteKey.h"
@@ -48,6 +49,9 @@ class RouteOrderIndex {
    // The first key not before `probe` in the family's order; keys equivalent to `probe`
    // count as not before it, so the probe need not be in the index (a key made from text).
    Iterator lowerBound(RouteKey const& probe) const;
+   // The first key for which `before` is false; `before` must be true for a prefix of the
+   // order and false after it (a search by a part of the key, such as a rule's destination).
+   Iterator lowerBoundWhere(std::function<bool(RouteKey const&)> const& before) const;
    // `key` itself, or end() when it is not in the index.
    Iterator find(RouteKey const* key) const;
    Iterator begin() const;
@@ -68,6 +72,8 @@ class RouteOrderIndex {
    struct Inner;
    static bool entryLess(Entry const& a, Entry const& b);
    Leaf* leafFor(Entry const& e) const;
+   template <class Before>
+   Iterator lowerBoundOf(Before const& before) const;
    Leaf* lastLeaf() const;
 
    Node* root_ = nullptr;

@@ -121,7 +121,7 @@ TEST(FlowspecOvrowTest, DestinationStartClearsHostBits) {
    ASSERT_FALSE(rules.empty());
    EXPECT_EQ(rules.front(), env.key("10.1.2.0/24;*;proto=6")->toStrepCli());
    EXPECT_EQ(rules.size(), 2u);
-   EXPECT_TRUE(cap.contains("Dest prefix provided, starting iterator at nlri 10.1.2.0/32;*;"));
+   EXPECT_TRUE(cap.contains("Dest prefix provided, starting iterator at destination 10.1.2.0/32"));
    // The rule text wins over the destination.
    Ovrow::Row both = routeKeyRow("10.1.3.0/24;*;", "9.0.0.0/8");
    EXPECT_EQ(walk(*table, &both).size(), 1u);
@@ -131,23 +131,29 @@ TEST(FlowspecOvrowTest, ExactLookup) {
    FlowspecShowEnv env("ovrowget");
    env.announce("10.1.0.0/16;*;", env.source, {});
    env.announce("10.3.0.0/16;*;", env.source, {});
+   // As a peer may send it: the port in two bytes.
+   env.announce("10.5.0.0/16;*;protocol =6;destination-port =80{len=2};", env.source, {});
+   env.announce("10.5.0.0/16;*;protocol =6;destination-port =81;", env.source, {});
    auto db = env.showDb(AfiSafi::ipv4Flowspec());
    auto table = db.database().table(kBgpFlowspecIpv4RoutePath);
    struct Case {
       char const* rule;
-      bool found;
+      char const* found; // the rule's text as the table has it; null: not found
    } const cases[] = {
-       {"10.1.0.0/16;*;", true},
-       {"10.1.0.0/16 ; * ;", true}, // the same rule, spelled otherwise
-       {"10.2.0.0/16;*;", false},   // not there, though 10.3.0.0/16 follows it
-       {"10.4.0.0/16;*;", false},   // after the last
+       {"10.1.0.0/16;*;", "10.1.0.0/16;*;"},
+       {"10.1.0.0/16 ; * ;", "10.1.0.0/16;*;"}, // the same rule, spelled otherwise
+       {"10.2.0.0/16;*;", nullptr},             // not there, though 10.3.0.0/16 follows it
+       {"10.4.0.0/16;*;", nullptr},             // after the last
+       {"destination 10.5.0.0/16 protocol =6 destination-port =80",
+        "10.5.0.0/16;*;protocol =6;destination-port =80{len=2};"}, // means the same
+       {"destination 10.5.0.0/16 protocol =6 destination-port =82", nullptr},
    };
    for (auto const& c : cases) {
       SCOPED_TRACE(c.rule);
       Ovrow::Row row = routeKeyRow(c.rule);
-      EXPECT_EQ(table->lookup(row), c.found);
+      EXPECT_EQ(table->lookup(row), c.found != nullptr);
       if (c.found) {
-         EXPECT_EQ(*row.get<std::string>("rule"), env.key("10.1.0.0/16;*;")->toStrepCli());
+         EXPECT_EQ(*row.get<std::string>("rule"), env.key(c.found)->toStrepCli());
       }
    }
    auto* impl = dynamic_cast<BgpFlowspecRouteImpl*>(table.ptr());
@@ -189,7 +195,7 @@ TEST(FlowspecOvrowTest, RowOfARule) {
    auto c = table->cursorBegin();
    ASSERT_NE(c, nullptr);
    Ovrow::Row const& r = c->row();
-   EXPECT_EQ(*r.get<std::uint64_t>("ruleId"), k->ruleId());
+   EXPECT_EQ(*r.get<std::uint64_t>("ruleId"), static_cast<std::uint32_t>(k->ruleId())); // as the FSIB has it
    EXPECT_EQ(*r.get<std::string>("redirectVrf"), "blue");
    EXPECT_EQ(r.get<std::string>("nlri"), nullptr);
    auto const& paths = *r.get<std::vector<Ovrow::Row>>("paths");

@@ -4,6 +4,7 @@
 
 #include "host/mnemo/SlateRuleSetMount.h"
 #include "host/mnemo/SlateSegment.h"
+#include "tests/fakes/AgentFakes.h"
 
 #include <gtest/gtest.h>
 
@@ -134,6 +135,82 @@ TEST(Agent, TwoAgentsPeerAndShowTheirSessions) {
    b = nullptr;
    unlinkFsib(fsibPrefix("31"));
    unlinkFsib(fsibPrefix("32"));
+}
+
+// SIGHUP applies every change of a neighbor: what the OPEN carries starts the session again
+// with a Cease (Other Configuration Change), the rest is taken as the session goes on; a new
+// neighbor starts and a gone one is stopped with a Cease (Peer De-configured).
+TEST(Agent, AReloadAppliesNeighborChanges) {
+   std::string const dir = testing::TempDir();
+   std::string const sockA = dir + "/flowspecd-agent-test-ra.sock";
+   std::string const sockB = dir + "/flowspecd-agent-test-rb.sock";
+   std::string const file = dir + "/flowspecd-agent-test-reload.toml";
+   std::uint16_t const portA = freePort("127.0.0.41");
+   std::uint16_t const portB = freePort("127.0.0.42");
+   asio::io_context io;
+   Fakes::Lines logsA;
+   QuietLogger logsB;
+   AgentConfig const first = config("127.0.0.41", portA, "127.0.0.42", portB, 65041, 65042, false, sockA);
+   auto a = Ovk::makePtr<Agent>(io, first, logsA);
+   auto b = Ovk::makePtr<Agent>(io, config("127.0.0.42", portB, "127.0.0.41", portA, 65042, 65041, true, sockB), logsB);
+   ASSERT_TRUE(b->start().ok());
+   ASSERT_TRUE(a->start().ok());
+   auto const text = [&](std::string const& neighborExtra) {
+      return "fsib-prefix = \"" + first.fsibPrefix + "\"\nrouter-id = \"127.0.0.41\"\nlocal-as = 65041\nlisten = [\"127.0.0.41:" +
+             std::to_string(portA) + "\"]\ncontrol-socket = \"" + sockA + "\"\n[[neighbor]]\naddress = \"127.0.0.42\"\nport = " +
+             std::to_string(portB) + "\nremote-as = 65042\nconnect-retry = 1\npassive = false\n" + neighborExtra;
+   };
+   auto const reload = [&](std::string const& content) {
+      std::ofstream(file) << content;
+      bool done = false;
+      asio::post(io, [&] { done = a->reload(file); });
+      io.run_for(100ms);
+      return done;
+   };
+   // Established, with `sessions` sessions so far (a new neighbor counts from 0 again).
+   auto const established = [&](std::uint64_t sessions) {
+      for (int i = 0; i < 100; ++i) {
+         io.run_for(50ms);
+         auto const n = a->neighbors();
+         if (n.size() == 1 && n[0].state == BgpState::established && n[0].counters.establishedTransitions == sessions) {
+            return true;
+         }
+      }
+      return false;
+   };
+   ASSERT_TRUE(established(1));
+   std::uint64_t const sessions = a->neighbors()[0].counters.establishedTransitions;
+
+   // The description goes on with the session.
+   ASSERT_TRUE(reload(text("hold-time = 3\ndescription = \"edge\"\n")));
+   EXPECT_TRUE(logsA.contains("SIGHUP: description \"\" -> \"edge\" (the session goes on)"));
+   EXPECT_EQ(a->neighbors()[0].config.description, "edge");
+   EXPECT_EQ(a->neighbors()[0].counters.establishedTransitions, sessions);
+   // The hold time is the OPEN's: a new session negotiates it.
+   ASSERT_TRUE(reload(text("hold-time = 6\ndescription = \"edge\"\n")));
+   EXPECT_TRUE(logsA.contains("SIGHUP: hold-time 3 -> 6: the session starts again"));
+   EXPECT_TRUE(logsA.contains("sent NOTIFICATION Cease/Other Configuration Change (6/6)"));
+   EXPECT_TRUE(established(1)); // the session of a neighbor made again
+   EXPECT_EQ(a->neighbors()[0].config.holdTime, 6);
+   // Gone.
+   std::ofstream(file) << "fsib-prefix = \"" + first.fsibPrefix + "\"\nrouter-id = \"127.0.0.41\"\nlocal-as = 65041\nlisten = [\"127.0.0.41:" +
+                              std::to_string(portA) + "\"]\ncontrol-socket = \"" + sockA + "\"\n";
+   asio::post(io, [&] { a->reload(file); });
+   io.run_for(200ms);
+   EXPECT_TRUE(a->neighbors().empty());
+   EXPECT_TRUE(logsA.contains("127.0.0.42 SIGHUP: neighbor removed"));
+   EXPECT_TRUE(logsA.contains("sent NOTIFICATION Cease/Peer De-configured (6/3)"));
+   // And new again.
+   ASSERT_TRUE(reload(text("hold-time = 3\n")));
+   EXPECT_TRUE(logsA.contains("127.0.0.42 SIGHUP: new neighbor"));
+   EXPECT_TRUE(established(1));
+   a->stop();
+   b->stop();
+   io.run_for(200ms);
+   a = nullptr;
+   b = nullptr;
+   std::remove(file.c_str());
+   unlinkFsib(first.fsibPrefix);
 }
 
 // One FSIB has one writer: a second agent on the same fsib-prefix does not start, and says

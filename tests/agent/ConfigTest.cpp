@@ -89,7 +89,7 @@ TEST(Config, EmbeddedDefaultIsValidPassiveAndOnLoopback) {
 
 struct BadCase {
    char const* name;
-   char const* text;
+   std::string text;
    std::uint32_t line;
    char const* says;
 };
@@ -115,6 +115,10 @@ TEST(Config, EveryMistakeNamesFileLineAndWhat) {
        {"listen unbracketed v6 port", "listen = [\"::1:179\", \"[::1]:0\"]\n", 3, "[::1]:0"},
        {"listen twice", "listen = [\"127.0.0.1:1\", \"127.0.0.1:1\"]\n", 3, "listed twice"},
        {"control-socket empty", "control-socket = \"\"\n", 3, "control-socket must not be empty"},
+       {"control-socket too long", "control-socket = \"/tmp/" + std::string(110, 'x') + "\"\n", 3,
+        "a Unix socket's path holds at most 107"},
+       {"neighbor is the agent", "listen = [\"127.0.0.1:179\"]\n[[neighbor]]\naddress = \"127.0.0.1\"\nremote-as = 2\n", 4,
+        "neighbor 127.0.0.1:179 is the agent itself: it listens there"},
        {"neighbor as a table", "[neighbor]\naddress = \"1.1.1.1\"\n", 3, "[[neighbor]] tables"},
        {"neighbor without address", "[[neighbor]]\nremote-as = 2\n", 3, "neighbor has no address"},
        {"neighbor without remote-as", "[[neighbor]]\naddress = \"1.1.1.1\"\n", 3, "neighbor has no remote-as"},

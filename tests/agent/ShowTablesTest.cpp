@@ -125,6 +125,42 @@ TEST(ShowTablesTest, FailuresAndTheirStatus) {
    }
 }
 
+// The rules a walk lists, in order.
+std::vector<std::string> rulesOf(std::string const& answer) {
+   auto const body = nlohmann::json::parse(answer.substr(answer.find('\n') + 1));
+   std::vector<std::string> rules;
+   for (auto const& r : body["rules"]) rules.push_back(r["rule"].get<std::string>());
+   return rules;
+}
+
+// A walk from a destination starts at the first rule whose destination falls inside it,
+// whatever the rule's source and components, and goes on to the last rule of the table.
+TEST(ShowTablesTest, AWalkFromADestinationStartsAtItsFirstRule) {
+   Fakes::FlowspecShowEnv env("showdest");
+   PathSpec const p{{65002}, std::nullopt, std::nullopt, "192.0.2.9", {kDrop}, {}};
+   for (char const* rule : {"10.0.0.4/32;*;", "10.0.0.5/32;*;proto=6;dport=80", "10.0.0.5/32;*;proto=6",
+                            "10.0.0.5/32;192.0.2.0/24;", "10.0.0.6/32;*;", "10.0.0.0/24;*;", "*;*;proto=17"}) {
+      env.announce(rule, env.source, p);
+   }
+   auto const walk = [&](char const* dest) {
+      nlohmann::json const request{{"show", "flowspec"}, {"family", "ipv4"}, {"format", "json"}, {"dest", dest}};
+      auto stream = showTableStream(env.context, request.dump(), [](Ovnet::IpGenAddr const&) { return false; });
+      std::string out;
+      while (stream->next(out)) {}
+      return rulesOf(out);
+   };
+   std::vector<std::string> const fromHost{"10.0.0.5/32;192.0.2.0/24;",
+                                           "10.0.0.5/32;*;protocol =6;destination-port =80;",
+                                           "10.0.0.5/32;*;protocol =6;",
+                                           "10.0.0.6/32;*;",
+                                           "10.0.0.0/24;*;",
+                                           "*;*;protocol =17;"};
+   EXPECT_EQ(walk("10.0.0.5/32"), fromHost);
+   EXPECT_EQ(walk("10.0.0.5/31").front(), "10.0.0.4/32;*;");
+   EXPECT_EQ(walk("10.0.0.5/31").size(), 7u);
+   EXPECT_EQ(walk("10.0.0.7/32").front(), "10.0.0.0/24;*;");
+}
+
 TEST(ShowTablesTest, LimitCutsTheWalk) {
    ShowTablesEnv env;
    for (int limit : {1, 2, 4, 9}) {
