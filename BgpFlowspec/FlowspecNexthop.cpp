@@ -167,6 +167,12 @@ Ovk::FwkType const& FlowspecGenNexthopDedupTable::classFwkType() {
 
 Ovk::FwkType const& FlowspecGenNexthopDedupTable::fwkType() const { return classFwkType(); }
 
+Ovk::Ptr<GenNexthop const> FlowspecGenNexthopDedupTable::nexthopOfAddress(Ovnet::IpGenAddr const& addr) const {
+   if (addr.isUnspecified()) return emptyNexthop_;
+   return flowspecGenNexthopFactory(afi(), addr, Ovk::String())
+       ->dedup(Ovk::Ptr<GenNexthopDedupTableBase const>(this), false);
+}
+
 // The singletons enter through lookupOrInsertNexthop, not GenNexthop::dedup: a constructor
 // must not hand out Ptrs to the table it builds (the first release would delete it).
 void FlowspecGenNexthopDedupTable::createEmptyNexthop() {

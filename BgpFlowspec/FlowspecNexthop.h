@@ -127,6 +127,9 @@ class FlowspecGenNexthopDedupTable : public GenNexthopDedupTable {
 
    // The table's next hop without address or bytes.
    Ovk::Ptr<FlowspecGenNexthop const> emptyNexthop() const { return emptyNexthop_; }
+   // An originated path's next hop: the empty one without an address, else the next hop of
+   // the address, as the next-hop rule reads a field of exactly that address.
+   Ovk::Ptr<GenNexthop const> nexthopOfAddress(Ovnet::IpGenAddr const& addr) const override;
 
  protected:
    ~FlowspecGenNexthopDedupTable() override;

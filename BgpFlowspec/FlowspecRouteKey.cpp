@@ -817,6 +817,12 @@ FlowspecRouteKey::PtrConst FlowspecRouteKeyDedupTable::lookupOrCreateOrphanFromR
    return key;
 }
 
+Ovk::Ptr<RouteKey const> FlowspecRouteKeyDedupTable::dedupFromRule(Flowspec::FlowspecKey const& rule) const {
+   FlowspecRouteKey::Ptr key = flowspecRouteKeyFactory(afiSafi().afi());
+   key->copyInFlowspecKey(rule);
+   return key->dedupRouteKey(this);
+}
+
 Ovk::Ptr<FlowspecRouteKeyDedupTable> flowspecRouteKeyDedupTableFactory(AfiSafi afiSafi, BgpVrfIdBase vrfId) {
    return Ovk::makePtr<FlowspecRouteKeyDedupTable>(afiSafi, vrfId);
 }

@@ -356,6 +356,8 @@ class FlowspecRouteKeyDedupTable : public RouteKeyDedupTable {
    // for a lookup or a display). Text the rule grammar rejects is traced and yields the
    // empty rule's key all the same.
    FlowspecRouteKey::PtrConst lookupOrCreateOrphanFromRkAttrs(std::string_view text) const;
+   // The key of an originated rule: its components from the library key, then interned.
+   Ovk::Ptr<RouteKey const> dedupFromRule(Flowspec::FlowspecKey const& rule) const override;
 
  protected:
    ~FlowspecRouteKeyDedupTable() override = default;

@@ -63,6 +63,12 @@ Ovk::Result<bool, std::string> Agent::start() {
    }
    routing_ = std::make_unique<BgpRouting>(logger_, context_);
    origination_ = std::make_unique<Origination>(context_, entityManager_);
+   if (ConfigErrors const errors = origination_->check(config_.rules, config_.source); !errors.empty()) {
+      std::string text;
+      for (auto const& e : errors) text += (text.empty() ? "" : "; ") + e.str();
+      stop();
+      return Ovk::failure(text);
+   }
    applyRules("start");
    for (auto const& at : config_.listen) {
       auto l = AsioListener::create(io_, at, [this](Ovk::Ptr<Transport> t) { handleAccept(std::move(t)); });
@@ -165,6 +171,23 @@ void Agent::stop() {
    for (auto const& n : neighbors_) n->stop(cease);
 }
 
+ConfigErrors Agent::checkWithPlugins(AgentConfig const& config) {
+   auto library = Plugin::loadPluginLibrary(config.pluginPath);
+   if (!library) return {ConfigError{config.source, 0, library.reason()}};
+   Plugin::Context::Options options;
+   options.taskScheduler = Ovk::ManualScheduler::create();
+   options.attributeCacheStatus = Hoard::AttributeCacheStatus::create();
+   options.local = BgpPeer{Ovnet::IpGenAddr(), config.localAs, config.localAs, config.routerId, BgpL3VrfId::defaultVrfId()};
+   auto context = Plugin::startPlugins(std::move(options));
+   ConfigErrors errors;
+   {
+      Origination origination(context);
+      errors = origination.check(config.rules, config.source);
+   }
+   context->shutdown();
+   return errors;
+}
+
 void Agent::handleAccept(Ovk::Ptr<Transport> t) {
    auto it = byAddress_.find(t->remote().address);
    if (it == byAddress_.end()) {
@@ -233,6 +256,12 @@ bool Agent::reload(std::string const& file) {
       return false;
    }
    AgentConfig& next = fresh.value();
+   // What only the plugin can check refuses the file as a whole too.
+   if (ConfigErrors const errors = origination_->check(next.rules, next.source); !errors.empty()) {
+      for (auto const& e : errors) logger_.log("-", "SIGHUP: " + e.str());
+      logger_.log("-", "SIGHUP: the configuration is refused as a whole; the running one stays");
+      return false;
+   }
    // What a reload does not change is kept and said.
    std::vector<std::string> later;
    if (next.listen != config_.listen) later.push_back("listen");
@@ -294,7 +323,7 @@ std::string Agent::handleRuleRequest(std::string_view verb, std::string_view bod
          then.push_back(a.get<std::string>());
       }
    }
-   auto rule = originatedRuleOf(*family, match, then, config_.localAs);
+   auto rule = originatedRuleOf(*family, match, then);
    if (!rule) return refuse(rule.reason());
    std::string const text = familyName(*family) + " " + rule.value().match;
    std::vector<std::string> const actions = rule.value().actions;

@@ -22,6 +22,11 @@ class Agent : public Ovk::PtrInterface {
    Agent(asio::io_context& io, AgentConfig config, Logger& logger);
    ~Agent() override;
 
+   // The mistakes of `config` only the plugins find (originated rules whose UPDATE would not
+   // fit one message, say), with file and line: `flowspecd --check` loads the plugin library
+   // and starts the plugins without an FSIB to ask them.
+   static ConfigErrors checkWithPlugins(AgentConfig const& config);
+
    // Loads the plugin library and starts the plugins (default VRF, RIB, export), opens the
    // listeners and the control socket and starts every neighbor. The reason when the plugin
    // library cannot be loaded or a socket cannot be opened (the agent is then stopped, with

@@ -60,11 +60,7 @@ BgpRouting::~BgpRouting() {
    peers_.clear();
 }
 
-Ovk::Ptr<RibTable> BgpRouting::ribTable(AfiSafi family) const {
-   auto const& vrfs = context_->allVrfInstanceStatus();
-   auto const it = vrfs.find(BgpL3VrfId::defaultVrfId());
-   return it == vrfs.end() ? nullptr : Plugin::getBribTable(*context_, *it->second, family);
-}
+Ovk::Ptr<RibTable> BgpRouting::ribTable(AfiSafi family) const { return Plugin::defaultVrfRibTable(*context_, family); }
 
 BgpRouting::Peer* BgpRouting::peerOf(BgpPeer const& from) const {
    auto const it = peers_.find(from.address);

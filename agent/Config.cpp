@@ -394,7 +394,7 @@ void readVrfs(Checker& check, toml::table const& root, AgentConfig& config) {
 }
 
 // One [[rule]] table: family, match and then, read into the rule they make.
-std::optional<RuleConfig> readRule(Checker& check, toml::table const& t, std::uint32_t localAs) {
+std::optional<RuleConfig> readRule(Checker& check, toml::table const& t) {
    std::uint32_t const line = Checker::lineOf(t);
    check.onlyKeys(t, {"family", "match", "then"}, "[[rule]]");
    std::optional<AfiSafi> family;
@@ -437,7 +437,7 @@ std::optional<RuleConfig> readRule(Checker& check, toml::table const& t, std::ui
       thenOk = false;
    }
    if (!family || !match || !thenOk) return std::nullopt;
-   auto rule = originatedRuleOf(*family, *match, then, localAs);
+   auto rule = originatedRuleOf(*family, *match, then);
    if (!rule) {
       // A mistake in the match is on the match's line; one in the actions on then's.
       bool const inMatch = rule.reason().rfind("match: ", 0) == 0;
@@ -459,10 +459,10 @@ void readRules(Checker& check, toml::table const& root, AgentConfig& config) {
       return;
    }
    for (auto const& item : *list) {
-      auto rule = readRule(check, *item.as_table(), config.localAs);
+      auto rule = readRule(check, *item.as_table());
       if (!rule) continue;
       auto const same = std::find_if(config.rules.begin(), config.rules.end(), [&](RuleConfig const& o) {
-         return o.rule.family == rule->rule.family && o.rule.nlri == rule->rule.nlri;
+         return o.rule.family == rule->rule.family && o.rule.match == rule->rule.match;
       });
       if (same != config.rules.end()) {
          check.error(rule->line, "rule " + familyName(rule->rule.family) + " " + rule->rule.match +

@@ -54,6 +54,12 @@ int main(int argc, char** argv) {
          printErrors(config.reason());
          return 1;
       }
+      if (!pluginPath.empty()) config.value().pluginPath = pluginPath;
+      // What only the plugin can check: it is loaded for that, without an FSIB.
+      if (auto const errors = Flowspecd::Agent::checkWithPlugins(config.value()); !errors.empty()) {
+         printErrors(errors);
+         return 1;
+      }
       std::cout << checkFile << ": valid, " << config.value().neighbors.size() << " neighbor(s), "
                 << config.value().rules.size() << " rule(s)\n";
       return 0;

@@ -11,19 +11,15 @@
 
 #include "host/bgp/BgpMessage.h"
 #include "host/bgp/ExtComm.h"
-#include "host/bgp/PathAttributes.h"
-#include "host/bgp/UpdateWriter.h"
 
 namespace Flowspecd {
 
 namespace {
 
-using Routing::Bgp::BgpOrigin;
 using Routing::Bgp::ExtComm;
 using Routing::Bgp::ExtCommIp6;
 using Routing::Bgp::kIpv4Flowspec;
 using Routing::Bgp::kIpv6Flowspec;
-using Routing::Bgp::PathAttributesContents;
 
 constexpr std::uint64_t typeSubtype(std::uint16_t ts) { return static_cast<std::uint64_t>(ts) << 48; }
 
@@ -171,32 +167,22 @@ struct Reading {
    }
 };
 
-void putU16(std::vector<std::uint8_t>& out, std::size_t v) {
-   out.push_back(static_cast<std::uint8_t>(v >> 8));
-   out.push_back(static_cast<std::uint8_t>(v));
-}
-
-// One path attribute: flags, type, a one-byte length up to 255, else two (extended length).
-void putAttribute(std::vector<std::uint8_t>& out, std::uint8_t flags, std::uint8_t type,
-                  std::vector<std::uint8_t> const& value) {
-   bool const extended = value.size() > 255;
-   out.push_back(static_cast<std::uint8_t>(flags | (extended ? 0x10 : 0)));
-   out.push_back(type);
-   if (extended) {
-      putU16(out, value.size());
-   } else {
-      out.push_back(static_cast<std::uint8_t>(value.size()));
+// Why the match cannot be one NLRI: each component type once, in ascending order (RFC 8955
+// section 4.2). Text that names a type twice gives pairs whose end-of-list bit falls inside
+// one component; written, those bytes would read back as another rule.
+std::optional<std::string> componentsNotOnce(Flowspec::FlowspecKey const& key) {
+   std::uint32_t lastType = Flowspec::srcPrefix_;
+   bool listEnded = true;
+   for (auto r = key.getOptVal(0); !r.atEnd(); r = key.getOptVal(r.nextIndex())) {
+      std::uint32_t const type = r.type();
+      if (type < lastType || (type == lastType && listEnded) || (type != lastType && !listEnded)) {
+         return std::string("a component is given more than once; give all its values in one place "
+                            "(for example \"protocol =6 =17\")");
+      }
+      lastType = type;
+      listEnded = (r.op() & Flowspec::opEndOfList) != 0;
    }
-   out.insert(out.end(), value.begin(), value.end());
-}
-
-void putPrefix(std::vector<std::uint8_t>& out, std::uint8_t type, Ovnet::IpGenPrefix const& p) {
-   out.push_back(type);
-   out.push_back(p.len());
-   // RFC 8956 section 3.1: IPv6 prefixes carry an offset (always 0 in rule text).
-   if (!p.addr().isIpv4()) out.push_back(0);
-   auto const bytes = p.addr().bytes();
-   out.insert(out.end(), bytes.begin(), bytes.begin() + (p.len() + 7) / 8);
+   return std::nullopt;
 }
 
 } // namespace
@@ -282,122 +268,21 @@ std::vector<std::string> actionTexts(RuleCommunities const& c) {
    return out;
 }
 
-Ovk::Result<std::vector<std::uint8_t>, std::string> nlriOf(AfiSafi family, Flowspec::FlowspecKey const& key) {
-   (void)family;
-   std::vector<std::uint8_t> body;
-   if (!key.destPrefix().isUnset()) putPrefix(body, Flowspec::destPrefix_, key.destPrefix());
-   if (!key.srcPrefix().isUnset()) putPrefix(body, Flowspec::srcPrefix_, key.srcPrefix());
-   // Consecutive pairs of one type form one component; components must come in ascending
-   // type order (RFC 8955 section 4.2), so a type given again later cannot be written.
-   // Text that names a type twice gives pairs whose end-of-list bit falls inside one
-   // component; written, those bytes would read back as another rule.
-   std::uint32_t lastType = Flowspec::srcPrefix_;
-   bool listEnded = true;
-   for (auto r = key.getOptVal(0); !r.atEnd(); r = key.getOptVal(r.nextIndex())) {
-      std::uint32_t const type = r.type();
-      if (type < lastType || (type == lastType && listEnded) || (type != lastType && !listEnded)) {
-         return Ovk::failure(std::string("a component is given more than once; give all its values in one place "
-                                         "(for example \"protocol =6 =17\")"));
-      }
-      if (type != lastType) {
-         body.push_back(static_cast<std::uint8_t>(type));
-         lastType = type;
-      }
-      listEnded = (r.op() & Flowspec::opEndOfList) != 0;
-      std::uint8_t const op = r.op();
-      body.push_back(op);
-      unsigned const n = Flowspec::opValueBytes(op);
-      for (unsigned i = n; i-- > 0;)
-         body.push_back(static_cast<std::uint8_t>(n > 4 && i >= 4 ? 0 : r.value() >> (8 * i)));
-   }
-   if (body.size() > kMaxNlriBody) {
-      return Ovk::failure("the rule's NLRI would be " + std::to_string(body.size()) + " bytes, more than " +
-                          std::to_string(kMaxNlriBody) + " (what its length field holds)");
-   }
-   std::vector<std::uint8_t> nlri;
-   nlri.reserve(body.size() + 2);
-   if (body.size() < 0xf0) {
-      nlri.push_back(static_cast<std::uint8_t>(body.size()));
-   } else {
-      nlri.push_back(static_cast<std::uint8_t>(0xf0 | (body.size() >> 8)));
-      nlri.push_back(static_cast<std::uint8_t>(body.size()));
-   }
-   nlri.insert(nlri.end(), body.begin(), body.end());
-   return nlri;
-}
-
 Ovk::Result<OriginatedRule, std::string> originatedRuleOf(AfiSafi family, std::string_view match,
-                                                          std::vector<std::string> const& then, std::uint32_t localAs) {
+                                                          std::vector<std::string> const& then) {
    OriginatedRule rule;
    rule.family = family;
    rule.key.afIs(family == kIpv4Flowspec ? Ovnet::AddressFamily::ipv4 : Ovnet::AddressFamily::ipv6);
    std::string whyNot;
    if (!rule.key.copyInStrCli(match, &whyNot)) return Ovk::failure("match: " + whyNot);
-   auto nlri = nlriOf(family, rule.key);
-   if (!nlri) return Ovk::failure("match: " + nlri.reason());
-   rule.nlri = std::move(nlri.value());
+   if (auto const why = componentsNotOnce(rule.key)) return Ovk::failure("match: " + *why);
    if (then.empty()) return Ovk::failure(std::string("then: a rule needs at least one action"));
    auto communities = communitiesOf(family, then);
    if (!communities) return Ovk::failure("then: " + communities.reason());
    rule.communities = std::move(communities.value());
-   // The writer's own limit: what the rule's attributes leave for its NLRI on the tightest
-   // session it may go to.
-   PathAttributesContents rib;
-   rib.origin = BgpOrigin::igp;
-   for (std::uint64_t const c : rule.communities.extComms) rib.extCommList.push(ExtComm::create(c));
-   for (auto const& c : rule.communities.ip6ExtComms) rib.extCommIp6List.push(ExtCommIp6::create(c));
-   if (!Routing::Bgp::fitsOneUpdate(family, rib, rule.nlri.size(), localAs)) {
-      std::size_t const room = Routing::Bgp::maxNlriBytesToAnyPeer(family, rib, localAs);
-      std::size_t const size = kMaxMessage - std::min(room, kMaxMessage) + rule.nlri.size();
-      return Ovk::failure("the rule's UPDATE would need " + std::to_string(size) +
-                          " bytes with its attributes, more than one " + std::to_string(kMaxMessage) +
-                          "-byte message holds");
-   }
    rule.match = rule.key.toStrepCli();
    rule.actions = actionTexts(rule.communities);
    return rule;
-}
-
-std::vector<std::uint8_t> originationUpdate(OriginatedRule const& rule) {
-   constexpr std::uint8_t kWellKnown = 0x40;
-   constexpr std::uint8_t kOptional = 0x80;
-   constexpr std::uint8_t kOptionalTransitive = 0xc0;
-   std::vector<std::uint8_t> attrs;
-   putAttribute(attrs, kWellKnown, 1, {0}); // ORIGIN IGP
-   putAttribute(attrs, kWellKnown, 2, {});  // AS_PATH, empty
-   if (!rule.communities.extComms.empty()) {
-      std::vector<std::uint8_t> v;
-      for (std::uint64_t const c : rule.communities.extComms) {
-         for (int shift = 56; shift >= 0; shift -= 8) v.push_back(static_cast<std::uint8_t>(c >> shift));
-      }
-      putAttribute(attrs, kOptionalTransitive, 16, v);
-   }
-   if (!rule.communities.ip6ExtComms.empty()) {
-      std::vector<std::uint8_t> v;
-      for (auto const& c : rule.communities.ip6ExtComms) v.insert(v.end(), c.begin(), c.end());
-      putAttribute(attrs, kOptionalTransitive, 25, v);
-   }
-   std::vector<std::uint8_t> mp;
-   putU16(mp, static_cast<std::uint16_t>(rule.family.afi()));
-   mp.push_back(static_cast<std::uint8_t>(rule.family.safi()));
-   if (rule.communities.nexthop) {
-      auto const nh = rule.communities.nexthop->bytes();
-      mp.push_back(static_cast<std::uint8_t>(nh.size()));
-      mp.insert(mp.end(), nh.begin(), nh.end());
-   } else {
-      mp.push_back(0);
-   }
-   mp.push_back(0); // reserved
-   mp.insert(mp.end(), rule.nlri.begin(), rule.nlri.end());
-   putAttribute(attrs, kOptional, 14, mp);
-
-   std::vector<std::uint8_t> m(16, 0xff);
-   putU16(m, 19 + 2 + 2 + attrs.size());
-   m.push_back(2); // UPDATE
-   putU16(m, 0);
-   putU16(m, attrs.size());
-   m.insert(m.end(), attrs.begin(), attrs.end());
-   return m;
 }
 
 } // namespace Flowspecd

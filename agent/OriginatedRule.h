@@ -15,7 +15,9 @@
 //                                  FSIB has nothing to redirect to)
 //
 // Everything here is pure: the configuration reads rules with it before the plugins are
-// loaded, and the control socket checks rules added at run time with it.
+// loaded, and the control socket checks rules added at run time with it. What only the
+// plugin knows (the rule's NLRI and whether its UPDATE fits one message) is checked when the
+// rule is bound to it (Origination::bind).
 #pragma once
 
 #include <array>
@@ -35,8 +37,6 @@ namespace Flowspecd {
 
 using Routing::Bgp::AfiSafi;
 
-// The largest NLRI body the two-byte length field can give (RFC 8955 section 4).
-inline constexpr std::size_t kMaxNlriBody = 0x0fff;
 // The largest BGP message (RFC 4271 section 4.1).
 inline constexpr std::size_t kMaxMessage = 4096;
 
@@ -60,12 +60,12 @@ std::vector<std::string> actionsOfWords(std::vector<std::string> const& words);
 // The actions of communities, as communitiesOf reads them ("rate-limit 125000", "mark 10").
 std::vector<std::string> actionTexts(RuleCommunities const& c);
 
-// A rule ready to originate.
+// A rule ready to originate, as the operator wrote it. Its route key, NLRI and path are the
+// plugin's to make (agent/Origination.h).
 struct OriginatedRule {
    AfiSafi family;
    Flowspec::FlowspecKey key;      // the match as the forwarding library reads it
-   std::string match;              // its canonical text
-   std::vector<std::uint8_t> nlri; // its NLRI, length field included
+   std::string match;              // its canonical text: one text per rule
    RuleCommunities communities;
    std::vector<std::string> actions; // canonical action texts
 };
@@ -73,21 +73,10 @@ struct OriginatedRule {
 // "ipv4-flowspec" / "ipv6-flowspec", and the short "ipv4" / "ipv6" the CLI uses.
 std::optional<AfiSafi> ruleFamilyOf(std::string_view name);
 
-// The NLRI of a match of `family`: the length (one byte below 240, else two), the prefixes,
-// then one component per type, in the order the text gives the pairs. The reason when the
-// text does not parse (the grammar's message), gives a component twice, or needs more than
-// kMaxNlriBody bytes.
-Ovk::Result<std::vector<std::uint8_t>, std::string> nlriOf(AfiSafi family, Flowspec::FlowspecKey const& key);
-
-// Reads a whole rule of the agent of AS `localAs`. The reason says what is wrong, starting
-// with "match: " or "then: "; a rule whose UPDATE cannot fit one message to every peer it may
-// go to (fitsOneUpdate, the UPDATE writer's own check) is refused with the size it would need.
+// Reads a whole rule. The reason says what is wrong, starting with "match: " or "then: ": a
+// match that does not parse (the grammar's message) or gives a component twice (an NLRI
+// carries each type once, in ascending order), an action that cannot be read.
 Ovk::Result<OriginatedRule, std::string> originatedRuleOf(AfiSafi family, std::string_view match,
-                                                          std::vector<std::string> const& then, std::uint32_t localAs);
-
-// The UPDATE whose decoding gives the agent's own path of `rule`: ORIGIN IGP, an empty
-// AS_PATH, the rule's communities and an MP_REACH_NLRI with the rule's next hop (an empty
-// field when it has none) and its NLRI.
-std::vector<std::uint8_t> originationUpdate(OriginatedRule const& rule);
+                                                          std::vector<std::string> const& then);
 
 } // namespace Flowspecd

@@ -2,36 +2,14 @@
 
 #include "host/flowspec/FlowspecSlateKey.h"
 #include "host/mnemo/SlateRuleSetMount.h"
+#include "host/bgp/UpdateWriter.h"
 #include "host/fwk/String.h"
 
 namespace Flowspecd {
 
-namespace {
-
-// An UPDATE with nothing in it: decoding it lets the decoder drop the keys of the last one.
-std::vector<std::uint8_t> const& emptyUpdate() {
-   static std::vector<std::uint8_t> const m{0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff,
-                                            0xff, 0xff, 0xff, 0xff, 0,    23,   2,    0,    0,    0,    0};
-   return m;
-}
-
-} // namespace
-
 Origination::Origination(Ovk::Ptr<Plugin::Context> context, Ovk::Ptr<Mnemo::EntityManager> entityManager)
     : context_(std::move(context)), entityManager_(std::move(entityManager)) {
    OVK_ASSERT(context_);
-   BgpVrfIdBase const vrf = BgpL3VrfId::defaultVrfId();
-   // The agent's own rules read like an internal peer's UPDATEs with 4-octet AS numbers.
-   BgpUpdateDecoder::Options options;
-   options.fourOctetAs = true;
-   options.externalPeer = false;
-   decoder_ = std::make_unique<BgpUpdateDecoder>(
-       Ovk::makePtr<BgpParseContext>(context_->dedupTablesVrf(vrf), "originated"), options);
-   for (AfiSafi const family : {kIpv4Flowspec, kIpv6Flowspec}) {
-      if (context_->afiSafiTable()->helpers(family)) {
-         decoder_->ruleCollectionsIs(context_->parseRuleCollections(family), {});
-      }
-   }
    attributes_ = std::make_unique<PathAttributesBuilder>(context_->rtAttrDedupTable(), context_->coreDedupTables(),
                                                          context_->parseExtCommRuleCollections());
 }
@@ -43,41 +21,57 @@ Origination::~Origination() {
    flush();
 }
 
-Origination::RuleId Origination::idOf(OriginatedRule const& r) {
-   return {static_cast<std::uint16_t>(r.family.afi()), r.nlri};
-}
-
-Ovk::Ptr<RibTable> Origination::table(AfiSafi family) const {
-   auto const& vrfs = context_->allVrfInstanceStatus();
-   auto const it = vrfs.find(BgpL3VrfId::defaultVrfId());
-   return it == vrfs.end() ? nullptr : Plugin::getBribTable(*context_, *it->second, family);
-}
-
-bool Origination::install(Entry& e) {
-   Ovk::Ptr<RibTable> const t = table(e.rule.family);
-   if (!t) return false;
-   std::vector<std::uint8_t> const message = originationUpdate(e.rule);
-   BgpParsedUpdate const& u = decoder_->decode(message);
-   bool ok = u.action == BgpUpdateAction::accept && u.nlri.size() == 1 && u.nlri[0].routeKey;
-   if (ok) {
-      e.key = u.nlri[0].routeKey;
-      e.attrs = attributes_->rtAttrOf(*u.attributes);
-      t->pathIs(*e.key, kLocalRibSource, e.attrs);
+Ovk::Result<Origination::Bound, std::string> Origination::bind(OriginatedRule const& rule) const {
+   DedupTablesVrf const* const vrf = context_->dedupTablesVrf(BgpL3VrfId::defaultVrfId()).ptr();
+   DedupTablesVrfAfiSafi const* const tables = vrf ? vrf->dedupTablesVrfAfiSafi(rule.family) : nullptr;
+   if (!tables || !Plugin::defaultVrfRibTable(*context_, rule.family)) {
+      return Ovk::failure("no plugin serves " + familyName(rule.family));
    }
-   // The decoder's result holds the key until the next message.
-   (void)decoder_->decode(emptyUpdate());
-   return ok;
+   Bound b;
+   b.key = tables->routeKeyDedupTableRawPtr()->dedupFromRule(rule.key);
+   Ovk::Ptr<GenNexthop const> const nexthop =
+       tables->nexthopDedupTableRawPtr()->nexthopOfAddress(rule.communities.nexthop.value_or(Ovnet::IpGenAddr()));
+   if (!b.key || !nexthop) return Ovk::failure(std::string("the flowspec plugin makes no route of the rule"));
+   Ovk::String const nlri = b.key->serialize(RouteKey::SerializeOperation::advertise, nullptr);
+   b.nlri.assign(nlri.span().begin(), nlri.span().end());
+   b.attrs = attributes_->localRtAttrOf(rule.communities.extComms, rule.communities.ip6ExtComms, nexthop);
+   // The writer's own limit: what the rule's attributes leave for its NLRI on the tightest
+   // session it may go to.
+   std::uint32_t const localAs = context_->ribSources()->peer(kLocalRibSource).localAs;
+   PathAttributesContents const& rib = b.attrs->contents();
+   if (!fitsOneUpdate(rule.family, rib, b.nlri.size(), localAs)) {
+      std::size_t const room = maxNlriBytesToAnyPeer(rule.family, rib, localAs);
+      std::size_t const size = kMaxMessage - std::min(room, kMaxMessage) + b.nlri.size();
+      return Ovk::failure("the rule's UPDATE would need " + std::to_string(size) +
+                          " bytes with its attributes, more than one " + std::to_string(kMaxMessage) +
+                          "-byte message holds");
+   }
+   return b;
+}
+
+ConfigErrors Origination::check(std::vector<RuleConfig> const& rules, std::string const& file) const {
+   ConfigErrors errors;
+   for (RuleConfig const& r : rules) {
+      if (auto b = bind(r.rule); !b) errors.push_back({file, r.line, "rule " + b.reason()});
+   }
+   return errors;
+}
+
+void Origination::install(Entry& e) {
+   Ovk::Ptr<RibTable> const t = Plugin::defaultVrfRibTable(*context_, e.rule.family);
+   if (!t || !e.bound.key) return;
+   t->pathIs(*e.bound.key, kLocalRibSource, e.bound.attrs);
+   e.inRib = true;
 }
 
 void Origination::uninstall(Entry& e) {
-   if (!e.key) return;
-   if (Ovk::Ptr<RibTable> const t = table(e.rule.family)) {
+   if (!e.inRib) return;
+   e.inRib = false;
+   if (Ovk::Ptr<RibTable> const t = Plugin::defaultVrfRibTable(*context_, e.rule.family)) {
       // Only the agent's path of this entry: a path another entry put there stays.
-      auto const path = t->path(*e.key, kLocalRibSource);
-      if (path && path->attrs == e.attrs.ptr()) t->pathDel(*e.key, kLocalRibSource);
+      auto const path = t->path(*e.bound.key, kLocalRibSource);
+      if (path && path->attrs == e.bound.attrs.ptr()) t->pathDel(*e.bound.key, kLocalRibSource);
    }
-   e.key = nullptr;
-   e.attrs = nullptr;
 }
 
 Origination::Entry* Origination::winner(RuleId const& id) {
@@ -88,7 +82,7 @@ Origination::Entry* Origination::winner(RuleId const& id) {
 
 void Origination::flush() {
    for (AfiSafi const family : {kIpv4Flowspec, kIpv6Flowspec}) {
-      if (auto t = table(family); t && t->pendingChanges()) t->flushChanges();
+      if (auto t = Plugin::defaultVrfRibTable(*context_, family); t && t->pendingChanges()) t->flushChanges();
    }
 }
 
@@ -96,15 +90,20 @@ Origination::Diff Origination::configuredRulesIs(std::vector<RuleConfig> const& 
    Diff diff;
    std::map<RuleId, Entry> next;
    for (RuleConfig const& r : rules) {
-      RuleId const id = idOf(r.rule);
-      Entry e{r.rule, file, r.line, nullptr, nullptr};
+      auto bound = bind(r.rule);
+      if (!bound) {
+         ++diff.refused;
+         continue;
+      }
+      Entry e{r.rule, file, r.line, std::move(bound.value()), false};
+      RuleId const id = idOf(e);
       auto const old = configured_.find(id);
       if (old == configured_.end()) {
          ++diff.added;
       } else if (old->second.rule.communities == r.rule.communities) {
          ++diff.kept;
-         e.key = std::move(old->second.key);
-         e.attrs = std::move(old->second.attrs);
+         e.inRib = old->second.inRib;
+         old->second.inRib = false; // the path stays: it is the new entry's now
       } else {
          ++diff.changed;
       }
@@ -112,50 +111,44 @@ Origination::Diff Origination::configuredRulesIs(std::vector<RuleConfig> const& 
    }
    // Gone and changed rules leave the RIB first.
    for (auto& [id, e] : configured_) {
-      auto const it = next.find(id);
-      if (it == next.end()) ++diff.withdrawn;
-      if (it == next.end() || !it->second.key) uninstall(e);
+      if (!next.count(id)) ++diff.withdrawn;
+      uninstall(e);
    }
    configured_ = std::move(next);
    // A run-time rule of the same match stays in force over the configured one.
    for (auto& [id, e] : configured_) {
-      if (!e.key && !runtime_.count(id)) install(e);
+      if (!e.inRib && !runtime_.count(id)) install(e);
    }
    flush();
    return diff;
 }
 
 Ovk::Result<std::string, std::string> Origination::runtimeRuleIs(OriginatedRule rule) {
-   if (!table(rule.family)) return Ovk::failure("no plugin serves " + familyName(rule.family));
-   RuleId const id = idOf(rule);
-   Entry e{std::move(rule), "", 0, nullptr, nullptr};
+   auto bound = bind(rule);
+   if (!bound) return Ovk::failure(bound.reason());
+   Entry e{std::move(rule), "", 0, std::move(bound.value()), false};
+   RuleId const id = idOf(e);
    bool const replacing = runtime_.count(id) != 0;
-   if (!install(e)) {
-      return Ovk::failure(std::string("the flowspec plugin refused the rule's NLRI"));
-   }
+   install(e);
    // The new path replaced the agent's path of the key: the entry that held it lets it go.
-   if (Entry* held = winner(id)) {
-      held->key = nullptr;
-      held->attrs = nullptr;
-   }
+   if (Entry* held = winner(id)) held->inRib = false;
    runtime_[id] = std::move(e);
    flush();
    return std::string(replacing ? "replaced" : "added");
 }
 
 Ovk::Result<std::string, std::string> Origination::runtimeRuleDel(AfiSafi family, std::string_view match) {
-   OriginatedRule probe;
-   probe.family = family;
-   probe.key.afIs(family == kIpv4Flowspec ? Ovnet::AddressFamily::ipv4 : Ovnet::AddressFamily::ipv6);
-   std::string whyNot;
-   if (!probe.key.copyInStrCli(match, &whyNot)) return Ovk::failure("match: " + whyNot);
-   auto nlri = nlriOf(family, probe.key);
-   if (!nlri) return Ovk::failure("match: " + nlri.reason());
-   probe.nlri = std::move(nlri.value());
-   RuleId const id = idOf(probe);
+   auto probe = originatedRuleOf(family, match, {"discard"});
+   if (!probe) {
+      std::string const why = probe.reason();
+      return Ovk::failure(why.rfind("match: ", 0) == 0 ? why : "match: " + why);
+   }
+   auto bound = bind(probe.value());
+   if (!bound) return Ovk::failure(bound.reason());
+   RuleId const id{static_cast<std::uint16_t>(family.afi()), bound.value().nlri};
    auto const it = runtime_.find(id);
    if (it == runtime_.end()) {
-      std::string why = "no rule " + familyName(family) + " " + probe.key.toStrepCli() + " was added at run time";
+      std::string why = "no rule " + familyName(family) + " " + probe.value().match + " was added at run time";
       if (auto c = configured_.find(id); c != configured_.end()) {
          why += " (it is configured in " + c->second.file + " line " + std::to_string(c->second.line) +
                 "; change the file and reload)";
@@ -165,7 +158,8 @@ Ovk::Result<std::string, std::string> Origination::runtimeRuleDel(AfiSafi family
    uninstall(it->second);
    runtime_.erase(it);
    std::string result = "deleted";
-   if (auto c = configured_.find(id); c != configured_.end() && install(c->second)) {
+   if (auto c = configured_.find(id); c != configured_.end()) {
+      install(c->second);
       result = "deleted; the configured rule of line " + std::to_string(c->second.line) + " is in force again";
    }
    flush();
@@ -175,7 +169,7 @@ Ovk::Result<std::string, std::string> Origination::runtimeRuleDel(AfiSafi family
 std::size_t Origination::inForce() const {
    std::size_t n = 0;
    for (auto const* rules : {&runtime_, &configured_}) {
-      for (auto const& [id, e] : *rules) n += e.key ? 1u : 0u;
+      for (auto const& [id, e] : *rules) n += e.inRib ? 1u : 0u;
    }
    return n;
 }
@@ -185,9 +179,9 @@ nlohmann::json Origination::listJson() const {
    nlohmann::json rules = nlohmann::json::array();
    auto add = [&](Entry const& e, bool configured) {
       bool best = false;
-      if (e.key) {
-         if (auto const t = table(e.rule.family)) {
-            auto const b = t->bestPath(*e.key);
+      if (e.inRib) {
+         if (auto const t = Plugin::defaultVrfRibTable(*context_, e.rule.family)) {
+            auto const b = t->bestPath(*e.bound.key);
             best = b && b->source == kLocalRibSource;
          }
       }
@@ -200,9 +194,9 @@ nlohmann::json Origination::listJson() const {
       nlohmann::json r = {{"family", familyName(e.rule.family)},
                           {"match", e.rule.match},
                           {"actions", e.rule.actions},
-                          {"nlri", Ovk::hexOf(e.rule.nlri)},
+                          {"nlri", Ovk::hexOf(e.bound.nlri)},
                           {"source", configured ? "config" : "cli"},
-                          {"inForce", static_cast<bool>(e.key)},
+                          {"inForce", e.inRib},
                           {"best", best},
                           {"fsib", inFsib}};
       if (configured) {

@@ -3,11 +3,11 @@
 //
 // Each rule is one path of the agent itself (kLocalRibSource) in the default VRF's RIB table
 // of its family: ORIGIN IGP, an empty AS_PATH, the communities of its actions and, for
-// "redirect-nexthop ADDR", that next hop. The path is made the way a peer's is: the rule's
-// UPDATE (originationUpdate) goes through the host's decoder with the plugins' parse rules,
-// so the key comes out of the family's route-key dedup table and the communities and next hop
-// are the kinds the forwarding export reads. The path then competes in best path like any
-// other, and each change is flushed to the export at once.
+// "redirect-nexthop ADDR", that next hop. The path is made the way the plugin makes a peer's:
+// the family's route-key dedup table makes the key of the rule's match (dedupFromRule), the
+// next-hop table its next hop (nexthopOfAddress), and the host's attribute builder its attributes,
+// each community of the kind an UPDATE's would be. The path then competes in best path like
+// any other, and each change is flushed to the export at once.
 //
 // The agent holds one path per key, so a configured rule and a run-time rule with the same
 // family and match cannot both be in force: the run-time rule is, for as long as it exists;
@@ -25,7 +25,6 @@
 
 #include "agent/Config.h"
 #include "agent/OriginatedRule.h"
-#include "host/bgp/BgpUpdateDecoder.h"
 #include "host/bgp/PathAttributes.h"
 #include "host/mnemo/EntityManager.h"
 #include "host/plugin/Plugin.h"
@@ -41,12 +40,28 @@ class Origination {
    Origination(Origination const&) = delete;
    Origination& operator=(Origination const&) = delete;
 
+   // A rule as the plugin makes it: its key (interned), its NLRI as the key writes it, and
+   // the agent's path attributes for it.
+   struct Bound {
+      Ovk::Ptr<RouteKey const> key;
+      std::vector<std::uint8_t> nlri;
+      Ovk::Ptr<RtAttr const> attrs;
+   };
+   // Binds `rule` to its family's plugin; the reason when no plugin serves the family, the
+   // plugin makes no key of it, or its UPDATE would not fit one message to every peer it may
+   // go to (fitsOneUpdate, the UPDATE writer's own check) with the size it would need.
+   Ovk::Result<Bound, std::string> bind(OriginatedRule const& rule) const;
+   // The mistakes of configured rules only the plugin can find (what bind refuses), each
+   // with the file and line of its [[rule]].
+   ConfigErrors check(std::vector<RuleConfig> const& rules, std::string const& file) const;
+
    // What configuredRulesIs changed.
    struct Diff {
       std::size_t added = 0;
       std::size_t withdrawn = 0;
       std::size_t changed = 0; // same match, other actions
       std::size_t kept = 0;
+      std::size_t refused = 0; // not bound (check() says why)
       friend bool operator==(Diff const&, Diff const&) = default;
    };
    // Makes the configured rules `rules` (each family and match once): new ones are
@@ -73,27 +88,24 @@ class Origination {
    struct Entry {
       OriginatedRule rule;
       std::string file;
-      std::uint32_t line = 0;       // configured rules
-      Ovk::Ptr<RouteKey const> key; // set while its path is in the RIB
-      Ovk::Ptr<RtAttr const> attrs;
+      std::uint32_t line = 0; // configured rules
+      Bound bound;
+      bool inRib = false; // its path is the agent's path of its key
    };
    // Family, then NLRI: one rule per key.
    using RuleId = std::pair<std::uint16_t, std::vector<std::uint8_t>>;
-   static RuleId idOf(OriginatedRule const& r);
+   static RuleId idOf(Entry const& e) { return {static_cast<std::uint16_t>(e.rule.family.afi()), e.bound.nlri}; }
 
-   // Puts the path of `e` into the RIB (replacing the agent's path of its key); false when
-   // the plugin refused it.
-   bool install(Entry& e);
+   // Puts the path of `e` into the RIB (replacing the agent's path of its key).
+   void install(Entry& e);
    // Takes the path of `e` out of the RIB.
    void uninstall(Entry& e);
    // The entry whose path should be in force for `id`: the run-time one, else the configured.
    Entry* winner(RuleId const& id);
    void flush();
-   Ovk::Ptr<RibTable> table(AfiSafi family) const;
 
    Ovk::Ptr<Plugin::Context> context_;
    Ovk::Ptr<Mnemo::EntityManager> entityManager_;
-   std::unique_ptr<BgpUpdateDecoder> decoder_;
    std::unique_ptr<PathAttributesBuilder> attributes_;
    std::map<RuleId, Entry> configured_;
    std::map<RuleId, Entry> runtime_;

@@ -21,9 +21,8 @@ std::string matchOf(std::uint32_t i) {
           std::to_string(i & 0xff) + "/32 protocol tcp destination-port =80";
 }
 std::vector<std::string> const kThen{"rate-limit 125000", "mark 10"};
-constexpr std::uint32_t kLocalAs = 65001;
 
-// The plugin library, loaded as the agent loads it (its parse rules read the rules' UPDATEs).
+// The plugin library, loaded as the agent loads it (it makes the rules' routes).
 void loadPlugin() {
    static bool const loaded = Routing::Bgp::Plugin::loadPluginLibrary(FS_PLUGIN_LIBRARY).ok();
    if (!loaded) std::abort();
@@ -33,7 +32,7 @@ std::vector<RuleConfig> rules(std::uint32_t n) {
    std::vector<RuleConfig> out;
    out.reserve(n);
    for (std::uint32_t i = 0; i < n; ++i) {
-      out.push_back(RuleConfig{originatedRuleOf(kIpv4Flowspec, matchOf(i), kThen, kLocalAs).value(), i + 1});
+      out.push_back(RuleConfig{originatedRuleOf(kIpv4Flowspec, matchOf(i), kThen).value(), i + 1});
    }
    return out;
 }
@@ -41,7 +40,7 @@ std::vector<RuleConfig> rules(std::uint32_t n) {
 void BM_OriginatedRuleOf(benchmark::State& state) {
    std::string const match = matchOf(12345);
    for (auto _ : state) {
-      auto r = originatedRuleOf(kIpv4Flowspec, match, kThen, kLocalAs);
+      auto r = originatedRuleOf(kIpv4Flowspec, match, kThen);
       benchmark::DoNotOptimize(r);
    }
    state.SetItemsProcessed(state.iterations());

@@ -169,6 +169,8 @@ void GenNexthopDedupTableBase::nexthopSelfIs(Ovk::Ptr<GenNexthop const> const& n
    nexthopSelf_ = nh;
 }
 
+Ovk::Ptr<GenNexthop const> GenNexthopDedupTableBase::nexthopOfAddress(Ovnet::IpGenAddr const&) const { return nullptr; }
+
 Ovk::Ptr<GenNexthop const> GenNexthopDedupTableBase::lookupOrInsertNexthop(Ovk::Ptr<GenNexthop> const& nh) const {
    Ovk::Ptr<Ovk::DedupHandle const> entry = lookupOrInsert(nh);
    // Every entry came in through here or through GenNexthop::dedup: it is a next hop.

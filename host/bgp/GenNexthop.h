@@ -179,6 +179,10 @@ class GenNexthopDedupTableBase : public Ovk::DedupHashTable, public Ovk::Notific
 
    // Enters `nh` (never deduplicated) or returns the equal next hop the table has.
    Ovk::Ptr<GenNexthop const> lookupOrInsertNexthop(Ovk::Ptr<GenNexthop> const& nh) const;
+   // The table's next hop of a path the agent originates with next hop `addr` (unspecified:
+   // none): the next hop the family's next-hop rule makes of a next-hop field holding that
+   // address (empty). Null for a family that originates no paths (the default).
+   virtual Ovk::Ptr<GenNexthop const> nexthopOfAddress(Ovnet::IpGenAddr const& addr) const;
    // The table's next hop equal to `probe`, or empty.
    Ovk::Ptr<GenNexthop const> lookupNexthop(GenNexthop const& probe) const;
 

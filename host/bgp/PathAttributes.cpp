@@ -221,4 +221,22 @@ Ovk::Ptr<RtAttr const> PathAttributesBuilder::rtAttrOf(BgpParseUpdateAttributesS
    return lastAttr_;
 }
 
+Ovk::Ptr<RtAttr const> PathAttributesBuilder::localRtAttrOf(std::span<std::uint64_t const> extComms,
+                                                            std::span<std::array<std::uint8_t, 20> const> ip6ExtComms,
+                                                            Ovk::Ptr<GenNexthop const> nexthop) const {
+   PathAttributesContents c;
+   c.origin = BgpOrigin::igp;
+   // The communities go the way an UPDATE's do: as their bytes, through the parse rules.
+   std::vector<std::uint8_t> bytes;
+   for (std::uint64_t const v : extComms) {
+      for (int shift = 56; shift >= 0; shift -= 8) bytes.push_back(static_cast<std::uint8_t>(v >> shift));
+   }
+   c.extCommList = extCommListOf(bytes, extCommRules_.ptr(), core_.ptr());
+   bytes.clear();
+   for (auto const& v : ip6ExtComms) bytes.insert(bytes.end(), v.begin(), v.end());
+   c.extCommIp6List = extCommIp6ListOf(bytes, extCommRules_.ptr(), core_.ptr());
+   c.nexthop = std::move(nexthop);
+   return table_->rtAttrIs(std::move(c));
+}
+
 } // namespace Routing::Bgp

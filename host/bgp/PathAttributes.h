@@ -12,6 +12,7 @@
 // parse rules the plugins registered: ExtCommParse.h).
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <iosfwd>
@@ -125,6 +126,12 @@ class PathAttributesBuilder {
    // bytes and the next hop are those of the previous call, the previous object is
    // returned without looking at them further.
    Ovk::Ptr<RtAttr const> rtAttrOf(BgpParseUpdateAttributesScratchpad const& scratchpad);
+   // The interned attributes of a path the agent originates itself: ORIGIN IGP, an empty
+   // AS_PATH, the extended communities `extComms` (8-byte values) and `ip6ExtComms` (20-byte
+   // values), each of the kind it would be read as from an UPDATE, and `nexthop`.
+   Ovk::Ptr<RtAttr const> localRtAttrOf(std::span<std::uint64_t const> extComms,
+                                        std::span<std::array<std::uint8_t, 20> const> ip6ExtComms,
+                                        Ovk::Ptr<GenNexthop const> nexthop) const;
 
    // Calls that built a new set, and calls answered by the previous one.
    std::uint64_t built() const { return built_; }

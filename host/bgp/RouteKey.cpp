@@ -124,6 +124,8 @@ Ovk::Ptr<RouteKey const> RouteKeyDedupTableBase::lookupRouteKey(RouteKey const& 
    return Ovk::Ptr<RouteKey const>(static_cast<RouteKey const*>(found.ptr()));
 }
 
+Ovk::Ptr<RouteKey const> RouteKeyDedupTableBase::dedupFromRule(Flowspec::FlowspecKey const&) const { return nullptr; }
+
 Ovk::Ptr<RouteKey const> RouteKeyDedupTableBase::dedupFromCommandParams(std::string const&) const {
    OVK_FATAL(kMustOverride);
 }

@@ -28,6 +28,10 @@
 #include "host/fwk/String.h"
 #include "host/fwk/Trace.h"
 
+namespace Flowspec {
+class FlowspecKey;
+}
+
 namespace Routing::Bgp {
 
 class RouteKey;
@@ -183,6 +187,10 @@ class RouteKeyDedupTableBase : public Ovk::DedupHashTable {
    // Builds the key that the parameters of a show command name and interns it. Families
    // whose commands name keys override this; the default aborts.
    virtual Ovk::Ptr<RouteKey const> dedupFromCommandParams(std::string const& params) const;
+   // The key of a rule the agent originates (a flowspec match, as the forwarding library
+   // reads rule text), interned: the key the family's NLRI rule makes of the NLRI the key
+   // writes. Null for a family that originates no such rules (the default).
+   virtual Ovk::Ptr<RouteKey const> dedupFromRule(Flowspec::FlowspecKey const& rule) const;
 
  protected:
    RouteKeyDedupTableBase(AfiSafi afiSafi, BgpVrfIdBase vrfId) : afiSafi_(afiSafi), vrfId_(vrfId) {}

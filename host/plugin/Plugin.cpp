@@ -311,4 +311,10 @@ Ovk::Ptr<RibTable> getBribTable(Context const&, VrfInstanceStatus const& vrf, Af
    return vrf.ribTable(afiSafi);
 }
 
+Ovk::Ptr<RibTable> defaultVrfRibTable(Context const& context, AfiSafi afiSafi) {
+   auto const& vrfs = context.allVrfInstanceStatus();
+   auto const it = vrfs.find(BgpL3VrfId::defaultVrfId());
+   return it == vrfs.end() ? nullptr : getBribTable(context, *it->second, afiSafi);
+}
+
 } // namespace Routing::Bgp::Plugin

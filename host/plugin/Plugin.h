@@ -531,5 +531,8 @@ class Context : public Ovk::PtrInterface {
 
 // The best-path RIB table of `afiSafi` in a VRF; null when the VRF has none.
 Ovk::Ptr<RibTable> getBribTable(Context const& context, VrfInstanceStatus const& vrf, AfiSafi afiSafi);
+// The best-path RIB table of the default VRF and `afiSafi`: where sessions and originated
+// rules put their paths. Null when no plugin serves the family.
+Ovk::Ptr<RibTable> defaultVrfRibTable(Context const& context, AfiSafi afiSafi);
 
 } // namespace Routing::Bgp::Plugin

@@ -46,35 +46,9 @@ class FlowspecPluginHoardReadersTest : public ::testing::Test {
    Ptr<Hoard::StoreManager> manager_ = Hoard::StoreManager::create(store_);
 };
 
-TEST_F(FlowspecPluginHoardReadersTest, ReadersMeetTheAttributeCacheEntriesByName) {
-   // Register the types the way the plugin's main object does: an entry per dynamic type of
-   // a throw-away instance, named after the type's framework record.
-   auto status = Hoard::AttributeCacheStatus::create();
-   for (Ptr<GenNexthop> nh :
-        {Ptr<GenNexthop>(flowspecGenNexthopFactory(Afi::afiIpv4, *Ovnet::IpGenAddr::parse("0.0.0.0"), {})),
-         Ptr<GenNexthop>(flowspecPolicyRejectNexthopFactory(Afi::afiIpv4)),
-         Ptr<GenNexthop>(flowspecNexthopSelfFactory(Afi::afiIpv4))}) {
-      auto entry = Hoard::AttributeCacheEntry::create(typeid(*nh));
-      entry->typeNameIs(Ovk::String(nh->fwkType().name()));
-      status->entryIs(entry);
-   }
-   std::pair<std::type_index, std::type_index> const typeAndReader[] = {
-       {typeid(FlowspecGenNexthop), typeid(FlowspecGenNexthopHoardReader)},
-       {typeid(FlowspecPolicyRejectNexthop), typeid(FlowspecPolicyRejectNexthopHoardReader)},
-       {typeid(FlowspecNexthopSelf), typeid(FlowspecNexthopSelfHoardReader)},
-   };
-   for (auto const& [type, readerType] : typeAndReader) {
-      SCOPED_TRACE(type.name());
-      auto entry = status->entry(type);
-      ASSERT_TRUE(entry);
-      auto reader = Hoard::NameMap::instance().find(entry->typeName().view());
-      ASSERT_TRUE(reader);
-      EXPECT_EQ(std::type_index(typeid(*reader)), readerType);
-      EXPECT_EQ(reader->typeName(), entry->typeName().view());
-   }
-
-   // Initializing again leaves the first readers in place.
+TEST_F(FlowspecPluginHoardReadersTest, InitializingAgainLeavesTheFirstReadersInPlace) {
    auto first = Hoard::NameMap::instance().find(FlowspecGenNexthop::classFwkType().name());
+   ASSERT_TRUE(first);
    std::size_t const size = Hoard::NameMap::instance().size();
    FlowspecOrreryInitializer::initialize();
    EXPECT_EQ(Hoard::NameMap::instance().size(), size);

@@ -4,6 +4,8 @@
 
 #include <chrono>
 
+#include "tests/fakes/AgentFakes.h"
+
 namespace Flowspecd {
 
 void PrintTo(Notification const& n, std::ostream* os) {
@@ -111,16 +113,7 @@ class FakeConnector : public Connector {
    std::vector<Pending> attempts;
 };
 
-class Lines : public Logger {
- public:
-   void log(std::string_view who, std::string_view event) override {
-      lines.push_back(std::string(who) + " " + std::string(event));
-   }
-   bool contains(std::string_view text) const {
-      return std::any_of(lines.begin(), lines.end(), [&](auto const& l) { return l.find(text) != std::string::npos; });
-   }
-   std::vector<std::string> lines;
-};
+using Fakes::Lines;
 
 // Decodes what it gets with the host's UPDATE decoder (no family rules: routes are not read)
 // and answers with what the decoder found, or with `answer` when one is set.

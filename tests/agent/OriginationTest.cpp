@@ -14,14 +14,16 @@
 #include "host/plugin/PluginHost.h"
 #include "tests/fakes/AgentFakes.h"
 #include "tests/host/bgp/UpdateBuilder.h"
+#include "tools/flowspec/NlriCodec.h"
 
 namespace Flowspecd {
 namespace {
 
 using namespace BgpTest;
+using BgpTest::hexText;
 
 struct Fixture {
-   Fixture() {
+   explicit Fixture(std::uint32_t localAs = 65001) {
       static bool const loaded = Plugin::loadPluginLibrary(FS_PLUGIN_LIBRARY).ok();
       EXPECT_TRUE(loaded);
       entityManager = Ovk::makePtr<Mnemo::EntityManager>("originationtest-" + std::to_string(getpid()));
@@ -29,7 +31,7 @@ struct Fixture {
       Plugin::Context::Options o;
       o.taskScheduler = Ovk::ManualScheduler::create();
       o.attributeCacheStatus = Hoard::AttributeCacheStatus::create();
-      o.local = BgpPeer{Ovnet::IpGenAddr(), 65001, 65001, 1, BgpL3VrfId::defaultVrfId()};
+      o.local = BgpPeer{Ovnet::IpGenAddr(), localAs, localAs, 1, BgpL3VrfId::defaultVrfId()};
       o.entityManager = entityManager;
       context = Plugin::startPlugins(std::move(o));
       origination = std::make_unique<Origination>(context, entityManager);
@@ -43,7 +45,7 @@ struct Fixture {
    }
 
    static OriginatedRule rule(std::string const& family, std::string const& match, std::vector<std::string> then) {
-      auto r = originatedRuleOf(*ruleFamilyOf(family), match, then, 65001);
+      auto r = originatedRuleOf(*ruleFamilyOf(family), match, then);
       EXPECT_TRUE(r.ok()) << r.reason();
       return r.value();
    }
@@ -236,6 +238,79 @@ TEST(Origination, OriginatedPathsCompeteWithPeers) {
    (void)f.origination->runtimeRuleDel(kIpv4Flowspec, match);
    EXPECT_TRUE(f.fsib("ipv4", match)->actions.has(Flowspec::actionPolice));
    routing.handleSessionDown(peer);
+}
+
+// The plugin makes the rule's route: the NLRI its key writes are what `flowspec encode`
+// prints for the same text, for both families and both length forms.
+TEST(Origination, TheRulesNlriIsWhatTheRouteKeyWrites) {
+   Fixture f;
+   std::string manyPorts = "destination-port";
+   for (int p = 1000; p < 1100; ++p) manyPorts += " =" + std::to_string(p);
+   struct Row {
+      char const* family;
+      std::string text;
+   };
+   std::vector<Row> const rows{
+       {"ipv4", "destination 192.0.2.0/24 protocol tcp destination-port =80"},
+       {"ipv4", "source 10.0.0.1/32 destination 0.0.0.0/0"},
+       {"ipv4", "destination 10.0.0.0/8 port >=1024&<=2048 tcp-flags =syn packet-length >1000"},
+       {"ipv4", "fragment =first-fragment dscp =10 icmp-type =3 icmp-code =1"},
+       {"ipv4", manyPorts}, // two-byte length
+       {"ipv6", "destination 2001:db8::/32 source 2001:db8:1::/48 next-header =6"},
+       {"ipv6", "destination ::/0 flow-label =12345"},
+   };
+   for (Row const& row : rows) {
+      SCOPED_TRACE(row.text);
+      auto const bound = f.origination->bind(Fixture::rule(row.family, row.text, {"discard"}));
+      ASSERT_TRUE(bound.ok()) << bound.reason();
+      auto const encoded = FlowspecTool::encodeRule(ruleFamilyOf(row.family)->afi(), row.text);
+      ASSERT_TRUE(encoded["ok"].get<bool>()) << encoded.dump();
+      EXPECT_EQ(hexText(bound.value().nlri), encoded["nlri"].get<std::string>());
+   }
+}
+
+// A rule whose NLRI fits its length field but whose UPDATE does not fit one message is
+// refused with the size it would need; one a little shorter is taken.
+TEST(Origination, ARuleThatCannotFitOneUpdateIsRefused) {
+   auto ports = [](int n) {
+      std::string text = "destination-port";
+      for (int p = 0; p < n; ++p) text += " =" + std::to_string(1000 + p); // 3 bytes each
+      return text;
+   };
+   auto fits = [](Fixture& f, char const* family, std::string const& match, std::vector<std::string> then) {
+      return f.origination->bind(Fixture::rule(family, match, std::move(then)));
+   };
+   {
+      Fixture f;
+      // NLRI: 2 length bytes, 1 type byte, 3 per value. The tightest session is iBGP: header
+      // 23, ORIGIN 4, empty AS_PATH 3, LOCAL_PREF 7, one community 11, MP_REACH_NLRI 4 + 9
+      // with a 4-byte next hop: 61 bytes beside the NLRI. 4096 - 61 = 4035 = 2 + 1 + 3 * 1344.
+      auto const ok = fits(f, "ipv4", ports(1344), {"discard"});
+      ASSERT_TRUE(ok.ok()) << ok.reason();
+      EXPECT_EQ(ok.value().nlri.size(), 4035u);
+      EXPECT_EQ(fits(f, "ipv4", ports(1345), {"discard"}).reason(),
+                "the rule's UPDATE would need 4099 bytes with its attributes, more than one 4096-byte message holds");
+      // IPv6: a 16-byte next hop (+12) and an IPv6 address specific community (+23): 96
+      // beside the NLRI, so 4000 holds 2 + 1 + 3 * 1332.
+      std::vector<std::string> const redirect{"redirect-ip 2001:db8::1", "discard"};
+      EXPECT_TRUE(fits(f, "ipv6", ports(1332), redirect).ok());
+      auto const v6 = fits(f, "ipv6", ports(1333), redirect);
+      ASSERT_FALSE(v6.ok());
+      EXPECT_NE(v6.reason().find("would need 4098 bytes"), std::string::npos) << v6.reason();
+      // The configuration's check says it with the rule's file and line; the rule is not
+      // originated.
+      auto const errors = f.origination->check({Fixture::configured(7, ports(1345), {"discard"})}, "a.toml");
+      ASSERT_EQ(errors.size(), 1u);
+      EXPECT_EQ(errors[0].str(), "a.toml:7: rule the rule's UPDATE would need 4099 bytes with its attributes, more "
+                                 "than one 4096-byte message holds");
+      EXPECT_EQ(f.origination->configuredRulesIs({Fixture::configured(7, ports(1345), {"discard"})}, "a.toml").refused,
+                1u);
+   }
+   // A local AS beyond 16 bits costs an eBGP session without 4-octet AS numbers AS_TRANS and
+   // an AS4_PATH (7 + 9 bytes): 67 beside the NLRI, so 4029 = 2 + 1 + 3 * 1342.
+   Fixture wide(4200000000u);
+   EXPECT_TRUE(fits(wide, "ipv4", ports(1342), {"discard"}).ok());
+   EXPECT_FALSE(fits(wide, "ipv4", ports(1343), {"discard"}).ok());
 }
 
 // Ended, the origination takes every path and key it made with it.

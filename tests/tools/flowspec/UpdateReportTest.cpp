@@ -188,7 +188,7 @@ std::string outcome(json const& u) {
 // Every captured UPDATE decodes; every rule in it is the rule its speaker was told to send,
 // with the actions it was told to attach.
 TEST(UpdateReportTest, CapturedUpdatesCarryWhatTheSpeakersWereToldToSend) {
-   if (!std::filesystem::exists(kTestData)) GTEST_SKIP() << "no test data at " << kTestData;
+   ASSERT_TRUE(std::filesystem::exists(kTestData)) << "no test data at " << kTestData;
    UpdateDecodeSession session;
    int rules = 0;
    for (json const& r : records()) {
@@ -317,7 +317,7 @@ std::string slurp(std::string const& path) {
 // Golden reports of the captures of sessions between real speakers. With
 // FS_UPDATE_GOLDEN=1 the test writes them instead.
 TEST(UpdateReportTest, CapturesOfRealSessionsMatchTheirGoldenReports) {
-   if (!std::filesystem::exists(kTestData)) GTEST_SKIP() << "no test data at " << kTestData;
+   ASSERT_TRUE(std::filesystem::exists(kTestData)) << "no test data at " << kTestData;
    struct Golden {
       char const* capture;
       bool asJson;
@@ -337,7 +337,7 @@ TEST(UpdateReportTest, CapturesOfRealSessionsMatchTheirGoldenReports) {
 
 // An MRT dump of the captured UPDATEs reads as the UPDATEs themselves.
 TEST(UpdateReportTest, MrtDumpGivesTheSameReportsAsTheMessages) {
-   if (!std::filesystem::exists(kTestData)) GTEST_SKIP() << "no test data at " << kTestData;
+   ASSERT_TRUE(std::filesystem::exists(kTestData)) << "no test data at " << kTestData;
    std::filesystem::path const path = std::filesystem::temp_directory_path() / "UpdateReportTest.mrt";
    std::vector<UpdateInput> hex;
    {

@@ -47,8 +47,11 @@ expect 2 "show flowspec --from and --dest together" -- "$tool" show flowspec ipv
 expect 2 "show flowspec advertised to a bad address" -- "$tool" show flowspec ipv4 advertised 10.0.0 "*;*;"
 expect 2 "show flowspec advertised without a rule" -- "$tool" show flowspec ipv4 advertised 10.0.0.1
 expect 1 "show flowspec without an agent" -- "$tool" --socket /nonexistent.sock show flowspec ipv4
-if [ -n "$captures" ] && [ -r "$captures/peers-pairs.pcap" ]; then
+if [ -r "$captures/peers-pairs.pcap" ]; then
    expect 0 "decode a capture" -- "$tool" decode --json --pcap "$captures/peers-pairs.pcap"
+else
+   echo "FAIL: no capture at $captures/peers-pairs.pcap"
+   failures=$((failures + 1))
 fi
 
 out=$(printf '# comment\n\n020100\n 0e01180a0000022014000001038106\n' | "$tool" decode --afi 1 --json - | wc -l)
