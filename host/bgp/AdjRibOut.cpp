@@ -93,10 +93,10 @@ void SessionRibOut::markDirty(RouteKey const* key) {
 void SessionRibOut::handleRouteEntry(RouteKey const* key) {
    // Cheap for what this peer never hears of: its own rules, and rules it was never sent
    // that may not be sent now either.
-   RibRouteSlot const& slot = key->ribSlot();
    if (advertised_.empty() || advertised_.find(key) == advertised_.end()) {
-      if (slot.bestAttrs == nullptr) return; // gone, and the peer never had it
-      if (!sendsFrom(slot.bestSource)) return;
+      std::optional<RibSource> const source = table_->bestSource(*key);
+      if (!source) return; // gone, and the peer never had it
+      if (!sendsFrom(*source)) return;
    }
    markDirty(key);
    // A storm of changes to few keys under a long interval keeps the list to the table's

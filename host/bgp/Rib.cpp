@@ -72,6 +72,9 @@ RibTable::RibTable(BgpVrfIdBase vrfId, AfiSafi afiSafi, Ovk::Ptr<RibSources cons
 }
 
 RibTable::~RibTable() {
+   for (auto const& t : claimed_) {
+      if (t->ribOwner() == this) t->ribOwnerIs(nullptr);
+   }
    for (RouteKey const* key : changed_) {
       key->ribSlot().state &= ~kChanged;
       key->deleteRef();
@@ -131,6 +134,18 @@ RibTable::Counts& RibTable::counts(RibSource source) {
 std::size_t RibTable::pathsOf(RibSource source) const { return source < counts_.size() ? counts_[source].paths : 0; }
 std::size_t RibTable::bestOf(RibSource source) const { return source < counts_.size() ? counts_[source].best : 0; }
 
+void RibTable::claim(RouteKey const& key) {
+   auto const* table = static_cast<RouteKeyDedupTableBase const*>(key.dedupTable());
+   OVK_ASSERT_MSG(table != nullptr, "a RIB path needs a deduplicated key");
+   if (table == lastClaimed_) return;
+   if (!table->ribOwner()) {
+      table->ribOwnerIs(this);
+      claimed_.emplace_back(table);
+   }
+   OVK_ASSERT_MSG(table->ribOwner() == this, "one RIB table per route-key dedup table");
+   lastClaimed_ = table;
+}
+
 void RibTable::markChanged(RouteKey const& key) {
    RibRouteSlot& slot = key.ribSlot();
    if (slot.state & kChanged) return;
@@ -167,7 +182,9 @@ bool RibTable::pathIs(RouteKey const& key, RibSource source, Ovk::Ptr<RtAttr con
    RibRouteSlot& slot = key.ribSlot();
    RtAttr const* const a = attrs.ptr();
    if (!slot.bestAttrs) {
-      // The key's first path.
+      // The key's first path. Its slot is this table's from now on: another table writing it
+      // would corrupt both.
+      claim(key);
       key.newRef();
       a->newRef();
       slot.bestAttrs = a;

@@ -112,6 +112,11 @@ class RibTable : public Ovk::PtrInterface {
    bool routePresent(RouteKey const& key) const { return key.ribSlot().bestAttrs != nullptr; }
    // The best path of `key`; empty when it has none.
    std::optional<RibPath> bestPath(RouteKey const& key) const;
+   // Where the best path of `key` came from; empty when it has none.
+   std::optional<RibSource> bestSource(RouteKey const& key) const {
+      RibRouteSlot const& slot = key.ribSlot();
+      return slot.bestAttrs ? std::optional<RibSource>(slot.bestSource) : std::nullopt;
+   }
    // The best path's attributes (no policy changes them); null when the key has no path.
    PathAttributesContents const* getEffectivePathAttrs(RouteKey const& key) const;
    // Calls f(path) for every path of `key`, the best first, the others in the order they
@@ -143,6 +148,8 @@ class RibTable : public Ovk::PtrInterface {
    std::vector<RibPath>& othersIs(RouteKey const& key);
    void othersDel(RouteKey const& key);
    void markChanged(RouteKey const& key);
+   // The key's dedup table is this table's: asserted, claimed when no table has it yet.
+   void claim(RouteKey const& key);
    Counts& counts(RibSource source);
    // Picks the best of `key`'s paths into its slot; true when the best path changed.
    bool select(RouteKey const& key);
@@ -159,6 +166,10 @@ class RibTable : public Ovk::PtrInterface {
    std::vector<std::uint32_t> freeOthers_;
    std::vector<RouteKey const*> changed_; // each holds a reference
    std::vector<Reactor*> reactors_;
+   // The dedup tables whose keys' slots this table writes, held so that they outlive the
+   // paths (and the claim is given back when the table goes).
+   std::vector<Ovk::Ptr<RouteKeyDedupTableBase const>> claimed_;
+   RouteKeyDedupTableBase const* lastClaimed_ = nullptr;
 };
 
 } // namespace Routing::Bgp

@@ -121,8 +121,10 @@ class RouteKeySerializeArguments : public Ovk::PtrInterface {
 
 // The host RIB's bookkeeping of a route key: the route's best path and where its other paths
 // are. It lies in front of the key, in the same allocation (RouteKey::operator new), so that
-// finding a key's route costs no lookup and no memory beyond these 16 bytes. Only the RIB
-// of the key's table (one VRF, one family) writes it.
+// finding a key's route costs no lookup and no memory beyond these 16 bytes. It is the RIB
+// table's, not the key's: only RibTable reaches it (the key stays immutable to everyone
+// else), and a key has one slot, so one RibTable at most holds the keys of a dedup table
+// (RibTable asserts it when a key gets its first path).
 struct RibRouteSlot {
    void const* bestAttrs = nullptr; // the best path's RtAttr, referenced; null: no path
    std::uint32_t bestSource = 0;    // the best path's source (RibSources index)
@@ -138,10 +140,6 @@ class RouteKey : public RouteKeyBase {
    // newRouteKey (below), so that RouteKey lies at the start of the object.
    static void* operator new(std::size_t size);
    static void operator delete(void* p) noexcept;
-   // The slot of a key made by newRouteKey.
-   RibRouteSlot& ribSlot() const noexcept {
-      return *reinterpret_cast<RibRouteSlot*>(reinterpret_cast<std::uintptr_t>(this) - sizeof(RibRouteSlot));
-   }
 
    // Interns this never-deduplicated key in `table` (not null): returns the table's equal
    // key, or enters this one and returns it. The caller holds a reference to this key.
@@ -157,6 +155,13 @@ class RouteKey : public RouteKeyBase {
  protected:
    RouteKey() = default;
    ~RouteKey() override = default;
+
+ private:
+   friend class RibTable;
+   // The slot of a key made by newRouteKey.
+   RibRouteSlot& ribSlot() const noexcept {
+      return *reinterpret_cast<RibRouteSlot*>(reinterpret_cast<std::uintptr_t>(this) - sizeof(RibRouteSlot));
+   }
 };
 
 // Constructs a key and runs its postConstructor.
@@ -192,6 +197,11 @@ class RouteKeyDedupTableBase : public Ovk::DedupHashTable {
    // writes. Null for a family that originates no such rules (the default).
    virtual Ovk::Ptr<RouteKey const> dedupFromRule(Flowspec::FlowspecKey const& rule) const;
 
+   // The RIB table whose paths the table's keys carry (RibRouteSlot): the first to give one
+   // of them a path; null before.
+   void const* ribOwner() const { return ribOwner_; }
+   void ribOwnerIs(void const* owner) const { ribOwner_ = owner; }
+
  protected:
    RouteKeyDedupTableBase(AfiSafi afiSafi, BgpVrfIdBase vrfId) : afiSafi_(afiSafi), vrfId_(vrfId) {}
    ~RouteKeyDedupTableBase() override = default;
@@ -199,6 +209,7 @@ class RouteKeyDedupTableBase : public Ovk::DedupHashTable {
  private:
    AfiSafi afiSafi_;
    BgpVrfIdBase vrfId_;
+   mutable void const* ribOwner_ = nullptr;
 };
 
 // The table address families derive theirs from.

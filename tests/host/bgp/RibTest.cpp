@@ -237,5 +237,24 @@ TEST(RibTest, OrderIndexKeepsTheOrderAndFindsLowerBounds) {
    EXPECT_EQ(index.bytes(), 0u);
 }
 
+// A key's RIB slot is one table's: the keys of a dedup table can have paths in one RIB table
+// at a time; a second table is a broken invariant. Once the first table is gone, another
+// may take the keys.
+TEST(RibDeathTest, OneRibTablePerDedupTable) {
+   Env env;
+   auto sources = RibSources::create(BgpPeer{});
+   RibSource const a = sources->sourceIs(peerOf("10.0.0.2", 65002, 2));
+   auto const k = env.key(1);
+   {
+      RibTable first(BgpVrfIdBase{}, AfiSafi::ipv4Flowspec(), sources);
+      first.pathIs(*k, a, env.attr(100));
+      RibTable second(BgpVrfIdBase{}, AfiSafi::ipv4Flowspec(), sources);
+      EXPECT_DEATH(second.pathIs(*env.key(2), a, env.attr(100)), "one RIB table per route-key dedup table");
+   }
+   RibTable next(BgpVrfIdBase{}, AfiSafi::ipv4Flowspec(), sources);
+   EXPECT_TRUE(next.pathIs(*k, a, env.attr(100)));
+   next.pathDelAll(a);
+}
+
 } // namespace
 } // namespace Routing::Bgp
