@@ -6,6 +6,7 @@
 #include <ctime>
 #include <iostream>
 
+#include "agent/RoutingShow.h"
 #include "agent/ShowNeighbors.h"
 #include "agent/ShowTables.h"
 #include "host/bgp/RtImport.h"
@@ -106,7 +107,7 @@ Ovk::Ptr<Neighbor> Agent::makeNeighbor(NeighborConfig const& n) {
    LocalSpeaker const local{config_.localAs, config_.routerId, sourceAddress(config_, n)};
    SessionRibOut::Options ribOut;
    ribOut.minRouteAdvertisementInterval = std::chrono::seconds(n.minRouteAdvertisementSeconds);
-   routing_->ribOutOptionsIs(n.address, ribOut);
+   routing_->ribOuts().optionsIs(n.address, ribOut);
    return Ovk::makePtr<Neighbor>(n, local, deps);
 }
 
@@ -139,7 +140,7 @@ void Agent::applyNeighbors(std::vector<NeighborConfig> const& next) {
             neighbor->softConfigIs(n);
             SessionRibOut::Options ribOut;
             ribOut.minRouteAdvertisementInterval = std::chrono::seconds(n.minRouteAdvertisementSeconds);
-            routing_->ribOutOptionsIs(n.address, ribOut);
+            routing_->ribOuts().optionsIs(n.address, ribOut);
          }
       }
       byAddress[n.address] = neighbor.ptr();
@@ -376,8 +377,8 @@ std::string Agent::handleControl(std::string_view request) {
       answer["summaryLabels"] = summaryLabelsJson(routing_->context());
       return Ovk::jsonText(answer);
    }
-   if (request == "show updates") return Ovk::jsonText(routing_->updatesJson());
-   if (request == "show summary") return Ovk::jsonText(routing_->summaryJson());
+   if (request == "show updates") return Ovk::jsonText(updatesJson(*routing_));
+   if (request == "show summary") return Ovk::jsonText(summaryJson(*routing_));
    return Ovk::jsonText(nlohmann::json{{"error", "unknown request: " + std::string(request)}});
 }
 

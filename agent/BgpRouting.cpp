@@ -29,32 +29,39 @@ struct BgpRouting::Peer {
    Ovk::Ptr<AdjRibinCollection> adjRibins;
    std::unique_ptr<PathAttributesBuilder> attributes;
    std::map<AfiSafi, Ovk::Ptr<RibTable>> tables; // the families of the session
+   // What the sessions before this one did.
    BgpUpdateDecoderCounters previousSessions;
-   std::map<AfiSafi, std::uint64_t> unknownWithdrawals;
+   std::map<AfiSafi, AdjRibin::Counters> ribinBefore;
    std::uint64_t attributeSetsBuilt = 0;
    std::uint64_t attributeSetsReused = 0;
-   std::map<AfiSafi, Ovk::Ptr<SessionRibOut>> ribOuts; // of the established session
-   std::map<AfiSafi, RibOutCounters> sentBefore;       // by the sessions before it
    // The paths of a session that went down, still leaving the tables a slice at a time.
    struct Purge {
       Ovk::Ptr<RibTable> table;
       Ovk::Ptr<RouteKey const> cursor;
    };
    std::vector<Purge> purges;
+
+   AdjRibin* adjRibinOf(RouteKey const& key) const {
+      if (!adjRibins) return nullptr;
+      auto const& all = adjRibins->adjRibins();
+      auto const it = all.find(key.nlriType());
+      return it == all.end() ? nullptr : it->second.ptr();
+   }
 };
 
 BgpRouting::BgpRouting(Logger& logger, Ovk::Ptr<Plugin::Context> context)
-    : logger_(logger), context_(std::move(context)) {
+    : logger_(logger), context_(std::move(context)), ribOuts_(context_),
+      refusalLog_(logger, context_->taskScheduler(), [this] { return fsibRefusals(); }) {
    OVK_ASSERT(context_);
 }
 
 BgpRouting::~BgpRouting() {
    if (purgeTask_) context_->taskScheduler()->cancel(*purgeTask_);
-   if (refusalTimer_) context_->taskScheduler()->cancel(*refusalTimer_);
-   // The sessions' paths go before the tables and keys they point into.
-   for (auto const& [address, p] : peers_) stopRibOuts(*p);
-   for (auto const& [address, p] : peers_) p->purges.clear();
-   for (auto const& [address, p] : peers_) {
+   // The sessions' paths go before the tables and keys they point into, and nothing is sent
+   // of their going.
+   for (auto const& [id, p] : peers_) ribOuts_.stop(p->identity);
+   for (auto const& [id, p] : peers_) p->purges.clear();
+   for (auto const& [id, p] : peers_) {
       for (auto const& [family, table] : p->tables) table->pathDelAll(p->source);
    }
    peers_.clear();
@@ -62,13 +69,17 @@ BgpRouting::~BgpRouting() {
 
 Ovk::Ptr<RibTable> BgpRouting::ribTable(AfiSafi family) const { return Plugin::defaultVrfRibTable(*context_, family); }
 
+Ovk::Ptr<FwdTgtRouteConfigSm> BgpRouting::exportSm(AfiSafi family) const {
+   return context_->routeConfigSm(ForwardingTarget::flowspec, BgpL3VrfId::defaultVrfId(), family);
+}
+
 BgpRouting::Peer* BgpRouting::peerOf(BgpPeer const& from) const {
-   auto const it = peers_.find(from.address);
+   auto const it = peers_.find({from.address, from.vrfId});
    return it == peers_.end() ? nullptr : it->second.get();
 }
 
 void BgpRouting::handleEstablished(BgpPeer const& from, Negotiated const& negotiated, BgpPeerOutput& output) {
-   std::unique_ptr<Peer>& slot = peers_[from.address];
+   std::unique_ptr<Peer>& slot = peers_[{from.address, from.vrfId}];
    if (!slot) slot = std::make_unique<Peer>();
    Peer& p = *slot;
    if (p.established) handleSessionDown(p.identity);
@@ -98,76 +109,36 @@ void BgpRouting::handleEstablished(BgpPeer const& from, Negotiated const& negoti
       if (!hook || !table) continue; // no plugin serves the family: its NLRI are skipped
       p.decoder->ruleCollectionsIs(context_->parseRuleCollections(family), {});
       hook->instantiateAdjRibin(AdjRibinType::received, p.adjRibins, inputTables);
-      if (auto adjRibin = p.adjRibins->adjRibin(fromAfiSafi(family))) adjRibin->sourceIs(p.source);
+      if (auto adjRibin = p.adjRibins->adjRibin(fromAfiSafi(family))) {
+         adjRibin->sourceIs(p.source);
+         adjRibin->ribTableIs(table);
+      }
       p.tables[family] = table;
    }
    p.attributes = std::make_unique<PathAttributesBuilder>(context_->rtAttrDedupTable(), context_->coreDedupTables(),
                                                           context_->parseExtCommRuleCollections());
-   startRibOuts(p, negotiated, output);
-}
-
-void BgpRouting::startRibOuts(Peer& p, Negotiated const& negotiated, BgpPeerOutput& output) {
-   auto const options = ribOutOptions_.find(p.identity.address);
-   SessionRibOut::Options const o = options == ribOutOptions_.end() ? SessionRibOut::Options{} : options->second;
-   UpdateSession const session{negotiated.fourOctetAs, p.identity.internal()};
-   auto const transport = IpPlugin::IpGenNexthop::create(output.localAddress());
-   for (AfiSafi const family : negotiated.families) {
-      auto const it = p.tables.find(family);
-      if (it == p.tables.end()) {
-         output.sendEndOfRib(family); // nothing serves the family: nothing to send
-         continue;
-      }
-      Ovk::Ptr<GenNexthop const> nexthop;
-      if (auto helpers = context_->afiSafiTable()->helpers(family)) {
-         if (auto hook = helpers->hookAs<Plugin::TransportNexthopPluginBase>(Plugin::HookId::transportNexthop)) {
-            nexthop = hook->transportAddrToLocalNexthop(transport, context_->dedupTablesVrf(p.identity.vrfId));
-         }
-      }
-      auto ribOut = Ovk::makePtr<SessionRibOut>(p.identity, p.source, session, it->second, nexthop,
-                                                context_->rtAttrDedupTable(), output, context_->taskScheduler(), o);
-      p.ribOuts[family] = ribOut;
-      context_->ribOutIs(ribOut);
-      ribOut->start();
-   }
-}
-
-void BgpRouting::stopRibOuts(Peer& p) {
-   for (auto const& [family, ribOut] : p.ribOuts) {
-      ribOut->stop();
-      context_->ribOutDel(*ribOut);
-      p.sentBefore[family] += ribOut->counters();
-   }
-   p.ribOuts.clear();
+   ribOuts_.start(p.identity, p.source, negotiated, output, p.tables);
 }
 
 void BgpRouting::handleRouteRefresh(BgpPeer const& from, AfiSafi family) {
    Peer* const p = peerOf(from);
    if (!p || !p->established) return;
-   auto const it = p->ribOuts.find(family);
-   if (it != p->ribOuts.end()) it->second->routeRefresh();
-}
-
-void BgpRouting::ribOutOptionsIs(Ovnet::IpGenAddr const& neighbor, SessionRibOut::Options options) {
-   ribOutOptions_[neighbor] = options;
-}
-
-SessionRibOut const* BgpRouting::ribOut(Ovnet::IpGenAddr const& neighbor, AfiSafi family) const {
-   auto const it = peers_.find(neighbor);
-   if (it == peers_.end()) return nullptr;
-   auto const r = it->second->ribOuts.find(family);
-   return r == it->second->ribOuts.end() ? nullptr : r->second.ptr();
+   ribOuts_.routeRefresh(p->identity, family);
 }
 
 void BgpRouting::handleSessionDown(BgpPeer const& from) {
    Peer* const p = peerOf(from);
    if (!p || !p->established) return;
    p->established = false;
-   stopRibOuts(*p);
-   // The session's decoder, whose last result still holds rules, and its attributes go;
-   // their counts stay.
+   ribOuts_.stop(p->identity);
+   // The session's decoder, whose last result still holds rules, its RIB-ins and its
+   // attributes go; their counts stay.
    p->previousSessions += p->decoder->counters();
    p->attributeSetsBuilt += p->attributes->built();
    p->attributeSetsReused += p->attributes->reused();
+   for (auto const& [type, adjRibin] : p->adjRibins->adjRibins()) {
+      if (adjRibin->ribTable()) p->ribinBefore[adjRibin->ribTable()->afiSafi()] += adjRibin->counters();
+   }
    p->decoder = nullptr;
    p->attributes = nullptr;
    p->adjRibins = nullptr;
@@ -202,7 +173,7 @@ void BgpRouting::schedulePurge() {
        [this] {
           purgeTask_.reset();
           bool more = false;
-          for (auto const& [address, p] : peers_) {
+          for (auto const& [id, p] : peers_) {
              if (purgeStep(*p, kPurgeKeysPerSlice)) more = true;
           }
           if (more) schedulePurge();
@@ -212,7 +183,7 @@ void BgpRouting::schedulePurge() {
 
 std::size_t BgpRouting::purgesPending() const {
    std::size_t n = 0;
-   for (auto const& [address, p] : peers_) n += p->purges.size();
+   for (auto const& [id, p] : peers_) n += p->purges.size();
    return n;
 }
 
@@ -230,35 +201,18 @@ UpdateOutcome BgpRouting::handleUpdate(BgpPeer const& from, MessageView const& u
    }
    // RFC 7606 section 2: under treat-as-withdraw the announced rules are withdrawn too.
    bool const withdrawAll = u.announcedWithdrawn();
-   RibTable* table = nullptr;
-   AfiSafi tableFamily;
-   auto tableOf = [&](AfiSafi family) -> RibTable* {
-      if (table && tableFamily == family) return table;
-      auto const it = p->tables.find(family);
-      tableFamily = family;
-      table = it == p->tables.end() ? nullptr : it->second.ptr();
-      return table;
-   };
    for (BgpParsedNlri const& n : u.nlri) {
       if (!n.routeKey || (n.reachable && !withdrawAll)) continue;
-      RibTable* const t = tableOf(n.afiSafi);
-      if (t && !t->pathDel(*n.routeKey, p->source)) ++p->unknownWithdrawals[n.afiSafi];
+      if (AdjRibin* const r = p->adjRibinOf(*n.routeKey)) r->withdraw(*n.routeKey);
    }
    if (!withdrawAll) {
       Ovk::Ptr<RtAttr const> attrs;
-      Ovk::Ptr<AdjRibin> adjRibin;
       for (BgpParsedNlri const& n : u.nlri) {
          if (!n.routeKey || !n.reachable) continue;
-         RibTable* const t = tableOf(n.afiSafi);
-         if (!t) continue;
+         AdjRibin* const r = p->adjRibinOf(*n.routeKey);
+         if (!r) continue;
          if (!attrs) attrs = p->attributes->rtAttrOf(*u.attributes);
-         if (!adjRibin || adjRibin->nlriType() != n.routeKey->nlriType()) {
-            adjRibin = p->adjRibins->adjRibin(n.routeKey->nlriType());
-            if (!adjRibin) continue;
-         }
-         AdjRibinPath const path =
-             adjRibin->instantiateRibinPathFromNlriResults(PathKey{n.routeKey.ptr(), p->source, n.pathId}, attrs, n);
-         t->pathIs(*path.routeKey, path.source, path.attrs);
+         r->announce(n, attrs);
       }
    }
    flush(*p);
@@ -275,10 +229,6 @@ void BgpRouting::flush(Peer& p) {
    if (changed) noteRefusals();
 }
 
-Ovk::Ptr<FwdTgtRouteConfigSm> BgpRouting::exportSm(AfiSafi family) const {
-   return context_->routeConfigSm(ForwardingTarget::flowspec, BgpL3VrfId::defaultVrfId(), family);
-}
-
 std::uint64_t BgpRouting::fsibRefusals() const {
    std::uint64_t refused = 0;
    for (AfiSafi const family : {kIpv4Flowspec, kIpv6Flowspec}) {
@@ -287,46 +237,21 @@ std::uint64_t BgpRouting::fsibRefusals() const {
    return refused;
 }
 
-void BgpRouting::noteRefusals() {
-   // The first refusal is said at once; while they go on, what came since is said every
-   // kRefusalReport, so that the counts of the lines add up to what was refused.
-   if (refusalTimer_) return;
-   std::uint64_t const refused = fsibRefusals();
-   if (refused == refusalsLogged_) return;
-   logger_.log("-", "FSIB full: " + std::to_string(refused - refusalsLogged_) +
-                        " rule(s) refused (flowspec fsib and show summary count them)");
-   refusalsLogged_ = refused;
-   armRefusalTimer();
-}
-
-void BgpRouting::armRefusalTimer() {
-   refusalTimer_ = context_->taskScheduler()->postAfter(
-       kRefusalReport,
-       [this] {
-          refusalTimer_.reset();
-          std::uint64_t const refused = fsibRefusals();
-          if (refused == refusalsLogged_) return; // the burst is over
-          logger_.log("-", "FSIB full: " + std::to_string(refused - refusalsLogged_) +
-                               " more rule(s) refused since the last report");
-          refusalsLogged_ = refused;
-          armRefusalTimer();
-       },
-       "fsibRefusals");
-}
-
-std::optional<BgpRouting::PeerView> BgpRouting::peer(Ovnet::IpGenAddr const& neighbor) const {
-   auto const it = peers_.find(neighbor);
+std::optional<BgpRouting::PeerView> BgpRouting::peer(Ovnet::IpGenAddr const& neighbor, BgpVrfIdBase vrf) const {
+   auto const it = peers_.find({neighbor, vrf});
    if (it == peers_.end()) return std::nullopt;
    Peer const& p = *it->second;
    PeerView v;
    v.counters = p.previousSessions;
    if (p.decoder) v.counters += p.decoder->counters();
-   v.unknownWithdrawals = p.unknownWithdrawals;
-   v.sent = p.sentBefore;
-   for (auto const& [family, ribOut] : p.ribOuts) {
-      v.sent[family] += ribOut->counters();
-      v.advertised[family] = ribOut->advertisedRoutes();
+   v.ribin = p.ribinBefore;
+   if (p.adjRibins) {
+      for (auto const& [type, adjRibin] : p.adjRibins->adjRibins()) {
+         if (adjRibin->ribTable()) v.ribin[adjRibin->ribTable()->afiSafi()] += adjRibin->counters();
+      }
    }
+   v.sent = ribOuts_.sent(neighbor, vrf);
+   v.advertised = ribOuts_.advertised(neighbor, vrf);
    for (auto const& [family, table] : p.tables) {
       v.received[family] = table->pathsOf(p.source);
       v.accepted[family] = table->bestOf(p.source);
@@ -339,68 +264,22 @@ std::optional<BgpRouting::PeerView> BgpRouting::peer(Ovnet::IpGenAddr const& nei
    return v;
 }
 
-nlohmann::json BgpRouting::updatesJson() const {
-   nlohmann::json neighbors = nlohmann::json::array();
-   for (auto const& [address, p] : peers_) {
-      PeerView const v = *peer(address);
-      nlohmann::json outcomes;
-      for (BgpUpdateAction const a : {BgpUpdateAction::accept, BgpUpdateAction::attributeDiscard,
-                                      BgpUpdateAction::treatAsWithdraw, BgpUpdateAction::sessionReset}) {
-         outcomes[toStrep(a)] = v.counters.action(a);
-      }
-      nlohmann::json families = nlohmann::json::object();
-      for (auto const& [family, f] : v.counters.families) {
-         auto const rules = v.received.find(family);
-         auto const unknown = v.unknownWithdrawals.find(family);
-         families[familyName(family)] = {
-             {"updates", f.updates},
-             {"announced", f.announced},
-             {"withdrawn", f.withdrawn},
-             {"refused", f.refused},
-             {"withdrawnUnknown", unknown == v.unknownWithdrawals.end() ? 0 : unknown->second},
-             {"rules", rules == v.received.end() ? 0 : rules->second}};
-      }
-      nlohmann::json reasons = nlohmann::json::object();
-      for (auto const& [reason, n] : v.counters.reasons) reasons[toStrep(reason)] = n;
-      neighbors.push_back({{"address", address.str()},
-                           {"messages", v.counters.messages},
-                           {"outcomes", outcomes},
-                           {"families", families},
-                           {"reasons", reasons}});
-   }
-   return {{"neighbors", neighbors}};
+std::vector<std::pair<Ovnet::IpGenAddr, BgpRouting::PeerView>> BgpRouting::peers() const {
+   std::vector<std::pair<Ovnet::IpGenAddr, PeerView>> all;
+   for (auto const& [id, p] : peers_) all.emplace_back(id.first, *peer(id.first, id.second));
+   return all;
 }
 
-nlohmann::json BgpRouting::summaryJson() const {
-   nlohmann::json vrfs = nlohmann::json::array();
-   for (auto const& [vrfId, vrf] : context_->allVrfInstanceStatus()) {
-      nlohmann::json families = nlohmann::json::object();
-      for (auto const& [family, table] : vrf->ribTables()) {
-         nlohmann::json f = {{"rules", table->routes()}, {"paths", table->paths()}, {"indexBytes", table->bytes()}};
-         if (auto sm = context_->routeConfigSm(ForwardingTarget::flowspec, vrfId, family)) {
-            auto const& c = sm->exportCounters();
-            f["fsib"] = {{"added", c.added},
-                         {"replaced", c.replaced},
-                         {"deleted", c.deleted},
-                         {"refusedFull", c.refusedFull},
-                         {"displaced", c.displaced},
-                         {"refilled", c.refilled},
-                         {"notExportable", c.notExportable}};
-         }
-         families[familyName(family)] = f;
-      }
-      vrfs.push_back({{"name", vrf->name()}, {"id", vrfId.value()}, {"families", families}});
-   }
-   std::uint64_t built = 0;
-   std::uint64_t reused = 0;
-   for (auto const& [address, p] : peers_) {
-      built += p->attributeSetsBuilt + (p->attributes ? p->attributes->built() : 0);
-      reused += p->attributeSetsReused + (p->attributes ? p->attributes->reused() : 0);
-   }
-   return {{"vrfs", vrfs},
-           {"attributeSets", context_->rtAttrDedupTable()->size()},
-           {"attributeSetsBuilt", built},
-           {"attributeSetsReused", reused}};
+std::uint64_t BgpRouting::attributeSetsBuilt() const {
+   std::uint64_t n = 0;
+   for (auto const& [id, p] : peers_) n += p->attributeSetsBuilt + (p->attributes ? p->attributes->built() : 0);
+   return n;
+}
+
+std::uint64_t BgpRouting::attributeSetsReused() const {
+   std::uint64_t n = 0;
+   for (auto const& [id, p] : peers_) n += p->attributeSetsReused + (p->attributes ? p->attributes->reused() : 0);
+   return n;
 }
 
 } // namespace Flowspecd

@@ -3,28 +3,30 @@
 // BgpRouting is the sessions' UpdateSink. For each established session it makes an UPDATE
 // decoder over the context's rule collections of the families the session negotiated (the
 // plugins' parse rules are installed there), the session's adjacency RIB-ins (each family's
-// hook 0) and a builder of its interned path attributes. Each accepted UPDATE changes the
-// paths of the session's source in the default VRF's RIB tables: withdrawals (and, under
-// RFC 7606 treat-as-withdraw, the announcements too) first, then announcements, so that an
-// UPDATE that announces and withdraws one rule leaves it announced (RFC 4271 section 4.3
-// for the like case of IPv4 prefixes). The table's changes are then flushed to the
-// forwarding export, in the same pass of the event loop. A session that goes down takes its
-// paths with it (RFC 4271 section 8.2.2).
+// hook 0, each writing the default VRF's RIB table of its family under the session's source)
+// and a builder of its interned path attributes. Each accepted UPDATE goes to the RIB-ins:
+// withdrawals (and, under RFC 7606 treat-as-withdraw, the announcements too) first, then
+// announcements, so that an UPDATE that announces and withdraws one rule leaves it announced
+// (RFC 4271 section 4.3 for the like case of IPv4 prefixes). The tables' changes are then
+// flushed to the forwarding export and the RIB-outs, in the same pass of the event loop.
 //
-// Each established session also gets a RIB-out per negotiated family (host/bgp/AdjRibOut.h:
-// SessionRibOut), registered in the context while the session lasts: it sends the table,
-// End-of-RIB, every later change, and the table again on ROUTE-REFRESH. The next hop it
-// gives routes is the family's hook 1 answer for the session's local address.
+// A session that goes down takes its paths with it (RFC 4271 section 8.2.2), a slice of the
+// tables per turn of the event loop, so that a million routes never hold the loop. What each
+// session is sent is SessionRibOuts'; the "FSIB full" lines are FsibRefusalLog's; the show
+// commands' JSON is RoutingShow's. Neighbors are keyed as the RIB's sources are: by address
+// and VRF.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
+#include <utility>
 
-#include <nlohmann/json.hpp>
-
+#include "agent/FsibRefusalLog.h"
 #include "agent/Neighbor.h"
+#include "agent/SessionRibOuts.h"
+#include "host/bgp/AdjRibin.h"
 #include "host/bgp/BgpUpdateDecoder.h"
 #include "host/plugin/Plugin.h"
 
@@ -42,61 +44,50 @@ class BgpRouting : public UpdateSink {
    void handleSessionDown(BgpPeer const& from) override;
    void handleRouteRefresh(BgpPeer const& from, AfiSafi family) override;
 
-   // The RIB-out settings of `neighbor`'s next sessions (by default: none of the interval).
-   void ribOutOptionsIs(Ovnet::IpGenAddr const& neighbor, SessionRibOut::Options options);
-   // The RIB-out of `neighbor`'s established session for `family`; null when none.
-   SessionRibOut const* ribOut(Ovnet::IpGenAddr const& neighbor, AfiSafi family) const;
-
    Plugin::Context& context() const { return *context_; }
    // The default VRF's RIB table of `family`; null when no plugin serves it.
    Ovk::Ptr<RibTable> ribTable(AfiSafi family) const;
+   // The export state machine of the default VRF's `family`; null when nothing exports.
+   Ovk::Ptr<FwdTgtRouteConfigSm> exportSm(AfiSafi family) const;
+
+   SessionRibOuts& ribOuts() { return ribOuts_; }
+   SessionRibOuts const& ribOuts() const { return ribOuts_; }
+   // Rules the full FSIB refused, both families.
+   std::uint64_t fsibRefusals() const;
+   // Logs refusals of the full FSIB (FsibRefusalLog). Runs after every UPDATE; callers that
+   // change the RIB otherwise (originated rules) call it too.
+   void noteRefusals() { refusalLog_.note(); }
+
+   // Keys of the table's order a purge of a session's paths visits per turn of the event
+   // loop: about 10 ms of work.
+   static constexpr std::size_t kPurgeKeysPerSlice = 16384;
+   // Tables whose paths of a session that went down are still being removed.
+   std::size_t purgesPending() const;
 
    // What one neighbor's UPDATEs gave, over all its sessions.
    struct PeerView {
       BgpUpdateDecoderCounters counters;
       std::map<AfiSafi, std::size_t> received; // paths in the RIB now, per family
       std::map<AfiSafi, std::size_t> accepted; // of them, the best paths of their rules
-      std::map<AfiSafi, std::uint64_t> unknownWithdrawals;
+      std::map<AfiSafi, AdjRibin::Counters> ribin; // what its RIB-ins did
       std::map<AfiSafi, std::uint64_t> fsibRefusals; // its best rules the full FSIB refused
       std::map<AfiSafi, RibOutCounters> sent;        // what its sessions were sent
       std::map<AfiSafi, std::size_t> advertised;     // rules its session holds from us now
    };
    // Empty for a neighbor that never had a session.
-   std::optional<PeerView> peer(Ovnet::IpGenAddr const& neighbor) const;
-
-   // "show updates": {"neighbors": [{"address", "messages", "outcomes": {"accept",
-   // "attribute-discard", "treat-as-withdraw", "session-reset"}, "families": {"ipv4-flowspec":
-   // {"updates", "announced", "withdrawn", "refused", "rules"}}, "reasons": {name: count}}]},
-   // neighbors in address order.
-   nlohmann::json updatesJson() const;
-   // "show summary": {"vrfs": [{"name", "id", "families": {"ipv4-flowspec": {"rules",
-   // "paths", "indexBytes", "fsib": {"added", "replaced", "deleted", "refusedFull",
-   // "notExportable"}}}}], "attributeSets", "attributeSetsBuilt", "attributeSetsReused"}.
-   nlohmann::json summaryJson() const;
-   // The export state machine of the default VRF's `family`; null when nothing exports.
-   Ovk::Ptr<FwdTgtRouteConfigSm> exportSm(AfiSafi family) const;
-
-   // Keys of the table's order a purge of a session's paths visits per turn of the event
-   // loop: about 10 ms of work.
-   static constexpr std::size_t kPurgeKeysPerSlice = 16384;
-   // While the full FSIB goes on refusing rules, how often the log says how many.
-   static constexpr std::chrono::seconds kRefusalReport{10};
-   // Tables whose paths of a session that went down are still being removed.
-   std::size_t purgesPending() const;
-   // Logs refusals of the full FSIB: the first at once, then what came since every
-   // kRefusalReport while they go on. Runs after every UPDATE; callers that change the RIB
-   // otherwise (originated rules) call it too.
-   void noteRefusals();
+   std::optional<PeerView> peer(Ovnet::IpGenAddr const& neighbor,
+                                BgpVrfIdBase vrf = BgpL3VrfId::defaultVrfId()) const;
+   // Every neighbor that had a session, in address order.
+   std::vector<std::pair<Ovnet::IpGenAddr, PeerView>> peers() const;
+   // Attribute sets the sessions built, and those a session's last one answered.
+   std::uint64_t attributeSetsBuilt() const;
+   std::uint64_t attributeSetsReused() const;
 
  private:
    struct Peer;
+   using PeerId = std::pair<Ovnet::IpGenAddr, BgpVrfIdBase>;
    Peer* peerOf(BgpPeer const& from) const;
    void flush(Peer& p);
-   void startRibOuts(Peer& p, Negotiated const& negotiated, BgpPeerOutput& output);
-   // Stops the session's RIB-outs, keeping their counts.
-   void stopRibOuts(Peer& p);
-   void armRefusalTimer();
-   std::uint64_t fsibRefusals() const;
    // Removes a slice of at most `budget` keys' worth of the paths of `p`'s last session and
    // flushes; true when some remain.
    bool purgeStep(Peer& p, std::size_t budget);
@@ -104,10 +95,9 @@ class BgpRouting : public UpdateSink {
 
    Logger& logger_;
    Ovk::Ptr<Plugin::Context> context_;
-   std::map<Ovnet::IpGenAddr, std::unique_ptr<Peer>> peers_;
-   std::map<Ovnet::IpGenAddr, SessionRibOut::Options> ribOutOptions_;
-   std::uint64_t refusalsLogged_ = 0;
-   std::optional<Ovk::TaskId> refusalTimer_;
+   std::map<PeerId, std::unique_ptr<Peer>> peers_;
+   SessionRibOuts ribOuts_;
+   FsibRefusalLog refusalLog_;
    std::optional<Ovk::TaskId> purgeTask_;
 };
 

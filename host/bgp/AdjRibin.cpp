@@ -1,5 +1,7 @@
 #include "host/bgp/AdjRibin.h"
 
+#include "host/fwk/Assert.h"
+
 namespace Routing::Bgp {
 
 char const* toStrep(AdjRibinType type) {
@@ -32,6 +34,26 @@ AdjRibin::AdjRibin(AdjRibinType type, NlriType nlriType, BgpInstanceEpoch epoch,
                    Ovk::Ptr<BgpInputAfiSafiAttributeModificationPluginBase const> attributeModification)
     : type_(type), nlriType_(nlriType), epoch_(epoch), inputTables_(std::move(inputTables)),
       attributeModification_(std::move(attributeModification)) {}
+
+bool AdjRibin::announce(BgpParseNlriResults const& nlri, Ovk::Ptr<RtAttr const> const& attrs) {
+   OVK_ASSERT(ribTable_);
+   AdjRibinPath const path =
+       instantiateRibinPathFromNlriResults(PathKey{nlri.routeKey.ptr(), source_, nlri.pathId}, attrs, nlri);
+   if (!path.routeKey || !path.attrs) return false;
+   ribTable_->pathIs(*path.routeKey, path.source, path.attrs);
+   ++counters_.announced;
+   return true;
+}
+
+bool AdjRibin::withdraw(RouteKey const& key) {
+   OVK_ASSERT(ribTable_);
+   if (!ribTable_->pathDel(key, source_)) {
+      ++counters_.unknownWithdrawals;
+      return false;
+   }
+   ++counters_.withdrawn;
+   return true;
+}
 
 void AdjRibinCollection::adjRibinIs(Ovk::Ptr<AdjRibin> const& adjRibin) { adjRibins_[adjRibin->nlriType()] = adjRibin; }
 

@@ -2,9 +2,11 @@
 // tables received routes are interned in.
 //
 // An address family's plugin builds the AdjRibin of each session (its hook 0) and the path
-// of each received NLRI (instantiateRibinPathFromNlriResults). The paths themselves live in
-// the VRF's RibTable under the session's RibSource: the adjacency RIB-in of a peer is the
-// set of its paths there, counted here.
+// of each received NLRI (instantiateRibinPathFromNlriResults). The host hands the RIB-in each
+// announcement and withdrawal of its session (announce, withdraw): it is the one place a
+// peer's received paths are made, put into the VRF's RibTable under the session's RibSource,
+// and counted. The paths themselves live in that RibTable: the adjacency RIB-in of a peer is
+// the set of its paths there.
 #pragma once
 
 #include <cstddef>
@@ -115,14 +117,34 @@ class AdjRibin : public Ovk::PtrInterface, public Ovk::NotificationSwitch {
    virtual AdjRibinPath instantiateRibinPathFromNlriResults(PathKey const& pathKey, Ovk::Ptr<RtAttr const> const& attrs,
                                                             BgpParseNlriResults const& nlriResults) const = 0;
 
-   // ---- The host's bookkeeping ----
+   // ---- The host's side ----
 
-   // The session's source in the RIB (set by the host when it installs the RIB-in).
+   // Where the session's paths go: the RIB table of the RIB-in's family and the session's
+   // source there (set by the host when it installs the RIB-in, before any announcement).
    RibSource source() const { return source_; }
    void sourceIs(RibSource source) { source_ = source; }
-   // Withdrawals of rules the session never announced (its paths are counted by the RIB).
-   std::uint64_t unknownWithdrawals() const { return unknownWithdrawals_; }
-   void unknownWithdrawalInc() { ++unknownWithdrawals_; }
+   RibTable* ribTable() const { return ribTable_.ptr(); }
+   void ribTableIs(Ovk::Ptr<RibTable> table) { ribTable_ = std::move(table); }
+
+   // A received NLRI with the interned attributes of its UPDATE: the family makes its path,
+   // which replaces the session's path of the key. False when no path was made.
+   bool announce(BgpParseNlriResults const& nlri, Ovk::Ptr<RtAttr const> const& attrs);
+   // A withdrawn key: the session's path of it goes. False (and counted) when the session
+   // had none.
+   bool withdraw(RouteKey const& key);
+
+   struct Counters {
+      std::uint64_t announced = 0;           // paths made
+      std::uint64_t withdrawn = 0;           // paths withdrawn
+      std::uint64_t unknownWithdrawals = 0;  // withdrawals of keys the session never announced
+      Counters& operator+=(Counters const& o) {
+         announced += o.announced;
+         withdrawn += o.withdrawn;
+         unknownWithdrawals += o.unknownWithdrawals;
+         return *this;
+      }
+   };
+   Counters const& counters() const { return counters_; }
 
  protected:
    ~AdjRibin() override = default;
@@ -134,7 +156,8 @@ class AdjRibin : public Ovk::PtrInterface, public Ovk::NotificationSwitch {
    Ovk::Ptr<BgpInputDedupTables const> inputTables_;
    Ovk::Ptr<BgpInputAfiSafiAttributeModificationPluginBase const> attributeModification_;
    RibSource source_ = kLocalRibSource;
-   std::uint64_t unknownWithdrawals_ = 0;
+   Ovk::Ptr<RibTable> ribTable_;
+   Counters counters_;
 };
 
 // The RIB-ins of one session, by NLRI type.

@@ -1,6 +1,7 @@
 // The agent's routing over the real plugin library and a real context: UPDATEs of sessions become paths in the default
 // VRF's RIB tables.
 #include "agent/BgpRouting.h"
+#include "agent/RoutingShow.h"
 
 #include <gtest/gtest.h>
 
@@ -81,7 +82,7 @@ TEST(BgpRoutingTest, RulesComeAndGoWithTheirUpdatesAndTheirSession) {
    EXPECT_EQ(f.received(a), 1u);
    // A withdrawal of a rule never announced is counted, and changes nothing.
    EXPECT_EQ(f.update(a, UpdateBuilder().mpUnreach(1, 133, kRule).build()), std::nullopt);
-   EXPECT_EQ(f.routing.peer(a.address)->unknownWithdrawals.at(kIpv4Flowspec), 1u);
+   EXPECT_EQ(f.routing.peer(a.address)->ribin.at(kIpv4Flowspec).unknownWithdrawals, 1u);
    EXPECT_TRUE(f.logger.lines.empty());
    f.routing.handleSessionDown(a);
    f.scheduler().runReady();
@@ -156,7 +157,7 @@ TEST(BgpRoutingTest, EachSessionIsDecodedAsNegotiated) {
    EXPECT_EQ(p->counters.messages, 3u);
    EXPECT_EQ(p->counters.reasons.at(BgpParseCountReason::mpFamilyWithoutRule), 1u);
    EXPECT_EQ(p->counters.reasons.at(BgpParseCountReason::asPathMalformed), 1u);
-   auto const j = f.routing.updatesJson();
+   auto const j = updatesJson(f.routing);
    EXPECT_EQ(j["neighbors"][0]["families"]["ipv4-flowspec"]["announced"], 2);
    EXPECT_EQ(j["neighbors"][0]["families"]["ipv4-flowspec"]["rules"], 0);
 }
@@ -182,7 +183,7 @@ TEST(BgpRoutingTest, BestPathAcrossPeers) {
    (void)f.update(a, UpdateBuilder().mpUnreach(1, 133, kRule).build());
    EXPECT_EQ(f.context->ribSources()->peer(f.table().bestPath(*key)->source).address, b.address);
    EXPECT_EQ(f.routing.peer(b.address)->accepted.at(kIpv4Flowspec), 1u);
-   auto const s = f.routing.summaryJson();
+   auto const s = summaryJson(f.routing);
    EXPECT_EQ(s["vrfs"][0]["name"], "default");
    EXPECT_EQ(s["vrfs"][0]["families"]["ipv4-flowspec"]["rules"], 1);
    EXPECT_EQ(s["vrfs"][0]["families"]["ipv4-flowspec"]["paths"], 1);
