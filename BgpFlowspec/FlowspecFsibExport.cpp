@@ -15,31 +15,30 @@ namespace {
 
 bool unset(Flowspec::TrafficRedirect const& r) { return r.address == Ovnet::IpGenAddr(); }
 
-// The two address kinds: the family test, then the copy-flag rules.
-bool shouldExportAddress(bool wrongFamily, char const* wrongFamilyText, bool copy,
-                         Flowspec::TrafficRedirect const& current) {
-   if (wrongFamily) {
-      OVK_TRACE(flowspecTraceFacility(), 8, wrongFamilyText);
-      return false;
-   }
-   if (unset(current)) return true;
-   if (current.copy == copy) return true;
-   OVK_TRACE(flowspecTraceFacility(), 8, "preferring non-copy redirect-ip");
-   return !copy;
-}
-
 } // namespace
 
+// The two address kinds: the family test, then the copy-flag rules. Each traces from
+// shouldExport itself.
 bool shouldExport(AfiSafi afiSafi, FlowspecExtCommRedirectIpv4 const* extComm,
                   Flowspec::TrafficRedirect const& current) {
-   return shouldExportAddress(afiSafi.afi() == Afi::afiIpv6, "IPv6 flowspec shouldn't use redirect-extcomm-ipv4",
-                              extComm->copy(), current);
+   if (afiSafi.afi() == Afi::afiIpv6) {
+      OVK_TRACE(flowspecTraceFacility(), 8, "IPv6 flowspec shouldn't use redirect-extcomm-ipv4");
+      return false;
+   }
+   if (unset(current) || current.copy == extComm->copy()) return true;
+   OVK_TRACE(flowspecTraceFacility(), 8, "preferring non-copy redirect-ip");
+   return !extComm->copy();
 }
 
 bool shouldExport(AfiSafi afiSafi, FlowspecExtCommRedirectIpv6 const* extComm,
                   Flowspec::TrafficRedirect const& current) {
-   return shouldExportAddress(afiSafi.afi() == Afi::afiIpv4, "IPv4 flowspec shouldn't use redirect-extcomm-ipv6",
-                              extComm->copy(), current);
+   if (afiSafi.afi() == Afi::afiIpv4) {
+      OVK_TRACE(flowspecTraceFacility(), 8, "IPv4 flowspec shouldn't use redirect-extcomm-ipv6");
+      return false;
+   }
+   if (unset(current) || current.copy == extComm->copy()) return true;
+   OVK_TRACE(flowspecTraceFacility(), 8, "preferring non-copy redirect-ip");
+   return !extComm->copy();
 }
 
 bool shouldExport(FlowspecExtCommRedirectNexthop const* extComm, Ovnet::IpGenAddr const& nexthopAddr,
@@ -111,8 +110,12 @@ void translateExtComm(FlowspecRouteConfigSm& sm, C const* extComm, PathAttribute
    } else if (auto const* vrfAs = dynamic_cast<FlowspecExtCommRedirectVrfRdAs const*>(extComm)) {
       translateRedirVrf(sm, rule, actions, redirectNexthopIpSet, routeKey, vrfAs->isAs4() ? 2 : 0, 0x02,
                         vrfAs->value());
+      // The next-hop redirect is withdrawn once: a later VRF community that does not resolve
+      // leaves the redirect an earlier one set.
+      redirectNexthopIpSet = false;
    } else if (auto const* vrfIp = dynamic_cast<FlowspecExtCommRedirectVrfRdIpv4 const*>(extComm)) {
       translateRedirVrf(sm, rule, actions, redirectNexthopIpSet, routeKey, 1, 0x02, vrfIp->value());
+      redirectNexthopIpSet = false;
    } else {
       OVK_ASSERT(false && "Unhandled rule with classification flowspec");
    }
@@ -428,12 +431,14 @@ Ovk::FwkType const& FlowspecRouteConfigSm::classFwkType() {
 Ovk::FwkType const& FlowspecRouteConfigSm::fwkType() const { return classFwkType(); }
 
 AfiSafi FlowspecRouteConfigSm::redirVrfRtAfiSafi() const {
-   OVK_ASSERT(afiSafi().afi() == Afi::afiIpv4 || afiSafi().afi() == Afi::afiIpv6);
+   OVK_ASSERT_MSG(afiSafi().afi() == Afi::afiIpv4 || afiSafi().afi() == Afi::afiIpv6,
+                  "afiSafi().afi() == Afi::afiIpv4_ || afiSafi().afi() == Afi::afiIpv6_");
    return afiSafi().afi() == Afi::afiIpv4 ? kIpv4UnicastAfiSafi : kIpv6UnicastAfiSafi;
 }
 
 AfiSafi FlowspecRouteConfigSm::redirVrfVpnAfiSafi() const {
-   OVK_ASSERT(afiSafi().afi() == Afi::afiIpv4 || afiSafi().afi() == Afi::afiIpv6);
+   OVK_ASSERT_MSG(afiSafi().afi() == Afi::afiIpv4 || afiSafi().afi() == Afi::afiIpv6,
+                  "afiSafi().afi() == Afi::afiIpv4_ || afiSafi().afi() == Afi::afiIpv6_");
    return afiSafi().afi() == Afi::afiIpv4 ? kVpnIpv4AfiSafi : kVpnIpv6AfiSafi;
 }
 
@@ -554,6 +559,13 @@ void FlowspecRouteConfigSm::handleDestroyed() {
    fsib_ = nullptr;
    vpnAfiSafiReactor_ = nullptr;
    if (rtAfiSafiReactor_) rtAfiSafiReactor_->hasNotificationActiveIs(false);
+   // The redirect-VRF map is the family's, shared with other state machines: only the
+   // entries of this one's keys go (every key with an entry is in some route target's set).
+   if (rkToRedirVrfId_) {
+      for (auto const& [rt, set] : rtToRouteKeySet_) {
+         for (FlowspecRouteKey const* key : set->routeKey()) rkToRedirVrfId_->mapDel(key);
+      }
+   }
    rtToRouteKeySet_.clear();
 }
 

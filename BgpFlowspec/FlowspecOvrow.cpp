@@ -56,6 +56,8 @@ void FlowspecOvrowPlugin::registerOvrowTables(Ovk::Ptr<Plugin::ShowCmdContext co
                                               Ovrow::LocalOvdb* database) {
    AfiSafi const afiSafi = context->afiSafi();
    OVK_TRACE(flowspecTraceFacility(), 8, "afiSafi=" << afiSafi);
+   Ovk::Blink::fields("FlowspecOvrowPlugin::registerOvrowTables",
+                      {{"AFI", static_cast<std::uint64_t>(afiSafi.afi())}, {"SAFI", afiSafi.safi()}});
    char const* routePath = nullptr;
    char const* egressPath = nullptr;
    if (afiSafi == AfiSafi::ipv4Flowspec()) {
@@ -68,6 +70,9 @@ void FlowspecOvrowPlugin::registerOvrowTables(Ovk::Ptr<Plugin::ShowCmdContext co
       return;
    }
    Ovrow::Ovdb& db = database->database();
+   // The command's own row type: the tables serve it.
+   OVK_ASSERT_MSG(db.tableTypeId(std::string("Bgp::") + "showBgpFlowspec").has_value(),
+                  "row type Bgp::showBgpFlowspec registered");
    auto const routeType = db.tableTypeId(std::string("Bgp::") + "bgpFlowspecRoute");
    OVK_ASSERT_MSG(routeType.has_value(), "row type Bgp::bgpFlowspecRoute registered");
    db.registerTable(routePath, *routeType);
@@ -127,6 +132,17 @@ FlowspecRouteKey::PtrConst BgpFlowspecRouteImpl::startKey(Ovrow::Row const& row)
       OVK_ASSERT(routeKey);
       return routeKey;
    }
+   if (auto const* dest = row.get<Ovnet::IpGenPrefix>("destPrefix"); dest && !dest->isUnset()) {
+      // The rule of the destination's first host address alone.
+      Ovnet::IpGenPrefix host = *dest;
+      host.clearLowerAddrBits();
+      host.maskIs(static_cast<std::uint8_t>(host.maxLen()));
+      std::string const text = host.str() + ";*;";
+      OVK_TRACE(flowspecTraceFacility(), 8, "Dest prefix provided, starting iterator at nlri " << text);
+      auto routeKey = getRouteKey(routeKeyTable(), text);
+      OVK_ASSERT(routeKey);
+      return routeKey;
+   }
    OVK_TRACE(flowspecTraceFacility(), 8, "No nlri provided, starting iterator at beginning of table");
    return nullptr;
 }
@@ -136,21 +152,18 @@ bool BgpFlowspecRouteImpl::findLowerBound(Ovrow::Row* row, BgpFlowspecRouteIterS
    state.table = bribTable();
    if (!state.table) return false;
    RouteOrderIndex const& order = state.table->order();
-   auto const* dest = key.get<Ovnet::IpGenPrefix>("destPrefix");
+   FlowspecRouteKey::PtrConst const start = startKey(key);
    auto const* nlri = key.get<std::string>("rule");
-   if ((!nlri || nlri->empty()) && dest && !dest->isUnset()) {
-      // The first rule whose destination falls in the prefix: every rule of a destination
-      // sorts at or after its first host address (a longer destination comes first, RFC 8955
-      // section 5.1, and a host prefix is the longest), whatever its source and components.
-      Ovnet::IpGenPrefix host = *dest;
-      host.clearLowerAddrBits();
-      host.maskIs(static_cast<std::uint8_t>(host.maxLen()));
-      OVK_TRACE(flowspecTraceFacility(), 8, "Dest prefix provided, starting iterator at destination " << host.str());
+   if (start && (!nlri || nlri->empty())) {
+      // From a destination: the first rule whose destination is not before the start key's.
+      // Every rule of a destination sorts at or after its first host address (a longer
+      // destination comes first, RFC 8955 section 5.1), whatever its source and components;
+      // the start key's own place would come after those with components or a source.
+      Ovnet::IpGenPrefix const host = start->destPrefix();
       state.routeIter = order.lowerBoundWhere([&host](RouteKey const& k) {
          return Flowspec::FlowspecKey::cmpPrefix(static_cast<FlowspecRouteKey const&>(k).destPrefix(), host) < 0;
       });
    } else {
-      FlowspecRouteKey::PtrConst const start = startKey(key);
       state.routeIter = start ? order.lowerBound(*start) : order.begin();
    }
    state.atNext = false;
@@ -350,8 +363,8 @@ NlriType BgpFlowspecPeerEgressImpl::getNlriTypeFromTablePath(std::string const& 
 bool BgpFlowspecPeerEgressImpl::beginIterState(BgpFlowspecPeerEgressIterState&) {
    OVK_TRACE(flowspecTraceFacility(), 8,
              "BgpFlowspecPeerEgressImpl: "
-                 << "beginIterState"
-                 << "iteration of entire table is not supported");
+                 << "beginIterState");
+   OVK_TRACE(flowspecTraceFacility(), 8, "iteration of entire table is not supported");
    return false;
 }
 

@@ -91,7 +91,8 @@ Ovk::FwkType const& FlowspecAfiSafiHelpers::classFwkType() {
 Ovk::FwkType const& FlowspecAfiSafiHelpers::fwkType() const { return classFwkType(); }
 
 bool FlowspecAfiSafiHelpers::nlriTypeRequiresRibTable(NlriType nlriType) const {
-   OVK_ASSERT((nlriType == NlriType::ipv4Flowspec) || (nlriType == NlriType::ipv6Flowspec));
+   OVK_ASSERT_MSG((nlriType == NlriType::ipv4Flowspec) || (nlriType == NlriType::ipv6Flowspec),
+                  "( nlriType == NlriType::ipv4Flowspec_ ) || ( nlriType == NlriType::ipv6Flowspec_ )");
    return true;
 }
 

@@ -287,6 +287,19 @@ void TraceCapture::clear() {
    lines_.clear();
 }
 
+void Blink::fields(char const* function, std::initializer_list<std::pair<char const*, std::uint64_t>> values) {
+   std::string text;
+   for (auto const& [name, value] : values) {
+      if (!text.empty()) text += ' ';
+      text += name;
+      text += '=';
+      text += std::to_string(value);
+   }
+   Blink& b = instance();
+   b.begin(function);
+   b.putText(text);
+}
+
 Blink& Blink::instance() {
    static Blink* b = new Blink;
    return *b;

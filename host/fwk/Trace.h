@@ -18,6 +18,8 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <initializer_list>
+#include <utility>
 #include <iosfwd>
 #include <mutex>
 #include <sstream>
@@ -135,6 +137,9 @@ class TraceCapture {
 // The compact trace ring: fixed-size records of a function name and a few payload bytes.
 class Blink {
  public:
+   // One record of named numbers for the site `function`, whatever the trace levels:
+   // "AFI=1 SAFI=133".
+   static void fields(char const* function, std::initializer_list<std::pair<char const*, std::uint64_t>> values);
    static constexpr std::size_t kPayload = 48;
    static constexpr std::size_t kRecords = 4096;
    struct Record {

@@ -43,8 +43,18 @@ Ovk::Ptr<RowType const> const& bgpFlowspecPeerEgressRowType() {
    return type;
 }
 
+Ovk::Ptr<RowType const> const& showBgpFlowspecRowType() {
+   static Ovk::Ptr<RowType const> const type = [] {
+      ColumnDef rules = col("rules", ColumnType::rowList, 1);
+      rules.rowType = bgpFlowspecRouteRowType();
+      return RowType::create("Bgp::showBgpFlowspec", {key("afiSafi", ColumnType::text, 16), rules});
+   }();
+   return type;
+}
+
 void registerBgpRowTypes(Ovdb& db) {
    db.rowTypeIs(bgpFlowspecRouteRowType());
+   db.rowTypeIs(showBgpFlowspecRowType());
    db.rowTypeIs(bgpFlowspecPathRowType());
    db.rowTypeIs(bgpFlowspecPeerEgressRowType());
 }

@@ -7,6 +7,8 @@
 //      "Bgp::bgpFlowspecPath", the best first), inFsib, notInFsibReason.
 //   "Bgp::bgpFlowspecPath"        one path: peer, best, asPath, origin, localPref, med,
 //      nextHop, communities (standard, extended and IPv6 extended, as text).
+//   "Bgp::showBgpFlowspec"        the answer of a flowspec show command: key afiSafi (the
+//      family's text), then rules (rows of "Bgp::bgpFlowspecRoute" in rule order).
 //   "Bgp::bgpFlowspecPeerEgress"  what one peer was sent for one rule:
 //      key: vrf (name), peer (address), rule (text form); then ruleId, source (whose path
 //      it is), asPath, origin, localPref, med, nextHop, communities.
@@ -19,6 +21,7 @@ namespace Ovrow::Bgp {
 Ovk::Ptr<RowType const> const& bgpFlowspecRouteRowType();
 Ovk::Ptr<RowType const> const& bgpFlowspecPathRowType();
 Ovk::Ptr<RowType const> const& bgpFlowspecPeerEgressRowType();
+Ovk::Ptr<RowType const> const& showBgpFlowspecRowType();
 
 // Registers the BGP row types with `db` (tables of them can then be registered).
 void registerBgpRowTypes(Ovdb& db);

@@ -6,9 +6,11 @@
 #include <unistd.h>
 
 #include <bit>
+#include <functional>
 #include <cstring>
 
 #include "BgpFlowspec/FlowspecParseNlri.h"
+#include "host/fwk/Trace.h"
 #include "host/mnemo/SlateRuleSetReader.h"
 #include "host/mnemo/SlateRuleSetMount.h"
 #include "host/mnemo/SlateSegment.h"
@@ -210,6 +212,17 @@ TEST(FlowspecFsibExportTest, TranslationTable) {
         10,
         "",
         false},
+       {"next hop, then a VRF that resolves and one that does not: the first VRF",
+        {redirectNexthop(false), redirectVrf(65000, 100), redirectVrf(65000, 999)},
+        {},
+        "192.0.2.7",
+        Flowspec::actionRedirect,
+        0,
+        0,
+        0,
+        10,
+        "",
+        false},
        {"two non-copy IPv4: the later",
         {redirectIpv4("198.51.100.1", false), redirectIpv4("198.51.100.2", false)},
         {},
@@ -314,6 +327,13 @@ TEST(FlowspecFsibExportTest, TranslationTable) {
       EXPECT_EQ(rule->trafficRedirect.address.isUnspecified() ? "" : rule->trafficRedirect.address.str(), r.address);
       EXPECT_EQ(rule->trafficRedirect.copy, r.copy);
       EXPECT_EQ(rule->ruleId, static_cast<std::uint32_t>(k->ruleId()));
+      // The route table shows the VRF the FSIB redirects to.
+      FlowspecRedirVrfId const shown = env.sm().rkToRedirVrfId()->map(k.ptr());
+      if (r.vrf != none && r.vrf != 0) {
+         EXPECT_EQ(shown.vrfId, r.vrf);
+      } else {
+         EXPECT_TRUE(shown.empty());
+      }
    }
    // An IPv4 redirect on IPv6 flowspec is never exported either.
    auto const k6 = env.key("2001:db8::/32;*;", true);
@@ -322,6 +342,65 @@ TEST(FlowspecFsibExportTest, TranslationTable) {
    env.announce(*k6, env.attrs({}, {redirectIpv6("2001:db8::1", true)}, nullptr, true), true);
    EXPECT_EQ(env.rule(*k6, true)->trafficRedirect.address.str(), "2001:db8::1");
    EXPECT_TRUE(env.rule(*k6, true)->trafficRedirect.copy);
+}
+
+// Which IP redirect takes the rule's redirect, and what each decision traces, from
+// shouldExport itself.
+TEST(FlowspecFsibExportTest, ShouldExportDecidesAndTraces) {
+   ExportEnv env;
+   auto const* rules = env.context->parseExtCommRuleCollections().ptr();
+   auto v4 = [&](bool copy) { return Ovk::ptrCast<FlowspecExtCommRedirectIpv4 const>(rules->create(redirectIpv4("198.51.100.1", copy))); };
+   auto v6 = [&](bool copy) {
+      return Ovk::ptrCast<FlowspecExtCommRedirectIpv6 const>(rules->create(redirectIpv6("2001:db8::1", copy)));
+   };
+   auto nh = [&](bool copy) { return Ovk::ptrCast<FlowspecExtCommRedirectNexthop const>(rules->create(redirectNexthop(copy))); };
+   auto current = [](char const* address, bool copy) {
+      Flowspec::TrafficRedirect r;
+      if (address) r.address = *Ovnet::IpGenAddr::parse(address);
+      r.copy = copy;
+      return r;
+   };
+   Ovnet::IpGenAddr const nexthop = *Ovnet::IpGenAddr::parse("192.0.2.7");
+   struct Row {
+      char const* name;
+      std::function<bool()> decide;
+      bool exported;
+      char const* traced; // "" for nothing
+   };
+   AfiSafi const f4 = AfiSafi::ipv4Flowspec();
+   AfiSafi const f6 = AfiSafi::ipv6Flowspec();
+   std::vector<Row> const rows{
+       {"IPv4 on IPv6 flowspec", [&] { return shouldExport(f6, v4(false).ptr(), current(nullptr, false)); }, false,
+        "IPv6 flowspec shouldn't use redirect-extcomm-ipv4"},
+       {"IPv6 on IPv4 flowspec", [&] { return shouldExport(f4, v6(false).ptr(), current(nullptr, false)); }, false,
+        "IPv4 flowspec shouldn't use redirect-extcomm-ipv6"},
+       {"first IPv4", [&] { return shouldExport(f4, v4(true).ptr(), current(nullptr, false)); }, true, ""},
+       {"same copy flag: the later", [&] { return shouldExport(f4, v4(true).ptr(), current("10.0.0.1", true)); }, true,
+        ""},
+       {"non-copy over copy", [&] { return shouldExport(f6, v6(false).ptr(), current("2001:db8::9", true)); }, true,
+        "preferring non-copy redirect-ip"},
+       {"copy never over non-copy", [&] { return shouldExport(f4, v4(true).ptr(), current("10.0.0.1", false)); },
+        false, "preferring non-copy redirect-ip"},
+       {"next hop without an address", [&] { return shouldExport(nh(false).ptr(), Ovnet::IpGenAddr(), current(nullptr, false)); },
+        false, "ignoring invalid nexthopAddr"},
+       {"next hop, first", [&] { return shouldExport(nh(true).ptr(), nexthop, current(nullptr, false)); }, true, ""},
+       {"next hop, non-copy over copy", [&] { return shouldExport(nh(false).ptr(), nexthop, current("10.0.0.1", true)); },
+        true, "preferring non-copy redirect-ip"},
+       {"next hop, a tie keeps the first", [&] { return shouldExport(nh(false).ptr(), nexthop, current("10.0.0.1", false)); },
+        false, "ignoring "},
+   };
+   for (Row const& row : rows) {
+      SCOPED_TRACE(row.name);
+      Ovk::TraceCapture cap(flowspecTraceFacility(), 1u << 8);
+      EXPECT_EQ(row.decide(), row.exported);
+      if (*row.traced == '\0') {
+         EXPECT_TRUE(cap.lines().empty());
+         continue;
+      }
+      ASSERT_EQ(cap.lines().size(), 1u);
+      EXPECT_EQ(cap.lines()[0].text.rfind(row.traced, 0), 0u) << cap.lines()[0].text;
+      EXPECT_NE(cap.lines()[0].line.find(":FlowspecPlugin::shouldExport "), std::string::npos) << cap.lines()[0].line;
+   }
 }
 
 // A rule forwarding cannot honour never reaches the FSIB, and says why.
@@ -527,6 +606,48 @@ TEST(FlowspecFsibExportTest, StartEmptiesTheFsibAndEndsWithIt) {
    }
    em->doUnmount(Mnemo::fsibPath);
    if (auto name = em->segmentName(Mnemo::fsibPath)) Mnemo::unlinkSlateSegment(*name);
+}
+
+// Both families' machines write one FSIB: one that starts while the other has rules in it
+// deletes no rule but those of its own family, and one that ends leaves no redirect-VRF entry
+// of its keys behind.
+TEST(FlowspecFsibExportTest, AMachineStartingAfterTheOtherKeepsItsRules) {
+   ExportEnv env;
+   env.importIs(kRt100, 10);
+   auto const k4 = env.key("10.1.0.0/16;*;");
+   env.announce(*k4, env.attrs({redirectVrf(65000, 100)}));
+   auto const k6 = env.key("2001:db8::/32;*;", true);
+   env.announce(*k6, env.attrs({rate(0)}, {}, nullptr, true), true);
+   ASSERT_EQ(env.sm().fsib()->ruleCount(), 2u);
+   // The IPv6 machine starts again: the IPv4 rule stays, and is still known as held.
+   auto factory = env.context->afiSafiTable()
+                      ->helpers(AfiSafi::ipv6Flowspec())
+                      ->hookAs<FlowspecRouteConfigSmFactory>(Plugin::HookId::routeConfigSmFactory);
+   env.sm(true).handleDestroyed();
+   auto restarted = factory->instantiate(BgpVrfIdBase{}, env.sm(true).routeTable(), nullptr);
+   EXPECT_TRUE(env.rule(*k4));
+   EXPECT_TRUE(env.rule(*k6)); // one FSIB for both families
+   EXPECT_EQ(env.sm().notInForwardingReason(*k4), "");
+   EXPECT_EQ(restarted->notInForwardingReason(*k6), "");
+   EXPECT_EQ(env.sm().fsib()->ruleCount(), 2u);
+   // The IPv4 machine ends: its key's redirect VRF is forgotten with it.
+   ASSERT_FALSE(env.sm().rkToRedirVrfId()->map(k4.ptr()).empty());
+   env.sm().handleDestroyed();
+   EXPECT_TRUE(env.sm().rkToRedirVrfId()->map(k4.ptr()).empty());
+   restarted->handleDestroyed();
+}
+
+// Redirect to a VRF looks route targets up in the unicast family of IPv4 or IPv6: an export
+// of any other address family is a broken invariant.
+TEST(FlowspecFsibExportDeathTest, RedirectFamiliesExistForIpv4AndIpv6Only) {
+   ExportEnv env;
+   env.importIs(kRt100, 10);
+   AfiSafi const l2vpn(static_cast<Afi>(25), 133);
+   auto factory = Ovk::makePtr<FlowspecRouteConfigSmFactory>(l2vpn, env.context->entityManager(),
+                                                             env.context->rtToVrfIdList(), env.context->coreDedupTables(),
+                                                             nullptr);
+   EXPECT_DEATH(factory->instantiate(BgpVrfIdBase{}, env.sm().routeTable(), nullptr),
+                R"(afiSafi\(\).afi\(\) == Afi::afiIpv4_ \|\| afiSafi\(\).afi\(\) == Afi::afiIpv6_)");
 }
 
 TEST(FlowspecFsibExportDeathTest, DetachOfAnotherKindOfStateMachine) {

@@ -53,7 +53,29 @@ TEST(FlowspecOvrowTest, RegistersTheTablesOfTheCommandsFamilyOnly) {
           .registerOvrowTables(Ovk::makePtr<Plugin::ShowCmdContext>(env.context, c.afiSafi), &local);
       EXPECT_EQ(db->tables(), c.paths.size());
       for (auto const& p : c.paths) EXPECT_NE(db->table(p), nullptr) << p;
+      // The compact trace ring has the family of every registration, as numbers.
+      auto const records = Ovk::Blink::instance().records();
+      ASSERT_FALSE(records.empty());
+      Ovk::Blink::Record const& last = records.back();
+      EXPECT_STREQ(last.function, "FlowspecOvrowPlugin::registerOvrowTables");
+      EXPECT_EQ(std::string(last.payload.data(), last.size),
+                "AFI=" + std::to_string(static_cast<unsigned>(c.afiSafi.afi())) + " SAFI=" +
+                    std::to_string(c.afiSafi.safi()));
    }
+}
+
+// Without the command's own row type the tables cannot be registered: a broken invariant of
+// the host.
+TEST(FlowspecOvrowDeathTest, TheCommandsRowTypeIsLookedUp) {
+   FlowspecShowEnv env("ovrowtype");
+   auto db = Ovk::makePtr<Ovrow::Ovdb>();
+   db->rowTypeIs(Ovrow::Bgp::bgpFlowspecRouteRowType());
+   db->rowTypeIs(Ovrow::Bgp::bgpFlowspecPeerEgressRowType());
+   Ovrow::LocalOvdb local(db);
+   EXPECT_DEATH(FlowspecOvrowPlugin(AfiSafi::ipv4Flowspec())
+                    .registerOvrowTables(Ovk::makePtr<Plugin::ShowCmdContext>(env.context, AfiSafi::ipv4Flowspec()),
+                                         &local),
+                "row type Bgp::showBgpFlowspec registered");
 }
 
 TEST(FlowspecOvrowTest, HooksAndSummaryLabels) {
@@ -121,7 +143,7 @@ TEST(FlowspecOvrowTest, DestinationStartClearsHostBits) {
    ASSERT_FALSE(rules.empty());
    EXPECT_EQ(rules.front(), env.key("10.1.2.0/24;*;proto=6")->toStrepCli());
    EXPECT_EQ(rules.size(), 2u);
-   EXPECT_TRUE(cap.contains("Dest prefix provided, starting iterator at destination 10.1.2.0/32"));
+   EXPECT_TRUE(cap.contains("Dest prefix provided, starting iterator at nlri 10.1.2.0/32;*;"));
    // The rule text wins over the destination.
    Ovrow::Row both = routeKeyRow("10.1.3.0/24;*;", "9.0.0.0/8");
    EXPECT_EQ(walk(*table, &both).size(), 1u);
