@@ -1,4 +1,5 @@
 #include "BgpFlowspec/FlowspecAdjRibin.h"
+#include "host/fwk/FwkType.h"
 
 namespace Routing::Bgp::FlowspecPlugin {
 
@@ -7,12 +8,7 @@ FlowspecAdjRibin::FlowspecAdjRibin(AdjRibinType type, NlriType nlriType, BgpInst
                                    Ovk::Ptr<BgpInputAfiSafiAttributeModificationPluginBase const> attributeModification)
     : AdjRibin(type, nlriType, epoch, std::move(inputTables), std::move(attributeModification)) {}
 
-Ovk::FwkType const& FlowspecAdjRibin::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecAdjRibin");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecAdjRibin::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecAdjRibin, "Routing::Bgp::FlowspecPlugin::FlowspecAdjRibin")
 
 AdjRibinPath FlowspecAdjRibin::instantiateRibinPathFromNlriResults(PathKey const& pathKey,
                                                                    Ovk::Ptr<RtAttr const> const& attrs,

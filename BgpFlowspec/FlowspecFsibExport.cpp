@@ -1,4 +1,5 @@
 #include "BgpFlowspec/FlowspecFsibExport.h"
+#include "host/fwk/FwkType.h"
 
 #include <algorithm>
 #include <ostream>
@@ -423,12 +424,7 @@ FlowspecRouteConfigSm::~FlowspecRouteConfigSm() {
    rtAfiSafiReactor_ = nullptr;
 }
 
-Ovk::FwkType const& FlowspecRouteConfigSm::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecRouteConfigSm");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecRouteConfigSm::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecRouteConfigSm, "Routing::Bgp::FlowspecPlugin::FlowspecRouteConfigSm")
 
 AfiSafi FlowspecRouteConfigSm::redirVrfRtAfiSafi() const {
    OVK_ASSERT_MSG(afiSafi().afi() == Afi::afiIpv4 || afiSafi().afi() == Afi::afiIpv6,
@@ -625,12 +621,7 @@ FlowspecRouteConfigSmFactory::FlowspecRouteConfigSmFactory(AfiSafi afiSafi,
       rtToVrfIdList_(std::move(rtToVrfIdList)), coreDedupTables_(std::move(coreDedupTables)),
       rkToRedirVrfId_(std::move(rkToRedirVrfId)), scheduler_(std::move(scheduler)) {}
 
-Ovk::FwkType const& FlowspecRouteConfigSmFactory::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecRouteConfigSmFactory");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecRouteConfigSmFactory::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecRouteConfigSmFactory, "Routing::Bgp::FlowspecPlugin::FlowspecRouteConfigSmFactory")
 
 Ovk::Ptr<FwdTgtRouteConfigSm> FlowspecRouteConfigSmFactory::instantiate(
     BgpVrfIdBase const& vrfIdBase, Ovk::Ptr<RibRouteVrfAfiSafiFwdTgtTable> const& routeTable,

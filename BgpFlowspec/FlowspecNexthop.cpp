@@ -1,4 +1,5 @@
 #include "BgpFlowspec/FlowspecNexthop.h"
+#include "host/fwk/FwkType.h"
 
 #include <iomanip>
 #include <ostream>
@@ -36,12 +37,7 @@ FlowspecGenNexthop::FlowspecGenNexthop(Afi afi, Ovnet::IpGenAddr const& addr, Ov
 
 FlowspecGenNexthop::~FlowspecGenNexthop() = default;
 
-Ovk::FwkType const& FlowspecGenNexthop::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecGenNexthop");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecGenNexthop::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecGenNexthop, "Routing::Bgp::FlowspecPlugin::FlowspecGenNexthop")
 
 std::uint32_t FlowspecGenNexthop::hash() const {
    std::uint32_t const words[4] = {
@@ -117,12 +113,7 @@ FlowspecPolicyRejectNexthop::FlowspecPolicyRejectNexthop(Afi afi)
 
 FlowspecPolicyRejectNexthop::~FlowspecPolicyRejectNexthop() = default;
 
-Ovk::FwkType const& FlowspecPolicyRejectNexthop::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecPolicyRejectNexthop");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecPolicyRejectNexthop::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecPolicyRejectNexthop, "Routing::Bgp::FlowspecPlugin::FlowspecPolicyRejectNexthop")
 
 Ovk::Ptr<FlowspecPolicyRejectNexthop> FlowspecPolicyRejectNexthop::dehoard(
     void const* image, Ovk::Ptr<Hoard::StoreManager> const& storeManager) {
@@ -135,12 +126,7 @@ FlowspecNexthopSelf::FlowspecNexthopSelf(Afi afi) : FlowspecGenNexthop(afi, Ovne
 
 FlowspecNexthopSelf::~FlowspecNexthopSelf() = default;
 
-Ovk::FwkType const& FlowspecNexthopSelf::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecNexthopSelf");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecNexthopSelf::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecNexthopSelf, "Routing::Bgp::FlowspecPlugin::FlowspecNexthopSelf")
 
 Ovk::Ptr<FlowspecNexthopSelf> FlowspecNexthopSelf::dehoard(void const* image,
                                                            Ovk::Ptr<Hoard::StoreManager> const& storeManager) {
@@ -160,12 +146,7 @@ FlowspecGenNexthopDedupTable::FlowspecGenNexthopDedupTable(BgpVrfIdBase vrfId, A
 // The singletons left the table before this runs (see DedupHashTable::onZeroReferences).
 FlowspecGenNexthopDedupTable::~FlowspecGenNexthopDedupTable() = default;
 
-Ovk::FwkType const& FlowspecGenNexthopDedupTable::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecGenNexthopDedupTable");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecGenNexthopDedupTable::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecGenNexthopDedupTable, "Routing::Bgp::FlowspecPlugin::FlowspecGenNexthopDedupTable")
 
 Ovk::Ptr<GenNexthop const> FlowspecGenNexthopDedupTable::nexthopOfAddress(Ovnet::IpGenAddr const& addr) const {
    if (addr.isUnspecified()) return emptyNexthop_;
@@ -194,12 +175,7 @@ FlowspecGenNexthopLifeTimeNotifiee::FlowspecGenNexthopLifeTimeNotifiee(bool mult
 
 FlowspecGenNexthopLifeTimeNotifiee::~FlowspecGenNexthopLifeTimeNotifiee() = default;
 
-Ovk::FwkType const& FlowspecGenNexthopLifeTimeNotifiee::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecGenNexthopLifeTimeNotifiee");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecGenNexthopLifeTimeNotifiee::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecGenNexthopLifeTimeNotifiee, "Routing::Bgp::FlowspecPlugin::FlowspecGenNexthopLifeTimeNotifiee")
 
 void FlowspecGenNexthopLifeTimeNotifiee::handleInsert(Ovk::Ptr<Ovk::DedupHandle> const& handle) {
    auto* const nh = dynamic_cast<FlowspecGenNexthop*>(handle.ptr());

@@ -1,4 +1,5 @@
 #include "BgpFlowspec/FlowspecParseNlri.h"
+#include "host/fwk/FwkType.h"
 
 #include <algorithm>
 #include <array>
@@ -261,12 +262,7 @@ void doUnrecognizedTail(BgpParseContext const& parseContext, BgpParsePktPosition
    position->consumeData(rest);
 }
 
-Ovk::FwkType const& FlowspecParseUpdateNlriRule::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecParseUpdateNlriRule");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecParseUpdateNlriRule::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecParseUpdateNlriRule, "Routing::Bgp::FlowspecPlugin::FlowspecParseUpdateNlriRule")
 
 std::optional<std::size_t> FlowspecParseUpdateNlriRule::nlriExtent(BgpParsePktPosition const& position) const {
    BgpParsePktPosition pos = position;
@@ -320,27 +316,7 @@ RouteKeyDedupTableBase const* FlowspecParseUpdateNlriRule::routeKeyDedupTable(Bg
 
 namespace Routing::Bgp::FlowspecPlugin {
 
-namespace {
-
-struct HexBytes {
-   std::span<std::uint8_t const> bytes;
-};
-
-std::ostream& operator<<(std::ostream& os, HexBytes h) {
-   static constexpr char kDigits[] = "0123456789abcdef";
-   os << "0x";
-   for (std::uint8_t b : h.bytes) os << kDigits[b >> 4] << kDigits[b & 0xf];
-   return os;
-}
-
-} // namespace
-
-Ovk::FwkType const& FlowspecParseUpdateNextHopRule::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecParseUpdateNextHopRule");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecParseUpdateNextHopRule::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecParseUpdateNextHopRule, "Routing::Bgp::FlowspecPlugin::FlowspecParseUpdateNextHopRule")
 
 BgpNotificationErrorUpdateMessageSubcode FlowspecParseUpdateNextHopRule::inhale(
     Ovk::Ptr<BgpParseContext> const& parseContext, BgpParsePktPosition* const& position,
@@ -364,7 +340,7 @@ BgpNotificationErrorUpdateMessageSubcode FlowspecParseUpdateNextHopRule::inhale(
          }
          nexthopBytes = Ovk::String(std::span<std::uint8_t const>(raw, nexthopLen));
          OVK_TRACE(flowspecTraceFacility(), 4,
-                   "Received a non-empty, but invalid IP-address nexthop " << HexBytes{nexthopBytes.span()});
+                   "Received a non-empty, but invalid IP-address nexthop 0x" << Ovk::hexOf(nexthopBytes.span()));
       }
    }
    GenNexthopDedupTableBase const* const table = nexthopDedupTable(*parseContext);
@@ -415,12 +391,7 @@ Ovk::Ptr<FlowspecParsePluginSm> flowspecParsePluginSmFactory(Ovk::Ptr<BgpParseRu
    return FlowspecParsePluginSm::FlowspecParsePluginSmIs(std::move(ruleCollections), afiSafi);
 }
 
-Ovk::FwkType const& FlowspecParsePluginSm::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecParsePluginSm");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecParsePluginSm::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecParsePluginSm, "Routing::Bgp::FlowspecPlugin::FlowspecParsePluginSm")
 
 void FlowspecParsePluginSm::hasNotificationActiveIs(bool on) { BgpParsePluginBaseSm::hasNotificationActiveIs(on); }
 

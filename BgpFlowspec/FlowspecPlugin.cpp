@@ -1,6 +1,7 @@
 // The plugin's entry: what happens when the agent loads libBgpFlowspec.so, and the main
 // object of each family.
 #include "BgpFlowspec/FlowspecPlugin.h"
+#include "host/fwk/FwkType.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -41,12 +42,7 @@ Ovk::Ptr<FlowspecPluginMain> flowspecPluginMainFactory(Ovk::Ptr<Context> context
    return FlowspecPluginMain::FlowspecPluginMainIs(std::move(context), afiSafi);
 }
 
-Ovk::FwkType const& FlowspecPluginMain::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecPluginMain");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecPluginMain::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecPluginMain, "Routing::Bgp::FlowspecPlugin::FlowspecPluginMain")
 
 std::ostream& operator<<(std::ostream& os, FlowspecPluginMain const& main) {
    return os << "FlowspecPluginMain(" << main.afiSafi() << ")";

@@ -1,4 +1,5 @@
 #include "BgpFlowspec/FlowspecPluginHelpers.h"
+#include "host/fwk/FwkType.h"
 
 #include <ostream>
 #include <sstream>
@@ -35,12 +36,7 @@ Ovk::Ptr<FlowspecVrfPluginSm> FlowspecVrfPluginSm::FlowspecVrfPluginSmIs(AfiSafi
    return sm;
 }
 
-Ovk::FwkType const& FlowspecVrfPluginSm::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecVrfPluginSm");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecVrfPluginSm::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecVrfPluginSm, "Routing::Bgp::FlowspecPlugin::FlowspecVrfPluginSm")
 
 void FlowspecVrfPluginSm::handleVrfCreate(BgpVrfIdBase const& vrfId) {
    OVK_TRACE(flowspecTraceFacility(), 8, "Vrf: " << vrfId);
@@ -62,12 +58,7 @@ void FlowspecVrfPluginSm::handleVrfDelete(BgpVrfIdBase const& vrfId) {
 
 // ---- FlowspecConstructAdjRibinPlugin ----
 
-Ovk::FwkType const& FlowspecConstructAdjRibinPlugin::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecConstructAdjRibinPlugin");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecConstructAdjRibinPlugin::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecConstructAdjRibinPlugin, "Routing::Bgp::FlowspecPlugin::FlowspecConstructAdjRibinPlugin")
 
 void FlowspecConstructAdjRibinPlugin::instantiateAdjRibin(
     AdjRibinType type, Ovk::Ptr<AdjRibinCollection> const& collection,
@@ -83,12 +74,7 @@ void FlowspecConstructAdjRibinPlugin::instantiateAdjRibin(
 
 // ---- FlowspecAfiSafiHelpers ----
 
-Ovk::FwkType const& FlowspecAfiSafiHelpers::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecAfiSafiHelpers");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecAfiSafiHelpers::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecAfiSafiHelpers, "Routing::Bgp::FlowspecPlugin::FlowspecAfiSafiHelpers")
 
 bool FlowspecAfiSafiHelpers::nlriTypeRequiresRibTable(NlriType nlriType) const {
    OVK_ASSERT_MSG((nlriType == NlriType::ipv4Flowspec) || (nlriType == NlriType::ipv6Flowspec),
@@ -98,12 +84,7 @@ bool FlowspecAfiSafiHelpers::nlriTypeRequiresRibTable(NlriType nlriType) const {
 
 // ---- FlowspecTransportNexthopPlugin ----
 
-Ovk::FwkType const& FlowspecTransportNexthopPlugin::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecTransportNexthopPlugin");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecTransportNexthopPlugin::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecTransportNexthopPlugin, "Routing::Bgp::FlowspecPlugin::FlowspecTransportNexthopPlugin")
 
 Ovk::Ptr<GenNexthop const> FlowspecTransportNexthopPlugin::transportAddrToLocalNexthop(
     Ovk::Ptr<GenNexthop const> const& transportNh, Ovk::Ptr<DedupTablesVrf const> const& dedupVrfTables) const {
@@ -136,12 +117,7 @@ Ovk::Ptr<GenNexthop const> FlowspecTransportNexthopPlugin::transportAddrToLocalN
 
 // ---- Forwarding target 7 ----
 
-Ovk::FwkType const& FlowspecFwdTgtState::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecFwdTgtState");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecFwdTgtState::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecFwdTgtState, "Routing::Bgp::FlowspecPlugin::FlowspecFwdTgtState")
 
 FlowspecFwdTgtSm::FlowspecFwdTgtSm(ForwardingTarget target, Ovk::Ptr<Plugin::FwdTgtStateBase> const& state,
                                    Ovk::Ptr<Context> const& context)
@@ -158,12 +134,7 @@ Ovk::Ptr<FlowspecFwdTgtSm> FlowspecFwdTgtSm::FlowspecFwdTgtSmIs(Ovk::Ptr<Plugin:
    return sm;
 }
 
-Ovk::FwkType const& FlowspecFwdTgtSm::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecFwdTgtSm");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecFwdTgtSm::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecFwdTgtSm, "Routing::Bgp::FlowspecPlugin::FlowspecFwdTgtSm")
 
 void FlowspecFwdTgtSm::routeConfigRootSmIs(Ovk::Ptr<RouteFwdTgtTable const> const& table,
                                            Ovk::Ptr<NexthopListMapBase const> const& nexthopListMap,
@@ -191,12 +162,7 @@ void FlowspecFwdTgtSm::handleTables() {
    if (routeConfigRootSm_) routeConfigRootSm_->handleTables();
 }
 
-Ovk::FwkType const& FlowspecFwdTgtHelper::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecFwdTgtHelper");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecFwdTgtHelper::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecFwdTgtHelper, "Routing::Bgp::FlowspecPlugin::FlowspecFwdTgtHelper")
 
 Ovk::Ptr<Plugin::FwdTgtStateBase> FlowspecFwdTgtHelper::instantiateFwdTgtState(
     Ovk::Ptr<RouteFwdTgtTable const> const& table) const {

@@ -1,4 +1,5 @@
 #include "BgpFlowspec/FlowspecPluginHoardReaders.h"
+#include "host/fwk/FwkType.h"
 
 #include "host/hoard/AttributeCache.h"
 
@@ -8,34 +9,19 @@ namespace Routing::Bgp::FlowspecPlugin {
 
 FlowspecGenNexthopHoardReader::~FlowspecGenNexthopHoardReader() = default;
 
-Ovk::FwkType const& FlowspecGenNexthopHoardReader::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecGenNexthopHoardReader");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecGenNexthopHoardReader::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecGenNexthopHoardReader, "Routing::Bgp::FlowspecPlugin::FlowspecGenNexthopHoardReader")
 
 // ---- FlowspecPolicyRejectNexthopHoardReader ----
 
 FlowspecPolicyRejectNexthopHoardReader::~FlowspecPolicyRejectNexthopHoardReader() = default;
 
-Ovk::FwkType const& FlowspecPolicyRejectNexthopHoardReader::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecPolicyRejectNexthopHoardReader");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecPolicyRejectNexthopHoardReader::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecPolicyRejectNexthopHoardReader, "Routing::Bgp::FlowspecPlugin::FlowspecPolicyRejectNexthopHoardReader")
 
 // ---- FlowspecNexthopSelfHoardReader ----
 
 FlowspecNexthopSelfHoardReader::~FlowspecNexthopSelfHoardReader() = default;
 
-Ovk::FwkType const& FlowspecNexthopSelfHoardReader::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecNexthopSelfHoardReader");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecNexthopSelfHoardReader::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecNexthopSelfHoardReader, "Routing::Bgp::FlowspecPlugin::FlowspecNexthopSelfHoardReader")
 
 // ---- FlowspecOrreryInitializer ----
 

@@ -1,4 +1,5 @@
 #include "BgpFlowspec/FlowspecRouteKey.h"
+#include "host/fwk/FwkType.h"
 
 #include <algorithm>
 #include <bit>
@@ -486,12 +487,7 @@ void FlowspecRouteKey::shrinkToFit() {
 
 // ---- Identity ----
 
-Ovk::FwkType const& FlowspecRouteKey::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecRouteKey");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecRouteKey::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecRouteKey, "Routing::Bgp::FlowspecPlugin::FlowspecRouteKey")
 
 std::uint32_t FlowspecRouteKey::hash() const {
    PrefixEntry const dest = prefixEntry(kTagDestPrefix);
@@ -755,24 +751,14 @@ std::string FlowspecRouteKey::toStrepCliDetail() const { return slateKey().toStr
 
 // ---- Concrete kinds ----
 
-Ovk::FwkType const& FlowspecV4RouteKey::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecV4RouteKey");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecV4RouteKey::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecV4RouteKey, "Routing::Bgp::FlowspecPlugin::FlowspecV4RouteKey")
 
 void FlowspecV4RouteKey::postConstructor() {
    FlowspecRouteKey::postConstructor();
    slateKeyAfIs(Ovnet::AddressFamily::ipv4);
 }
 
-Ovk::FwkType const& FlowspecV6RouteKey::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecV6RouteKey");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecV6RouteKey::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecV6RouteKey, "Routing::Bgp::FlowspecPlugin::FlowspecV6RouteKey")
 
 void FlowspecV6RouteKey::postConstructor() {
    FlowspecRouteKey::postConstructor();
@@ -796,12 +782,7 @@ FlowspecRouteKey::Ptr flowspecRouteKeyFactory(Afi afi) {
 
 // ---- Dedup table ----
 
-Ovk::FwkType const& FlowspecRouteKeyDedupTable::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::FlowspecPlugin::FlowspecRouteKeyDedupTable");
-   return type;
-}
-
-Ovk::FwkType const& FlowspecRouteKeyDedupTable::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(FlowspecRouteKeyDedupTable, "Routing::Bgp::FlowspecPlugin::FlowspecRouteKeyDedupTable")
 
 FlowspecRouteKey::PtrConst FlowspecRouteKeyDedupTable::lookupOrCreateOrphanFromRkAttrs(std::string_view text) const {
    FlowspecRouteKey::Ptr key = flowspecRouteKeyFactory(afiSafi().afi());

@@ -47,6 +47,24 @@ class TableStream : public ControlStream {
          limit_(limit), chunkBytes_(chunkBytes) {}
 
    bool next(std::string& out) override {
+      // The rows come from the plugin, which may refuse one (a VRF name beyond what a name
+      // may hold, say): the answer ends with the reason, and the agent goes on.
+      try {
+         return nextRows(out);
+      } catch (std::exception const& e) {
+         cursor_.reset();
+         if (!started_) {
+            out += statusLine(1, e.what());
+         } else {
+            out += "\n" + statusLine(1, std::string("the walk stopped: ") + e.what());
+         }
+         started_ = true;
+         return false;
+      }
+   }
+
+ private:
+   bool nextRows(std::string& out) {
       std::size_t const from = out.size();
       if (!started_) {
          started_ = true;
@@ -75,7 +93,6 @@ class TableStream : public ControlStream {
       return false;
    }
 
- private:
    Ovrow::LocalOvdb db_;
    Ovk::Ptr<Ovrow::Table> table_;
    std::unique_ptr<Ovrow::RowRenderer> renderer_;
@@ -121,6 +138,10 @@ std::string stringField(nlohmann::json const& j, char const* name) {
    return it != j.end() && it->is_string() ? it->get<std::string>() : std::string();
 }
 
+std::unique_ptr<ControlStream> showStream(Ovk::Ptr<Plugin::Context> const& context, std::string_view request,
+                                          std::function<bool(Ovnet::IpGenAddr const&)> const& knownNeighbor,
+                                          std::size_t chunkBytes);
+
 } // namespace
 
 nlohmann::json summaryLabelsJson(Plugin::Context const& context) {
@@ -144,6 +165,19 @@ bool isShowTableRequest(std::string_view request) {
 std::unique_ptr<ControlStream> showTableStream(Ovk::Ptr<Plugin::Context> const& context, std::string_view request,
                                                std::function<bool(Ovnet::IpGenAddr const&)> const& knownNeighbor,
                                                std::size_t chunkBytes) {
+   // A lookup reads a row from the plugin, which may refuse it: the answer says why.
+   try {
+      return showStream(context, request, knownNeighbor, chunkBytes);
+   } catch (std::exception const& e) {
+      return failure(1, e.what());
+   }
+}
+
+namespace {
+
+std::unique_ptr<ControlStream> showStream(Ovk::Ptr<Plugin::Context> const& context, std::string_view request,
+                                          std::function<bool(Ovnet::IpGenAddr const&)> const& knownNeighbor,
+                                          std::size_t chunkBytes) {
    auto const j = nlohmann::json::parse(request, nullptr, false);
    if (!j.is_object()) return failure(2, "the request is not a JSON object");
    std::string const show = stringField(j, "show");
@@ -237,5 +271,7 @@ std::unique_ptr<ControlStream> showTableStream(Ovk::Ptr<Plugin::Context> const& 
    }
    return failure(2, "unknown show \"" + show + "\"");
 }
+
+} // namespace
 
 } // namespace Flowspecd

@@ -1,4 +1,5 @@
 #include "host/bgp/BgpParse.h"
+#include "host/fwk/FwkType.h"
 
 #include <algorithm>
 #include <cstring>
@@ -177,12 +178,7 @@ std::ostream& operator<<(std::ostream& os, BgpParseContext const& context) {
 
 // ---- Rules ----
 
-Ovk::FwkType const& BgpParseUpdateNlriRuleBase::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::BgpParseUpdateNlriRuleBase");
-   return type;
-}
-
-Ovk::FwkType const& BgpParseUpdateNlriRuleBase::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(BgpParseUpdateNlriRuleBase, "Routing::Bgp::BgpParseUpdateNlriRuleBase")
 
 void BgpParseUpdateNlriRuleBase::additionalTreatAsUnreachChecks(Ovk::Ptr<BgpParseUpdateResults> const&, bool) const {}
 

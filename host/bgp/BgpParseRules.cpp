@@ -1,4 +1,5 @@
 #include "host/bgp/BgpParseRules.h"
+#include "host/fwk/FwkType.h"
 
 #include <algorithm>
 #include <ostream>
@@ -59,12 +60,7 @@ void BgpParseUpdateAttributesScratchpad::clear() {
 
 // ---- Next-hop rule base ----
 
-Ovk::FwkType const& BgpParseUpdateAttributeMpReachNlriNextHopRuleBase::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::BgpParseUpdateAttributeMpReachNlriNextHopRuleBase");
-   return type;
-}
-
-Ovk::FwkType const& BgpParseUpdateAttributeMpReachNlriNextHopRuleBase::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(BgpParseUpdateAttributeMpReachNlriNextHopRuleBase, "Routing::Bgp::BgpParseUpdateAttributeMpReachNlriNextHopRuleBase")
 
 // ---- Rule collections ----
 

@@ -1,4 +1,5 @@
 #include "host/bgp/GenNexthop.h"
+#include "host/fwk/FwkType.h"
 
 #include <ostream>
 #include <sstream>
@@ -22,12 +23,7 @@ GenNexthop* nexthopOf(Ovk::DedupHandle* h) {
 
 // ---- GenNexthop ----
 
-Ovk::FwkType const& GenNexthop::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::GenNexthop");
-   return type;
-}
-
-Ovk::FwkType const& GenNexthop::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(GenNexthop, "Routing::Bgp::GenNexthop")
 
 Ovk::Ptr<GenNexthop const> GenNexthop::dedup(Ovk::Ptr<GenNexthopDedupTableBase const> const& table, bool lookupOnly) {
    OVK_ASSERT(table != nullptr);
@@ -91,12 +87,7 @@ GenNexthopLifeTimeNotifier::~GenNexthopLifeTimeNotifier() {
 
 // ---- GenNexthopLifeTimeNotifiee ----
 
-Ovk::FwkType const& GenNexthopLifeTimeNotifiee::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::GenNexthopLifeTimeNotifiee");
-   return type;
-}
-
-Ovk::FwkType const& GenNexthopLifeTimeNotifiee::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(GenNexthopLifeTimeNotifiee, "Routing::Bgp::GenNexthopLifeTimeNotifiee")
 
 GenNexthopLifeTimeNotifiee::GenNexthopLifeTimeNotifiee(bool multiThreadedOvbgp,
                                                        Ovk::Ptr<Ovk::TaskScheduler> consumerScheduler,
@@ -135,12 +126,7 @@ class GenNexthopDedupTableBase::EntryNotifiee final : public Ovk::DedupTableNoti
    Ovk::Ptr<GenNexthopIdAllocator> idAllocator_;
 };
 
-Ovk::FwkType const& GenNexthopDedupTableBase::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::GenNexthopDedupTableBase");
-   return type;
-}
-
-Ovk::FwkType const& GenNexthopDedupTableBase::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(GenNexthopDedupTableBase, "Routing::Bgp::GenNexthopDedupTableBase")
 
 GenNexthopDedupTableBase::GenNexthopDedupTableBase(BgpVrfIdBase vrfId, AfiSafi afiSafi,
                                                    Ovk::Ptr<GenNexthopLifeTimeNotifiee const> lifeTimeNotifiee,
@@ -184,23 +170,13 @@ Ovk::Ptr<GenNexthop const> GenNexthopDedupTableBase::lookupNexthop(GenNexthop co
 
 // ---- GenNexthopDedupTable ----
 
-Ovk::FwkType const& GenNexthopDedupTable::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::GenNexthopDedupTable");
-   return type;
-}
-
-Ovk::FwkType const& GenNexthopDedupTable::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(GenNexthopDedupTable, "Routing::Bgp::GenNexthopDedupTable")
 
 // ---- IpPlugin::IpGenNexthop ----
 
 namespace IpPlugin {
 
-Ovk::FwkType const& IpGenNexthop::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::IpPlugin::IpGenNexthop");
-   return type;
-}
-
-Ovk::FwkType const& IpGenNexthop::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(IpGenNexthop, "Routing::Bgp::IpPlugin::IpGenNexthop")
 
 AfiSafi IpGenNexthop::afisafi() const { return AfiSafi(addr_.isIpv6() ? Afi::afiIpv6 : Afi::afiIpv4, Safi::unicast); }
 

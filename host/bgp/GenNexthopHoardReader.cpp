@@ -1,12 +1,8 @@
 #include "host/bgp/GenNexthopHoardReader.h"
+#include "host/fwk/FwkType.h"
 
 namespace Routing::Bgp {
 
-Ovk::FwkType const& GenNexthopHoardReader::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::GenNexthopHoardReader");
-   return type;
-}
-
-Ovk::FwkType const& GenNexthopHoardReader::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(GenNexthopHoardReader, "Routing::Bgp::GenNexthopHoardReader")
 
 } // namespace Routing::Bgp

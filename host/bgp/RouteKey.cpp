@@ -1,4 +1,5 @@
 #include "host/bgp/RouteKey.h"
+#include "host/fwk/FwkType.h"
 
 #include <new>
 #include <ostream>
@@ -15,12 +16,7 @@ constexpr char const* kMustOverride = "Must override in derived class";
 
 // ---- RouteKeyBase ----
 
-Ovk::FwkType const& RouteKeyBase::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::RouteKeyBase");
-   return type;
-}
-
-Ovk::FwkType const& RouteKeyBase::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(RouteKeyBase, "Routing::Bgp::RouteKeyBase")
 
 bool RouteKeyBase::compareByContent(RouteKeyBase const* other) const { return compare(other); }
 
@@ -78,12 +74,7 @@ std::ostream& operator<<(std::ostream& os, RouteKeyBase const& key) {
 
 // ---- RouteKey ----
 
-Ovk::FwkType const& RouteKey::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::RouteKey");
-   return type;
-}
-
-Ovk::FwkType const& RouteKey::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(RouteKey, "Routing::Bgp::RouteKey")
 
 void* RouteKey::operator new(std::size_t size) {
    void* const block = ::operator new(size + sizeof(RibRouteSlot));
@@ -112,12 +103,7 @@ Ovk::String RouteKey::serialize(SerializeOperation, Ovk::Ptr<RouteKeySerializeAr
 
 // ---- RouteKeyDedupTableBase ----
 
-Ovk::FwkType const& RouteKeyDedupTableBase::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::RouteKeyDedupTableBase");
-   return type;
-}
-
-Ovk::FwkType const& RouteKeyDedupTableBase::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(RouteKeyDedupTableBase, "Routing::Bgp::RouteKeyDedupTableBase")
 
 Ovk::Ptr<RouteKey const> RouteKeyDedupTableBase::lookupRouteKey(RouteKey const& probe) const {
    Ovk::Ptr<Ovk::DedupHandle const> const found = lookup(probe);
@@ -130,12 +116,7 @@ Ovk::Ptr<RouteKey const> RouteKeyDedupTableBase::dedupFromCommandParams(std::str
    OVK_FATAL(kMustOverride);
 }
 
-Ovk::FwkType const& RouteKeyDedupTable::classFwkType() {
-   static constexpr Ovk::FwkType type("Routing::Bgp::RouteKeyDedupTable");
-   return type;
-}
-
-Ovk::FwkType const& RouteKeyDedupTable::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(RouteKeyDedupTable, "Routing::Bgp::RouteKeyDedupTable")
 
 std::ostream& operator<<(std::ostream& os, RouteKeyDedupTableBase const& table) {
    return os << table.fwkType().name() << '(' << table.afiSafi() << " vrf=" << table.vrfId() << ')';

@@ -27,3 +27,13 @@ class FwkType {
 };
 
 } // namespace Ovk
+
+// Defines Class::classFwkType(), the type's record named `name` (its full name, as a string
+// literal), and Class::fwkType(), which returns it: what every entity type with a record
+// writes in its source file.
+#define OVK_FWK_TYPE(Class, name)                                                                                      \
+   ::Ovk::FwkType const& Class::classFwkType() {                                                                       \
+      static constexpr ::Ovk::FwkType type(name);                                                                      \
+      return type;                                                                                                     \
+   }                                                                                                                   \
+   ::Ovk::FwkType const& Class::fwkType() const { return classFwkType(); }

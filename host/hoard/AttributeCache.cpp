@@ -1,15 +1,11 @@
 #include "host/hoard/AttributeCache.h"
+#include "host/fwk/FwkType.h"
 
 #include "host/fwk/Assert.h"
 
 namespace Hoard {
 
-Ovk::FwkType const& Reader::classFwkType() {
-   static constexpr Ovk::FwkType type("Hoard::Reader");
-   return type;
-}
-
-Ovk::FwkType const& Reader::fwkType() const { return classFwkType(); }
+OVK_FWK_TYPE(Reader, "Hoard::Reader")
 
 NameMap& NameMap::instance() {
    // Built on first use, so libraries may register from their static constructors in any

@@ -6,6 +6,9 @@
 #include <nlohmann/json.hpp>
 
 #include <regex>
+#include <thread>
+
+#include "agent/ControlStream.h"
 
 #include "BgpFlowspec/FlowspecPlugin.h"
 #include "tests/fakes/FlowspecShowEnv.h"
@@ -159,6 +162,42 @@ TEST(ShowTablesTest, AWalkFromADestinationStartsAtItsFirstRule) {
    EXPECT_EQ(walk("10.0.0.5/31").front(), "10.0.0.4/32;*;");
    EXPECT_EQ(walk("10.0.0.5/31").size(), 7u);
    EXPECT_EQ(walk("10.0.0.7/32").front(), "10.0.0.0/24;*;");
+}
+
+// A row the plugin refuses (a VRF name beyond what a name may hold) is an answer with the
+// reason, over the control socket, and the agent's side goes on answering.
+TEST(ShowTablesTest, ARowThePluginRefusesIsAnErrorAnswer) {
+   ShowTablesEnv env;
+   env.context->vrfIs(BgpVrfIdBase(11), std::string(101, 'v'));
+   auto const k = env.key("*;*;proto=1");
+   auto main = Ovk::ptrCast<FlowspecPlugin::FlowspecPluginMain>(env.context->pluginMain(AfiSafi::ipv4Flowspec()));
+   main->rkToRedirVrfId()->mapIs(k.ptr(), FlowspecPlugin::FlowspecRedirVrfId{11, 1});
+   asio::io_context io;
+   std::string const path = testing::TempDir() + "/flowspecd-showtables-test.sock";
+   auto server = ControlServer::create(io, path, [](std::string_view) { return std::string("{}"); });
+   ASSERT_TRUE(server.ok()) << server.reason();
+   server.value()->streamHandlerIs([&](std::string_view request) {
+      return showTableStream(env.context, request, [](Ovnet::IpGenAddr const&) { return false; });
+   });
+   auto const ask = [&](nlohmann::json const& request) {
+      std::string got;
+      std::thread client([&] {
+         (void)controlStreamRequest(path, request.dump(), [&](std::string_view d) { got += d; });
+      });
+      while (got.empty() || got.back() != '\n') io.run_for(std::chrono::milliseconds(20));
+      io.run_for(std::chrono::milliseconds(50));
+      client.join();
+      return got;
+   };
+   std::string const walk = ask({{"show", "flowspec"}, {"family", "ipv4"}, {"format", "json"}});
+   EXPECT_NE(walk.find("VrfName::bytes > VrfName::maxLength not allowed"), std::string::npos) << walk;
+   std::string const one = ask({{"show", "flowspec-rule"}, {"family", "ipv4"}, {"format", "json"}, {"rule", "*;*;proto=1"}});
+   EXPECT_EQ(one.substr(0, one.find('\n')), R"({"error":"VrfName::bytes > VrfName::maxLength not allowed","status":1})");
+   // Another rule is still shown.
+   std::string const other =
+       ask({{"show", "flowspec-rule"}, {"family", "ipv4"}, {"format", "json"}, {"rule", "10.1.2.0/24;*;dport=80"}});
+   EXPECT_EQ(other.substr(0, other.find('\n')), R"({"status":0})");
+   server.value()->close();
 }
 
 TEST(ShowTablesTest, LimitCutsTheWalk) {
