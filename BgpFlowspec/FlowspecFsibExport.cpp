@@ -321,17 +321,33 @@ void FlowspecFsibAdmission::routeGone(FlowspecRouteConfigSm& sm, FlowspecRouteKe
 }
 
 void FlowspecFsibAdmission::scheduleRefill() {
-   if (!refusedWaiting_ || refillTask_) return;
+   if (!refusedWaiting_) return;
    if (!scheduler_) {
       while (refill(SIZE_MAX)) {
       }
       return;
    }
-   refillTask_ = scheduler_->post(
+   // The walk waits for rules to stop leaving, within the most it may wait.
+   Ovk::Clock::time_point const now = scheduler_->now();
+   if (refillTask_) {
+      if (now - refillAsked_ >= kRefillMaxDelay) return; // due soon anyway
+      scheduler_->cancel(*refillTask_);
+      refillTask_.reset();
+   } else {
+      refillAsked_ = now;
+   }
+   Ovk::Duration const left = refillAsked_ + kRefillMaxDelay - now;
+   postRefill(std::min<Ovk::Duration>(kRefillSettle, left));
+}
+
+void FlowspecFsibAdmission::postRefill(Ovk::Duration delay) {
+   refillTask_ = scheduler_->postAfter(
+       delay,
        [this, alive = alive_] {
           if (!*alive) return;
           refillTask_.reset();
-          if (refill(kRefillKeysPerSlice)) scheduleRefill();
+          // A walk longer than a slice goes on at the next turn.
+          if (refill(kRefillKeysPerSlice)) postRefill(Ovk::Duration::zero());
        },
        "fsibRefill");
 }

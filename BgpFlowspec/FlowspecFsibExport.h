@@ -17,6 +17,7 @@
 #pragma once
 
 #include <cstdint>
+#include <chrono>
 #include <memory>
 #include <set>
 #include <string>
@@ -66,7 +67,10 @@ class FlowspecRouteConfigSm;
 //     otherwise;
 //   - a rule that leaves makes room: the first refused rule goes in, found by walking the
 //     tables in rule order from the last rule held, a slice of keys per turn of the
-//     scheduler (at once without one).
+//     scheduler (at once without one). The walk waits until rules have stopped leaving for
+//     kRefillSettle, kRefillMaxDelay at most: a table being withdrawn (a million rules going
+//     with their session) would otherwise pull in each refused rule just before its turn to
+//     go.
 // Precedence between families is the FSIB's own order (Flowspec::FlowspecSlateKey); within a
 // family it is the table's order, which agrees with it for every exportable rule.
 //
@@ -76,6 +80,8 @@ class FlowspecFsibAdmission : public Ovk::PtrInterface {
  public:
    // Keys a refill walks per turn of the scheduler.
    static constexpr std::size_t kRefillKeysPerSlice = 16384;
+   static constexpr std::chrono::milliseconds kRefillSettle{100};
+   static constexpr std::chrono::milliseconds kRefillMaxDelay{1000};
 
    FlowspecFsibAdmission(Ovk::Ptr<Flowspec::RuleSet> fsib, Ovk::Ptr<Ovk::TaskScheduler> scheduler);
    ~FlowspecFsibAdmission() override;
@@ -125,6 +131,7 @@ class FlowspecFsibAdmission : public Ovk::PtrInterface {
    // Something changed since the walks began: they start again from the last rule held.
    void restartWalks();
    void scheduleRefill();
+   void postRefill(Ovk::Duration delay);
    // One slice of refill; true when more may be done.
    bool refill(std::size_t budget);
    // The next refused rule of `w`, walking at most `budget` keys; null when the walk ended or
@@ -137,6 +144,7 @@ class FlowspecFsibAdmission : public Ovk::PtrInterface {
    // A rule was refused or displaced since the last walk that found none.
    bool refusedWaiting_ = false;
    std::optional<Ovk::TaskId> refillTask_;
+   Ovk::Clock::time_point refillAsked_{}; // when the pending refill was first asked for
    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
