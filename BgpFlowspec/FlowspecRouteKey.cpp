@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "host/fwk/Assert.h"
+#include "host/fwk/FastHash.h"
 #include "host/fwk/Trace.h"
 
 namespace Routing::Bgp::FlowspecPlugin {
@@ -512,6 +513,10 @@ std::uint32_t FlowspecRouteKey::hash() const {
    }
    if (pos < size) h ^= Ovk::String::hashBytes(data + pos + 1, size - pos - 1);
    return Ovnet::oneAtATimeFinal(h);
+}
+
+std::uint32_t FlowspecRouteKey::dedupHash() const {
+   return Ovk::fastHash(storedData(), storedSize(), wontExportReason_);
 }
 
 bool FlowspecRouteKey::compare(Ovk::DedupHandle const* other) const {

@@ -203,6 +203,9 @@ class FlowspecRouteKey : public RouteKey {
    // Dedup equality: wontExportReason, prefixes, offsets, components (type and bytes, in
    // order) and tail all equal. `other` must be a flowspec key (assertion "other").
    bool compare(Ovk::DedupHandle const* other) const override;
+   // The dedup table's hash: the stored bytes (canonical, so equal keys have equal bytes)
+   // and wontExportReason, through the fast internal hash.
+   std::uint32_t dedupHash() const override;
    // The rule order (see the file comment); `other` is a flowspec key of the same family.
    bool lessThan(Ovk::Ptr<RouteKeyBase const> const& other) const override;
    // The rule order in one pass over both keys' bytes, without building their prefixes.

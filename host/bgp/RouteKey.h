@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <span>
 #include <string>
 #include <utility>
 
@@ -188,6 +189,11 @@ class RouteKeyDedupTableBase : public Ovk::DedupHashTable {
 
    // The table's key equal to `probe`, or empty.
    Ovk::Ptr<RouteKey const> lookupRouteKey(RouteKey const& probe) const;
+   // Interns many keys at once, each as dedupRouteKey would: every non-null key of `keys`
+   // that was never deduplicated (filled, and ready to intern as its family's
+   // dedupRouteKey leaves it) is replaced by the table's equal key, or entered. The slots and
+   // keys ahead are fetched while one is entered (DedupHashTable::lookupOrInsertAll).
+   void dedupRouteKeys(std::span<Ovk::Ptr<RouteKey const>* const> keys) const;
 
    // Builds the key that the parameters of a show command name and interns it. Families
    // whose commands name keys override this; the default aborts.

@@ -109,16 +109,14 @@ std::size_t DedupHashTable::findSlot(DedupHandle const& probe, std::uint32_t has
 }
 
 Ptr<DedupHandle const> DedupHashTable::lookup(DedupHandle const& probe) const {
-   std::size_t const i = findSlot(probe, probe.hash());
+   std::size_t const i = findSlot(probe, probe.dedupHash());
    if (i == kNone) return nullptr;
    ++counters_.hits;
    return Ptr<DedupHandle const>(handleOf(slots_[i]));
 }
 
-Ptr<DedupHandle const> DedupHashTable::lookupOrInsert(Ptr<DedupHandle> const& handle) const {
-   OVK_ASSERT(handle);
-   OVK_ASSERT(handle->state_ == DedupHandleState::neverDeduped);
-   std::uint32_t const hash = handle->hash();
+DedupHandle* DedupHashTable::lookupOrInsertHashed(DedupHandle* handle) const {
+   std::uint32_t const hash = handle->hash_;
    std::size_t const mask = slots_.size() - 1;
    Slot const tag = tagOf(hash);
    std::size_t i = hash & mask;
@@ -127,9 +125,9 @@ Ptr<DedupHandle const> DedupHashTable::lookupOrInsert(Ptr<DedupHandle> const& ha
       if (!s) break;
       if ((s & ~((Slot{1} << kTagShift) - 1)) != tag) continue;
       DedupHandle* h = handleOf(s);
-      if (h->hash_ == hash && h->compare(handle.ptr())) {
+      if (h->hash_ == hash && h->compare(handle)) {
          ++counters_.hits;
-         return Ptr<DedupHandle const>(h);
+         return h;
       }
    }
    // Grow at 3/4 load, then find the free slot again in the larger index.
@@ -138,14 +136,43 @@ Ptr<DedupHandle const> DedupHashTable::lookupOrInsert(Ptr<DedupHandle> const& ha
       std::size_t const m = slots_.size() - 1;
       for (i = hash & m; slots_[i]; i = (i + 1) & m) {}
    }
-   slots_[i] = slotOf(handle.ptr(), hash);
+   slots_[i] = slotOf(handle, hash);
    ++size_;
    ++counters_.inserts;
-   handle->hash_ = hash;
    handle->table_ = this;
    handle->state_ = DedupHandleState::deduped;
-   if (notifiee_) notifiee_->handleInsert(handle);
+   if (notifiee_) notifiee_->handleInsert(Ptr<DedupHandle>(handle));
    return handle;
+}
+
+Ptr<DedupHandle const> DedupHashTable::lookupOrInsert(Ptr<DedupHandle> const& handle) const {
+   OVK_ASSERT(handle);
+   OVK_ASSERT(handle->state_ == DedupHandleState::neverDeduped);
+   handle->hash_ = handle->dedupHash();
+   return Ptr<DedupHandle const>(lookupOrInsertHashed(handle.ptr()));
+}
+
+void DedupHashTable::lookupOrInsertAll(std::span<DedupHandle*> handles) const {
+   for (DedupHandle* h : handles) {
+      OVK_ASSERT(h && h->state_ == DedupHandleState::neverDeduped);
+      h->hash_ = h->dedupHash();
+   }
+   // Three steps in flight: the home slot of a handle far ahead is fetched, then the entry
+   // that slot names for a handle nearer (an equal key is compared, not only its slot), then
+   // the handle is entered. The first slot of a probe holds what it needs most of the time.
+   constexpr std::size_t kSlotAhead = 8;
+   constexpr std::size_t kEntryAhead = 4;
+   std::size_t const n = handles.size();
+   for (std::size_t k = 0; k < n; ++k) {
+      std::size_t const mask = slots_.size() - 1;
+      if (k + kSlotAhead < n) __builtin_prefetch(&slots_[handles[k + kSlotAhead]->hash_ & mask]);
+      if (k + kEntryAhead < n) {
+         std::uint32_t const hash = handles[k + kEntryAhead]->hash_;
+         Slot const s = slots_[hash & mask];
+         if (s && (s & ~((Slot{1} << kTagShift) - 1)) == tagOf(hash)) __builtin_prefetch(handleOf(s));
+      }
+      handles[k] = lookupOrInsertHashed(handles[k]);
+   }
 }
 
 void DedupHashTable::rehash(std::size_t slots) const {
