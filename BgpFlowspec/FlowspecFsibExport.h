@@ -32,6 +32,7 @@
 #include "host/bgp/RouteOrderIndex.h"
 #include "host/bgp/RtImport.h"
 #include "host/flowspec/RuleSet.h"
+#include "host/fwk/FlatPtrMap.h"
 #include "host/fwk/Scheduler.h"
 #include "host/mnemo/EntityManager.h"
 #include "host/plugin/Plugin.h"
@@ -114,7 +115,7 @@ class FlowspecFsibAdmission : public Ovk::PtrInterface {
    };
    struct Writer {
       FlowspecRouteConfigSm* sm = nullptr;
-      std::unordered_set<FlowspecRouteKey const*> held;   // each referenced
+      Ovk::FlatPtrSet<FlowspecRouteKey> held;             // each referenced
       std::set<FlowspecRouteKey const*, OrderLess> order; // the same keys in the table's order
       // Where the refill's walk goes on; null: after the last key held.
       Ovk::Ptr<RouteKey const> scan;
@@ -126,6 +127,15 @@ class FlowspecFsibAdmission : public Ovk::PtrInterface {
    bool precedes(Writer const& wa, FlowspecRouteKey const& a, Writer const& wb, FlowspecRouteKey const& b) const;
    // The writer of the last rule held, null when none is.
    Writer* lastWriter();
+   // The last rule held, its writer and its order prefix (all null when none is), kept
+   // until a rule goes in or out or a writer comes or goes.
+   struct Tail {
+      Writer* writer = nullptr;
+      FlowspecRouteKey const* key = nullptr;
+      std::uint64_t prefix = 0;
+   };
+   Tail const& tail();
+   void refuse(FlowspecRouteConfigSm& sm, FlowspecRouteKey const& key);
    bool install(Writer& w, FlowspecRouteKey const& key, bool isNew);
    void release(Writer& w, FlowspecRouteKey const& key);
    // Something changed since the walks began: they start again from the last rule held.
@@ -141,6 +151,8 @@ class FlowspecFsibAdmission : public Ovk::PtrInterface {
    Ovk::Ptr<Flowspec::RuleSet> fsib_;
    Ovk::Ptr<Ovk::TaskScheduler> scheduler_;
    std::vector<Writer> writers_;
+   Tail tail_;
+   bool tailKnown_ = false;
    // A rule was refused or displaced since the last walk that found none.
    bool refusedWaiting_ = false;
    std::optional<Ovk::TaskId> refillTask_;
