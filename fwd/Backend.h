@@ -1,0 +1,56 @@
+// What the FSIB follower drives: a dataplane that holds the FSIB's rules, with an install
+// status and a counter per rule. Two exist: the nftables table (FwdTable.h) and the XDP
+// classifier (XdpTable.h).
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "host/flowspec/Rule.h"
+
+namespace Fwd {
+
+// One FSIB rule's install status.
+struct RuleStatus {
+   Flowspec::FlowspecSlateKey key;
+   bool installed = false;
+   std::string reason;          // not installed: why; installed: empty, or "never matches: ..."
+   std::uint32_t counterId = 0; // its counter in the dataplane (0: none)
+};
+
+struct ApplyReport {
+   bool ok = false;   // the dataplane now holds the rules that can be installed
+   bool full = false; // the whole dataplane was replaced
+   std::size_t added = 0;
+   std::size_t removed = 0;
+   std::size_t changed = 0;
+   std::size_t batchLines = 0; // nftables: lines of the transaction
+   unsigned attempts = 0;      // nftables: transactions tried
+   double prepareMs = 0;       // diff, compile and batch text / map contents
+   double nftMs = 0;           // in libnftables (parse, cache, kernel), or in map syscalls
+   std::string error;          // when !ok: what the kernel said that tied to no rule
+};
+
+class Backend {
+ public:
+   virtual ~Backend() = default;
+
+   // "table inet NAME", "XDP program NAME": for messages and --show.
+   virtual std::string describe() const = 0;
+   // Makes the dataplane hold exactly `rules` (any order, distinct keys).
+   virtual ApplyReport apply(std::vector<Flowspec::Rule> const& rules) = 0;
+   // Applies one change of the FSIB: rules added or replaced, keys deleted (a key in both
+   // lists is replaced).
+   virtual ApplyReport change(std::vector<Flowspec::Rule> const& upserts,
+                              std::vector<Flowspec::FlowspecSlateKey> const& removed) = 0;
+   // Every rule known, in precedence order.
+   virtual std::vector<RuleStatus> statuses() const = 0;
+   virtual std::size_t programmedRules() const = 0;
+   // Deletes everything the backend programmed.
+   virtual void remove() = 0;
+   // Work between changes (sampled packets to log). Cheap when there is none.
+   virtual void poll() {}
+};
+
+} // namespace Fwd
