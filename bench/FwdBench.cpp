@@ -35,6 +35,7 @@
 #include <nlohmann/json.hpp>
 
 #include "fwd/Forwarder.h"
+#include "fwd/FwdTable.h"
 #include "host/mnemo/SlateRuleSetMount.h"
 #include "host/mnemo/SlateRuleSet.h"
 

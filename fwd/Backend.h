@@ -38,6 +38,8 @@ class Backend {
 
    // "table inet NAME", "XDP program NAME": for messages and --show.
    virtual std::string describe() const = 0;
+   // "inet NAME", "xdp NAME": the dataplane as the status file and --show name it.
+   virtual std::string dataplane() const = 0;
    // Makes the dataplane hold exactly `rules` (any order, distinct keys).
    virtual ApplyReport apply(std::vector<Flowspec::Rule> const& rules) = 0;
    // Applies one change of the FSIB: rules added or replaced, keys deleted (a key in both

@@ -372,54 +372,77 @@ void FwdTable::commit() {
    newCounters_.clear();
 }
 
+void FwdTable::upsert(Flowspec::Rule const& r, ApplyReport& rep) {
+   auto it = entries_.find(r.key);
+   if (it == entries_.end()) {
+      auto e = std::make_unique<Entry>();
+      e->rule = r;
+      if (!freeCounterIds_.empty()) {
+         e->counterId = freeCounterIds_.back();
+         freeCounterIds_.pop_back();
+      } else {
+         e->counterId = nextCounterId_++;
+      }
+      newCounters_.push_back(e->counterId);
+      e->seen = applySerial_;
+      auto [pos, fresh] = entries_.emplace(r.key, std::move(e));
+      pos->second->key = &pos->first;
+      compile(*pos->second);
+      ++rep.added;
+      return;
+   }
+   Entry& e = *it->second;
+   e.seen = applySerial_;
+   if (!(e.rule == r)) {
+      e.rule = r;
+      compile(e);
+      ++rep.changed;
+   }
+}
+
+void FwdTable::erase(Flowspec::FlowspecSlateKey const& key, ApplyReport& rep) {
+   auto it = entries_.find(key);
+   if (it == entries_.end()) return;
+   release(*it->second);
+   deadCounters_.push_back(it->second->counterId);
+   entries_.erase(it);
+   ++rep.removed;
+}
+
 ApplyReport FwdTable::apply(std::vector<Flowspec::Rule> const& rules) {
-   using Clock = std::chrono::steady_clock;
-   auto const ms = [](Clock::time_point a, Clock::time_point b) {
-      return std::chrono::duration<double, std::milli>(b - a).count();
-   };
-   auto const start = Clock::now();
+   auto const start = std::chrono::steady_clock::now();
    ApplyReport rep;
    // One pass over the rules marks each entry it finds (one hash lookup, no copy of the key),
    // a second pass drops the entries no rule marked.
    ++applySerial_;
-   for (Flowspec::Rule const& r : rules) {
-      auto it = entries_.find(r.key);
-      if (it == entries_.end()) {
-         auto e = std::make_unique<Entry>();
-         e->rule = r;
-         if (!freeCounterIds_.empty()) {
-            e->counterId = freeCounterIds_.back();
-            freeCounterIds_.pop_back();
-         } else {
-            e->counterId = nextCounterId_++;
-         }
-         newCounters_.push_back(e->counterId);
-         e->seen = applySerial_;
-         auto [pos, fresh] = entries_.emplace(r.key, std::move(e));
-         pos->second->key = &pos->first;
-         compile(*pos->second);
-         ++rep.added;
-         continue;
-      }
-      Entry& e = *it->second;
-      e.seen = applySerial_;
-      if (!(e.rule == r)) {
-         e.rule = r;
-         compile(e);
-         ++rep.changed;
-      }
+   for (Flowspec::Rule const& r : rules) upsert(r, rep);
+   std::vector<Key> gone;
+   for (auto const& [k, e] : entries_) {
+      if (e->seen != applySerial_) gone.push_back(k);
    }
-   for (auto it = entries_.begin(); it != entries_.end();) {
-      if (it->second->seen == applySerial_) {
-         ++it;
-         continue;
-      }
-      release(*it->second);
-      deadCounters_.push_back(it->second->counterId);
-      it = entries_.erase(it);
-      ++rep.removed;
-   }
+   for (Key const& k : gone) erase(k, rep);
+   return transact(rep, start);
+}
 
+ApplyReport FwdTable::change(std::vector<Flowspec::Rule> const& upserts,
+                             std::vector<Flowspec::FlowspecSlateKey> const& removed) {
+   auto const start = std::chrono::steady_clock::now();
+   ApplyReport rep;
+   ++applySerial_;
+   std::unordered_map<Key, bool, KeyHash> upserted;
+   for (Flowspec::Rule const& r : upserts) upserted.emplace(r.key, true);
+   for (Key const& k : removed) {
+      if (!upserted.contains(k)) erase(k, rep);
+   }
+   for (Flowspec::Rule const& r : upserts) upsert(r, rep);
+   return transact(rep, start);
+}
+
+ApplyReport FwdTable::transact(ApplyReport rep, std::chrono::steady_clock::time_point start) {
+   using Clock = std::chrono::steady_clock;
+   auto const ms = [](Clock::time_point a, Clock::time_point b) {
+      return std::chrono::duration<double, std::milli>(b - a).count();
+   };
    for (unsigned attempt = 0; attempt < maxAttempts; ++attempt) {
       bool const full = needFull_;
       if (full) {

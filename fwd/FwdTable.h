@@ -28,6 +28,7 @@
 // message, and the batch is built again without it, until it commits.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -36,6 +37,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "fwd/Backend.h"
 #include "fwd/Nft.h"
 #include "fwd/PolicyRoutes.h"
 #include "fwd/RuleCompiler.h"
@@ -54,44 +56,28 @@ struct TableConfig {
    std::uint32_t counterSetSize = 65536;
 };
 
-// One FSIB rule's install status.
-struct RuleStatus {
-   Flowspec::FlowspecSlateKey key;
-   bool installed = false;
-   std::string reason;          // not installed: why; installed: empty, or "never matches: ..."
-   std::uint32_t counterId = 0; // its element in the counter set (0: none)
-};
-
-struct ApplyReport {
-   bool ok = false;   // the kernel's table now holds the rules that can be installed
-   bool full = false; // the whole table was replaced
-   std::size_t added = 0;
-   std::size_t removed = 0;
-   std::size_t changed = 0;
-   std::size_t batchLines = 0;
-   unsigned attempts = 0; // transactions tried
-   double prepareMs = 0;  // diff, compile and batch text
-   double nftMs = 0;      // in libnftables (parse, cache, kernel)
-   std::string error;     // when !ok: nft's message that tied to no rule
-};
-
-class FwdTable {
+class FwdTable : public Backend {
  public:
    // `routes` may be null when no rule redirects (tests); a redirecting rule then fails.
    FwdTable(TableConfig cfg, Nft& nft, PolicyRoutes* routes);
-   ~FwdTable();
+   ~FwdTable() override;
 
    TableConfig const& config() const { return cfg_; }
 
    // Makes the kernel's tables hold exactly `rules` (any order, distinct keys). Rules that
    // cannot be installed are left out and say why in statuses().
-   ApplyReport apply(std::vector<Flowspec::Rule> const& rules);
+   ApplyReport apply(std::vector<Flowspec::Rule> const& rules) override;
+   // One change: only the blocks the rules fall in are rewritten, in one transaction.
+   ApplyReport change(std::vector<Flowspec::Rule> const& upserts,
+                      std::vector<Flowspec::FlowspecSlateKey> const& removed) override;
+   std::string describe() const override { return "table inet " + cfg_.name; }
+   std::string dataplane() const override { return "inet " + cfg_.name; }
    // Every rule of the last apply, in precedence order.
-   std::vector<RuleStatus> statuses() const;
-   std::size_t programmedRules() const;
+   std::vector<RuleStatus> statuses() const override;
+   std::size_t programmedRules() const override;
    std::size_t blockCount() const { return blocks_.size(); }
    // Deletes the tables and the policy routing this table programmed.
-   void remove();
+   void remove() override;
 
  private:
    struct Entry;
@@ -99,6 +85,9 @@ class FwdTable {
    struct Target;
    using Key = Flowspec::FlowspecSlateKey;
 
+   void upsert(Flowspec::Rule const& r, ApplyReport& rep);
+   void erase(Flowspec::FlowspecSlateKey const& key, ApplyReport& rep);
+   ApplyReport transact(ApplyReport rep, std::chrono::steady_clock::time_point start);
    void release(Entry& e);
    void compile(Entry& e);
    void place(Entry& e);

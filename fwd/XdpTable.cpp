@@ -749,6 +749,11 @@ void XdpTable::resetLayout() {
 bool XdpTable::build(std::string* error) {
    std::unique_ptr<Dataplane> old = std::move(dp_);
    dp_ = loadDataplane(cfg_.samplesPerSecond, error);
+   if (!dp_ && !cfg_.interfaces.empty()) {
+      std::string ifs;
+      for (std::string const& i : cfg_.interfaces) ifs += (ifs.empty() ? "" : ",") + i;
+      *error = "XDP on " + ifs + ": " + *error;
+   }
    if (!dp_) {
       dp_ = std::move(old);
       return false;
@@ -860,9 +865,8 @@ bool XdpTable::attach(Dataplane& dp, std::string* error) {
          if (bpf_xdp_query(static_cast<int>(ifindex), 0, &q) == 0 && q.attach_mode == XDP_ATTACHED_SKB) generic = true;
       }
       if (!cfg_.pinRoot.empty() && bpf_obj_pin(lfd, pin.c_str()) != 0) {
-         *error = "interface " + ifname + ": cannot pin the XDP link at " + pin + ": " + std::strerror(errno);
-         ::close(lfd);
-         return false;
+         log_ << "flowspec-fwd: " << ifname << ": cannot pin the XDP link at " << pin << " (" << std::strerror(errno)
+              << "; is a bpf file system mounted there?): the program leaves with flowspec-fwd" << std::endl;
       }
       links_[ifname] = lfd;
       if (generic)

@@ -108,6 +108,7 @@ class XdpTable : public Backend {
    bool probe(std::string* error);
 
    std::string describe() const override;
+   std::string dataplane() const override { return "xdp " + cfg_.name; }
    ApplyReport apply(std::vector<Flowspec::Rule> const& rules) override;
    ApplyReport change(std::vector<Flowspec::Rule> const& upserts,
                       std::vector<Flowspec::FlowspecSlateKey> const& removed) override;

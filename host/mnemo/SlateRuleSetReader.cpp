@@ -101,10 +101,12 @@ bool SlateRuleSetReader::copyBlock(std::uint64_t offset, std::vector<std::uint32
    return true;
 }
 
-SlateRuleSetReader::SlotRead SlateRuleSetReader::copySlot(std::uint32_t slot, std::vector<std::uint32_t>& out) {
+SlateRuleSetReader::SlotRead SlateRuleSetReader::copySlot(std::uint32_t slot, std::vector<std::uint32_t>& out,
+                                                          std::uint64_t* word) {
    std::size_t const start = out.size();
    for (unsigned attempt = 0; attempt < maxSlotAttempts; ++attempt) {
       std::uint64_t const before = loadAcquire(slots_ + slot);
+      if (word != nullptr) *word = before;
       std::uint64_t const offset = slotBlockOffset(before);
       if (offset == 0) {
          ++stats_.slotReads;
@@ -223,6 +225,61 @@ SlateSnapshot SlateRuleSetReader::snapshot(unsigned maxAttempts, SnapshotOrder o
                 [](Flowspec::Rule const& a, Flowspec::Rule const& b) { return a.key < b.key; });
    }
    return s;
+}
+
+SlateChanges SlateRuleSetReader::changesSince(std::vector<std::uint64_t> const& seen, unsigned maxAttempts) {
+   Header const& h = hdr();
+   SlateChanges c;
+   struct Raw {
+      std::uint32_t slot;
+      std::uint64_t word;
+      std::size_t start;
+      bool copied;
+   };
+   std::vector<Raw> raw;
+   std::vector<std::uint32_t> words;
+   unsigned const attempts = std::max(maxAttempts, 1u);
+   for (unsigned attempt = 0; attempt < attempts; ++attempt) {
+      std::uint64_t const before = h.generation.load(std::memory_order_acquire);
+      c.generation = before;
+      bool const midChange = (before & 1) != 0;
+      bool const writerGone = midChange && !writerAlive();
+      if (midChange && !writerGone && attempt + 1 < attempts) {
+         ++stats_.snapshotRetries;
+         std::this_thread::yield();
+         continue;
+      }
+      raw.clear();
+      words.clear();
+      bool settled = true;
+      for (std::uint32_t slot = 0; slot < capacity_; ++slot) {
+         std::uint64_t const known = slot < seen.size() ? seen[slot] : 0;
+         if (loadRelaxed(slots_ + slot) == known) continue;
+         Raw r{slot, 0, words.size(), false};
+         SlotRead const got = copySlot(slot, words, &r.word);
+         if (got == SlotRead::unsettled) settled = false;
+         r.copied = got == SlotRead::copied;
+         raw.push_back(r);
+      }
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (h.generation.load(std::memory_order_relaxed) == before && settled && (!midChange || writerGone)) {
+         c.status = writerGone ? SnapshotStatus::writerGone : SnapshotStatus::consistent;
+         break;
+      }
+      c.status = SnapshotStatus::unsettled;
+      ++stats_.snapshotRetries;
+   }
+   c.changes.reserve(raw.size());
+   for (std::size_t i = 0; i < raw.size(); ++i) {
+      SlotChange sc{raw[i].slot, raw[i].word, std::nullopt};
+      if (raw[i].copied) {
+         std::size_t const end = i + 1 < raw.size() ? raw[i + 1].start : words.size();
+         sc.rule = SlateRecord::decode(std::span<std::uint32_t const>(words).subspan(raw[i].start, end - raw[i].start));
+         if (!sc.rule) ++stats_.damaged;
+      }
+      c.changes.push_back(std::move(sc));
+   }
+   return c;
 }
 
 } // namespace Mnemo

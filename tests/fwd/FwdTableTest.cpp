@@ -15,6 +15,7 @@
 #include <sstream>
 
 #include "fwd/Forwarder.h"
+#include "fwd/FwdTable.h"
 #include "host/mnemo/SlateRuleSet.h"
 #include "tests/fwd/FwdTestRules.h"
 #include "tests/host/mnemo/SlateTestHelpers.h"
