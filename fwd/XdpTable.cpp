@@ -801,6 +801,7 @@ bool XdpTable::build(std::string* error) {
    }
    if (!attach(*dp_, error)) {
       dp_ = std::move(old);
+      resetLayout(); // nothing is installed until a full build succeeds
       return false;
    }
    return true;
