@@ -83,8 +83,9 @@ int main(int argc, char** argv) {
        ->capture_default_str()
        ->check(CLI::Range(1, 4096));
    app.add_option("--status-file", statusFile, "where the install status goes (default /run/flowspec-fwd/TABLE.json)");
-   app.add_option("--poll-max-ms", follow.pollMaxMs, "longest pause between looks at the FSIB")
-       ->capture_default_str()
+   unsigned pollMaxMs = 0;
+   app.add_option("--poll-max-ms", pollMaxMs,
+                  "longest pause between looks at the FSIB (default 5 for nftables; XDP polls every 0.1-0.5 ms)")
        ->check(CLI::Range(1, 1000));
    app.add_flag("--show", show, "list the FSIB's rules with install status and counters");
    app.add_flag("--json", json, "with --show: JSON");
@@ -165,6 +166,13 @@ int main(int argc, char** argv) {
       xcfg.routeTableBase = cfg.routeTableBase;
       table = std::make_unique<Fwd::XdpTable>(xcfg, &routes, std::cerr);
    }
+   auto const polling = [&] {
+      bool const xdp = dynamic_cast<Fwd::XdpTable*>(table.get()) != nullptr;
+      follow.pollMinUs = xdp ? 100 : 1000;
+      follow.pollMaxUs = pollMaxMs != 0 ? pollMaxMs * 1000 : xdp ? 500 : 5000;
+      follow.pollMinUs = std::min(follow.pollMinUs, follow.pollMaxUs);
+   };
+   polling();
    auto fwd = std::make_unique<Fwd::Forwarder>(follow, *table, std::cerr);
    // Waits briefly for a writer in the middle of a change.
    auto const settle = [&] {
@@ -173,9 +181,16 @@ int main(int argc, char** argv) {
       return s;
    };
    int rc = 0;
-   Fwd::Forwarder::Step first = settle();
+   // The XDP program is loaded (and verified) before the FSIB is read.
+   std::string xdpError;
+   if (auto* x = dynamic_cast<Fwd::XdpTable*>(table.get()); x != nullptr && !x->probe(&xdpError)) {
+      std::string ifs;
+      for (std::string const& i : interfaces) ifs += (ifs.empty() ? "" : ",") + i;
+      xdpError = "XDP on " + ifs + ": " + xdpError;
+   }
+   Fwd::Forwarder::Step first = xdpError.empty() ? settle() : Fwd::Forwarder::Step::failed;
    if (first == Fwd::Forwarder::Step::failed && dynamic_cast<Fwd::XdpTable*>(table.get()) != nullptr) {
-      std::cerr << "flowspec-fwd: " << fwd->lastReport().error << "\n";
+      std::cerr << "flowspec-fwd: " << (xdpError.empty() ? fwd->lastReport().error : xdpError) << "\n";
       if (backendName == "xdp") {
          std::cerr << "flowspec-fwd: --backend nft programs the rules into nftables instead\n";
          return 1;
@@ -183,6 +198,7 @@ int main(int argc, char** argv) {
       std::cerr << "flowspec-fwd: XDP is not available here: the nftables backend\n";
       fwd.reset();
       useNft();
+      polling();
       fwd = std::make_unique<Fwd::Forwarder>(follow, *table, std::cerr);
       first = settle();
    }

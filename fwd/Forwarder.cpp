@@ -105,19 +105,19 @@ Forwarder::Step Forwarder::step() {
 }
 
 int Forwarder::run(std::atomic<bool> const& stop) {
-   using std::chrono::milliseconds;
-   unsigned interval = cfg_.pollMinMs;
+   using std::chrono::microseconds;
+   unsigned interval = cfg_.pollMinUs;
    while (!stop.load(std::memory_order_relaxed)) {
       Step const s = step();
       table_.poll();
       if (s == Step::applied || s == Step::failed || s == Step::unsettled) {
-         interval = cfg_.pollMinMs;
+         interval = cfg_.pollMinUs;
       } else {
          if (statusDue_ && std::chrono::steady_clock::now() - statusWritten_ > std::chrono::milliseconds(200))
             writeStatus();
-         std::this_thread::sleep_for(milliseconds(interval));
+         std::this_thread::sleep_for(microseconds(interval));
          // Waiting for a segment or past a refusal need not be quick.
-         unsigned const cap = s == Step::unchanged ? cfg_.pollMaxMs : std::max(cfg_.pollMaxMs, 100u);
+         unsigned const cap = s == Step::unchanged ? cfg_.pollMaxUs : std::max(cfg_.pollMaxUs, 100000u);
          interval = std::min(cap, std::max(1u, interval * 2));
       }
    }

@@ -176,6 +176,12 @@ struct XdpTable::Trie {
    std::uint32_t rootClass = 0;
    // By address bytes, then length: a prefix's more specific prefixes follow it.
    std::map<std::pair<std::vector<std::uint8_t>, std::uint8_t>, Node> nodes;
+   std::map<std::uint8_t, unsigned> lengths; // prefixes of each length
+   // While a dataplane is built (no program reads it yet): trie entries to write in one
+   // batch at the end, as key bytes and class ids.
+   bool deferred = false;
+   std::vector<std::uint8_t> pendingKeys;
+   std::vector<std::uint32_t> pendingClasses;
 };
 
 struct XdpTable::Entry {
@@ -346,6 +352,15 @@ std::vector<std::uint8_t> prefixBytes(Ovnet::IpGenPrefix const& p) {
    return out;
 }
 
+// The highest address of the prefix.
+std::vector<std::uint8_t> lastAddress(std::vector<std::uint8_t> addr, std::size_t len) {
+   for (std::size_t i = 0; i < addr.size(); ++i) {
+      std::size_t const keep = len >= 8 * (i + 1) ? 8 : len > 8 * i ? len - 8 * i : 0;
+      addr[i] = static_cast<std::uint8_t>(addr[i] | (0xffu >> keep));
+   }
+   return addr;
+}
+
 int lpmWrite(int fd, std::vector<std::uint8_t> const& addr, std::uint8_t len, std::uint32_t const* cls) {
    std::uint8_t key[20] = {};
    std::uint32_t const plen = len;
@@ -356,7 +371,10 @@ int lpmWrite(int fd, std::vector<std::uint8_t> const& addr, std::uint8_t len, st
 
 } // namespace
 
-bool XdpTable::probe(std::string* error) { return loadDataplane(cfg_.samplesPerSecond, error) != nullptr; }
+bool XdpTable::probe(std::string* error) {
+   spare_ = loadDataplane(cfg_.samplesPerSecond, error);
+   return spare_ != nullptr;
+}
 
 void XdpTable::compile(Entry& e) {
    Flowspec::FlowspecKey const key = e.rule.key.flowspecKey();
@@ -546,31 +564,35 @@ bool XdpTable::addAt(Entry& e, std::uint32_t pos) {
       if (it == trie.nodes.end()) {
          // A new prefix starts from the class of the longest prefix that covers it.
          std::uint32_t parent = trie.rootClass;
-         std::uint8_t best = 0;
-         for (auto const& [k, n] : trie.nodes) {
-            if (k.second >= p->len() || k.second < best) continue;
-            Ovnet::IpGenPrefix const mine(p->addr(), k.second);
-            if (prefixBytes(mine) == k.first) {
-               parent = n.cls;
-               best = k.second;
+         for (auto l = trie.lengths.rbegin(); l != trie.lengths.rend(); ++l) {
+            if (l->first >= p->len()) continue;
+            Ovnet::IpGenPrefix const shorter(p->addr(), l->first);
+            if (auto up = trie.nodes.find(std::make_pair(prefixBytes(shorter), l->first)); up != trie.nodes.end()) {
+               parent = up->second.cls;
+               break;
             }
          }
          auto const nc = takeClass();
          if (!nc) return false;
          dp.copyClass(*nc, parent);
          dp.setBit(*nc, pos);
-         if (lpmWrite(dp.tries[t], addr, p->len(), &*nc) != 0) return false;
+         if (trie.deferred) {
+            std::uint32_t const plen = p->len();
+            auto const* lb = reinterpret_cast<std::uint8_t const*>(&plen);
+            trie.pendingKeys.insert(trie.pendingKeys.end(), lb, lb + 4);
+            trie.pendingKeys.insert(trie.pendingKeys.end(), addr.begin(), addr.end());
+            trie.pendingClasses.push_back(*nc);
+         } else if (lpmWrite(dp.tries[t], addr, p->len(), &*nc) != 0) {
+            return false;
+         }
          it = trie.nodes.emplace(key, Trie::Node{*nc, 0}).first;
+         ++trie.lengths[p->len()];
       } else {
          dp.setBit(it->second.cls, pos);
       }
       ++it->second.users;
       // More specific prefixes lie within this one: they follow it in address order.
-      std::vector<std::uint8_t> last = addr;
-      for (std::size_t i = 0; i < last.size(); ++i) {
-         std::size_t const keep = p->len() >= 8 * (i + 1) ? 8 : p->len() > 8 * i ? p->len() - 8 * i : 0;
-         last[i] = static_cast<std::uint8_t>(last[i] | (0xffu >> keep));
-      }
+      std::vector<std::uint8_t> const last = lastAddress(addr, p->len());
       for (auto d = std::next(it); d != trie.nodes.end() && d->first.first <= last; ++d) dp.setBit(d->second.cls, pos);
    }
    store64(&dp.positions[pos], e.slot);
@@ -584,24 +606,43 @@ void XdpTable::removeFrom(Entry& e, std::uint32_t pos) {
    Dataplane& dp = *dp_;
    bool const v6 = e.match.af == AddressFamily::ipv6;
    dp.clearBit(v6 ? FS_CLASS_LIVE6 : FS_CLASS_LIVE4, pos);
-   for (Field const& f : L.fields) {
-      for (std::uint32_t c : f.classes) dp.clearBit(c, pos);
-   }
-   for (std::size_t t = 0; t < 4; ++t) {
-      Trie& trie = L.tries[t];
-      if (!trie.active) continue;
-      dp.clearBit(trie.rootClass, pos);
-      for (auto const& [k, n] : trie.nodes) dp.clearBit(n.cls, pos);
+   // A rule's bit is in every class of a field it does not constrain, and only in the
+   // classes of its values (and of more specific prefixes) of one it does.
+   for (std::size_t f = 0; f < xdpFieldCount; ++f) {
+      std::optional<IntervalSet> const& s = e.match.fields[f];
+      if (!s) {
+         for (std::uint32_t c : L.fields[f].classes) dp.clearBit(c, pos);
+         continue;
+      }
+      FieldShape const shape = fieldShapes[f];
+      std::uint32_t last = FS_CLASSES;
+      for (Interval const& iv : s->intervals()) {
+         for (std::uint32_t v = iv.lo; v <= iv.hi && v < shape.size; ++v) {
+            std::uint32_t const c = dp.values[shape.offset + v];
+            if (c != last) dp.clearBit(c, pos); // clearing twice is harmless; runs are common
+            last = c;
+         }
+      }
    }
    for (int dir = 0; dir < 2; ++dir) {
-      std::optional<Ovnet::IpGenPrefix> const& p = dir == 0 ? e.match.dest : e.match.source;
-      if (!p) continue;
       std::size_t const t = (v6 ? 2 : 0) + static_cast<std::size_t>(dir);
       Trie& trie = L.tries[t];
-      auto it = trie.nodes.find(std::make_pair(prefixBytes(*p), p->len()));
-      if (it == trie.nodes.end() || --it->second.users > 0) continue;
+      if (!trie.active) continue;
+      std::optional<Ovnet::IpGenPrefix> const& p = dir == 0 ? e.match.dest : e.match.source;
+      if (!p) {
+         dp.clearBit(trie.rootClass, pos);
+         for (auto const& [k, n] : trie.nodes) dp.clearBit(n.cls, pos);
+         continue;
+      }
+      std::vector<std::uint8_t> const addr = prefixBytes(*p);
+      auto it = trie.nodes.find(std::make_pair(addr, p->len()));
+      if (it == trie.nodes.end()) continue;
+      std::vector<std::uint8_t> const last = lastAddress(addr, p->len());
+      for (auto d = it; d != trie.nodes.end() && d->first.first <= last; ++d) dp.clearBit(d->second.cls, pos);
+      if (--it->second.users > 0) continue;
       // No rule names the prefix any more: its class is its parent's again.
       lpmWrite(dp.tries[t], it->first.first, it->first.second, nullptr);
+      if (--trie.lengths[it->first.second] == 0) trie.lengths.erase(it->first.second);
       L.classes.give(it->second.cls);
       trie.nodes.erase(it);
    }
@@ -684,7 +725,11 @@ bool XdpTable::place(Entry& e) {
    std::optional<std::uint32_t> pos;
    auto const now = Clock::now();
    if (lo < hi) {
-      std::uint32_t const mid = lo + (hi - lo) / 2;
+      // Between two rules the middle of the gap; after the last rule (or before the first)
+      // the next position, so that rules added in order at an end each find one.
+      std::uint32_t const mid = next == placed_.end() && next != placed_.begin() ? lo
+                                : next == placed_.begin() && next != placed_.end() ? hi - 1
+                                                                                    : lo + (hi - lo) / 2;
       for (std::uint32_t d = 0; d <= hi - lo && !pos; ++d) {
          if (mid + d < hi && freePosition(mid + d, now)) pos = mid + d;
          else if (mid >= lo + d && d > 0 && freePosition(mid - d, now)) pos = mid - d;
@@ -748,7 +793,7 @@ void XdpTable::resetLayout() {
 // A fresh dataplane with every rule, then swapped in.
 bool XdpTable::build(std::string* error) {
    std::unique_ptr<Dataplane> old = std::move(dp_);
-   dp_ = loadDataplane(cfg_.samplesPerSecond, error);
+   dp_ = spare_ ? std::move(spare_) : loadDataplane(cfg_.samplesPerSecond, error);
    if (!dp_ && !cfg_.interfaces.empty()) {
       std::string ifs;
       for (std::string const& i : cfg_.interfaces) ifs += (ifs.empty() ? "" : ",") + i;
@@ -768,8 +813,13 @@ bool XdpTable::build(std::string* error) {
    }
    std::sort(all.begin(), all.end(), KeyLess{});
    Layout& L = layouts[this];
-   // Spread evenly, so that most insertions find a gap.
+   for (Trie& t : L.tries) t.deferred = true;
+   // Spread evenly, so that most insertions find a gap, leaving an eighth of the positions
+   // at the end and a sixteenth at the start free for rules added after the last or before
+   // the first.
    std::size_t const n = all.size();
+   std::size_t const head = FS_POSITIONS / 16;
+   std::size_t const span = FS_POSITIONS - head - FS_POSITIONS / 8;
    for (std::size_t i = 0; i < n; ++i) {
       Entry& e = *all[i];
       auto const c = L.counters.take();
@@ -784,20 +834,43 @@ bool XdpTable::build(std::string* error) {
          e.failure = "the XDP classifier ran out of action slots";
          continue;
       }
-      auto const pos = static_cast<std::uint32_t>((i * FS_POSITIONS + FS_POSITIONS / 2) / std::max<std::size_t>(n, 1));
+      std::size_t const spread = n <= span ? span : FS_POSITIONS;
+      auto const pos = static_cast<std::uint32_t>((n <= span ? head : 0) + (i * spread + spread / 2) / std::max<std::size_t>(n, 1));
       e.pos = std::min<std::uint32_t>(pos, FS_POSITIONS - 1);
       if (L.owner[*e.pos] != nullptr) {
          e.failure = "no position left";
          e.pos.reset();
          continue;
       }
-      placed_.insert(&e);
+      placed_.insert(placed_.end(), &e); // in order: no search
       if (!addAt(e, *e.pos)) {
          e.failure = "the XDP classifier ran out of value classes (" + std::to_string(FS_CLASSES) + ")";
          removeFrom(e, *e.pos);
          placed_.erase(&e);
          e.pos.reset();
       }
+   }
+   // The tries in one batch each (the kernel loops over the entries itself).
+   for (std::size_t t = 0; t < L.tries.size(); ++t) {
+      Trie& trie = L.tries[t];
+      trie.deferred = false;
+      std::uint32_t count = static_cast<std::uint32_t>(trie.pendingClasses.size());
+      if (count == 0) continue;
+      std::size_t const keyBytes = trie.pendingKeys.size() / count;
+      if (bpf_map_update_batch(dp_->tries[t], trie.pendingKeys.data(), trie.pendingClasses.data(), &count, nullptr) !=
+          0) {
+         for (std::size_t i = 0; i < trie.pendingClasses.size(); ++i) {
+            if (bpf_map_update_elem(dp_->tries[t], trie.pendingKeys.data() + i * keyBytes, &trie.pendingClasses[i],
+                                    BPF_ANY) != 0) {
+               *error = "the kernel refused a prefix of the XDP classifier: " + std::string(std::strerror(errno));
+               dp_ = std::move(old);
+               resetLayout();
+               return false;
+            }
+         }
+      }
+      trie.pendingKeys.clear();
+      trie.pendingClasses.clear();
    }
    if (!attach(*dp_, error)) {
       dp_ = std::move(old);

@@ -103,7 +103,8 @@ class XdpTable : public Backend {
    ~XdpTable() override;
 
    XdpConfig const& config() const { return cfg_; }
-   // Loads the program once to see that the kernel takes it, and attaches nothing. False
+   // Loads the program to see that the kernel takes it (kept for the first full build, so
+   // that the verifier's time is spent before the FSIB is read), and attaches nothing. False
    // with `error` (the verifier's last lines) when it does not.
    bool probe(std::string* error);
 
@@ -164,6 +165,7 @@ class XdpTable : public Backend {
    PolicyRoutes* routes_;
    std::ostream& log_;
    std::unique_ptr<Dataplane> dp_;
+   std::unique_ptr<Dataplane> spare_; // loaded by probe(), taken by the next full build
    std::unordered_map<Key, std::unique_ptr<Entry>, KeyHash> entries_;
    std::set<Entry*, KeyLess> placed_; // entries with a position, in precedence order
    bool needFull_ = true;

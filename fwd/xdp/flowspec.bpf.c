@@ -128,7 +128,6 @@ enum {
 struct walk {
    __u32 cls[K_COUNT];
    __u64 summary[FS_SUMMARY];
-   __u64 now;
    __u32 bytes;
    __u32 verdict; /* V_DROP, V_STOP, or 0 while the walk goes on */
    __u32 dscp;    /* 0x100 | DSCP when a rule marks */
@@ -151,9 +150,10 @@ static __always_inline struct fs_class* class_of(__u32 id) { return bpf_map_look
 
 /* True when the bucket has `bytes` for the packet (and takes them). The bucket holds one
  * second at the rate and is shared by every CPU under its lock. */
-static __always_inline int police_pass(__u32 counter, __u64 rate, __u32 bytes, __u64 now) {
+static __always_inline int police_pass(__u32 counter, __u64 rate, __u32 bytes) {
    struct fs_bucket* b = bpf_map_lookup_elem(&fs_police, &counter);
    if (!b) return 1;
+   __u64 now = bpf_ktime_get_ns();
    int pass = 0;
    bpf_spin_lock(&b->lock);
    if (b->last == 0 || b->rate != rate || now < b->last) {
@@ -198,7 +198,7 @@ static __always_inline int visit_rule(struct walk* wk, __u32 pos) {
       wk->verdict = V_DROP;
       return 1;
    }
-   if ((flags & FS_ACT_POLICE) && !police_pass(counter, a->rate, wk->bytes, wk->now)) {
+   if ((flags & FS_ACT_POLICE) && !police_pass(counter, a->rate, wk->bytes)) {
       wk->verdict = V_DROP;
       return 1;
    }
@@ -386,7 +386,7 @@ int flowspec_xdp(struct xdp_md* ctx) {
       wk.cls[K_SRC] = (cfg->lookups & FS_LOOKUP_SRC6) ? lpm6(&fs_src6, (__u8*)&ip6->saddr) : FS_CLASS_ALL;
       struct ext6 e = {.ctx = ctx, .next = ip6->nexthdr, .off = l3 + sizeof(*ip6), .frag = FS_FRAG6_NONE,
                        .have_l4 = 1};
-      bpf_loop(6, ext6_step, &e, 0);
+      if (is_ext6((__u8)e.next)) bpf_loop(6, ext6_step, &e, 0);
       __u8 next = e.next;
       __u32 off = e.off;
       fragclass = e.frag;
@@ -402,8 +402,31 @@ int flowspec_xdp(struct xdp_md* ctx) {
    __u32 dport = FS_SIZE_PORT, sport = FS_SIZE_PORT, itype = FS_SIZE_ICMP, icode = FS_SIZE_ICMP;
    __u32 flags = FS_SIZE_FLAGS;
    if (have_l4) {
+      /* The transport header read in place when it lies in the first 512 bytes, copied out
+       * otherwise (a long IPv6 header chain). */
       __u8 h[4];
-      if (bpf_xdp_load_bytes(ctx, l4 & 0xffff, h, 4) == 0) {
+      __u8 const* hp = 0;
+      __u8 t[2] = {0, 0};
+      int have_flags = 0;
+      data = (void*)(long)ctx->data;
+      data_end = (void*)(long)ctx->data_end;
+      if (l4 < 512) {
+         __u8 const* p = data + (l4 & 0x1ff);
+         if (p + 14 <= (__u8 const*)data_end) {
+            hp = p;
+            t[0] = p[12];
+            t[1] = p[13];
+            have_flags = 1;
+         } else if (p + 4 <= (__u8 const*)data_end) {
+            hp = p;
+         }
+      }
+      if (!hp) {
+         if (bpf_xdp_load_bytes(ctx, l4 & 0xffff, h, 4) == 0) hp = h;
+         if (bpf_xdp_load_bytes(ctx, (l4 + 12) & 0xffff, t, 2) == 0) have_flags = 1;
+      }
+      if (hp) {
+         __builtin_memcpy(h, hp, 4);
          if (l4proto == IPPROTO_TCP || l4proto == IPPROTO_UDP) {
             sport = ((__u32)h[0] << 8) | h[1];
             dport = ((__u32)h[2] << 8) | h[3];
@@ -413,9 +436,7 @@ int flowspec_xdp(struct xdp_md* ctx) {
             icode = h[1];
          }
       }
-      __u8 t[2];
-      if (l4proto == IPPROTO_TCP && bpf_xdp_load_bytes(ctx, (l4 + 12) & 0xffff, t, 2) == 0)
-         flags = (((__u32)t[0] & 0x0f) << 8) | t[1];
+      if (l4proto == IPPROTO_TCP && have_flags) flags = (((__u32)t[0] & 0x0f) << 8) | t[1];
    }
    wk.cls[K_PROTO] = value_class(vt, FS_OFF_PROTO + (l4proto & 0xff));
    wk.cls[K_DPORT] = value_class(vt, FS_OFF_DPORT + dport);
@@ -444,12 +465,11 @@ int flowspec_xdp(struct xdp_md* ctx) {
    }
    if (!(wk.summary[0] | wk.summary[1] | wk.summary[2] | wk.summary[3])) return XDP_PASS;
 
-   wk.now = bpf_ktime_get_ns();
    bpf_loop(FS_WORDS + FS_POSITIONS, walk_step, &wk, 0);
 
    if (wk.sample) {
       struct fs_budget* bud = bpf_map_lookup_elem(&fs_budget, &zero);
-      __u64 second = wk.now / 1000000000ull;
+      __u64 second = bpf_ktime_get_ns() / 1000000000ull;
       if (bud && bud->window != second) {
          bud->window = second;
          bud->used = 0;

@@ -221,7 +221,7 @@ class ForwarderTest : public FwdTableTest {
    std::string listing() { return sh("nft list ruleset"); }
    Fwd::Forwarder::Step freshStep(Fwd::FwdTable& table, std::string const& segment) {
       std::ostringstream log;
-      Fwd::Forwarder f({segment, "", 1, 5}, table, log);
+      Fwd::Forwarder f({segment, "", 1000, 5000}, table, log);
       Fwd::Forwarder::Step const s = f.step();
       log_ = log.str();
       return s;

@@ -321,7 +321,9 @@ TEST_F(XdpTableTest, PacketsDuringChangesSeeTheOldRulesOrTheNewNeverAMix) {
    });
    std::mt19937 rng(7);
    std::vector<Rule> around;
-   for (int i = 0; i < 400; ++i) {
+   while (runs.load() == 0) std::this_thread::yield();
+   // At least 400 changes, and on until the packets have had time to fall between them.
+   for (int i = 0; i < 20000 && (i < 400 || runs.load() < 20000); ++i) {
       if (!around.empty() && rng() % 3 == 0) {
          std::size_t const k = rng() % around.size();
          ASSERT_TRUE(t->change({}, {around[k].key}).ok);
