@@ -67,6 +67,11 @@ Forwarder::Step Forwarder::step() {
    Mnemo::SlateChanges ch = reader_->changesSince(seen_, 100);
    snapshotMs_ = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
    if (ch.status == Mnemo::SnapshotStatus::unsettled) return Step::unsettled;
+   if (ch.changes.empty() && applied_) {
+      // The generation moved and no slot did: not how the writer changes the table. Every
+      // record is read once, so that damage behind unchanged slot words is reported.
+      (void)reader_->changesSince(std::vector<std::uint64_t>(seen_.size(), 0), 1);
+   }
    if (reader_->stats().damaged != damagedBefore) {
       refusedGeneration_ = ch.generation;
       say("refused generation " + std::to_string(ch.generation) + " of the FSIB segment " + cfg_.segment + ": " +

@@ -5,10 +5,15 @@
 //                       a rule's nftables rules count into it, so the count survives the
 //                       rule's block being rebuilt
 //   chain HOOK          base chain at the hook: `[iifname { IFS }] jump rules`
-//   chain rules         `jump bN` for each block, in precedence order
+//   chain rules         for each block in precedence order `jump bN`; a run of consecutive
+//                       blocks whose rules all have destination prefixes of one family and
+//                       whose destination ranges do not overlap is one rule instead,
+//                       `ip daddr vmap @dN` (map dN: `LOW-HIGH : jump bK` per block), so a
+//                       packet meets only the block its destination can match
 //   chain bN            a block: up to 2 * blockSize consecutive FSIB rules, first a guard
 //                       (`ip daddr != LOW-HIGH return`) when all of them have destination
-//                       prefixes of one family, then the rules' nftables rules
+//                       prefixes of one family and the block is not in a map, then the
+//                       rules' nftables rules
 // and, for copy redirects, tables `ip NAME` and `ip6 NAME` with a base chain one
 // priority later, chain `copies`, that copies marked packets (`meta mark M dup to ADDRESS`), since the kernel
 // offers `dup` only to those families.
@@ -28,6 +33,7 @@
 // message, and the batch is built again without it, until it commits.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -95,8 +101,21 @@ class FwdTable : public Backend {
    void normalizeBlocks();
    bool programTargets();
    std::string buildBatch(bool full, std::vector<std::vector<Entry*>>& owners);
-   void blockLines(Block const& b, std::string& batch, std::vector<std::vector<Entry*>>& owners);
-   std::string guardOf(Block const& b) const;
+   void blockLines(Block const& b, bool guard, std::string& batch, std::vector<std::vector<Entry*>>& owners);
+   struct Hull {
+      Ovnet::AddressFamily af = Ovnet::AddressFamily::unspecified;
+      std::size_t size = 0;
+      std::array<std::uint8_t, 16> lo{};
+      std::array<std::uint8_t, 16> hi{};
+      std::string range() const; // "LOW-HIGH", or the one address
+   };
+   struct TopItem {
+      Ovnet::AddressFamily af = Ovnet::AddressFamily::unspecified;
+      std::vector<Block*> blocks;      // one: a jump; more: a verdict map on the destination
+      std::vector<std::string> ranges; // each block's destination range
+   };
+   std::optional<Hull> hullOf(Block const& b) const;
+   std::vector<TopItem> topItems() const;
    void commit();
    void finishTargets();
    std::uint32_t markOf(Target const& t) const;
@@ -114,6 +133,10 @@ class FwdTable : public Backend {
    std::vector<std::unique_ptr<Block>> blocks_;
    std::vector<std::uint32_t> deadBlocks_; // chains to delete in the next batch
    bool topDirty_ = false;
+   std::string topSig_;                               // the top chain as last committed
+   std::map<std::string, std::string> mapElements_;   // verdict maps as last committed
+   std::string pendingSig_;
+   std::map<std::string, std::string> pendingMaps_;
    bool needFull_ = true;
    std::string tableError_; // why the last full replace failed
    std::map<RedirectTarget, std::unique_ptr<Target>> targets_;

@@ -57,12 +57,26 @@ class FwdTableTest : public ::testing::Test {
       std::regex const chainRe(R"(^\s*chain (\S+) \{)");
       std::regex const counterRe(R"(update @rule_counts \{ meta mark & 0x[0-9a-f]+ \| 0x([0-9a-f]+) \})");
       std::regex const jumpRe(R"(^\s*jump (b\d+))");
+      std::regex const vmapRe(R"(daddr vmap @(d\d+))");
+      std::regex const mapRe(R"(^\s*map (d\d+) \{)");
+      std::regex const elemJumpRe(R"(jump (b\d+))");
+      std::map<std::string, std::vector<std::string>> maps; // a verdict map's blocks, as listed
+      std::string map;
       std::smatch m;
       for (std::string line; std::getline(in, line);) {
-         if (std::regex_search(line, m, chainRe)) {
+         if (std::regex_search(line, m, mapRe)) {
+            map = m[1];
+            chain.clear();
+         } else if (std::regex_search(line, m, chainRe)) {
             chain = m[1];
+            map.clear();
+         } else if (!map.empty()) {
+            for (std::sregex_iterator j(line.begin(), line.end(), elemJumpRe), end; j != end; ++j)
+               maps[map].push_back((*j)[1]);
          } else if (chain == "rules" && std::regex_search(line, m, jumpRe)) {
             jumps.push_back(m[1]);
+         } else if (chain == "rules" && std::regex_search(line, m, vmapRe)) {
+            jumps.push_back("@" + std::string(m[1]));
          } else if (std::regex_search(line, m, counterRe)) {
             std::uint32_t const id = static_cast<std::uint32_t>(std::stoul(m[1], nullptr, 16));
             auto& v = chains[chain];
@@ -70,7 +84,12 @@ class FwdTableTest : public ::testing::Test {
          }
       }
       std::vector<std::uint32_t> out;
-      for (auto const& j : jumps) out.insert(out.end(), chains[j].begin(), chains[j].end());
+      for (auto const& j : jumps) {
+         // A verdict map's blocks have disjoint destinations: their order among themselves
+         // is the order of their ranges, which the listing keeps.
+         std::vector<std::string> const blocks = j.starts_with("@") ? maps[j.substr(1)] : std::vector{j};
+         for (auto const& b : blocks) out.insert(out.end(), chains[b].begin(), chains[b].end());
+      }
       return out;
    }
 
