@@ -1,5 +1,6 @@
 #include "fwd/RuleCompiler.h"
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstdio>
@@ -361,16 +362,29 @@ MatchSets matchSets(Flowspec::FlowspecKey const& key) {
       if (mv.values.empty()) return neverSets("tcp-flags accepts no value");
       m.tcpFlags.push_back(std::move(mv));
    }
+   if (m.tcpFlags.size() > 1) {
+      // Repeated components are ANDed: some value of the 12 bits must pass every one.
+      bool any = false;
+      for (std::uint32_t v = 0; v <= 0x0fff && !any; ++v) {
+         any = std::all_of(m.tcpFlags.begin(), m.tcpFlags.end(), [v](MaskedValues const& mv) {
+            return std::binary_search(mv.values.begin(), mv.values.end(), v & mv.mask);
+         });
+      }
+      if (!any) return neverSets("tcp-flags components accept no value together");
+   }
    if (auto it = m.numeric.find(Flowspec::packetLength_); it != m.numeric.end() && v6) {
       // The whole packet: at least the 40-byte fixed header.
       it->second = it->second.intersect(IntervalSet::range(40, 0xffff));
       if (it->second.empty()) return neverSets("packet-length accepts no IPv6 packet length");
    }
+   std::uint32_t allKinds = ~0u;
    for (auto const& list : fragmentLists) {
       std::uint32_t const k = fragmentKinds(list, v6);
       if (k == 0) return neverSets(v6 ? "fragment accepts no IPv6 packet" : "fragment accepts no packet");
       m.fragments.push_back(k);
+      allKinds &= k;
    }
+   if (allKinds == 0) return neverSets("fragment components accept no packet together");
    return m;
 }
 

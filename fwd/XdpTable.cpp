@@ -1172,27 +1172,34 @@ void XdpTable::logSample(std::uint32_t counter, std::uint32_t length, std::uint3
    std::string const rule = it != byCounter_.end() ? it->second->key->toStrepCli() : "(removed)";
    char ifname[IF_NAMESIZE] = "?";
    if (::if_indextoname(ifindex, ifname) == nullptr) std::strcpy(ifname, "?");
-   std::string what;
-   // Ethernet, then the IP header's addresses and protocol when captured.
+   std::string const what = describeFrame(std::span<std::uint8_t const>(data, captured));
+   log_ << "flowspec-fwd: sampled on " << ifname << " by rule " << rule << ": " << length << " bytes" << (what.empty() ? "" : ", ")
+        << what << std::endl;
+}
+
+std::string describeFrame(std::span<std::uint8_t const> frame) {
+   // Ethernet (and up to two VLAN tags), then the IP header's addresses and protocol.
+   auto const at16 = [&frame](std::size_t i) { return static_cast<std::uint16_t>(frame[i] << 8 | frame[i + 1]); };
+   if (frame.size() < 14) return {};
    std::size_t l3 = 14;
-   std::uint16_t type = captured >= 14 ? static_cast<std::uint16_t>(data[12] << 8 | data[13]) : 0;
-   while ((type == 0x8100 || type == 0x88a8) && captured >= l3 + 4) {
-      type = static_cast<std::uint16_t>(data[l3 + 2] << 8 | data[l3 + 3]);
+   std::uint16_t type = at16(12);
+   for (int tags = 0; tags < 2 && (type == 0x8100 || type == 0x88a8) && frame.size() >= l3 + 4; ++tags) {
+      type = at16(l3 + 2);
       l3 += 4;
    }
    char a[INET6_ADDRSTRLEN];
    char b[INET6_ADDRSTRLEN];
-   if (type == 0x0800 && captured >= l3 + 20) {
-      ::inet_ntop(AF_INET, data + l3 + 12, a, sizeof a);
-      ::inet_ntop(AF_INET, data + l3 + 16, b, sizeof b);
-      what = std::string(a) + " > " + b + " protocol " + std::to_string(data[l3 + 9]);
-   } else if (type == 0x86dd && captured >= l3 + 40) {
-      ::inet_ntop(AF_INET6, data + l3 + 8, a, sizeof a);
-      ::inet_ntop(AF_INET6, data + l3 + 24, b, sizeof b);
-      what = std::string(a) + " > " + b + " next header " + std::to_string(data[l3 + 6]);
+   if (type == 0x0800 && frame.size() >= l3 + 20) {
+      ::inet_ntop(AF_INET, frame.data() + l3 + 12, a, sizeof a);
+      ::inet_ntop(AF_INET, frame.data() + l3 + 16, b, sizeof b);
+      return std::string(a) + " > " + b + " protocol " + std::to_string(frame[l3 + 9]);
    }
-   log_ << "flowspec-fwd: sampled on " << ifname << " by rule " << rule << ": " << length << " bytes" << (what.empty() ? "" : ", ")
-        << what << std::endl;
+   if (type == 0x86dd && frame.size() >= l3 + 40) {
+      ::inet_ntop(AF_INET6, frame.data() + l3 + 8, a, sizeof a);
+      ::inet_ntop(AF_INET6, frame.data() + l3 + 24, b, sizeof b);
+      return std::string(a) + " > " + b + " next header " + std::to_string(frame[l3 + 6]);
+   }
+   return {};
 }
 
 void XdpTable::remove() {

@@ -37,6 +37,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -90,6 +91,10 @@ struct XdpCompiled {
    XdpMatch match;
 };
 XdpCompiled compileXdpMatch(Flowspec::FlowspecKey const& key);
+
+// "SRC > DST protocol P" of an Ethernet frame (a sampled packet's first bytes), or empty
+// when the bytes hold no IP header.
+std::string describeFrame(std::span<std::uint8_t const> frame);
 
 struct XdpCounts {
    std::uint64_t packets = 0;

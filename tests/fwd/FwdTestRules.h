@@ -117,6 +117,10 @@ inline std::vector<CompilerRow> const& compilerRows() {
        {"TCP flag bits beyond the field", "tcp-flags =0x1000", "drop", "never: tcp-flags accepts no value"},
        {"IPv6 length below the header", "v6:packet-length <40", "drop",
         "never: packet-length accepts no IPv6 packet length"},
+       {"TCP flags components that exclude each other", "tcp-flags =syn; tcp-flags !syn", "drop",
+        "never: tcp-flags components accept no value together"},
+       {"fragment components that exclude each other", "fragment =dont-fragment; fragment !dont-fragment", "drop",
+        "never: fragment components accept no packet together"},
        // Actions.
        {"police stops evaluation: a second rule accepts what passes", "10.0.0.1/32;*;", "police=125000",
         "ip daddr 10.0.0.1/32 update @c { meta mark & 0 | 7 } limit rate over 125000 bytes/second drop\n"
