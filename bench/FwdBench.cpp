@@ -114,8 +114,10 @@ std::string classifyPacket(std::int64_t i, bool prefixes, bool v6) {
 
 // Mean ns per run of the program on the frame, and its verdict.
 std::pair<double, unsigned> testRun(int prog, std::vector<std::uint8_t> const& f, int repeat) {
-   LIBBPF_OPTS(bpf_test_run_opts, o, .data_in = f.data(), .data_size_in = static_cast<std::uint32_t>(f.size()),
-               .repeat = repeat);
+   auto o = Fwd::bpfOpts<bpf_test_run_opts>();
+   o.data_in = f.data();
+   o.data_size_in = static_cast<std::uint32_t>(f.size());
+   o.repeat = repeat;
    if (bpf_prog_test_run_opts(prog, &o) != 0) return {-1, 0};
    return {static_cast<double>(o.duration), o.retval};
 }

@@ -41,7 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
    }
    case 3: {
       std::vector<std::uint32_t> words(text.size() / 4);
-      std::memcpy(words.data(), text.data(), words.size() * 4);
+      if (!words.empty()) std::memcpy(words.data(), text.data(), words.size() * 4);
       auto const slate = Flowspec::FlowspecSlateKey::fromWords(words);
       if (!slate) break;
       Flowspec::FlowspecKey const key = slate->flowspecKey();

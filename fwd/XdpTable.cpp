@@ -43,6 +43,7 @@ constexpr auto positionQuarantine = std::chrono::microseconds(50);
 constexpr auto idQuarantine = std::chrono::milliseconds(10);
 
 constexpr std::uint32_t wordsPerClass = FS_SUMMARY + FS_WORDS;
+constexpr std::uint32_t tcHandle = 0x4653; // our filter on the ingress hook, replaced in place
 
 struct FieldShape {
    std::uint32_t offset;
@@ -67,7 +68,10 @@ thread_local std::string* libbpfCapture = nullptr;
 int libbpfPrint(enum libbpf_print_level level, char const* fmt, va_list ap) {
    if (level == LIBBPF_DEBUG || libbpfCapture == nullptr) return 0;
    char buf[4096];
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral" // libbpf's own formats
    int const n = std::vsnprintf(buf, sizeof buf, fmt, ap);
+#pragma GCC diagnostic pop
    if (n > 0) libbpfCapture->append(buf, std::min<std::size_t>(static_cast<std::size_t>(n), sizeof buf - 1));
    return 0;
 }
@@ -302,7 +306,8 @@ std::unique_ptr<XdpTable::Dataplane> loadDataplane(std::uint32_t samplesPerSecon
    struct Reset {
       ~Reset() { libbpfCapture = nullptr; }
    } reset;
-   LIBBPF_OPTS(bpf_object_open_opts, opts, .object_name = "flowspec");
+   auto opts = bpfOpts<bpf_object_open_opts>();
+   opts.object_name = "flowspec";
    dp->obj = bpf_object__open_mem(fsXdpObject, static_cast<std::size_t>(fsXdpObjectEnd - fsXdpObject), &opts);
    if (dp->obj == nullptr) {
       *error = "cannot open the XDP object: " + std::string(std::strerror(errno));
@@ -925,7 +930,8 @@ bool XdpTable::attach(Dataplane& dp, std::string* error) {
          if (lfd < 0) nativeErr = std::strerror(errno);
       }
       if (lfd < 0) {
-         LIBBPF_OPTS(bpf_link_create_opts, lo, .flags = XDP_FLAGS_SKB_MODE);
+         auto lo = bpfOpts<bpf_link_create_opts>();
+         lo.flags = XDP_FLAGS_SKB_MODE;
          lfd = bpf_link_create(dp.prog, static_cast<int>(ifindex), BPF_XDP, &lo);
          generic = true;
       }
@@ -935,7 +941,7 @@ bool XdpTable::attach(Dataplane& dp, std::string* error) {
          return false;
       }
       if (!generic) {
-         LIBBPF_OPTS(bpf_xdp_query_opts, q);
+         auto q = bpfOpts<bpf_xdp_query_opts>();
          if (bpf_xdp_query(static_cast<int>(ifindex), 0, &q) == 0 && q.attach_mode == XDP_ATTACHED_SKB) generic = true;
       }
       if (!cfg_.pinRoot.empty() && bpf_obj_pin(lfd, pin.c_str()) != 0) {
@@ -946,9 +952,15 @@ bool XdpTable::attach(Dataplane& dp, std::string* error) {
       if (generic)
          log_ << "flowspec-fwd: " << ifname << ": the driver has no native XDP; attached in generic mode" << std::endl;
       // Ingress TC: marks of redirects onto the skb for policy routing.
-      LIBBPF_OPTS(bpf_tc_hook, hook, .ifindex = static_cast<int>(ifindex), .attach_point = BPF_TC_INGRESS);
+      auto hook = bpfOpts<bpf_tc_hook>();
+      hook.ifindex = static_cast<int>(ifindex);
+      hook.attach_point = BPF_TC_INGRESS;
       bpf_tc_hook_create(&hook);
-      LIBBPF_OPTS(bpf_tc_opts, tco, .prog_fd = dp.tcProg, .flags = BPF_TC_F_REPLACE, .handle = 0x4653, .priority = 1);
+      auto tco = bpfOpts<bpf_tc_opts>();
+      tco.prog_fd = dp.tcProg;
+      tco.flags = BPF_TC_F_REPLACE;
+      tco.handle = tcHandle;
+      tco.priority = 1;
       if (bpf_tc_attach(&hook, &tco) != 0)
          log_ << "flowspec-fwd: " << ifname << ": no TC program for redirect marks: " << std::strerror(errno) << std::endl;
    }
@@ -1207,8 +1219,12 @@ void XdpTable::remove() {
       if (!cfg_.pinRoot.empty()) ::unlink(pinPath(cfg_, "link_" + ifname).c_str());
       ::close(fd);
       if (unsigned const ifindex = ::if_nametoindex(ifname.c_str()); ifindex != 0) {
-         LIBBPF_OPTS(bpf_tc_hook, hook, .ifindex = static_cast<int>(ifindex), .attach_point = BPF_TC_INGRESS);
-         LIBBPF_OPTS(bpf_tc_opts, tco, .handle = 0x4653, .priority = 1);
+         auto hook = bpfOpts<bpf_tc_hook>();
+         hook.ifindex = static_cast<int>(ifindex);
+         hook.attach_point = BPF_TC_INGRESS;
+         auto tco = bpfOpts<bpf_tc_opts>();
+         tco.handle = tcHandle;
+         tco.priority = 1;
          bpf_tc_detach(&hook, &tco);
       }
    }

@@ -92,6 +92,14 @@ struct XdpCompiled {
 };
 XdpCompiled compileXdpMatch(Flowspec::FlowspecKey const& key);
 
+// A libbpf options struct, zeroed and sized (what LIBBPF_OPTS does in C).
+template <class T>
+T bpfOpts() {
+   T o{};
+   o.sz = sizeof(T);
+   return o;
+}
+
 // "SRC > DST protocol P" of an Ethernet frame (a sampled packet's first bytes), or empty
 // when the bytes hold no IP header.
 std::string describeFrame(std::span<std::uint8_t const> frame);

@@ -69,9 +69,12 @@ class XdpTableTest : public ::testing::Test {
    static Outcome run(Fwd::XdpTable const& t, Frame const& f) {
       Outcome r;
       r.out.resize(f.size() + 256);
-      LIBBPF_OPTS(bpf_test_run_opts, o, .data_in = f.data(), .data_out = r.out.data(),
-                  .data_size_in = static_cast<std::uint32_t>(f.size()),
-                  .data_size_out = static_cast<std::uint32_t>(r.out.size()), .repeat = 1);
+      auto o = Fwd::bpfOpts<bpf_test_run_opts>();
+      o.data_in = f.data();
+      o.data_out = r.out.data();
+      o.data_size_in = static_cast<std::uint32_t>(f.size());
+      o.data_size_out = static_cast<std::uint32_t>(r.out.size());
+      o.repeat = 1;
       if (bpf_prog_test_run_opts(t.programFd(), &o) != 0) return r;
       r.verdict = static_cast<int>(o.retval);
       r.out.resize(o.data_size_out);
@@ -218,8 +221,10 @@ TEST_F(XdpTableTest, CountersCountEveryPacketAndItsBytes) {
    Rule const r = ruleOf("10.0.0.0/8;*;protocol =6;", "accept");
    ASSERT_TRUE(t->apply({r}).ok);
    Frame const f = frameOf(packetSpec("10.9.9.9 tcp len=300"));
-   LIBBPF_OPTS(bpf_test_run_opts, o, .data_in = f.data(), .data_size_in = static_cast<std::uint32_t>(f.size()),
-               .repeat = 1000);
+   auto o = Fwd::bpfOpts<bpf_test_run_opts>();
+   o.data_in = f.data();
+   o.data_size_in = static_cast<std::uint32_t>(f.size());
+   o.repeat = 1000;
    ASSERT_EQ(bpf_prog_test_run_opts(t->programFd(), &o), 0);
    auto const c = t->counts(r.key);
    ASSERT_TRUE(c);
@@ -352,7 +357,7 @@ TEST_F(XdpTableTest, TheProgramOutlivesItsTableAndTheNextStartReplacesIt) {
    cfg_.interfaces = {"fwb"};
    int const ifindex = static_cast<int>(::if_nametoindex("fwb"));
    auto const attached = [ifindex] {
-      LIBBPF_OPTS(bpf_xdp_query_opts, q);
+      auto q = Fwd::bpfOpts<bpf_xdp_query_opts>();
       return bpf_xdp_query(ifindex, 0, &q) == 0 ? q.prog_id : 0u;
    };
    std::uint32_t first = 0;
