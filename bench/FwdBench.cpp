@@ -64,21 +64,25 @@ double msSince(Clock::time_point t) { return std::chrono::duration<double, std::
 
 int sh(std::string const& cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()); }
 
-// Rule i: TCP to 10.x.y.0/24 on a port (or, without prefixes, to a port only), dropping,
-// policing or marking.
+// A rule of the match text, dropping, policing or marking as `variant` says.
+Rule textRule(std::string const& text, bool v6, std::uint32_t id, std::uint32_t variant) {
+   Flowspec::FlowspecKey key;
+   key.afIs(v6 ? Ovnet::AddressFamily::ipv6 : Ovnet::AddressFamily::ipv4);
+   (void)key.copyInStrCli(text);
+   Rule r;
+   r.key.copyInFlowspecKey(key);
+   r.ruleId = id;
+   char const* const actions[] = {"drop", "police=125000", "dscp=10"};
+   (void)Flowspec::ruleActionsFromText(actions[variant % 3], r);
+   return r;
+}
+
+// Rule i: TCP to 10.x.y.0/24 on a port (or, without prefixes, to a port only).
 Rule benchRule(std::uint32_t i, bool prefixes, std::uint32_t variant) {
    std::string text =
        prefixes ? "10." + std::to_string((i >> 8) & 0xff) + "." + std::to_string(i & 0xff) + ".0/24;*;" : "";
    text += "protocol =6;destination-port =" + std::to_string(prefixes ? 1000 + (i >> 16) : 1000 + i) + ";";
-   Flowspec::FlowspecKey key;
-   key.afIs(Ovnet::AddressFamily::ipv4);
-   (void)key.copyInStrCli(text);
-   Rule r;
-   r.key.copyInFlowspecKey(key);
-   r.ruleId = i;
-   char const* const actions[] = {"drop", "police=125000", "dscp=10"};
-   (void)Flowspec::ruleActionsFromText(actions[variant % 3], r);
-   return r;
+   return textRule(text, false, i, variant);
 }
 
 // Rule i of the classification runs: TCP to a port, under a /24 (IPv4) or /64 (IPv6) of its
@@ -90,15 +94,7 @@ Rule classifyRule(std::uint32_t i, bool prefixes, bool v6) {
                 : "10." + std::to_string((i >> 8) & 0xff) + "." + std::to_string(i & 0xff) + ".0/24;*;";
    }
    text += "protocol =6;destination-port =" + std::to_string(prefixes ? 1000 : 1000 + i) + ";";
-   Flowspec::FlowspecKey key;
-   key.afIs(v6 ? Ovnet::AddressFamily::ipv6 : Ovnet::AddressFamily::ipv4);
-   (void)key.copyInStrCli(text);
-   Rule r;
-   r.key.copyInFlowspecKey(key);
-   r.ruleId = i;
-   char const* const actions[] = {"drop", "police=125000", "dscp=10"};
-   (void)Flowspec::ruleActionsFromText(actions[i % 3], r);
-   return r;
+   return textRule(text, v6, i, i);
 }
 
 // A packet of rule `i` of classifyRule, or (i < 0) of none.
@@ -237,7 +233,6 @@ ChangeTimes changeLatencies(Mnemo::SlateRuleSet& fsib, std::string const& segmen
             auto it = appliedAt.lower_bound(g);
             if (it != appliedAt.end()) {
                t.latencies.push_back(std::chrono::duration<double, std::milli>(it->second - t0).count());
-               if (t.latencies.back() > 5) std::fprintf(stderr, "slow change %u (kind %u): %.1f ms, prepare %.2f\n", c, c % 3, t.latencies.back(), t.prepareMs.back());
                break;
             }
          }

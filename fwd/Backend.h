@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "fwd/RuleCompiler.h"
 #include "host/flowspec/Rule.h"
 
 namespace Fwd {
@@ -31,6 +32,29 @@ struct ApplyReport {
    double nftMs = 0;           // in libnftables (parse, cache, kernel), or in map syscalls
    std::string error;          // when !ok: what the kernel said that tied to no rule
 };
+
+// A rule's status from what the compiler made of it and what the dataplane did with it:
+// never matching counts as installed (nothing to program); refused says why; a rule to
+// install is installed when programmed and not failed, else says `failure` or
+// `notProgrammed`.
+inline RuleStatus ruleStatus(Flowspec::FlowspecSlateKey const& key, CompiledRule const& c, std::uint32_t counterId,
+                             bool programmed, std::string const& failure, std::string const& notProgrammed) {
+   RuleStatus s;
+   s.key = key;
+   s.counterId = counterId;
+   switch (c.kind) {
+   case CompiledRule::Kind::neverMatches:
+      s.installed = true;
+      s.reason = "never matches: " + c.reason;
+      break;
+   case CompiledRule::Kind::refused: s.reason = c.reason; break;
+   case CompiledRule::Kind::install:
+      s.installed = failure.empty() && programmed;
+      s.reason = !failure.empty() ? failure : programmed ? "" : notProgrammed;
+      break;
+   }
+   return s;
+}
 
 class Backend {
  public:

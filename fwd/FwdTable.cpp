@@ -585,26 +585,10 @@ std::vector<RuleStatus> FwdTable::statuses() const {
    std::sort(all.begin(), all.end(), [](Entry const* a, Entry const* b) { return keyLess(a->key, b->key); });
    std::vector<RuleStatus> out;
    out.reserve(all.size());
-   for (Entry const* e : all) {
-      RuleStatus s;
-      s.key = *e->key;
-      s.counterId = e->counterId;
-      switch (e->compiled.kind) {
-      case CompiledRule::Kind::neverMatches:
-         s.installed = true;
-         s.reason = "never matches: " + e->compiled.reason;
-         break;
-      case CompiledRule::Kind::refused: s.reason = e->compiled.reason; break;
-      case CompiledRule::Kind::install:
-         s.installed = e->failure.empty() && !needFull_;
-         s.reason = !e->failure.empty() ? e->failure
-                    : needFull_         ? "nftables refused the table: " +
-                                      (tableError_.empty() ? std::string("not programmed yet") : tableError_)
-                                : "";
-         break;
-      }
-      out.push_back(std::move(s));
-   }
+   std::string const notProgrammed =
+       "nftables refused the table: " + (tableError_.empty() ? std::string("not programmed yet") : tableError_);
+   for (Entry const* e : all)
+      out.push_back(ruleStatus(*e->key, e->compiled, e->counterId, !needFull_, e->failure, notProgrammed));
    return out;
 }
 

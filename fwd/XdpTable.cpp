@@ -179,7 +179,8 @@ struct XdpTable::Trie {
    bool active = false;
    std::uint32_t rootClass = 0;
    // By address bytes, then length: a prefix's more specific prefixes follow it.
-   std::map<std::pair<std::vector<std::uint8_t>, std::uint8_t>, Node> nodes;
+   using Addr = std::array<std::uint8_t, 16>; // an IPv4 address in the first 4
+   std::map<std::pair<Addr, std::uint8_t>, Node> nodes;
    std::map<std::uint8_t, unsigned> lengths; // prefixes of each length
    // While a dataplane is built (no program reads it yet): trie entries to write in one
    // batch at the end, as key bytes and class ids.
@@ -213,6 +214,8 @@ struct Layout {
    std::vector<XdpTable::Entry*> owner = std::vector<XdpTable::Entry*>(FS_POSITIONS, nullptr);
    std::vector<Clock::time_point> vacated = std::vector<Clock::time_point>(FS_POSITIONS);
    std::uint32_t lookups = 0;
+   std::vector<std::uint32_t> scratch = std::vector<std::uint32_t>(FS_CLASSES, 0);     // zero between uses
+   std::vector<std::uint32_t> scratchCopy = std::vector<std::uint32_t>(FS_CLASSES, 0); // likewise
 };
 
 // Layouts by table, so that the header need not know the type.
@@ -347,10 +350,13 @@ std::unique_ptr<XdpTable::Dataplane> loadDataplane(std::uint32_t samplesPerSecon
    return dp;
 }
 
-std::vector<std::uint8_t> prefixBytes(Ovnet::IpGenPrefix const& p) {
+using Addr = XdpTable::Trie::Addr;
+
+Addr prefixBytes(Ovnet::IpGenPrefix const& p) {
    auto const b = p.addr().bytes();
-   std::vector<std::uint8_t> out(b.begin(), b.end());
-   for (std::size_t i = 0; i < out.size(); ++i) {
+   Addr out{};
+   std::copy(b.begin(), b.end(), out.begin());
+   for (std::size_t i = 0; i < b.size(); ++i) {
       std::size_t const keep = p.len() >= 8 * (i + 1) ? 8 : p.len() > 8 * i ? p.len() - 8 * i : 0;
       out[i] = static_cast<std::uint8_t>(out[i] & (0xff00u >> keep));
    }
@@ -358,19 +364,19 @@ std::vector<std::uint8_t> prefixBytes(Ovnet::IpGenPrefix const& p) {
 }
 
 // The highest address of the prefix.
-std::vector<std::uint8_t> lastAddress(std::vector<std::uint8_t> addr, std::size_t len) {
-   for (std::size_t i = 0; i < addr.size(); ++i) {
+Addr lastAddress(Addr addr, std::size_t len, std::size_t size) {
+   for (std::size_t i = 0; i < size; ++i) {
       std::size_t const keep = len >= 8 * (i + 1) ? 8 : len > 8 * i ? len - 8 * i : 0;
       addr[i] = static_cast<std::uint8_t>(addr[i] | (0xffu >> keep));
    }
    return addr;
 }
 
-int lpmWrite(int fd, std::vector<std::uint8_t> const& addr, std::uint8_t len, std::uint32_t const* cls) {
+int lpmWrite(int fd, Addr const& addr, std::uint8_t len, std::uint32_t const* cls) {
    std::uint8_t key[20] = {};
    std::uint32_t const plen = len;
    std::memcpy(key, &plen, 4);
-   std::memcpy(key + 4, addr.data(), addr.size());
+   std::memcpy(key + 4, addr.data(), addr.size()); // the trie reads as many as its key holds
    return cls != nullptr ? bpf_map_update_elem(fd, key, cls, BPF_ANY) : bpf_map_delete_elem(fd, key);
 }
 
@@ -511,11 +517,21 @@ bool XdpTable::addAt(Entry& e, std::uint32_t pos) {
       }
       // Values of the set by class: a class wholly in the set takes the bit in place, one
       // partly in it is split.
-      std::unordered_map<std::uint32_t, std::uint32_t> inSet;
+      // The values of the set in each class it meets (counted in a scratch array by class).
+      std::vector<std::uint32_t>& count = L.scratch;
+      std::vector<std::uint32_t>& copyOf = L.scratchCopy;
+      std::vector<std::pair<std::uint32_t, std::uint32_t>> inSet;
       for (Interval const& iv : s->intervals()) {
-         for (std::uint32_t v = iv.lo; v <= iv.hi && v < shape.size; ++v) ++inSet[dp.values[shape.offset + v]];
+         for (std::uint32_t v = iv.lo; v <= iv.hi && v < shape.size; ++v) {
+            std::uint32_t const c = dp.values[shape.offset + v];
+            if (count[c]++ == 0) inSet.emplace_back(c, 0);
+         }
       }
-      std::unordered_map<std::uint32_t, std::uint32_t> splitTo;
+      for (auto& [c, n] : inSet) {
+         n = count[c];
+         count[c] = 0;
+      }
+      bool split = false;
       for (auto const& [c, n] : inSet) {
          if (n == L.refs[c]) {
             dp.setBit(c, pos);
@@ -525,18 +541,20 @@ bool XdpTable::addAt(Entry& e, std::uint32_t pos) {
          if (!nc) return false;
          dp.copyClass(*nc, c);
          dp.setBit(*nc, pos);
-         splitTo[c] = *nc;
+         copyOf[c] = *nc;
+         split = true;
          L.refs[*nc] = n;
          L.refs[c] -= n;
          fld.classes.push_back(*nc);
       }
-      if (splitTo.empty()) continue;
+      if (!split) continue;
       for (Interval const& iv : s->intervals()) {
          for (std::uint32_t v = iv.lo; v <= iv.hi && v < shape.size; ++v) {
             std::uint16_t* slot = &dp.values[shape.offset + v];
-            if (auto it = splitTo.find(*slot); it != splitTo.end()) store16(slot, static_cast<std::uint16_t>(it->second));
+            if (std::uint32_t const to = copyOf[*slot]; to != 0) store16(slot, static_cast<std::uint16_t>(to));
          }
       }
+      for (auto const& [c, n] : inSet) copyOf[c] = 0;
    }
    bool const v6 = e.match.af == AddressFamily::ipv6;
    for (int dir = 0; dir < 2; ++dir) {
@@ -555,7 +573,7 @@ bool XdpTable::addAt(Entry& e, std::uint32_t pos) {
          auto const root = takeClass();
          if (!root) return false;
          occupied(*root);
-         if (lpmWrite(dp.tries[t], std::vector<std::uint8_t>(bytes, 0), 0, &*root) != 0) return false;
+         if (lpmWrite(dp.tries[t], Addr{}, 0, &*root) != 0) return false;
          trie.rootClass = *root;
          trie.active = true;
          L.lookups |= 1u << t;
@@ -563,7 +581,7 @@ bool XdpTable::addAt(Entry& e, std::uint32_t pos) {
          std::uint32_t zero = 0;
          bpf_map_update_elem(dp.config, &zero, &c, BPF_ANY);
       }
-      std::vector<std::uint8_t> const addr = prefixBytes(*p);
+      Addr const addr = prefixBytes(*p);
       auto const key = std::make_pair(addr, p->len());
       auto it = trie.nodes.find(key);
       if (it == trie.nodes.end()) {
@@ -585,7 +603,8 @@ bool XdpTable::addAt(Entry& e, std::uint32_t pos) {
             std::uint32_t const plen = p->len();
             auto const* lb = reinterpret_cast<std::uint8_t const*>(&plen);
             trie.pendingKeys.insert(trie.pendingKeys.end(), lb, lb + 4);
-            trie.pendingKeys.insert(trie.pendingKeys.end(), addr.begin(), addr.end());
+            trie.pendingKeys.insert(trie.pendingKeys.end(), addr.begin(),
+                                    addr.begin() + static_cast<std::ptrdiff_t>(bytes));
             trie.pendingClasses.push_back(*nc);
          } else if (lpmWrite(dp.tries[t], addr, p->len(), &*nc) != 0) {
             return false;
@@ -597,7 +616,7 @@ bool XdpTable::addAt(Entry& e, std::uint32_t pos) {
       }
       ++it->second.users;
       // More specific prefixes lie within this one: they follow it in address order.
-      std::vector<std::uint8_t> const last = lastAddress(addr, p->len());
+      Addr const last = lastAddress(addr, p->len(), bytes);
       for (auto d = std::next(it); d != trie.nodes.end() && d->first.first <= last; ++d) dp.setBit(d->second.cls, pos);
    }
    store64(&dp.positions[pos], e.slot);
@@ -639,10 +658,10 @@ void XdpTable::removeFrom(Entry& e, std::uint32_t pos) {
          for (auto const& [k, n] : trie.nodes) dp.clearBit(n.cls, pos);
          continue;
       }
-      std::vector<std::uint8_t> const addr = prefixBytes(*p);
+      Addr const addr = prefixBytes(*p);
       auto it = trie.nodes.find(std::make_pair(addr, p->len()));
       if (it == trie.nodes.end()) continue;
-      std::vector<std::uint8_t> const last = lastAddress(addr, p->len());
+      Addr const last = lastAddress(addr, p->len(), v6 ? 16 : 4);
       for (auto d = it; d != trie.nodes.end() && d->first.first <= last; ++d) dp.clearBit(d->second.cls, pos);
       if (--it->second.users > 0) continue;
       // No rule names the prefix any more: its class is its parent's again.
@@ -668,7 +687,6 @@ std::optional<std::uint32_t> XdpTable::makeRoom(Entry& e) {
    auto const next = placed_.upper_bound(&e);
    std::int64_t const lo = next == placed_.begin() ? -1 : static_cast<std::int64_t>(*(*std::prev(next))->pos);
    std::int64_t const hi = next == placed_.end() ? FS_POSITIONS : static_cast<std::int64_t>(*(*next)->pos);
-   auto const now = Clock::now();
    std::int64_t right = hi;
    while (right < FS_POSITIONS && (L.owner[static_cast<std::size_t>(right)] != nullptr)) ++right;
    std::int64_t left = lo;
@@ -678,30 +696,21 @@ std::optional<std::uint32_t> XdpTable::makeRoom(Entry& e) {
    auto const waitFree = [this](std::uint32_t p) {
       while (!freePosition(p, Clock::now())) std::this_thread::yield();
    };
-   (void)now;
-   if (useRight) {
-      // Rules at hi .. right-1 each move one position up, the last first.
-      for (std::int64_t p = right - 1; p >= hi; --p) {
-         Entry* m = L.owner[static_cast<std::size_t>(p)];
-         auto const to = static_cast<std::uint32_t>(p + 1);
-         waitFree(to);
-         m->pos = to;
-         if (!addAt(*m, to)) return std::nullopt;
-         removeFrom(*m, static_cast<std::uint32_t>(p));
-      }
-      waitFree(static_cast<std::uint32_t>(hi));
-      return static_cast<std::uint32_t>(hi);
-   }
-   for (std::int64_t p = left + 1; p <= lo; ++p) {
+   // Rules between the gap and the free position each move one position toward it, the
+   // one next to it first.
+   std::int64_t const step = useRight ? 1 : -1;
+   std::int64_t const from = useRight ? right - 1 : left + 1;
+   std::int64_t const to = useRight ? hi : lo;
+   for (std::int64_t p = from; useRight ? p >= to : p <= to; p -= step) {
       Entry* m = L.owner[static_cast<std::size_t>(p)];
-      auto const to = static_cast<std::uint32_t>(p - 1);
-      waitFree(to);
-      m->pos = to;
-      if (!addAt(*m, to)) return std::nullopt;
+      auto const dest = static_cast<std::uint32_t>(p + step);
+      waitFree(dest);
+      m->pos = dest;
+      if (!addAt(*m, dest)) return std::nullopt;
       removeFrom(*m, static_cast<std::uint32_t>(p));
    }
-   waitFree(static_cast<std::uint32_t>(lo));
-   return static_cast<std::uint32_t>(lo);
+   waitFree(static_cast<std::uint32_t>(to));
+   return static_cast<std::uint32_t>(to);
 }
 
 // Gives `e` a position between its neighbours and installs it there. False when the
@@ -1098,25 +1107,11 @@ std::vector<RuleStatus> XdpTable::statuses() const {
              [](Entry const* a, Entry const* b) { return Flowspec::FlowspecSlateKey::cmp(*a->key, *b->key) < 0; });
    std::vector<RuleStatus> out;
    out.reserve(all.size());
+   std::string const notProgrammed =
+       "the XDP program is not loaded: " + (tableError_.empty() ? std::string("not programmed yet") : tableError_);
    for (Entry const* e : all) {
-      RuleStatus s;
-      s.key = *e->key;
-      s.counterId = e->pos ? e->counter : 0;
-      switch (e->compiled.kind) {
-      case CompiledRule::Kind::neverMatches:
-         s.installed = true;
-         s.reason = "never matches: " + e->compiled.reason;
-         break;
-      case CompiledRule::Kind::refused: s.reason = e->compiled.reason; break;
-      case CompiledRule::Kind::install:
-         s.installed = e->pos.has_value();
-         s.reason = !e->failure.empty() ? e->failure
-                    : e->pos            ? ""
-                                        : "the XDP program is not loaded: " +
-                                   (tableError_.empty() ? std::string("not programmed yet") : tableError_);
-         break;
-      }
-      out.push_back(std::move(s));
+      out.push_back(
+          ruleStatus(*e->key, e->compiled, e->pos ? e->counter : 0, e->pos.has_value(), e->failure, notProgrammed));
    }
    return out;
 }

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <thread>
+#include <tuple>
 
 #include "host/mnemo/SlateRecord.h"
 
@@ -172,17 +173,14 @@ void SlateRuleSetReader::forEachRule(std::function<bool(Flowspec::Rule const&)> 
    }
 }
 
-SlateSnapshot SlateRuleSetReader::snapshot(unsigned maxAttempts, SnapshotOrder order) {
+template <class Pass>
+std::pair<std::uint64_t, SnapshotStatus> SlateRuleSetReader::atOneGeneration(unsigned maxAttempts, Pass&& pass) {
    Header const& h = hdr();
-   SlateSnapshot s;
-   // Copy the raw records first and decode after the generation check: the pass the writer
-   // must leave alone is as short as it can be.
-   std::vector<std::uint32_t> words;
-   std::vector<std::size_t> starts;
+   std::uint64_t generation = 0;
    unsigned const attempts = std::max(maxAttempts, 1u);
    for (unsigned attempt = 0; attempt < attempts; ++attempt) {
       std::uint64_t const before = h.generation.load(std::memory_order_acquire);
-      s.generation = before;
+      generation = before;
       bool const midChange = (before & 1) != 0;
       bool const writerGone = midChange && !writerAlive();
       bool const lastAttempt = attempt + 1 == attempts;
@@ -191,7 +189,24 @@ SlateSnapshot SlateRuleSetReader::snapshot(unsigned maxAttempts, SnapshotOrder o
          std::this_thread::yield();
          continue;
       }
-      // (The last attempt copies in any case, so that an unsettled snapshot still has rules.)
+      // (The last attempt copies in any case, so that an unsettled pass still has rules.)
+      bool const settled = pass();
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (h.generation.load(std::memory_order_relaxed) == before && settled && (!midChange || writerGone))
+         return {generation, writerGone ? SnapshotStatus::writerGone : SnapshotStatus::consistent};
+      ++stats_.snapshotRetries;
+   }
+   return {generation, SnapshotStatus::unsettled};
+}
+
+SlateSnapshot SlateRuleSetReader::snapshot(unsigned maxAttempts, SnapshotOrder order) {
+   Header const& h = hdr();
+   SlateSnapshot s;
+   // Copy the raw records first and decode after the generation check: the pass the writer
+   // must leave alone is as short as it can be.
+   std::vector<std::uint32_t> words;
+   std::vector<std::size_t> starts;
+   std::tie(s.generation, s.status) = atOneGeneration(maxAttempts, [&] {
       words.clear();
       starts.clear();
       s.counters = countersOf(h);
@@ -203,13 +218,8 @@ SlateSnapshot SlateRuleSetReader::snapshot(unsigned maxAttempts, SnapshotOrder o
          if (r == SlotRead::copied) starts.push_back(start);
          if (r == SlotRead::unsettled) settled = false;
       }
-      std::atomic_thread_fence(std::memory_order_acquire);
-      if (h.generation.load(std::memory_order_relaxed) == before && settled && (!midChange || writerGone)) {
-         s.status = writerGone ? SnapshotStatus::writerGone : SnapshotStatus::consistent;
-         break;
-      }
-      ++stats_.snapshotRetries;
-   }
+      return settled;
+   });
    starts.push_back(words.size());
    s.rules.reserve(starts.size() - 1);
    for (std::size_t i = 0; i + 1 < starts.size(); ++i) {
@@ -228,7 +238,6 @@ SlateSnapshot SlateRuleSetReader::snapshot(unsigned maxAttempts, SnapshotOrder o
 }
 
 SlateChanges SlateRuleSetReader::changesSince(std::vector<std::uint64_t> const& seen, unsigned maxAttempts) {
-   Header const& h = hdr();
    SlateChanges c;
    struct Raw {
       std::uint32_t slot;
@@ -238,17 +247,7 @@ SlateChanges SlateRuleSetReader::changesSince(std::vector<std::uint64_t> const& 
    };
    std::vector<Raw> raw;
    std::vector<std::uint32_t> words;
-   unsigned const attempts = std::max(maxAttempts, 1u);
-   for (unsigned attempt = 0; attempt < attempts; ++attempt) {
-      std::uint64_t const before = h.generation.load(std::memory_order_acquire);
-      c.generation = before;
-      bool const midChange = (before & 1) != 0;
-      bool const writerGone = midChange && !writerAlive();
-      if (midChange && !writerGone && attempt + 1 < attempts) {
-         ++stats_.snapshotRetries;
-         std::this_thread::yield();
-         continue;
-      }
+   std::tie(c.generation, c.status) = atOneGeneration(maxAttempts, [&] {
       raw.clear();
       words.clear();
       bool settled = true;
@@ -261,14 +260,8 @@ SlateChanges SlateRuleSetReader::changesSince(std::vector<std::uint64_t> const& 
          r.copied = got == SlotRead::copied;
          raw.push_back(r);
       }
-      std::atomic_thread_fence(std::memory_order_acquire);
-      if (h.generation.load(std::memory_order_relaxed) == before && settled && (!midChange || writerGone)) {
-         c.status = writerGone ? SnapshotStatus::writerGone : SnapshotStatus::consistent;
-         break;
-      }
-      c.status = SnapshotStatus::unsettled;
-      ++stats_.snapshotRetries;
-   }
+      return settled;
+   });
    c.changes.reserve(raw.size());
    for (std::size_t i = 0; i < raw.size(); ++i) {
       SlotChange sc{raw[i].slot, raw[i].word, std::nullopt};

@@ -21,6 +21,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/flowspec/Rule.h"
@@ -118,6 +119,11 @@ class SlateRuleSetReader {
    SlotRead copySlot(std::uint32_t slot, std::vector<std::uint32_t>& out, std::uint64_t* word = nullptr);
    bool copyBlock(std::uint64_t offset, std::vector<std::uint32_t>& out);
    bool within(std::uint64_t end);
+   // Runs `pass` (a copy of slots; false when some slot would not hold still) until one run
+   // lies within one even generation, or a dead writer's odd one; the generation and how it
+   // went.
+   template <class Pass>
+   std::pair<std::uint64_t, SnapshotStatus> atOneGeneration(unsigned maxAttempts, Pass&& pass);
 
    std::string name_;
    SlateMapping map_;

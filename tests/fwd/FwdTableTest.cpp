@@ -187,9 +187,7 @@ TEST_F(FwdTableTest, EveryRowMatchesItsPacketsAndNoOthers) {
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
    };
    for (auto const& pc : Fwd::Test::packetCases()) {
-      auto const& rows = Fwd::Test::compilerRows();
-      auto const row = std::find_if(rows.begin(), rows.end(), [&](auto const& r) { return r.name == std::string(pc.row); });
-      ASSERT_NE(row, rows.end()) << pc.row;
+      Fwd::Test::CompilerRow const* const row = &Fwd::Test::rowNamed(pc.row);
       SCOPED_TRACE(std::string(row->name) + ": " + row->text + " / " + row->actions);
       Rule const r = ruleOf(row->text, row->actions);
       ASSERT_TRUE(table.apply({r}).ok);
@@ -206,6 +204,27 @@ TEST_F(FwdTableTest, EveryRowMatchesItsPacketsAndNoOthers) {
       }
    }
    ::close(s);
+}
+
+TEST_F(FwdTableTest, BlocksWithDisjointDestinationsAreReachedThroughOneVerdictMap) {
+   cfg_.blockSize = 2;
+   Fwd::FwdTable table(cfg_, nft(), nullptr);
+   std::vector<Rule> rules;
+   for (int i = 1; i <= 8; ++i) rules.push_back(ruleOf("10.0." + std::to_string(i) + ".0/24;*;", "drop"));
+   rules.push_back(ruleOf("protocol =17", "drop")); // no destination: a block of its own, linear
+   ASSERT_TRUE(table.apply(rules).ok);
+   std::string const listing = sh("nft list table inet " + cfg_.name);
+   EXPECT_EQ(std::regex_search(listing, std::regex("ip daddr vmap @d[0-9]+")), true) << listing;
+   EXPECT_EQ(listing.find("daddr != 10.0."), std::string::npos) << "blocks in the map need no guard\n" << listing;
+   EXPECT_EQ(kernelOrder(), expectedOrder(table));
+   // A prefix over all of them sorts after them: it must not be reached through the map.
+   rules.push_back(ruleOf("10.0.0.0/16;*;", "accept"));
+   ASSERT_TRUE(table.apply(rules).ok);
+   EXPECT_EQ(kernelOrder(), expectedOrder(table));
+   // Taking rules out of the middle merges blocks and rewrites the map.
+   rules.erase(rules.begin() + 2, rules.begin() + 5);
+   ASSERT_TRUE(table.apply(rules).ok);
+   EXPECT_EQ(kernelOrder(), expectedOrder(table));
 }
 
 TEST_F(FwdTableTest, ChangesKeepThePrecedenceOrderThroughSplitsAndMerges) {

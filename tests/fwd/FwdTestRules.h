@@ -167,6 +167,16 @@ inline std::vector<CompilerRow> const& compilerRows() {
    return rows;
 }
 
+// The row of that name (a failed assertion and the first row when there is none).
+inline CompilerRow const& rowNamed(std::string const& name) {
+   auto const& rows = compilerRows();
+   for (CompilerRow const& r : rows) {
+      if (r.name == name) return r;
+   }
+   ADD_FAILURE() << "no compiler row " << name;
+   return rows.front();
+}
+
 // Packets (FwdTestPackets.h) each installed row's rule matches and does not match: every
 // dataplane runs them, with the same outcome.
 struct PacketCase {

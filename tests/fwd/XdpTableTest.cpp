@@ -104,9 +104,7 @@ TEST_F(XdpTableTest, EveryRowMatchesItsPacketsAndNoOthers) {
    ASSERT_TRUE(t->apply({}).ok) << log_.str();
    std::optional<Rule> prev;
    for (auto const& pc : Fwd::Test::packetCases()) {
-      auto const& rows = Fwd::Test::compilerRows();
-      auto const row = std::find_if(rows.begin(), rows.end(), [&](auto const& r) { return r.name == std::string(pc.row); });
-      ASSERT_NE(row, rows.end()) << pc.row;
+      Fwd::Test::CompilerRow const* const row = &Fwd::Test::rowNamed(pc.row);
       SCOPED_TRACE(std::string(row->name) + ": " + row->text + " / " + row->actions);
       Rule const r = ruleOf(row->text, row->actions);
       std::vector<Flowspec::FlowspecSlateKey> gone;
@@ -214,6 +212,22 @@ TEST_F(XdpTableTest, DscpIsRewrittenWithAValidChecksumAndTheEcnBitsKept) {
    EXPECT_EQ(dscpOf(out6.out), 46u);
    EXPECT_EQ((out6.out[15] >> 4) & 3, 2) << "ECN kept";
    EXPECT_EQ(out6.out[15] & 0x0f, f6[15] & 0x0f) << "flow label kept";
+}
+
+TEST_F(XdpTableTest, SampledPacketsAreLoggedAtMostAtTheRate) {
+   cfg_.samplesPerSecond = 5;
+   auto t = table();
+   ASSERT_TRUE(t->apply({ruleOf("10.0.0.0/8;*;", "sample terminal")}).ok);
+   Frame const f = frameOf(packetSpec("10.1.2.3>10.0.0.1 udp"));
+   for (int i = 0; i < 50; ++i) EXPECT_EQ(run(*t, f).verdict, xdpPass);
+   t->poll();
+   std::string const log = log_.str();
+   std::size_t lines = 0;
+   for (std::size_t at = log.find("sampled on"); at != std::string::npos; at = log.find("sampled on", at + 1)) ++lines;
+   EXPECT_GE(lines, 1u);
+   // Five a second on each CPU; the 50 runs may straddle a second.
+   EXPECT_LE(lines, 2u * 5u * static_cast<unsigned>(libbpf_num_possible_cpus())) << log;
+   EXPECT_NE(log.find("by rule 10.0.0.0/8;*;: 60 bytes, 10.1.2.3 > 10.0.0.1 protocol 17"), std::string::npos) << log;
 }
 
 TEST_F(XdpTableTest, CountersCountEveryPacketAndItsBytes) {

@@ -160,6 +160,15 @@ class Case:
         except FileNotFoundError:
             pass
 
+    def wait_for(self, pred, what, timeout=5.0):
+        end = time.monotonic() + timeout
+        while time.monotonic() < end:
+            if pred():
+                return True
+            time.sleep(0.05)
+        self.check(False, "timed out waiting until " + what)
+        return False
+
     def check(self, ok, what):
         print(("ok   " if ok else "FAIL ") + what, flush=True)
         if not ok:
@@ -299,31 +308,27 @@ def count_rules(t):
     return out.count("update @rule_counts")
 
 
+def start_and_add_a_drop(c, t):
+    """The daemon on an FSIB of one rule, then a drop added while it runs and checked with packets."""
+    c.write("198.19.9.0/24;*; => accept")
+    d = t.start("r", *c.fwd(), stderr=subprocess.PIPE)
+    key = "198.19.9.1/32;*;"
+    c.wait_for(lambda: c.show(t).get("198.19.9.0/24;*;", {}).get("installed"), "the daemon programs the FSIB")
+    c.write(key + " => drop", keep=True)
+    if c.wait_for(lambda: c.show(t).get(key, {}).get("installed"), "the added rule is installed"):
+        seen = c.traffic(t, [("198.19.9.1", 5001, 10, 100, 200), ("198.19.9.2", 5001, 10, 100, 200)], 0.5)
+        c.check(got(seen, "b", "198.19.9.1", 5001)["packets"] == 0, "a rule added while running drops")
+        c.check(got(seen, "b", "198.19.9.2", 5001)["packets"] == 10, "... and only its flow")
+    return d, key
+
+
 def case_follow(args):
     c = Case(args, "follow")
     try:
         with Topology("f") as t:
-            c.write("198.19.9.0/24;*; => accept")
-            d = t.start("r", *c.fwd(), stderr=subprocess.PIPE)
-
-            def wait_for(pred, what, timeout=5.0):
-                end = time.monotonic() + timeout
-                while time.monotonic() < end:
-                    if pred():
-                        return True
-                    time.sleep(0.05)
-                c.check(False, "timed out waiting until " + what)
-                return False
-
-            key = "198.19.9.1/32;*;"
-            wait_for(lambda: c.show(t).get("198.19.9.0/24;*;", {}).get("installed"), "the daemon programs the FSIB")
-            c.write(key + " => drop", keep=True)
-            if wait_for(lambda: c.show(t).get(key, {}).get("installed"), "the added rule is installed"):
-                seen = c.traffic(t, [("198.19.9.1", 5001, 10, 100, 200), ("198.19.9.2", 5001, 10, 100, 200)], 0.5)
-                c.check(got(seen, "b", "198.19.9.1", 5001)["packets"] == 0, "a rule added while running drops")
-                c.check(got(seen, "b", "198.19.9.2", 5001)["packets"] == 10, "... and only its flow")
+            d, key = start_and_add_a_drop(c, t)
             c.write(deletes=[key], keep=True)
-            wait_for(lambda: key not in c.show(t), "the rule is gone from the FSIB")
+            c.wait_for(lambda: key not in c.show(t), "the rule is gone from the FSIB")
             time.sleep(0.2)
             seen = c.traffic(t, [("198.19.9.1", 5001, 10, 100, 200)], 0.5)
             c.check(got(seen, "b", "198.19.9.1", 5001)["packets"] == 10, "a deleted rule no longer drops")
@@ -382,25 +387,7 @@ def case_follow_xdp(args):
     c = Case(args, "followx")
     try:
         with Topology("x") as t:
-            c.write("198.19.9.0/24;*; => accept")
-            d = t.start("r", *c.fwd(), stderr=subprocess.PIPE)
-
-            def wait_for(pred, what, timeout=5.0):
-                end = time.monotonic() + timeout
-                while time.monotonic() < end:
-                    if pred():
-                        return True
-                    time.sleep(0.05)
-                c.check(False, "timed out waiting until " + what)
-                return False
-
-            key = "198.19.9.1/32;*;"
-            wait_for(lambda: c.show(t).get("198.19.9.0/24;*;", {}).get("installed"), "the daemon programs the FSIB")
-            c.write(key + " => drop", keep=True)
-            if wait_for(lambda: c.show(t).get(key, {}).get("installed"), "the added rule is installed"):
-                seen = c.traffic(t, [("198.19.9.1", 5001, 10, 100, 200), ("198.19.9.2", 5001, 10, 100, 200)], 0.5)
-                c.check(got(seen, "b", "198.19.9.1", 5001)["packets"] == 0, "a rule added while running drops")
-                c.check(got(seen, "b", "198.19.9.2", 5001)["packets"] == 10, "... and only its flow")
+            d, key = start_and_add_a_drop(c, t)
             d.kill()
             d.wait(timeout=10)
             c.check(xdp_attached(t), "killed, flowspec-fwd leaves its program attached")
