@@ -409,7 +409,7 @@ nlohmann::json xdpBench(Mnemo::SlateRuleSet& fsib, std::string const& segment, s
    Stats const lat = stats(ch.latencies);
    std::printf("xdp: full install of %u rules: median %.1f ms, worst %.1f ms of 3; maps %.1f MiB\n", rules, inst.p50,
                inst.max, static_cast<double>(out.value("mapBytes", std::uint64_t{0})) / 1048576.0);
-   std::printf("xdp: single-rule change, write to maps (%zu changes, polling 1-5 ms): median %.3f ms, p90 %.3f ms, "
+   std::printf("xdp: single-rule change, write to maps (%zu changes, polling 0.1-0.5 ms): median %.3f ms, p90 %.3f ms, "
                "p99 %.3f ms, max %.3f ms\n",
                ch.latencies.size(), lat.p50, lat.p90, lat.p99, lat.max);
    std::printf("xdp:   of which (medians): FSIB read %.3f ms, map writes %.3f ms\n", stats(ch.snapshotMs).p50,

@@ -115,6 +115,21 @@ struct IdPool {
    std::size_t inUse() const { return (next - (end - (end - next))) - free.size() - resting.size(); }
 };
 
+// Runs work(from, to) over [0, n) in two halves, the second in a thread of its own when n is
+// large enough to be worth one.
+template <class Work>
+void inHalves(std::size_t n, Work const& work) {
+   std::size_t const half = n / 2;
+   if (n < 2048) {
+      work(0, half);
+      work(half, n);
+      return;
+   }
+   std::thread other([&] { work(half, n); });
+   work(0, half);
+   other.join();
+}
+
 // Atomic stores into memory the program reads.
 void store64(std::uint64_t* p, std::uint64_t v) { __atomic_store_n(p, v, __ATOMIC_RELEASE); }
 void store16(std::uint16_t* p, std::uint16_t v) { __atomic_store_n(p, v, __ATOMIC_RELEASE); }
@@ -825,7 +840,12 @@ bool XdpTable::build(std::string* error) {
          all.push_back(e.get());
       }
    }
-   std::sort(all.begin(), all.end(), KeyLess{});
+   // Sorted in two halves at once, then merged: the key order is costly to evaluate.
+   std::size_t const half = all.size() / 2;
+   inHalves(all.size(), [&all](std::size_t from, std::size_t to) {
+      std::sort(all.begin() + static_cast<std::ptrdiff_t>(from), all.begin() + static_cast<std::ptrdiff_t>(to), KeyLess{});
+   });
+   std::inplace_merge(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(half), all.end(), KeyLess{});
    Layout& L = layouts[this];
    for (Trie& t : L.tries) t.deferred = true;
    // Spread evenly, so that most insertions find a gap, leaving an eighth of the positions
@@ -1005,14 +1025,20 @@ ApplyReport XdpTable::apply(std::vector<Flowspec::Rule> const& rules) {
       want.erase(w);
       ++it;
    }
+   std::vector<Entry*> fresh;
+   fresh.reserve(want.size());
    for (auto const& [k, r] : want) {
       auto e = std::make_unique<Entry>();
       e->rule = *r;
-      auto [pos, fresh] = entries_.emplace(k, std::move(e));
+      auto [pos, added] = entries_.emplace(k, std::move(e));
       pos->second->key = &pos->first;
-      compile(*pos->second);
+      fresh.push_back(pos->second.get());
       ++rep.added;
    }
+   // Compiling is a pure function of each rule: two threads share a large batch.
+   inHalves(fresh.size(), [&](std::size_t from, std::size_t to) {
+      for (std::size_t i = from; i < to; ++i) compile(*fresh[i]);
+   });
    // The dataplane in use is left alone until the new one replaces it.
    rep.full = true;
    rep.attempts = 1;
