@@ -465,7 +465,9 @@ int flowspec_xdp(struct xdp_md* ctx) {
    }
    if (!(wk.summary[0] | wk.summary[1] | wk.summary[2] | wk.summary[3])) return XDP_PASS;
 
-   bpf_loop(FS_WORDS + FS_POSITIONS, walk_step, &wk, 0);
+   /* The first two steps (the first candidate word, its first rule) as plain calls: a packet
+    * that one rule decides needs no loop. */
+   if (walk_step(0, &wk) == 0 && walk_step(1, &wk) == 0) bpf_loop(FS_WORDS + FS_POSITIONS, walk_step, &wk, 0);
 
    if (wk.sample) {
       struct fs_budget* bud = bpf_map_lookup_elem(&fs_budget, &zero);
