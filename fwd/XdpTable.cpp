@@ -149,6 +149,8 @@ struct XdpTable::Dataplane {
    int counters = -1;
    int police = -1;
    int config = -1;
+   fs_config* cfg = nullptr;                 // mapped
+   int prefixes = -1;                        // fs_prefixes
    std::array<int, 4> tries{-1, -1, -1, -1}; // dst4, src4, dst6, src6
    ring_buffer* samples = nullptr;
 
@@ -202,6 +204,7 @@ struct XdpTable::Trie {
    bool deferred = false;
    std::vector<std::uint8_t> pendingKeys;
    std::vector<std::uint32_t> pendingClasses;
+   std::vector<fs_prefix_key> pendingHash;
 };
 
 struct XdpTable::Entry {
@@ -356,12 +359,16 @@ std::unique_ptr<XdpTable::Dataplane> loadDataplane(std::uint32_t samplesPerSecon
    dp->counters = fd("fs_counters");
    dp->police = fd("fs_police");
    dp->config = fd("fs_config");
+   dp->prefixes = fd("fs_prefixes");
+   dp->cfg = static_cast<fs_config*>(mapIn("fs_config", sizeof(fs_config)));
+   if (dp->cfg == nullptr) {
+      *error = "cannot map the XDP classifier's configuration: " + std::string(std::strerror(errno));
+      return nullptr;
+   }
    dp->tries = {fd("fs_dst4"), fd("fs_src4"), fd("fs_dst6"), fd("fs_src6")};
    // The classes every table starts with: all ones, and empty live bitmaps.
    std::fill(dp->cls(FS_CLASS_ALL), dp->cls(FS_CLASS_ALL) + wordsPerClass, ~std::uint64_t{0});
-   fs_config c{samplesPerSecond, 0};
-   std::uint32_t zero = 0;
-   bpf_map_update_elem(dp->config, &zero, &c, BPF_ANY);
+   dp->cfg->samples_per_second = samplesPerSecond;
    return dp;
 }
 
@@ -387,12 +394,36 @@ Addr lastAddress(Addr addr, std::size_t len, std::size_t size) {
    return addr;
 }
 
-int lpmWrite(int fd, Addr const& addr, std::uint8_t len, std::uint32_t const* cls) {
+fs_prefix_key hashKey(std::size_t t, Addr const& addr, std::uint8_t len) {
+   fs_prefix_key k{};
+   k.tag = static_cast<std::uint32_t>(t << 8 | len);
+   std::memcpy(k.addr, addr.data(), 16);
+   return k;
+}
+
+// The prefix in trie t and in the hash of prefix lengths (cls null: out of both).
+int prefixWrite(XdpTable::Dataplane const& dp, std::size_t t, Addr const& addr, std::uint8_t len,
+                std::uint32_t const* cls) {
    std::uint8_t key[20] = {};
    std::uint32_t const plen = len;
    std::memcpy(key, &plen, 4);
    std::memcpy(key + 4, addr.data(), addr.size()); // the trie reads as many as its key holds
-   return cls != nullptr ? bpf_map_update_elem(fd, key, cls, BPF_ANY) : bpf_map_delete_elem(fd, key);
+   fs_prefix_key const hk = hashKey(t, addr, len);
+   if (cls == nullptr) {
+      bpf_map_delete_elem(dp.prefixes, &hk);
+      return bpf_map_delete_elem(dp.tries[t], key);
+   }
+   if (int const rc = bpf_map_update_elem(dp.prefixes, &hk, cls, BPF_ANY); rc != 0) return rc;
+   return bpf_map_update_elem(dp.tries[t], key, cls, BPF_ANY);
+}
+
+// The lengths word of a trie (XdpLayout.h): its lengths longest first, or "use the trie".
+std::uint64_t lengthsWord(std::map<std::uint8_t, unsigned> const& lengths) {
+   if (lengths.size() > FS_LENGTHS_MAX) return std::uint64_t{FS_LENGTHS_TRIE} << 56;
+   std::uint64_t w = std::uint64_t{lengths.size()} << 56;
+   unsigned i = 0;
+   for (auto l = lengths.rbegin(); l != lengths.rend(); ++l, ++i) w |= std::uint64_t{l->first} << (8 * i);
+   return w;
 }
 
 } // namespace
@@ -588,13 +619,15 @@ bool XdpTable::addAt(Entry& e, std::uint32_t pos) {
          auto const root = takeClass();
          if (!root) return false;
          occupied(*root);
-         if (lpmWrite(dp.tries[t], Addr{}, 0, &*root) != 0) return false;
+         std::uint8_t key[20] = {};
+         if (bpf_map_update_elem(dp.tries[t], key, &*root, BPF_ANY) != 0) return false;
          trie.rootClass = *root;
          trie.active = true;
          L.lookups |= 1u << t;
-         fs_config c{cfg_.samplesPerSecond, L.lookups};
-         std::uint32_t zero = 0;
-         bpf_map_update_elem(dp.config, &zero, &c, BPF_ANY);
+         // The root and the (empty) lengths before the lookup is switched on.
+         __atomic_store_n(&dp.cfg->roots[t], *root, __ATOMIC_RELEASE);
+         __atomic_store_n(&dp.cfg->lengths[t], lengthsWord(trie.lengths), __ATOMIC_RELEASE);
+         __atomic_store_n(&dp.cfg->lookups, L.lookups, __ATOMIC_RELEASE);
       }
       Addr const addr = prefixBytes(*p);
       auto const key = std::make_pair(addr, p->len());
@@ -621,11 +654,14 @@ bool XdpTable::addAt(Entry& e, std::uint32_t pos) {
             trie.pendingKeys.insert(trie.pendingKeys.end(), addr.begin(),
                                     addr.begin() + static_cast<std::ptrdiff_t>(bytes));
             trie.pendingClasses.push_back(*nc);
-         } else if (lpmWrite(dp.tries[t], addr, p->len(), &*nc) != 0) {
+            trie.pendingHash.push_back(hashKey(t, addr, p->len()));
+         } else if (prefixWrite(dp, t, addr, p->len(), &*nc) != 0) {
             return false;
          }
          it = trie.nodes.emplace(key, Trie::Node{*nc, 0}).first;
-         ++trie.lengths[p->len()];
+         // A length new to the trie is probed only once its entries are in.
+         if (++trie.lengths[p->len()] == 1 && !trie.deferred)
+            __atomic_store_n(&dp.cfg->lengths[t], lengthsWord(trie.lengths), __ATOMIC_RELEASE);
       } else {
          dp.setBit(it->second.cls, pos);
       }
@@ -680,8 +716,12 @@ void XdpTable::removeFrom(Entry& e, std::uint32_t pos) {
       for (auto d = it; d != trie.nodes.end() && d->first.first <= last; ++d) dp.clearBit(d->second.cls, pos);
       if (--it->second.users > 0) continue;
       // No rule names the prefix any more: its class is its parent's again.
-      lpmWrite(dp.tries[t], it->first.first, it->first.second, nullptr);
-      if (--trie.lengths[it->first.second] == 0) trie.lengths.erase(it->first.second);
+      // The last prefix of its length: the length is no longer probed before it goes.
+      if (--trie.lengths[it->first.second] == 0) {
+         trie.lengths.erase(it->first.second);
+         __atomic_store_n(&dp.cfg->lengths[t], lengthsWord(trie.lengths), __ATOMIC_RELEASE);
+      }
+      prefixWrite(dp, t, it->first.first, it->first.second, nullptr);
       L.classes.give(it->second.cls);
       trie.nodes.erase(it);
    }
@@ -889,7 +929,14 @@ bool XdpTable::build(std::string* error) {
       Trie& trie = L.tries[t];
       trie.deferred = false;
       std::uint32_t count = static_cast<std::uint32_t>(trie.pendingClasses.size());
+      __atomic_store_n(&dp_->cfg->lengths[t], lengthsWord(trie.lengths), __ATOMIC_RELEASE);
       if (count == 0) continue;
+      std::uint32_t hashed = count;
+      if (bpf_map_update_batch(dp_->prefixes, trie.pendingHash.data(), trie.pendingClasses.data(), &hashed, nullptr) !=
+          0) {
+         for (std::size_t i = 0; i < trie.pendingHash.size(); ++i)
+            bpf_map_update_elem(dp_->prefixes, &trie.pendingHash[i], &trie.pendingClasses[i], BPF_ANY);
+      }
       std::size_t const keyBytes = trie.pendingKeys.size() / count;
       if (bpf_map_update_batch(dp_->tries[t], trie.pendingKeys.data(), trie.pendingClasses.data(), &count, nullptr) !=
           0) {
@@ -905,6 +952,7 @@ bool XdpTable::build(std::string* error) {
       }
       trie.pendingKeys.clear();
       trie.pendingClasses.clear();
+      trie.pendingHash.clear();
    }
    if (!attach(*dp_, error)) {
       dp_ = std::move(old);

@@ -23,7 +23,9 @@
  *   fs_counters  per-CPU packet and byte counts per counter id
  *   fs_police    token bucket per counter id (one bucket shared by all CPUs, under a lock)
  *   fs_samples   ring buffer of sampled packets, fs_sample_budget its per-CPU rate limit
- *   fs_config    tunables (the sample rate limit)
+ *   fs_prefixes  hash from (trie, length, masked address) to class: the same entries as the
+ *                tries, probed per length in use (fs_config.lengths)
+ *   fs_config    the sample rate limit, the prefix lookups in use; mmapped
  */
 #ifndef FLOWSPEC_XDP_LAYOUT_H
 #define FLOWSPEC_XDP_LAYOUT_H
@@ -144,9 +146,24 @@ struct fs_budget {
 #define FS_LOOKUP_DST6 0x4u
 #define FS_LOOKUP_SRC6 0x8u
 
+/* fs_config.lengths[t] (t: dst4, src4, dst6, src6): the prefix lengths in use, longest first,
+ * in bytes 0-6 and their count in byte 7; a count of FS_LENGTHS_TRIE: more lengths than
+ * that, look the address up in the trie. A packet probes fs_prefixes once per length
+ * (address masked to it) and takes the first hit, else fs_config.roots[t]: the same answer
+ * as the trie, in one hash lookup when the rules use one length. */
+#define FS_LENGTHS_MAX 7u
+#define FS_LENGTHS_TRIE 0xffu
+
 struct fs_config {
    __u32 samples_per_second; /* per CPU */
    __u32 lookups;
+   __u64 lengths[4];
+   __u32 roots[4];
+};
+
+struct fs_prefix_key {
+   __u32 tag; /* t << 8 | length */
+   __u8 addr[16];
 };
 
 #endif

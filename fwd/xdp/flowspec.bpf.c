@@ -98,9 +98,18 @@ struct {
 struct {
    __uint(type, BPF_MAP_TYPE_ARRAY);
    __uint(max_entries, 1);
+   __uint(map_flags, BPF_F_MMAPABLE);
    __type(key, __u32);
    __type(value, struct fs_config);
 } fs_config SEC(".maps");
+
+struct {
+   __uint(type, BPF_MAP_TYPE_HASH);
+   __uint(max_entries, 4 * FS_PREFIXES);
+   __uint(map_flags, BPF_F_NO_PREALLOC);
+   __type(key, struct fs_prefix_key);
+   __type(value, __u32);
+} fs_prefixes SEC(".maps");
 
 /* The classes a packet is tested against, one per field. */
 enum {
@@ -281,6 +290,40 @@ static __always_inline __u32 lpm6(void* map, __u8 const* addr) {
    return c ? *c : FS_CLASS_NONE;
 }
 
+/* The class of an address in prefix table t: one hash probe per prefix length in use,
+ * longest first, or the trie when more lengths are in use than the probes cover. */
+static __always_inline __u32 prefix_class(struct fs_config* cfg, __u32 t, __u8 const* addr, void* trie, int v6) {
+   __u64 w = *(volatile __u64*)&cfg->lengths[t & 3];
+   __u32 n = (__u32)(w >> 56);
+   if (n == FS_LENGTHS_TRIE) return v6 ? lpm6(trie, addr) : lpm4(trie, addr);
+   struct fs_prefix_key key = {};
+   __u64 hi = 0, lo = 0;
+   if (v6) {
+      __builtin_memcpy(&hi, addr, 8);
+      __builtin_memcpy(&lo, addr + 8, 8);
+      hi = __builtin_bswap64(hi);
+      lo = __builtin_bswap64(lo);
+   } else {
+      __u32 a;
+      __builtin_memcpy(&a, addr, 4);
+      hi = (__u64)bpf_ntohl(a) << 32;
+   }
+   for (__u32 i = 0; i < FS_LENGTHS_MAX; i++) {
+      if (i >= n) break;
+      __u32 len = (__u32)(w >> (8 * i)) & 0xff;
+      key.tag = (t << 8) | len;
+      __u64 mh = len == 0 ? 0 : len >= 64 ? ~0ull : ~0ull << (64 - len);
+      __u64 ml = len <= 64 ? 0 : len >= 128 ? ~0ull : ~0ull << (128 - len);
+      __u64 h = __builtin_bswap64(hi & mh);
+      __u64 l = __builtin_bswap64(lo & ml);
+      __builtin_memcpy(key.addr, &h, 8);
+      __builtin_memcpy(key.addr + 8, &l, 8);
+      __u32* c = bpf_map_lookup_elem(&fs_prefixes, &key);
+      if (c) return *c;
+   }
+   return cfg->roots[t & 3];
+}
+
 /* IPv4 header checksum after one 16-bit word changed (RFC 1624 section 3, eqn. 3). */
 static __always_inline __u16 csum_replace(__u16 check, __u16 old, __u16 new) {
    __u32 sum = (__u16)~check + (__u16)~old + (__u32) new;
@@ -370,8 +413,8 @@ int flowspec_xdp(struct xdp_md* ctx) {
       l4 = l3 + ihl;
       have_l4 = (frag & 0x1fff) == 0;
       wk.cls[K_LIVE] = FS_CLASS_LIVE4;
-      wk.cls[K_DST] = (cfg->lookups & FS_LOOKUP_DST4) ? lpm4(&fs_dst4, (__u8*)&ip->daddr) : FS_CLASS_ALL;
-      wk.cls[K_SRC] = (cfg->lookups & FS_LOOKUP_SRC4) ? lpm4(&fs_src4, (__u8*)&ip->saddr) : FS_CLASS_ALL;
+      wk.cls[K_DST] = (cfg->lookups & FS_LOOKUP_DST4) ? prefix_class(cfg, 0, (__u8*)&ip->daddr, &fs_dst4, 0) : FS_CLASS_ALL;
+      wk.cls[K_SRC] = (cfg->lookups & FS_LOOKUP_SRC4) ? prefix_class(cfg, 1, (__u8*)&ip->saddr, &fs_src4, 0) : FS_CLASS_ALL;
    } else if (proto == bpf_htons(ETH_P_IPV6)) {
       struct ipv6hdr* ip6 = data + (l3 & 0xff);
       if ((void*)(ip6 + 1) > data_end) return XDP_PASS;
@@ -382,8 +425,8 @@ int flowspec_xdp(struct xdp_md* ctx) {
       length = bpf_ntohs(ip6->payload_len) + 40u;
       if (length > 0xffff) length = FS_SIZE_LENGTH; /* beyond every rule's length: absent */
       wk.cls[K_LIVE] = FS_CLASS_LIVE6;
-      wk.cls[K_DST] = (cfg->lookups & FS_LOOKUP_DST6) ? lpm6(&fs_dst6, (__u8*)&ip6->daddr) : FS_CLASS_ALL;
-      wk.cls[K_SRC] = (cfg->lookups & FS_LOOKUP_SRC6) ? lpm6(&fs_src6, (__u8*)&ip6->saddr) : FS_CLASS_ALL;
+      wk.cls[K_DST] = (cfg->lookups & FS_LOOKUP_DST6) ? prefix_class(cfg, 2, (__u8*)&ip6->daddr, &fs_dst6, 1) : FS_CLASS_ALL;
+      wk.cls[K_SRC] = (cfg->lookups & FS_LOOKUP_SRC6) ? prefix_class(cfg, 3, (__u8*)&ip6->saddr, &fs_src6, 1) : FS_CLASS_ALL;
       struct ext6 e = {.ctx = ctx, .next = ip6->nexthdr, .off = l3 + sizeof(*ip6), .frag = FS_FRAG6_NONE,
                        .have_l4 = 1};
       if (is_ext6((__u8)e.next)) bpf_loop(6, ext6_step, &e, 0);
