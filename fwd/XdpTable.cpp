@@ -219,10 +219,8 @@ struct XdpTable::Entry {
    std::optional<RedirectTarget> target;
 };
 
-namespace {
-
 // The state that belongs to one Dataplane: rebuilt with it.
-struct Layout {
+struct XdpTable::Layout {
    std::array<XdpTable::Field, xdpFieldCount> fields;
    std::array<XdpTable::Trie, 4> tries;
    std::vector<std::uint32_t> refs = std::vector<std::uint32_t>(FS_CLASSES, 0);
@@ -235,11 +233,6 @@ struct Layout {
    std::vector<std::uint32_t> scratch = std::vector<std::uint32_t>(FS_CLASSES, 0);     // zero between uses
    std::vector<std::uint32_t> scratchCopy = std::vector<std::uint32_t>(FS_CLASSES, 0); // likewise
 };
-
-// Layouts by table, so that the header need not know the type.
-std::map<XdpTable const*, Layout> layouts;
-
-} // namespace
 
 bool XdpTable::KeyLess::operator()(Entry const* a, Entry const* b) const {
    return Flowspec::FlowspecSlateKey::cmp(*a->key, *b->key) < 0;
@@ -307,7 +300,7 @@ XdpCompiled compileXdpMatch(Flowspec::FlowspecKey const& key) {
 }
 
 XdpTable::XdpTable(XdpConfig cfg, PolicyRoutes* routes, std::ostream& log)
-    : cfg_(std::move(cfg)), routes_(routes), log_(log) {
+    : cfg_(std::move(cfg)), routes_(routes), log_(log), layout_(std::make_unique<Layout>()) {
    libbpf_set_print(libbpfPrint);
    if (routes_ != nullptr) routes_->clearMarkRules(cfg_.markBase, cfg_.markBase + 0xffff);
 }
@@ -491,7 +484,7 @@ std::string XdpTable::markFor(Entry& e) {
 }
 
 bool XdpTable::writeAction(Entry& e) {
-   Layout& L = layouts[this];
+   Layout& L = *layout_;
    auto const slot = L.slots.take();
    if (!slot) return false;
    fs_action a{};
@@ -522,7 +515,7 @@ bool XdpTable::writeAction(Entry& e) {
 }
 
 std::optional<std::uint32_t> XdpTable::takeClass() {
-   Layout& L = layouts[this];
+   Layout& L = *layout_;
    auto c = L.classes.take();
    if (c) L.refs[*c] = 0;
    return c;
@@ -530,7 +523,7 @@ std::optional<std::uint32_t> XdpTable::takeClass() {
 
 // The bits of the rule at `pos` in every class; then its action; then the live bit.
 bool XdpTable::addAt(Entry& e, std::uint32_t pos) {
-   Layout& L = layouts[this];
+   Layout& L = *layout_;
    Dataplane& dp = *dp_;
    // Positions held by rules other than `e`: what a field's first classes start from.
    auto const occupied = [&](std::uint32_t into) {
@@ -677,7 +670,7 @@ bool XdpTable::addAt(Entry& e, std::uint32_t pos) {
 
 // The live bit first, then the rest.
 void XdpTable::removeFrom(Entry& e, std::uint32_t pos) {
-   Layout& L = layouts[this];
+   Layout& L = *layout_;
    Dataplane& dp = *dp_;
    bool const v6 = e.match.af == AddressFamily::ipv6;
    dp.clearBit(v6 ? FS_CLASS_LIVE6 : FS_CLASS_LIVE4, pos);
@@ -731,14 +724,14 @@ void XdpTable::removeFrom(Entry& e, std::uint32_t pos) {
 }
 
 bool XdpTable::freePosition(std::uint32_t pos, Clock::time_point now) const {
-   Layout const& L = layouts.at(this);
+   Layout const& L = *layout_;
    return L.owner[pos] == nullptr && now - L.vacated[pos] >= positionQuarantine;
 }
 
 // Moves neighbours aside, one at a time toward the nearest free position, until `e` has a
 // position between its neighbours.
 std::optional<std::uint32_t> XdpTable::makeRoom(Entry& e) {
-   Layout& L = layouts[this];
+   Layout& L = *layout_;
    auto const next = placed_.upper_bound(&e);
    std::int64_t const lo = next == placed_.begin() ? -1 : static_cast<std::int64_t>(*(*std::prev(next))->pos);
    std::int64_t const hi = next == placed_.end() ? FS_POSITIONS : static_cast<std::int64_t>(*(*next)->pos);
@@ -771,7 +764,7 @@ std::optional<std::uint32_t> XdpTable::makeRoom(Entry& e) {
 // Gives `e` a position between its neighbours and installs it there. False when the
 // classifier ran out of room (the caller rebuilds).
 bool XdpTable::place(Entry& e) {
-   Layout& L = layouts[this];
+   Layout& L = *layout_;
    if (e.counter == 0) {
       auto const c = L.counters.take();
       if (!c) return false;
@@ -812,7 +805,7 @@ bool XdpTable::place(Entry& e) {
 }
 
 void XdpTable::dropEntry(Entry& e) {
-   Layout& L = layouts[this];
+   Layout& L = *layout_;
    if (e.pos) {
       removeFrom(e, *e.pos);
       placed_.erase(&e);
@@ -848,8 +841,7 @@ void XdpTable::releaseTarget(Entry& e) {
 }
 
 void XdpTable::resetLayout() {
-   layouts.erase(this);
-   layouts[this];
+   layout_ = std::make_unique<Layout>();
    placed_.clear();
    byCounter_.clear();
    for (auto& [k, e] : entries_) {
@@ -886,7 +878,7 @@ bool XdpTable::build(std::string* error) {
       std::sort(all.begin() + static_cast<std::ptrdiff_t>(from), all.begin() + static_cast<std::ptrdiff_t>(to), KeyLess{});
    });
    std::inplace_merge(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(half), all.end(), KeyLess{});
-   Layout& L = layouts[this];
+   Layout& L = *layout_;
    for (Trie& t : L.tries) t.deferred = true;
    // Spread evenly, so that most insertions find a gap, leaving an eighth of the positions
    // at the end and a sixteenth at the start free for rules added after the last or before
@@ -1220,15 +1212,6 @@ std::uint64_t XdpTable::mapBytes() const {
    return total;
 }
 
-std::size_t XdpTable::classesInUse() const {
-   auto it = layouts.find(this);
-   if (it == layouts.end()) return 0;
-   std::size_t n = 0;
-   for (Field const& f : it->second.fields) n += f.classes.size();
-   for (Trie const& t : it->second.tries) n += t.nodes.size() + (t.active ? 1 : 0);
-   return n;
-}
-
 void XdpTable::poll() {
    if (!dp_) return;
    if (dp_->samples == nullptr) {
@@ -1305,14 +1288,13 @@ void XdpTable::remove() {
    for (auto& [k, e] : entries_) dropEntry(*e);
    entries_.clear();
    dp_.reset();
-   layouts.erase(this);
+   layout_ = std::make_unique<Layout>();
    placed_.clear();
    needFull_ = true;
 }
 
 XdpTable::~XdpTable() {
    for (auto& [ifname, fd] : links_) ::close(fd);
-   layouts.erase(this);
 }
 
 } // namespace Fwd

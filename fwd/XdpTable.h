@@ -138,13 +138,12 @@ class XdpTable : public Backend {
    std::optional<XdpCounts> counts(Flowspec::FlowspecSlateKey const& key) const;
    // Bytes the kernel holds for the maps.
    std::uint64_t mapBytes() const;
-   // Classes in use (for tests of churn).
-   std::size_t classesInUse() const;
 
    struct Dataplane;
    struct Entry;
    struct Field;
    struct Trie;
+   struct Layout; // positions, classes, slots and counters of the dataplane in use
 
  private:
    using Key = Flowspec::FlowspecSlateKey;
@@ -179,6 +178,7 @@ class XdpTable : public Backend {
    std::ostream& log_;
    std::unique_ptr<Dataplane> dp_;
    std::unique_ptr<Dataplane> spare_; // loaded by probe(), taken by the next full build
+   std::unique_ptr<Layout> layout_;
    std::unordered_map<Key, std::unique_ptr<Entry>, KeyHash> entries_;
    std::set<Entry*, KeyLess> placed_; // entries with a position, in precedence order
    bool needFull_ = true;
