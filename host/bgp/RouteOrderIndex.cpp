@@ -183,25 +183,23 @@ void RouteOrderIndex::Tree<Entry>::insert(RouteKey const* key) {
 
 template <class Entry>
 void RouteOrderIndex::Tree<Entry>::split(Leaf* leaf, std::size_t at, Entry const& e) {
-   // A key past the end of the last leaf starts a leaf of its own, so that a table sent in
-   // order fills its leaves; elsewhere the leaf splits in halves.
+   // The leaf splits where the key goes: the keys before it stay, followed by the new key,
+   // and the keys after it move to the new leaf (a key past the end starts a leaf of its
+   // own). Keys come in runs (a table sent in order, a block of rules between two others),
+   // and the next key of a run then goes after this one, into a leaf with room: runs fill
+   // their leaves, where splitting in halves would leave every leaf they cross half empty.
    auto* right = new Leaf();
    ++leaves_;
-   if (at == leaf->n && !leaf->next) {
+   if (at == leaf->n) {
       right->keys[0] = e;
       right->n = 1;
       finger_ = right;
    } else {
-      std::size_t const half = kLeafKeys / 2;
-      right->n = static_cast<std::uint32_t>(kLeafKeys - half);
-      std::memcpy(right->keys, leaf->keys + half, right->n * sizeof(Entry));
-      leaf->n = static_cast<std::uint32_t>(half);
-      Leaf* into = at <= half ? leaf : right;
-      std::size_t const i = at <= half ? at : at - half;
-      std::memmove(into->keys + i + 1, into->keys + i, (into->n - i) * sizeof(Entry));
-      into->keys[i] = e;
-      ++into->n;
-      finger_ = into;
+      right->n = static_cast<std::uint32_t>(leaf->n - at);
+      std::memcpy(right->keys, leaf->keys + at, right->n * sizeof(Entry));
+      leaf->keys[at] = e;
+      leaf->n = static_cast<std::uint32_t>(at + 1);
+      finger_ = leaf;
    }
    right->next = leaf->next;
    right->prev = leaf;
