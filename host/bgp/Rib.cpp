@@ -9,7 +9,7 @@ namespace Routing::Bgp {
 namespace {
 
 // RibRouteSlot::state: bit 31 marks a key changed since the last flush; the rest is the
-// 1-based index of its other paths.
+// index of its first other path.
 constexpr std::uint32_t kChanged = 0x80000000u;
 constexpr std::uint32_t kOthersMask = 0x7fffffffu;
 
@@ -70,7 +70,6 @@ RibTable::RibTable(BgpVrfIdBase vrfId, AfiSafi afiSafi, Ovk::Ptr<RibSources cons
       // IPv6 keys go on differing past the first 64 bits of their order.
       order_(afiSafi.afi() == Afi::afiIpv6 ? RouteOrderIndex::Summary::wide : RouteOrderIndex::Summary::narrow) {
    OVK_ASSERT(sources_);
-   others_.emplace_back(); // index 0 means none
 }
 
 RibTable::~RibTable() {
@@ -88,44 +87,49 @@ RibTable::~RibTable() {
    for (auto it = order_.begin(); it != order_.end(); ++it) keys.push_back(*it);
    for (RouteKey const* key : keys) {
       RibRouteSlot& slot = key->ribSlot();
-      if (auto* more = others(*key)) {
-         for (RibPath const& p : *more) p.attrs->deleteRef();
-      }
+      for (std::uint32_t i = othersOf(*key); i != 0; i = others_.at(i).next) others_.at(i).attrs->deleteRef();
       attrsOf(slot)->deleteRef();
       slot = RibRouteSlot{};
       key->deleteRef(); // the index is freed with the table, without reading its keys
    }
 }
 
-std::vector<RibPath>* RibTable::others(RouteKey const& key) const {
-   std::uint32_t const i = key.ribSlot().state & kOthersMask;
-   return i == 0 ? nullptr : const_cast<std::vector<RibPath>*>(&others_[i]);
-}
-
-std::vector<RibPath>& RibTable::othersIs(RouteKey const& key) {
-   RibRouteSlot& slot = key.ribSlot();
-   std::uint32_t i = slot.state & kOthersMask;
-   if (i != 0) return others_[i];
-   if (!freeOthers_.empty()) {
-      i = freeOthers_.back();
-      freeOthers_.pop_back();
+std::uint32_t RibTable::OtherPathPool::alloc(RtAttr const* attrs, RibSource source) {
+   static_assert(sizeof(OtherPath) == 16);
+   std::uint32_t i = free_;
+   if (i != 0) {
+      free_ = at(i).next;
    } else {
-      OVK_ASSERT(others_.size() < kOthersMask);
-      i = static_cast<std::uint32_t>(others_.size());
-      others_.emplace_back();
+      OVK_ASSERT(end_ < kOthersMask);
+      i = end_++;
+      if ((i >> kChunkShift) >= chunks_.size()) chunks_.push_back(std::make_unique<OtherPath[]>(kChunkMask + 1));
    }
-   slot.state = (slot.state & kChanged) | i;
-   return others_[i];
+   at(i) = OtherPath{attrs, source, 0};
+   ++inUse_;
+   return i;
 }
 
-void RibTable::othersDel(RouteKey const& key) {
+void RibTable::OtherPathPool::free(std::uint32_t i) {
+   at(i) = OtherPath{nullptr, 0, free_};
+   free_ = i;
+   if (--inUse_ == 0) {
+      // The last other path went (the second peer's session dropped): the chunks go too.
+      chunks_.clear();
+      chunks_.shrink_to_fit();
+      free_ = 0;
+      end_ = 1;
+   }
+}
+
+std::size_t RibTable::OtherPathPool::bytes() const {
+   return chunks_.size() * (kChunkMask + 1) * sizeof(OtherPath) + chunks_.capacity() * sizeof(chunks_[0]);
+}
+
+std::uint32_t RibTable::othersOf(RouteKey const& key) { return key.ribSlot().state & kOthersMask; }
+
+void RibTable::othersIs(RouteKey const& key, std::uint32_t first) {
    RibRouteSlot& slot = key.ribSlot();
-   std::uint32_t const i = slot.state & kOthersMask;
-   if (i == 0) return;
-   others_[i].clear();
-   others_[i].shrink_to_fit();
-   freeOthers_.push_back(i);
-   slot.state &= kChanged;
+   slot.state = (slot.state & kChanged) | first;
 }
 
 RibTable::Counts& RibTable::counts(RibSource source) {
@@ -158,20 +162,21 @@ void RibTable::markChanged(RouteKey const& key) {
 
 bool RibTable::select(RouteKey const& key) {
    RibRouteSlot& slot = key.ribSlot();
-   std::vector<RibPath>* more = others(key);
-   if (!more || more->empty()) return false;
    RibPath best{attrsOf(slot), slot.bestSource};
-   std::size_t bestAt = more->size(); // the slot's path
-   for (std::size_t i = 0; i < more->size(); ++i) {
-      if (betterPath((*more)[i], best, *sources_)) {
-         best = (*more)[i];
+   std::uint32_t bestAt = 0; // the slot's path
+   for (std::uint32_t i = othersOf(key); i != 0; i = others_.at(i).next) {
+      RibPath const p = others_.at(i).path();
+      if (betterPath(p, best, *sources_)) {
+         best = p;
          bestAt = i;
       }
    }
-   if (bestAt == more->size()) return false;
+   if (bestAt == 0) return false;
    // The new best goes into the slot; the old one takes its place among the others.
    RibPath const old{attrsOf(slot), slot.bestSource};
-   (*more)[bestAt] = old;
+   OtherPath& node = others_.at(bestAt);
+   node.attrs = old.attrs;
+   node.source = old.source;
    --counts(old.source).best;
    ++counts(best.source).best;
    slot.bestAttrs = best.attrs;
@@ -209,8 +214,10 @@ bool RibTable::pathIs(RouteKey const& key, RibSource source, Ovk::Ptr<RtAttr con
       markChanged(key);
       return false;
    }
-   std::vector<RibPath>& more = othersIs(key);
-   for (RibPath& p : more) {
+   std::uint32_t last = 0;
+   for (std::uint32_t i = othersOf(key); i != 0; i = others_.at(i).next) {
+      OtherPath& p = others_.at(i);
+      last = i;
       if (p.source != source) continue;
       if (p.attrs == a) return false;
       a->newRef();
@@ -220,7 +227,12 @@ bool RibTable::pathIs(RouteKey const& key, RibSource source, Ovk::Ptr<RtAttr con
       return false;
    }
    a->newRef();
-   more.push_back({a, source});
+   std::uint32_t const added = others_.alloc(a, source);
+   if (last != 0) {
+      others_.at(last).next = added;
+   } else {
+      othersIs(key, added);
+   }
    ++paths_;
    ++counts(source).paths;
    if (select(key)) markChanged(key);
@@ -230,14 +242,26 @@ bool RibTable::pathIs(RouteKey const& key, RibSource source, Ovk::Ptr<RtAttr con
 bool RibTable::pathDel(RouteKey const& key, RibSource source) {
    RibRouteSlot& slot = key.ribSlot();
    if (!slot.bestAttrs) return false;
-   std::vector<RibPath>* more = others(key);
+   // Unlinks the other path `i` (after `prev`, 0 for the first) and frees its node.
+   auto unlink = [&](std::uint32_t prev, std::uint32_t i) {
+      std::uint32_t const next = others_.at(i).next;
+      if (prev != 0) {
+         others_.at(prev).next = next;
+      } else {
+         othersIs(key, next);
+      }
+      others_.free(i);
+   };
    if (slot.bestSource != source) {
-      if (!more) return false;
-      auto it = std::find_if(more->begin(), more->end(), [source](RibPath const& p) { return p.source == source; });
-      if (it == more->end()) return false;
-      it->attrs->deleteRef();
-      more->erase(it);
-      if (more->empty()) othersDel(key);
+      std::uint32_t prev = 0;
+      std::uint32_t i = othersOf(key);
+      while (i != 0 && others_.at(i).source != source) {
+         prev = i;
+         i = others_.at(i).next;
+      }
+      if (i == 0) return false;
+      others_.at(i).attrs->deleteRef();
+      unlink(prev, i);
       --paths_;
       --counts(source).paths;
       return true;
@@ -248,7 +272,8 @@ bool RibTable::pathDel(RouteKey const& key, RibSource source) {
    --counts(source).paths;
    --counts(source).best;
    markChanged(key);
-   if (!more || more->empty()) {
+   std::uint32_t const first = othersOf(key);
+   if (first == 0) {
       slot.bestAttrs = nullptr;
       slot.bestSource = 0;
       order_.erase(&key);
@@ -256,15 +281,17 @@ bool RibTable::pathDel(RouteKey const& key, RibSource source) {
       key.deleteRef(); // the change list still holds the key
       return true;
    }
-   auto best = more->begin();
-   for (auto it = more->begin() + 1; it != more->end(); ++it) {
-      if (betterPath(*it, *best, *sources_)) best = it;
+   std::uint32_t best = first, bestPrev = 0;
+   for (std::uint32_t prev = first, i = others_.at(first).next; i != 0; prev = i, i = others_.at(i).next) {
+      if (betterPath(others_.at(i).path(), others_.at(best).path(), *sources_)) {
+         best = i;
+         bestPrev = prev;
+      }
    }
-   slot.bestAttrs = best->attrs;
-   slot.bestSource = best->source;
-   ++counts(best->source).best;
-   more->erase(best);
-   if (more->empty()) othersDel(key);
+   slot.bestAttrs = others_.at(best).attrs;
+   slot.bestSource = others_.at(best).source;
+   ++counts(slot.bestSource).best;
+   unlink(bestPrev, best);
    gone->deleteRef();
    return true;
 }
@@ -288,9 +315,10 @@ std::size_t RibTable::pathDelSome(RibSource source, Ovk::Ptr<RouteKey const>& cu
          keys.push_back(key);
          continue;
       }
-      if (auto* more = others(*key)) {
-         if (std::any_of(more->begin(), more->end(), [source](RibPath const& p) { return p.source == source; })) {
+      for (std::uint32_t i = othersOf(*key); i != 0; i = others_.at(i).next) {
+         if (others_.at(i).source == source) {
             keys.push_back(key);
+            break;
          }
       }
    }
@@ -344,9 +372,7 @@ void RibTable::forEachPath(RouteKey const& key, std::function<void(RibPath const
    RibRouteSlot const& slot = key.ribSlot();
    if (!slot.bestAttrs) return;
    f(RibPath{attrsOf(slot), slot.bestSource});
-   if (auto* more = others(key)) {
-      for (RibPath const& p : *more) f(p);
-   }
+   for (std::uint32_t i = othersOf(key); i != 0; i = others_.at(i).next) f(others_.at(i).path());
 }
 
 std::optional<RibPath> RibTable::path(RouteKey const& key, RibSource source) const {
@@ -358,9 +384,7 @@ std::optional<RibPath> RibTable::path(RouteKey const& key, RibSource source) con
 }
 
 std::size_t RibTable::bytes() const {
-   std::size_t b = order_.bytes() + others_.capacity() * sizeof(std::vector<RibPath>);
-   for (auto const& v : others_) b += v.capacity() * sizeof(RibPath);
-   return b;
+   return order_.bytes() + others_.bytes();
 }
 
 } // namespace Routing::Bgp

@@ -2,8 +2,10 @@
 // key, the best path of each (RFC 4271 section 9.1), and the keys in their family's order.
 //
 // Storage. A route's best path lives in the key's RIB slot (RibRouteSlot, in front of the
-// key); a route with more than one path keeps the others in the table's side store. A
-// million routes of one peer thus cost the table nothing but the slots and the order index.
+// key); a route with more than one path keeps the others in the table's side store, a
+// pool of 16-byte nodes linked in arrival order from the slot. A million routes of one peer
+// thus cost the table nothing but the slots and the order index, and a second peer's path
+// costs one node.
 // The table holds a reference to every key that has a path and to every path's RtAttr.
 //
 // Changes. pathIs / pathDel / pathDelAll change paths and run the decision process for the
@@ -18,6 +20,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -144,9 +147,32 @@ class RibTable : public Ovk::PtrInterface {
       std::size_t paths = 0;
       std::size_t best = 0;
    };
-   std::vector<RibPath>* others(RouteKey const& key) const;
-   std::vector<RibPath>& othersIs(RouteKey const& key);
-   void othersDel(RouteKey const& key);
+   // Other paths: nodes of 16 bytes in chunks of 64 KiB, addressed by a 1-based index (0
+   // ends a list), freed nodes reused first; the chunks go when the last node does.
+   struct OtherPath {
+      RtAttr const* attrs = nullptr;
+      RibSource source = 0;
+      std::uint32_t next = 0;
+      RibPath path() const { return {attrs, source}; }
+   };
+   class OtherPathPool {
+    public:
+      OtherPath& at(std::uint32_t i) const { return chunks_[i >> kChunkShift][i & kChunkMask]; }
+      std::uint32_t alloc(RtAttr const* attrs, RibSource source);
+      void free(std::uint32_t i);
+      std::size_t bytes() const;
+
+    private:
+      static constexpr unsigned kChunkShift = 12;
+      static constexpr std::uint32_t kChunkMask = (1u << kChunkShift) - 1;
+      std::vector<std::unique_ptr<OtherPath[]>> chunks_;
+      std::uint32_t free_ = 0;  // the first freed node
+      std::uint32_t end_ = 1;   // the first node never used (0 is no node)
+      std::uint32_t inUse_ = 0;
+   };
+   // The first of the key's other paths, 0 when it has none.
+   static std::uint32_t othersOf(RouteKey const& key);
+   static void othersIs(RouteKey const& key, std::uint32_t first);
    void markChanged(RouteKey const& key);
    // The key's dedup table is this table's: asserted, claimed when no table has it yet.
    void claim(RouteKey const& key);
@@ -161,9 +187,7 @@ class RibTable : public Ovk::PtrInterface {
    RouteOrderIndex order_;
    std::size_t paths_ = 0;
    std::vector<Counts> counts_;
-   // Other paths of routes with more than one, by the slot's index (1-based).
-   std::vector<std::vector<RibPath>> others_;
-   std::vector<std::uint32_t> freeOthers_;
+   OtherPathPool others_;
    std::vector<RouteKey const*> changed_; // each holds a reference
    std::vector<Reactor*> reactors_;
    // The dedup tables whose keys' slots this table writes, held so that they outlive the

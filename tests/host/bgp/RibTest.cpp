@@ -184,6 +184,74 @@ TEST(RibTest, KeysAndAttributesLiveWhileTheyHavePaths) {
    EXPECT_EQ(env.attrs->size(), 0u);
 }
 
+// ---- Paths of many sources: against a model, through random changes ----
+
+// Keys with up to five paths each, changed, withdrawn and purged by source at random; after
+// every step each key's best path is the best of the model's paths by the decision process,
+// and its paths are the model's. Purging every path empties the store of other paths, which
+// is then filled again.
+TEST(RibTest, PathsOfManySourcesFollowAModel) {
+   Env env;
+   auto sources = RibSources::create(BgpPeer{});
+   std::vector<RibSource> peers;
+   for (std::uint32_t i = 1; i <= 5; ++i) {
+      peers.push_back(sources->sourceIs(peerOf(("10.0.0." + std::to_string(i)).c_str(), 65001 + i, i)));
+   }
+   RibTable table(BgpVrfIdBase{}, AfiSafi::ipv4Flowspec(), sources);
+   std::mt19937 gen(5);
+   auto rng = [&gen] { return static_cast<std::uint32_t>(gen()); };
+   constexpr std::uint32_t kKeys = 40;
+   std::map<std::uint32_t, std::map<RibSource, Ovk::Ptr<RtAttr const>>> model;
+   auto check = [&](int step) {
+      std::size_t paths = 0;
+      for (std::uint32_t k = 0; k < kKeys; ++k) {
+         auto const key = env.key(k);
+         auto const& want = model[k];
+         paths += want.size();
+         std::map<RibSource, RtAttr const*> got;
+         table.forEachPath(*key, [&](RibPath const& p) { EXPECT_TRUE(got.emplace(p.source, p.attrs).second); });
+         ASSERT_EQ(got.size(), want.size()) << "step " << step << " key " << k;
+         for (auto const& [source, attrs] : want) ASSERT_EQ(got[source], attrs.ptr()) << "step " << step;
+         if (want.empty()) {
+            ASSERT_FALSE(table.bestPath(*key)) << "step " << step;
+            continue;
+         }
+         RibPath best{want.begin()->second.ptr(), want.begin()->first};
+         for (auto const& [source, attrs] : want) {
+            if (betterPath(RibPath{attrs.ptr(), source}, best, *sources)) best = RibPath{attrs.ptr(), source};
+         }
+         ASSERT_EQ(table.bestPath(*key)->source, best.source) << "step " << step << " key " << k;
+      }
+      ASSERT_EQ(table.paths(), paths) << "step " << step;
+   };
+   for (int step = 0; step < 4000; ++step) {
+      std::uint32_t const k = rng() % kKeys;
+      RibSource const source = peers[rng() % peers.size()];
+      unsigned const what = rng() % 100;
+      if (what < 60) {
+         auto attrs = env.attr(100 + rng() % 4 * 10, 1 + rng() % 3);
+         table.pathIs(*env.key(k), source, attrs);
+         model[k][source] = attrs;
+      } else if (what < 97) {
+         EXPECT_EQ(table.pathDel(*env.key(k), source), model[k].erase(source) == 1);
+      } else {
+         std::size_t had = 0;
+         for (auto& [key, paths] : model) had += paths.erase(source);
+         EXPECT_EQ(table.pathDelAll(source), had);
+      }
+      table.flushChanges();
+      if (step % 50 == 0 || what >= 97) check(step);
+      if (step == 2000) {
+         // Everything goes, from every source, and comes back.
+         for (RibSource s : peers) table.pathDelAll(s);
+         model.clear();
+         table.flushChanges();
+         check(step);
+      }
+   }
+   check(-1);
+}
+
 // ---- Order index: against an independent sort, through random inserts and erases ----
 
 void orderIndexKeepsTheOrder(RouteOrderIndex::Summary summary);
