@@ -2,6 +2,7 @@
 #include "host/fwk/FwkType.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstring>
 #include <ios>
@@ -308,6 +309,14 @@ std::uint64_t FlowspecRouteKey::orderPrefix() const {
 Ovnet::IpGenPrefix FlowspecRouteKey::destPrefix() const { return prefixEntry(kTagDestPrefix).prefix(isV6()); }
 Ovnet::IpGenPrefix FlowspecRouteKey::srcPrefix() const { return prefixEntry(kTagSrcPrefix).prefix(isV6()); }
 std::uint8_t FlowspecRouteKey::destPrefixOffset() const { return prefixEntry(kTagDestPrefix).offset; }
+
+std::optional<Ovnet::IpGenPrefix> FlowspecRouteKey::importDestination() const {
+   PrefixEntry const e = prefixEntry(kTagDestPrefix);
+   if (!e.present()) return std::nullopt;
+   if (e.offset == 0) return e.prefix(isV6());
+   static constexpr std::array<std::uint8_t, 16> zero{};
+   return Ovnet::IpGenPrefix(Ovnet::IpGenAddr::ipv6(zero), 0);
+}
 std::uint8_t FlowspecRouteKey::srcPrefixOffset() const { return prefixEntry(kTagSrcPrefix).offset; }
 
 // ---- Stored components and tail ----

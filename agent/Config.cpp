@@ -10,7 +10,10 @@
 #define TOML_EXCEPTIONS 0
 #include <toml++/toml.h>
 
+#include <sys/stat.h>
 #include <sys/un.h>
+
+#include <cstdio>
 
 namespace Flowspecd {
 
@@ -122,10 +125,223 @@ void readFamilies(Checker& check, toml::node const& v, NeighborConfig& n) {
    }
 }
 
+// allowed-destinations, allowed-actions and minimum-rate of a [[neighbor]] or an
+// [[import-policy]]: each one set when its key is there.
+void readPolicyKeys(Checker& check, toml::table const& t, ImportPolicy::Options& policy) {
+   if (auto const* v = t.get("allowed-destinations")) {
+      if (auto const* list = v->as_array()) {
+         std::vector<PrefixRange> ranges;
+         for (auto const& item : *list) {
+            std::uint32_t const line = Checker::lineOf(item) ? Checker::lineOf(item) : Checker::lineOf(*v);
+            auto const text = item.value_exact<std::string>();
+            if (!text) {
+               check.error(line, "allowed-destinations holds strings such as \"10.0.0.0/8 le 32\"");
+               continue;
+            }
+            auto range = parsePrefixRange(*text);
+            if (!range) {
+               check.error(line, "allowed-destinations \"" + *text + "\": " + range.reason());
+            } else {
+               ranges.push_back(range.value());
+            }
+         }
+         policy.destinations = std::move(ranges);
+      } else {
+         check.error(*v, "allowed-destinations must be a list such as [\"10.0.0.0/8 le 32\"]");
+      }
+   }
+   if (auto const* v = t.get("allowed-actions")) {
+      if (auto const* list = v->as_array()) {
+         RuleActionSet actions;
+         for (auto const& item : *list) {
+            std::uint32_t const line = Checker::lineOf(item) ? Checker::lineOf(item) : Checker::lineOf(*v);
+            auto const name = item.value_exact<std::string>();
+            auto const action = name ? ruleActionFromName(*name) : std::nullopt;
+            if (!action) {
+               check.error(line, "allowed-actions may hold " + ruleActionNamesText() + "; not " +
+                                     (name ? "\"" + *name + "\"" : std::string("a value of another type")));
+            } else if (actions.has(*action)) {
+               check.error(line, "allowed-actions lists \"" + *name + "\" twice");
+            } else {
+               actions.add(*action);
+            }
+         }
+         policy.actions = actions;
+      } else {
+         check.error(*v, "allowed-actions must be a list such as [\"discard\", \"rate-limit\"]");
+      }
+   }
+   if (auto const* v = t.get("minimum-rate")) {
+      auto const rate = v->is_integer() ? v->value<double>() : v->value_exact<double>();
+      if (!rate || !(*rate > 0) || *rate > 3.4e38) {
+         check.error(*v, "minimum-rate must be a positive number of bytes per second");
+      } else {
+         policy.minimumRate = static_cast<float>(*rate);
+      }
+   }
+}
+
+// An allowed destination of a family the neighbor does not negotiate is a mistake: its
+// prefixes were meant for something.
+void readDestinationFamilies(Checker& check, std::uint32_t line, ImportPolicy::Options const& policy,
+                             std::vector<AfiSafi> const& families) {
+   if (!policy.destinations) return;
+   for (PrefixRange const& r : *policy.destinations) {
+      AfiSafi const family = r.prefix.af() == Ovnet::AddressFamily::ipv4 ? kIpv4Flowspec : kIpv6Flowspec;
+      if (std::find(families.begin(), families.end(), family) == families.end()) {
+         check.error(line, "allowed-destinations entry \"" + r.str() + "\" is of " + familyName(family) +
+                               ", which the neighbor's families do not hold");
+      }
+   }
+}
+
+// One [[import-policy]] table.
+struct NamedPolicy {
+   std::string name;
+   ImportPolicy::Options options;
+   std::uint32_t line = 0;
+};
+
+// [[import-policy]] tables: a name each, and the policy keys of a neighbor.
+std::vector<NamedPolicy> readImportPolicies(Checker& check, toml::table const& root) {
+   std::vector<NamedPolicy> all;
+   auto const* v = root.get("import-policy");
+   if (!v) return all;
+   auto const* list = v->as_array();
+   if (!list || !list->is_array_of_tables()) {
+      check.error(*v, "import policies are written as [[import-policy]] tables");
+      return all;
+   }
+   for (auto const& item : *list) {
+      toml::table const& t = *item.as_table();
+      NamedPolicy p;
+      p.line = Checker::lineOf(t);
+      check.onlyKeys(t, {"name", "allowed-destinations", "allowed-actions", "minimum-rate"}, "[[import-policy]]");
+      if (auto const* n = t.get("name")) {
+         if (auto name = check.string(*n, "name")) {
+            if (name->empty()) check.error(*n, "an import policy's name must not be empty");
+            p.name = *name;
+         }
+      } else {
+         check.error(p.line, "an [[import-policy]] needs a name");
+      }
+      readPolicyKeys(check, t, p.options);
+      for (NamedPolicy const& other : all) {
+         if (!p.name.empty() && other.name == p.name) {
+            check.error(p.line, "import policy " + p.name + " is already defined on line " + std::to_string(other.line));
+         }
+      }
+      all.push_back(std::move(p));
+   }
+   return all;
+}
+
+// A neighbor's import-policy: the named policy's keys where the neighbor has none of its own.
+void resolveImportPolicy(Checker& check, toml::table const& t, std::vector<NamedPolicy> const& policies,
+                         NeighborConfig& n) {
+   if (n.importPolicy.empty()) return;
+   std::uint32_t const line = Checker::lineOf(*t.get("import-policy"));
+   auto const named = std::find_if(policies.begin(), policies.end(),
+                                   [&](NamedPolicy const& p) { return p.name == n.importPolicy; });
+   if (named == policies.end()) {
+      check.error(line, "import-policy \"" + n.importPolicy + "\" is not an [[import-policy]] of this file");
+      return;
+   }
+   if (!n.policy.destinations && named->options.destinations) {
+      n.policy.destinations = named->options.destinations;
+      readDestinationFamilies(check, line, n.policy, n.families);
+   }
+   if (!n.policy.actions) n.policy.actions = named->options.actions;
+   if (!n.policy.minimumRate) n.policy.minimumRate = named->options.minimumRate;
+}
+
+// max-rules and the keys that go with it, of a [[neighbor]] (`perNeighbor`: all of them) or
+// of the top level (max-rules and max-rules-warning).
+std::optional<RuleLimit> readRuleLimit(Checker& check, toml::table const& t, bool perNeighbor) {
+   RuleLimit limit;
+   toml::node const* const max = t.get("max-rules");
+   if (max) {
+      if (auto n = check.integer(*max, "max-rules", 1, 4294967295)) limit.maxRules = static_cast<std::uint32_t>(*n);
+   }
+   std::vector<char const*> const dependent =
+       perNeighbor ? std::vector<char const*>{"max-rules-action", "max-rules-restart", "max-rules-warning"}
+                   : std::vector<char const*>{"max-rules-warning"};
+   for (char const* key : dependent) {
+      toml::node const* const v = t.get(key);
+      if (!v) continue;
+      if (!max) {
+         check.error(*v, std::string(key) + " needs max-rules");
+         continue;
+      }
+      if (std::string_view(key) == "max-rules-action") {
+         auto const name = check.string(*v, key);
+         auto const action = name ? ruleLimitActionFromName(*name) : std::nullopt;
+         if (name && !action) {
+            check.error(*v, "max-rules-action is \"warning\", \"discard\" or \"teardown\", not \"" + *name + "\"");
+         }
+         if (action) limit.action = *action;
+      } else if (std::string_view(key) == "max-rules-restart") {
+         if (auto n = check.integer(*v, key, 1, 86400)) limit.restartSeconds = static_cast<std::uint32_t>(*n);
+      } else if (auto n = check.integer(*v, key, 1, 100)) {
+         limit.warningPercent = static_cast<std::uint8_t>(*n);
+      }
+   }
+   if (!max || limit.maxRules == 0) return std::nullopt;
+   return limit;
+}
+
+// password, ttl-security and ttl-security-hops. A mistake in the password never quotes it.
+void readSessionSecurity(Checker& check, toml::table const& t, NeighborConfig& n) {
+   if (auto const* v = t.get("password")) {
+      if (auto const pw = v->value_exact<std::string>(); !pw) {
+         check.error(*v, "password must be a string");
+      } else if (pw->empty()) {
+         check.error(*v, "password must not be empty (leave the key out for none)");
+      } else if (pw->size() > kMaxPasswordBytes) {
+         check.error(*v, "password is " + std::to_string(pw->size()) + " bytes long; the kernel takes at most " +
+                             std::to_string(kMaxPasswordBytes) + " (TCP_MD5SIG_MAXKEYLEN)");
+      } else {
+         n.password = *pw;
+      }
+   }
+   if (auto const* v = t.get("ttl-security")) {
+      if (auto b = v->value_exact<bool>()) {
+         n.ttlSecurity = *b;
+      } else {
+         check.error(*v, "ttl-security must be true or false");
+      }
+   }
+   if (auto const* v = t.get("ttl-security-hops")) {
+      if (!n.ttlSecurity) {
+         check.error(*v, "ttl-security-hops needs ttl-security = true");
+      } else if (auto h = check.integer(*v, "ttl-security-hops", 0, 254)) {
+         n.ttlSecurityHops = static_cast<std::uint8_t>(*h);
+      }
+   }
+}
+
 void readNeighbor(Checker& check, toml::table const& t, NeighborConfig& n) {
-   static std::vector<std::string_view> const known{
-       "address",  "port",        "remote-as",     "passive",       "hold-time",
-       "families", "description", "local-address", "connect-retry", "min-route-advertisement-interval"};
+   static std::vector<std::string_view> const known{"address",
+                                                    "port",
+                                                    "remote-as",
+                                                    "passive",
+                                                    "hold-time",
+                                                    "families",
+                                                    "description",
+                                                    "local-address",
+                                                    "connect-retry",
+                                                    "min-route-advertisement-interval",
+                                                    "import-policy",
+                                                    "allowed-destinations",
+                                                    "allowed-actions",
+                                                    "minimum-rate",
+                                                    "max-rules",
+                                                    "max-rules-action",
+                                                    "max-rules-restart",
+                                                    "max-rules-warning",
+                                                    "password",
+                                                    "ttl-security",
+                                                    "ttl-security-hops"};
    check.onlyKeys(t, known, "[[neighbor]]");
    n.line = Checker::lineOf(t);
    if (auto const* v = t.get("address")) {
@@ -181,6 +397,13 @@ void readNeighbor(Checker& check, toml::table const& t, NeighborConfig& n) {
          n.minRouteAdvertisementSeconds = static_cast<std::uint16_t>(*s);
       }
    }
+   if (auto const* v = t.get("import-policy")) {
+      if (auto s = check.string(*v, "import-policy")) n.importPolicy = *s;
+   }
+   readPolicyKeys(check, t, n.policy);
+   if (auto const* v = t.get("allowed-destinations")) readDestinationFamilies(check, Checker::lineOf(*v), n.policy, n.families);
+   n.maxRules = readRuleLimit(check, t, true);
+   readSessionSecurity(check, t, n);
 }
 
 // router-id and local-as: who the agent is.
@@ -272,15 +495,18 @@ void readHostNames(Checker& check, toml::table const& root, AgentConfig& config)
    }
 }
 
-// The keys of the top level: identity, listeners, sockets, where the plugin is.
+// The keys of the top level: identity, listeners, sockets, where the plugin is, the global
+// rule limit.
 void readGlobals(Checker& check, toml::table const& root, AgentConfig& config) {
    readIdentity(check, root, config);
    readListen(check, root, config);
    readHostNames(check, root, config);
+   config.maxRules = readRuleLimit(check, root, false);
 }
 
 // [[neighbor]] tables.
-void readNeighbors(Checker& check, toml::table const& root, AgentConfig& config) {
+void readNeighbors(Checker& check, toml::table const& root, std::vector<NamedPolicy> const& policies,
+                   AgentConfig& config) {
    if (auto const* v = root.get("neighbor")) {
       auto const* list = v->as_array();
       if (!list || !list->is_array_of_tables()) {
@@ -289,6 +515,7 @@ void readNeighbors(Checker& check, toml::table const& root, AgentConfig& config)
          for (auto const& item : *list) {
             NeighborConfig n;
             readNeighbor(check, *item.as_table(), n);
+            resolveImportPolicy(check, *item.as_table(), policies, n);
             for (auto const& other : config.neighbors) {
                if (!n.address.isUnspecified() && other.address == n.address) {
                   check.error(n.line, "neighbor " + n.address.str() + " is already defined on line " +
@@ -496,12 +723,12 @@ Ovk::Result<AgentConfig, ConfigErrors> parseConfig(std::string_view text, std::s
    toml::table const& root = parsed.table();
    AgentConfig config;
    config.source = fileName;
-   check.onlyKeys(
-       root,
-       {"router-id", "local-as", "listen", "control-socket", "plugin-dir", "fsib-prefix", "neighbor", "vrf", "rule"},
-       "");
+   check.onlyKeys(root,
+                  {"router-id", "local-as", "listen", "control-socket", "plugin-dir", "fsib-prefix", "max-rules",
+                   "max-rules-warning", "import-policy", "neighbor", "vrf", "rule"},
+                  "");
    readGlobals(check, root, config);
-   readNeighbors(check, root, config);
+   readNeighbors(check, root, readImportPolicies(check, root), config);
    readVrfs(check, root, config);
    readRules(check, root, config);
    if (!check.clean()) return Ovk::failure(check.take());
@@ -519,6 +746,37 @@ Ovk::Result<AgentConfig, ConfigErrors> loadConfigFile(std::string const& path) {
 }
 
 std::string_view embeddedDefaultConfig() { return kDefaultConfig; }
+
+namespace {
+
+std::string destinationsText(ImportPolicy::Options const& p) {
+   if (!p.destinations) return "any";
+   std::string text;
+   for (PrefixRange const& r : *p.destinations) text += (text.empty() ? "" : ", ") + r.str();
+   return "[" + text + "]";
+}
+
+std::string actionsText(ImportPolicy::Options const& p) {
+   if (!p.actions) return "any";
+   std::string text;
+   for (std::string const& name : p.actions->names()) text += (text.empty() ? "" : ", ") + name;
+   return "[" + text + "]";
+}
+
+std::string rateText(ImportPolicy::Options const& p) {
+   if (!p.minimumRate) return "none";
+   char text[32];
+   std::snprintf(text, sizeof text, "%g", static_cast<double>(*p.minimumRate));
+   return text;
+}
+
+std::string limitText(std::optional<RuleLimit> const& l) {
+   if (!l) return "none";
+   return std::to_string(l->maxRules) + " (" + toStrep(l->action) + ", restart " + std::to_string(l->restartSeconds) +
+          " s, warning at " + std::to_string(l->warningPercent) + "%)";
+}
+
+} // namespace
 
 NeighborChanges neighborChanges(NeighborConfig const& from, NeighborConfig const& to) {
    NeighborChanges c;
@@ -541,7 +799,34 @@ NeighborChanges neighborChanges(NeighborConfig const& from, NeighborConfig const
    note(c.inPlace, "connect-retry", std::to_string(from.connectRetrySeconds), std::to_string(to.connectRetrySeconds));
    note(c.inPlace, "min-route-advertisement-interval", std::to_string(from.minRouteAdvertisementSeconds),
         std::to_string(to.minRouteAdvertisementSeconds));
+   // The connection carries the session's security: a new session takes it. The password
+   // itself is never written.
+   if (from.password != to.password) {
+      c.reset.push_back(from.password.empty() ? "password set"
+                        : to.password.empty() ? "password removed"
+                                              : "password changed");
+   }
+   note(c.reset, "ttl-security", from.ttlSecurity ? "true" : "false", to.ttlSecurity ? "true" : "false");
+   note(c.reset, "ttl-security-hops", std::to_string(from.ttlSecurityHops), std::to_string(to.ttlSecurityHops));
+   // What the neighbor may import changes as the session goes on.
+   note(c.inPlace, "import-policy", "\"" + from.importPolicy + "\"", "\"" + to.importPolicy + "\"");
+   note(c.inPlace, "allowed-destinations", destinationsText(from.policy), destinationsText(to.policy));
+   note(c.inPlace, "allowed-actions", actionsText(from.policy), actionsText(to.policy));
+   note(c.inPlace, "minimum-rate", rateText(from.policy), rateText(to.policy));
+   note(c.inPlace, "max-rules", limitText(from.maxRules), limitText(to.maxRules));
+   c.importChanged = !(from.policy == to.policy) || from.maxRules != to.maxRules;
    return c;
+}
+
+std::string passwordExposure(AgentConfig const& config) {
+   bool const passwords =
+       std::any_of(config.neighbors.begin(), config.neighbors.end(), [](auto const& n) { return !n.password.empty(); });
+   struct stat st {};
+   if (!passwords || ::stat(config.source.c_str(), &st) != 0 || (st.st_mode & (S_IRGRP | S_IROTH)) == 0) return {};
+   char mode[8];
+   std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+   return "the configuration file " + config.source + " holds passwords and users other than its owner may read it (mode " +
+          mode + "): chmod 600 it";
 }
 
 std::optional<Ovnet::IpGenAddr> sourceAddress(AgentConfig const& config, NeighborConfig const& n) {

@@ -2,6 +2,16 @@
 
 namespace Flowspecd {
 
+namespace {
+
+nlohmann::json refusalCounts(ImportRefusalCounts const& counts) {
+   nlohmann::json j = nlohmann::json::object();
+   for (ImportRefusal const r : allImportRefusals()) j[toStrep(r)] = counts[static_cast<std::size_t>(r)];
+   return j;
+}
+
+} // namespace
+
 nlohmann::json updatesJson(BgpRouting const& routing) {
    nlohmann::json neighbors = nlohmann::json::array();
    for (auto const& [address, v] : routing.peers()) {
@@ -20,7 +30,8 @@ nlohmann::json updatesJson(BgpRouting const& routing) {
              {"withdrawn", f.withdrawn},
              {"refused", f.refused},
              {"withdrawnUnknown", ribin == v.ribin.end() ? 0 : ribin->second.unknownWithdrawals},
-             {"rules", rules == v.received.end() ? 0 : rules->second}};
+             {"rules", rules == v.received.end() ? 0 : rules->second},
+             {"importRefused", refusalCounts(ribin == v.ribin.end() ? ImportRefusalCounts{} : ribin->second.refused)}};
       }
       nlohmann::json reasons = nlohmann::json::object();
       for (auto const& [reason, n] : v.counters.reasons) reasons[toStrep(reason)] = n;
@@ -31,6 +42,32 @@ nlohmann::json updatesJson(BgpRouting const& routing) {
                            {"reasons", reasons}});
    }
    return {{"neighbors", neighbors}};
+}
+
+nlohmann::json importJson(BgpRouting::PeerView const& view) {
+   nlohmann::json families = nlohmann::json::object();
+   for (auto const& [family, c] : view.ribin) {
+      families[familyName(family)] = {{"refused", refusalCounts(c.refused)},
+                                      {"refusedTotal", c.refusedTotal()},
+                                      {"limitWarnings", c.limitWarnings},
+                                      {"limitExceeded", c.limitExceeded}};
+   }
+   return families;
+}
+
+nlohmann::json refusedJson(BgpRouting const& routing, Ovnet::IpGenAddr const& neighbor) {
+   nlohmann::json families = nlohmann::json::object();
+   for (auto const& [family, view] : routing.refused(neighbor)) {
+      nlohmann::json rules = nlohmann::json::array();
+      for (AdjRibin::Refused const& r : view.rules) {
+         rules.push_back({{"rule", r.key->displayText()},
+                          {"reason", toStrep(r.reason)},
+                          {"reasonText", importRefusalText(r.reason)},
+                          {"actions", ruleActionsOf(r.attrs->contents()).actions.names()}});
+      }
+      families[familyName(family)] = {{"rules", rules}, {"notKept", view.notKept}};
+   }
+   return {{"neighbor", neighbor.str()}, {"families", families}};
 }
 
 nlohmann::json summaryJson(BgpRouting const& routing) {

@@ -1,5 +1,7 @@
 #include "host/bgp/AdjRibin.h"
 
+#include <algorithm>
+
 #include "host/fwk/Assert.h"
 
 namespace Routing::Bgp {
@@ -35,24 +37,170 @@ AdjRibin::AdjRibin(AdjRibinType type, NlriType nlriType, BgpInstanceEpoch epoch,
     : type_(type), nlriType_(nlriType), epoch_(epoch), inputTables_(std::move(inputTables)),
       attributeModification_(std::move(attributeModification)) {}
 
-bool AdjRibin::announce(BgpParseNlriResults const& nlri, Ovk::Ptr<RtAttr const> const& attrs) {
+AdjRibin::Announced AdjRibin::announce(BgpParseNlriResults const& nlri, Ovk::Ptr<RtAttr const> const& attrs) {
    OVK_ASSERT(ribTable_);
    AdjRibinPath const path =
        instantiateRibinPathFromNlriResults(PathKey{nlri.routeKey.ptr(), source_, nlri.pathId}, attrs, nlri);
-   if (!path.routeKey || !path.attrs) return false;
+   if (!path.routeKey || !path.attrs) return Announced::noPath;
+   if (control_) {
+      if (auto const refused = importCheck(*path.routeKey, path.attrs)) return *refused;
+   }
    ribTable_->pathIs(*path.routeKey, path.source, path.attrs);
    ++counters_.announced;
-   return true;
+   if (control_) imported(*path.routeKey);
+   return Announced::path;
 }
 
 bool AdjRibin::withdraw(RouteKey const& key) {
    OVK_ASSERT(ribTable_);
    if (!ribTable_->pathDel(key, source_)) {
+      if (!refused_.empty() && refused_.erase(&key) != 0) return false;
       ++counters_.unknownWithdrawals;
       return false;
    }
    ++counters_.withdrawn;
    return true;
+}
+
+void AdjRibin::importControlIs(Ovk::Ptr<ImportControl const> control) {
+   control_ = std::move(control);
+   lastAttrs_ = nullptr;
+   lastActionRefusal_.reset();
+}
+
+std::optional<ImportRefusal> AdjRibin::actionRefusal(Ovk::Ptr<RtAttr const> const& attrs) {
+   if (attrs != lastAttrs_) {
+      lastAttrs_ = attrs;
+      lastActionRefusal_ = control_->policy->actionRefusal(attrs->contents());
+   }
+   return lastActionRefusal_;
+}
+
+std::optional<AdjRibin::Announced> AdjRibin::importCheck(RouteKey const& key, Ovk::Ptr<RtAttr const> const& attrs) {
+   ImportControl const& c = *control_;
+   if (c.policy) {
+      std::optional<ImportRefusal> why = c.policy->destinationRefusal(key);
+      if (!why && c.policy->checksActions()) why = actionRefusal(attrs);
+      if (why) {
+         // The announcement replaces what the session had of the key: refused, it leaves none.
+         if (ribTable_->pathDel(key, source_)) ++counters_.withdrawn;
+         noteRefusal(key, attrs, *why, true);
+         return Announced::refused;
+      }
+   }
+   RuleLimit const* const global = c.global && c.global->limit() ? &*c.global->limit() : nullptr;
+   // Limits count rules: a path that replaces the session's own for the key takes no room.
+   if ((!c.limit && !global) || ribTable_->path(key, source_)) return std::nullopt;
+   if (c.limit) {
+      RuleLimit const& limit = *c.limit;
+      std::uint64_t const held = ribTable_->pathsOf(source_);
+      bool const warningOnly = limit.action == RuleLimitAction::warning;
+      // Each crossing is heard once: the mark clears when the count is back under.
+      if (limitReached_ && held < limit.maxRules + (warningOnly ? 1u : 0u)) limitReached_ = false;
+      if (aboveWarning_ && held < limit.warningAt()) aboveWarning_ = false;
+      if (held >= limit.maxRules) {
+         switch (limit.action) {
+         case RuleLimitAction::teardown:
+            ++counters_.limitExceeded;
+            hear(LimitEvent::Kind::teardown, held, limit);
+            return Announced::teardown;
+         case RuleLimitAction::discard:
+            if (!limitReached_) {
+               limitReached_ = true;
+               ++counters_.limitExceeded;
+               hear(LimitEvent::Kind::exceeded, held, limit);
+            }
+            // Past a discard limit nothing of the route stays: a peer that sends ten times
+            // its limit costs the limit's worth of rules.
+            noteRefusal(key, attrs, ImportRefusal::ruleLimit, false);
+            return Announced::refused;
+         case RuleLimitAction::warning:
+            if (!limitReached_) {
+               limitReached_ = true;
+               ++counters_.limitExceeded;
+               hear(LimitEvent::Kind::exceeded, held + 1, limit);
+            }
+            break;
+         }
+      }
+   }
+   if (global) {
+      std::uint64_t const held = c.global->held();
+      if (c.global->reached && held < global->maxRules) c.global->reached = false;
+      if (c.global->aboveWarning && held < global->warningAt()) c.global->aboveWarning = false;
+      if (held >= global->maxRules) {
+         if (!c.global->reached) {
+            c.global->reached = true;
+            hear(LimitEvent::Kind::globalReached, held, *global);
+         }
+         noteRefusal(key, attrs, ImportRefusal::globalRuleLimit, false);
+         return Announced::refused;
+      }
+   }
+   return std::nullopt;
+}
+
+void AdjRibin::imported(RouteKey const& key) {
+   if (!refused_.empty()) refused_.erase(&key);
+   ImportControl const& c = *control_;
+   if (c.limit && !aboveWarning_) {
+      std::uint64_t const held = ribTable_->pathsOf(source_);
+      if (held >= c.limit->warningAt()) {
+         aboveWarning_ = true;
+         ++counters_.limitWarnings;
+         hear(LimitEvent::Kind::warning, held, *c.limit);
+      }
+   }
+   if (c.global && c.global->limit() && !c.global->aboveWarning) {
+      std::uint64_t const held = c.global->held();
+      if (held >= c.global->limit()->warningAt()) {
+         c.global->aboveWarning = true;
+         hear(LimitEvent::Kind::globalWarning, held, *c.global->limit());
+      }
+   }
+}
+
+void AdjRibin::noteRefusal(RouteKey const& key, Ovk::Ptr<RtAttr const> attrs, ImportRefusal why, bool keep) {
+   ++counters_.refused[static_cast<std::size_t>(why)];
+   auto const kept = refused_.find(&key);
+   if (keep && (kept != refused_.end() || refused_.size() < kRefusedKept)) {
+      refused_[&key] = Refused{Ovk::Ptr<RouteKey const>(&key), std::move(attrs), why};
+      return;
+   }
+   if (kept != refused_.end()) refused_.erase(kept);
+   if (keep) ++refusedNotKept_;
+}
+
+void AdjRibin::hear(LimitEvent::Kind kind, std::uint64_t held, RuleLimit const& limit) const {
+   if (control_->heard) control_->heard(LimitEvent{kind, ribTable_->afiSafi(), held, limit});
+}
+
+std::size_t AdjRibin::reimportSome(Ovk::Ptr<RouteKey const>& cursor, std::size_t budget) {
+   OVK_ASSERT(ribTable_);
+   if (!control_ || !control_->policy) {
+      cursor = nullptr;
+      return 0;
+   }
+   ImportPolicy const& policy = *control_->policy;
+   return ribTable_->pathDelSome(source_, cursor, budget, [&](RouteKey const& key, RibPath const& path) {
+      std::optional<ImportRefusal> why = policy.destinationRefusal(key);
+      if (!why) why = policy.actionRefusal(path.contents());
+      if (!why) return false;
+      noteRefusal(key, Ovk::Ptr<RtAttr const>(path.attrs), *why, true);
+      return true;
+   });
+}
+
+std::vector<AdjRibin::Refused> AdjRibin::refused() const {
+   std::vector<Refused> all;
+   all.reserve(refused_.size());
+   for (auto const& [key, r] : refused_) all.push_back(r);
+   // The family's order; keys it holds equal keep an order of their own.
+   std::sort(all.begin(), all.end(), [](Refused const& a, Refused const& b) {
+      int const c = a.key->orderCompare(*b.key);
+      return c != 0 ? c < 0 : a.key.ptr() < b.key.ptr();
+   });
+   return all;
 }
 
 void AdjRibinCollection::adjRibinIs(Ovk::Ptr<AdjRibin> const& adjRibin) { adjRibins_[adjRibin->nlriType()] = adjRibin; }

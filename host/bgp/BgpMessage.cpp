@@ -167,6 +167,15 @@ Notification ceaseWithMessage(std::uint8_t subcode, std::string_view message) {
    return n;
 }
 
+Notification ceaseMaxPrefixes(AfiSafi family, std::uint32_t limit) {
+   std::uint16_t const afi = afiNumber(family);
+   return Notification{ErrorCode::cease,
+                       CeaseSubcode::maxPrefixes,
+                       {static_cast<std::uint8_t>(afi >> 8), static_cast<std::uint8_t>(afi), family.safi(),
+                        static_cast<std::uint8_t>(limit >> 24), static_cast<std::uint8_t>(limit >> 16),
+                        static_cast<std::uint8_t>(limit >> 8), static_cast<std::uint8_t>(limit)}};
+}
+
 Ovk::Result<Header, Notification> parseHeader(ByteView header, std::size_t maxMessageSize) {
    ByteCursor c(header);
    ByteView marker;

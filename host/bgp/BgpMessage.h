@@ -103,6 +103,9 @@ struct Notification {
 std::string notificationText(Notification const& n);
 // A Cease with an RFC 8203 shutdown communication (cut to 255 bytes), as peers send them.
 Notification ceaseWithMessage(std::uint8_t subcode, std::string_view message);
+// Cease "Maximum Number of Prefixes Reached" (RFC 4486 section 4): its data the family
+// (AFI 2 bytes, SAFI 1 byte) and the limit (4 bytes).
+Notification ceaseMaxPrefixes(AfiSafi family, std::uint32_t limit);
 
 // The fixed header. `length` covers the whole message, header included.
 struct Header {

@@ -272,24 +272,26 @@ std::size_t RibTable::pathDelAll(RibSource source) {
    return pathDelSome(source, cursor, SIZE_MAX);
 }
 
-std::size_t RibTable::pathDelSome(RibSource source, Ovk::Ptr<RouteKey const>& cursor, std::size_t budget) {
+std::size_t RibTable::pathDelSome(RibSource source, Ovk::Ptr<RouteKey const>& cursor, std::size_t budget,
+                                  PathFilter const& which) {
    if (pathsOf(source) == 0) {
       cursor = nullptr;
       return 0;
    }
    // Collect first: removing a key's last path takes it out of the order being walked.
    std::vector<RouteKey const*> keys;
+   auto const picked = [&](RouteKey const& key, RibPath const& path) { return !which || which(key, path); };
    auto it = cursor ? order_.lowerBound(*cursor) : order_.begin();
    for (std::size_t visited = 0; it != order_.end() && visited < budget; ++it, ++visited) {
       RouteKey const* key = *it;
-      if (key->ribSlot().bestSource == source) {
-         keys.push_back(key);
+      RibRouteSlot const& slot = key->ribSlot();
+      if (slot.bestSource == source) {
+         if (picked(*key, RibPath{attrsOf(slot), source})) keys.push_back(key);
          continue;
       }
       if (auto* more = others(*key)) {
-         if (std::any_of(more->begin(), more->end(), [source](RibPath const& p) { return p.source == source; })) {
-            keys.push_back(key);
-         }
+         auto const mine = std::find_if(more->begin(), more->end(), [source](RibPath const& p) { return p.source == source; });
+         if (mine != more->end() && picked(*key, *mine)) keys.push_back(key);
       }
    }
    // The next key is not among those collected, so it stays in the index meanwhile.

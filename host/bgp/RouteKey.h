@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -27,6 +28,7 @@
 #include "host/fwk/Ptr.h"
 #include "host/fwk/String.h"
 #include "host/fwk/Trace.h"
+#include "host/net/IpGenAddr.h"
 
 namespace Flowspec {
 class FlowspecKey;
@@ -60,6 +62,9 @@ class RouteKeyBase : public Ovk::DedupHandle {
    virtual void formatWithoutVrf(std::ostream& os) const;
    // formatDerivedType as a string.
    virtual std::string toStrepImpl() const;
+   // The key as an operator writes it, without ids (a flowspec rule's text); by default
+   // formatWithoutVrf.
+   virtual std::string displayText() const;
 
    // Writes the key into the compact trace ring's current record (Ovk::Blink::begin has been
    // called). By default the key's 32-bit hash.
@@ -95,6 +100,12 @@ class RouteKeyBase : public Ovk::DedupHandle {
    virtual bool isOverlapping(RouteKeyBase const& other) const;
    virtual bool isMoreSpecific(RouteKeyBase const& other) const;
    virtual Ovk::Ptr<RouteKeyBase const> getOneBitShorterMaskRouteKey() const;
+
+   // For import policy (host/bgp/ImportPolicy.h): the smallest prefix that holds every
+   // destination address the key's routes concern, of the key's address family; empty when
+   // the key names no destination (a flowspec rule without a destination component, and
+   // every key of a family that does not answer: the default).
+   virtual std::optional<Ovnet::IpGenPrefix> importDestination() const { return std::nullopt; }
 
    // Detail display and comparison for the show commands; by default nothing more, and
    // compare().

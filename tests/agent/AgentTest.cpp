@@ -95,7 +95,8 @@ TEST(Agent, TwoAgentsPeerAndShowTheirSessions) {
    EXPECT_TRUE(waitFor(sockA, [](auto const& n) { return n["state"] == "Established"; }));
    auto const j = show(sockB);
    ASSERT_TRUE(j.is_object());
-   ASSERT_EQ(j.size(), 2u);
+   ASSERT_EQ(j.size(), 3u);
+   EXPECT_EQ(j["strangersClosed"], 0);
    EXPECT_EQ(j["summaryLabels"]["ipv4-flowspec"], nlohmann::json({{"received", "RulesRcd"}, {"accepted", "RulesAcc"}}));
    auto const& n = j["neighbors"][0];
    EXPECT_EQ(n["address"], "127.0.0.31");

@@ -327,6 +327,7 @@ struct OrderedOutput : BgpPeerOutput {
       std::string const text = "EoR " + familyName(family);
       sent.emplace_back(text.begin(), text.end());
    }
+   void sendRouteRefresh(AfiSafi) override {}
    std::size_t queuedBytes() const override { return 0; }
    void drainedCallbackIs(std::function<void()>) override {}
    Ovnet::IpGenAddr localAddress() const override { return local; }

@@ -94,12 +94,14 @@ class FakeConnector : public Connector {
    struct Pending {
       Endpoint remote;
       std::optional<Ovnet::IpGenAddr> local;
+      TcpSecurity security;
       Done done;
       Ovk::Ptr<FakeAttempt> attempt;
    };
-   Ovk::Ptr<ConnectAttempt> connect(Endpoint const& remote, std::optional<Ovnet::IpGenAddr> local, Done done) override {
+   Ovk::Ptr<ConnectAttempt> connect(Endpoint const& remote, std::optional<Ovnet::IpGenAddr> local,
+                                    TcpSecurity const& security, Done done) override {
       auto a = Ovk::makePtr<FakeAttempt>();
-      attempts.push_back({remote, local, std::move(done), a});
+      attempts.push_back({remote, local, security, std::move(done), a});
       return a;
    }
    // Completes the latest attempt.
