@@ -260,9 +260,8 @@ void Neighbor::handleIncoming(Ovk::Ptr<Transport> transport) {
       return;
    }
    if (heldIdle()) {
-      auto const left = std::chrono::duration_cast<std::chrono::seconds>(idleHoldUntil_ - deps_.scheduler->now());
       reject(CeaseSubcode::connectionRejected,
-             "held in Idle for " + std::to_string(left.count() + 1) + " s more after a rule limit's teardown");
+             "held in Idle for " + std::to_string(idleHoldLeft()) + " s more after a rule limit's teardown");
       return;
    }
    // RFC 4271 section 6.8: a connection that collides with an established session is closed.
@@ -484,6 +483,11 @@ void Neighbor::handleUpdate(Connection& c, MessageView const& m) {
    closeConnection(c, *outcome.reset, "");
 }
 
+std::uint64_t Neighbor::idleHoldLeft() const {
+   auto const left = std::chrono::ceil<std::chrono::seconds>(idleHoldUntil_ - deps_.scheduler->now()).count();
+   return static_cast<std::uint64_t>(std::max<std::int64_t>(1, left));
+}
+
 void Neighbor::holdIdle(std::uint32_t seconds) {
    if (idleHoldTimer_) deps_.scheduler->cancel(*idleHoldTimer_);
    idleHoldUntil_ = deps_.scheduler->now() + std::chrono::seconds(seconds);
@@ -544,11 +548,7 @@ NeighborStatus Neighbor::status() const {
    s.state = state();
    s.lastError = lastError_;
    s.counters = counters_;
-   if (heldIdle()) {
-      auto const left = idleHoldUntil_ - deps_.scheduler->now();
-      s.idleHoldSeconds = static_cast<std::uint64_t>(
-          std::max<std::int64_t>(1, std::chrono::duration_cast<std::chrono::seconds>(left).count() + 1));
-   }
+   if (heldIdle()) s.idleHoldSeconds = idleHoldLeft();
    Connection const* best = nullptr;
    for (auto const& c : connections_) {
       if (!best || c->state > best->state) best = c.ptr();

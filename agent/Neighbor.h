@@ -193,6 +193,8 @@ class Neighbor : public Ovk::PtrInterface {
    // Holds the neighbor in Idle for `seconds` from now.
    void holdIdle(std::uint32_t seconds);
    bool heldIdle() const { return idleHoldTimer_.has_value(); }
+   // Whole seconds left of the hold, at least 1.
+   std::uint64_t idleHoldLeft() const;
    void log(std::string const& event) const;
 
    NeighborConfig config_;

@@ -66,6 +66,19 @@ void AdjRibin::importControlIs(Ovk::Ptr<ImportControl const> control) {
    control_ = std::move(control);
    lastAttrs_ = nullptr;
    lastActionRefusal_.reset();
+   // What is kept aside shows the refusals of the policy in force: those it would not make
+   // go (the peer's routes come again through import), the others take its reason.
+   ImportPolicy const* const policy = control_ ? control_->policy.ptr() : nullptr;
+   for (auto it = refused_.begin(); it != refused_.end();) {
+      std::optional<ImportRefusal> why = policy ? policy->destinationRefusal(*it->second.key) : std::nullopt;
+      if (policy && !why) why = policy->actionRefusal(it->second.attrs->contents());
+      if (!why) {
+         it = refused_.erase(it);
+         continue;
+      }
+      it->second.reason = *why;
+      ++it;
+   }
 }
 
 std::optional<ImportRefusal> AdjRibin::actionRefusal(Ovk::Ptr<RtAttr const> const& attrs) {

@@ -153,7 +153,8 @@ class AdjRibin : public Ovk::PtrInterface, public Ovk::NotificationSwitch {
    bool withdraw(RouteKey const& key);
 
    // What the session may import; null (the default) imports every path. Checked at each
-   // announcement from now on; reimportSome applies a new policy to the paths held.
+   // announcement from now on; reimportSome applies a new policy to the paths held. The
+   // routes kept aside take the new policy's reasons, and leave when it allows them.
    void importControlIs(Ovk::Ptr<ImportControl const> control);
    ImportControl const* importControl() const { return control_.ptr(); }
    // Takes out of the RIB the session's paths the policy now refuses, counted and kept aside
