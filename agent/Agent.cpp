@@ -278,7 +278,10 @@ ConfigErrors Agent::checkWithPlugins(AgentConfig const& config) {
 void Agent::handleAccept(Ovk::Ptr<Transport> t) {
    // The screen let only neighbors' connections through, a moment ago in the same pass.
    auto it = byAddress_.find(t->remote().address);
-   OVK_ASSERT(it != byAddress_.end());
+   if (it == byAddress_.end()) {
+      t->close();
+      return;
+   }
    it->second->handleIncoming(std::move(t));
 }
 

@@ -237,6 +237,9 @@ std::uint64_t RuleLimit::warningAt() const {
    return std::max<std::uint64_t>(at, 1);
 }
 
+GlobalRuleLimit::GlobalRuleLimit() = default;
+GlobalRuleLimit::~GlobalRuleLimit() = default;
+
 void GlobalRuleLimit::tableIs(Ovk::Ptr<RibTable> table) {
    if (std::find(tables_.begin(), tables_.end(), table) == tables_.end()) tables_.push_back(std::move(table));
 }

@@ -168,6 +168,8 @@ struct RuleLimit {
 // families counted together. Changed in place (a reload); the RIB-ins read it as they go.
 class GlobalRuleLimit : public Ovk::PtrInterface {
  public:
+   GlobalRuleLimit();
+   ~GlobalRuleLimit() override;
    // Nothing: no limit.
    void limitIs(std::optional<RuleLimit> limit) { limit_ = limit; }
    std::optional<RuleLimit> const& limit() const { return limit_; }

@@ -100,6 +100,9 @@ TEST(Config, EveryMistakeNamesFileLineAndWhat) {
    std::string const head = "router-id = \"1.2.3.4\"\nlocal-as = 65001\n"; // lines 1-2
    std::vector<BadCase> const cases{
        {"syntax", "router-id = \"1.2.3.4\"\nlocal-as = = 3\n", 2, "TOML syntax error"},
+       // A key that starts with U+0296 where the library looks for whitespace.
+       {"a non-ASCII character before a key", "router-id = \"1.2.3.4\"\nlocal-as = 1\n\xca\x96" "d = 2\n", 3,
+        "TOML syntax error"},
        {"unknown top-level key", "router-id = \"1.2.3.4\"\nlocal-as = 1\nlisten-port = 3\n", 3,
         "unknown key 'listen-port'"},
        {"missing router-id", "local-as = 1\n", 1, "missing router-id"},

@@ -111,6 +111,41 @@ TEST(TcpSecurityTest, AKeptSynTellsTheTtlAndSessionSocketsTakeGtsm) {
    ::close(l);
 }
 
+// The same over IPv6: the hop limit of the SYN, and the minimum hop count.
+TEST(TcpSecurityTest, IPv6KeptSynsTellTheHopLimit) {
+   int const l = tcpSocket(AF_INET6);
+   ASSERT_GE(l, 0);
+   int const one = 1;
+   ::setsockopt(l, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one);
+   ASSERT_EQ(listenerTtlSecurityIs(l, true, true), "");
+   sockaddr_in6 a{};
+   a.sin6_family = AF_INET6;
+   a.sin6_addr = in6addr_loopback;
+   if (::bind(l, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) GTEST_SKIP() << "no IPv6 loopback here";
+   ASSERT_EQ(::listen(l, 8), 0);
+   socklen_t len = sizeof a;
+   ::getsockname(l, reinterpret_cast<sockaddr*>(&a), &len);
+   int const c = tcpSocket(AF_INET6);
+   int const hops = 100;
+   ASSERT_EQ(::setsockopt(c, IPPROTO_IPV6, IPV6_UNICAST_HOPS, &hops, sizeof hops), 0);
+   ASSERT_EQ(::connect(c, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+   int const s = ::accept(l, nullptr, nullptr);
+   ASSERT_GE(s, 0);
+   EXPECT_EQ(savedSynTtl(s), 100);
+   ASSERT_EQ(ttlSecurityIs(s, true, TcpSecurity{"", true, 0}), "");
+   int got = 0;
+   socklen_t gotLen = sizeof got;
+   ASSERT_EQ(::getsockopt(s, IPPROTO_IPV6, IPV6_UNICAST_HOPS, &got, &gotLen), 0);
+   EXPECT_EQ(got, 255);
+   // A listener no longer keeping SYNs hands none.
+   ASSERT_EQ(listenerTtlSecurityIs(l, true, false), "");
+   int const c2 = tcpSocket(AF_INET6);
+   ASSERT_EQ(::connect(c2, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+   int const s2 = ::accept(l, nullptr, nullptr);
+   EXPECT_FALSE(savedSynTtl(s2));
+   for (int fd : {s2, c2, s, c, l}) ::close(fd);
+}
+
 // Keys are set and removed per peer; a connection signed on one side only never comes up,
 // one signed on both with the same key does.
 TEST(TcpSecurityTest, Md5KeysDecideWhetherAConnectionComesUp) {
