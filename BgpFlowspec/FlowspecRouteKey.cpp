@@ -317,6 +317,15 @@ std::optional<Ovnet::IpGenPrefix> FlowspecRouteKey::importDestination() const {
    static constexpr std::array<std::uint8_t, 16> zero{};
    return Ovnet::IpGenPrefix(Ovnet::IpGenAddr::ipv6(zero), 0);
 }
+std::optional<Ovnet::IpGenPrefix> FlowspecRouteKey::validationDestination() const {
+   // RFC 8956 section 5: only a destination prefix with offset 0 validates; one with an
+   // offset matches addresses whatever their leading bits, so no unicast route can vouch
+   // for it.
+   PrefixEntry const e = prefixEntry(kTagDestPrefix);
+   if (!e.present() || e.offset != 0) return std::nullopt;
+   return e.prefix(isV6());
+}
+
 std::uint8_t FlowspecRouteKey::srcPrefixOffset() const { return prefixEntry(kTagSrcPrefix).offset; }
 
 // ---- Stored components and tail ----

@@ -75,11 +75,13 @@ Ovk::Result<bool, std::string> Agent::start() {
    options.entityManager = entityManager_;
    context_ = Plugin::startPlugins(std::move(options));
    applyVrfs();
-   if (context_->afiSafiTable()->all().empty()) {
+   if (!context_->afiSafiTable()->helpers(kIpv4Flowspec) && !context_->afiSafiTable()->helpers(kIpv6Flowspec)) {
       return Ovk::failure("the plugin library " + config_.pluginPath + " registered no address family");
    }
    routing_ = std::make_unique<BgpRouting>(logger_, context_);
    routing_->globalRuleLimitIs(config_.maxRules);
+   routing_->validationDefaultIs(std::any_of(config_.neighbors.begin(), config_.neighbors.end(),
+                                             [](NeighborConfig const& n) { return n.sendsUnicast(); }));
    for (NeighborConfig const& n : config_.neighbors) applyImport(n);
    if (std::string const w = passwordExposure(config_); !w.empty()) logger_.log("-", "warning: " + w);
    origination_ = std::make_unique<Origination>(context_, entityManager_);
@@ -140,8 +142,8 @@ Ovk::Ptr<Neighbor> Agent::makeNeighbor(NeighborConfig const& n) {
 
 void Agent::applyImport(NeighborConfig const& n) {
    bool const policy = n.policy.destinations || n.policy.actions || n.policy.minimumRate;
-   routing_->importSettingsIs(n.address,
-                              BgpRouting::ImportSettings{policy ? ImportPolicy::create(n.policy) : nullptr, n.maxRules});
+   routing_->importSettingsIs(n.address, BgpRouting::ImportSettings{policy ? ImportPolicy::create(n.policy) : nullptr,
+                                                                    n.maxRules, n.validate});
 }
 
 std::vector<std::string> Agent::applyListenerSecurity(std::vector<NeighborConfig> const& before,
@@ -369,6 +371,8 @@ bool Agent::reload(std::string const& file) {
       config_.maxRules = next.maxRules;
       routing_->globalRuleLimitIs(config_.maxRules);
    }
+   routing_->validationDefaultIs(std::any_of(next.neighbors.begin(), next.neighbors.end(),
+                                             [](NeighborConfig const& n) { return n.sendsUnicast(); }));
    applyNeighbors(next.neighbors);
    config_.vrfs = std::move(next.vrfs);
    applyVrfs();

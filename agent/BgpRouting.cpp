@@ -7,6 +7,10 @@ namespace Flowspecd {
 
 namespace {
 
+// The import controls (policy, limits) are the flowspec families': unicast routes come in
+// as sent.
+bool importControlled(AfiSafi family) { return family.safi() == Safi::flowspec; }
+
 std::string errorsText(BgpParsedUpdate const& u) {
    std::string text;
    for (BgpUpdateError const& e : u.errors) {
@@ -61,6 +65,9 @@ BgpRouting::BgpRouting(Logger& logger, Ovk::Ptr<Plugin::Context> context)
    for (AfiSafi const family : {kIpv4Flowspec, kIpv6Flowspec}) {
       if (auto table = ribTable(family)) globalLimit_->tableIs(table);
    }
+   Ovk::Ptr<RibTable> const v4 = ribTable(kIpv4Unicast);
+   Ovk::Ptr<RibTable> const v6 = ribTable(kIpv6Unicast);
+   if (v4 || v6) validation_ = Ovk::makePtr<RuleValidation>(v4, v6);
 }
 
 BgpRouting::~BgpRouting() {
@@ -123,13 +130,19 @@ void BgpRouting::handleEstablished(BgpPeer const& from, Negotiated const& negoti
       if (auto adjRibin = p.adjRibins->adjRibin(fromAfiSafi(family))) {
          adjRibin->sourceIs(p.source);
          adjRibin->ribTableIs(table);
-         adjRibin->importControlIs(control);
+         if (importControlled(family)) {
+            adjRibin->importControlIs(control);
+            adjRibin->validationIs(validationOf(from));
+         }
       }
       p.tables[family] = table;
    }
    p.attributes = std::make_unique<PathAttributesBuilder>(context_->rtAttrDedupTable(), context_->coreDedupTables(),
                                                           context_->parseExtCommRuleCollections());
-   ribOuts_.start(p.identity, p.source, negotiated, output, p.tables);
+   // Unicast routes are learnt, not advertised: the session is sent only its End-of-RIB.
+   std::map<AfiSafi, Ovk::Ptr<RibTable>> advertised = p.tables;
+   std::erase_if(advertised, [](auto const& entry) { return entry.first.safi() == Safi::unicast; });
+   ribOuts_.start(p.identity, p.source, negotiated, output, advertised);
 }
 
 void BgpRouting::handleRouteRefresh(BgpPeer const& from, AfiSafi family) {
@@ -250,6 +263,12 @@ UpdateOutcome BgpRouting::handleUpdate(BgpPeer const& from, MessageView const& u
    return outcome;
 }
 
+Ovk::Ptr<RuleValidation> BgpRouting::validationOf(BgpPeer const& peer) const {
+   auto const it = importSettings_.find(peer.address);
+   std::optional<bool> const set = it == importSettings_.end() ? std::nullopt : it->second.validate;
+   return set.value_or(validationDefault_ && !peer.internal()) ? validation_ : nullptr;
+}
+
 Ovk::Ptr<ImportControl const> BgpRouting::importControlOf(Ovnet::IpGenAddr const& neighbor) const {
    auto const it = importSettings_.find(neighbor);
    ImportSettings const none;
@@ -307,8 +326,10 @@ void BgpRouting::importSettingsIs(Ovnet::IpGenAddr const& neighbor, ImportSettin
    Ovk::Ptr<ImportControl const> const control = importControlOf(neighbor);
    std::erase_if(peer.purges, [](Peer::Purge const& w) { return w.reimport != nullptr; });
    for (auto const& [type, adjRibin] : peer.adjRibins->adjRibins()) {
+      if (!adjRibin->ribTable() || !importControlled(adjRibin->ribTable()->afiSafi())) continue;
       adjRibin->importControlIs(control);
-      if (control && control->policy && adjRibin->ribTable()) {
+      adjRibin->validationIs(validationOf(peer.identity));
+      if ((control && control->policy) || adjRibin->validation()) {
          peer.purges.push_back(Peer::Purge{adjRibin->ribTable(), nullptr, adjRibin});
       }
    }
@@ -316,6 +337,7 @@ void BgpRouting::importSettingsIs(Ovnet::IpGenAddr const& neighbor, ImportSettin
    std::string families;
    if (peer.routeRefresh && peer.output) {
       for (auto const& [family, table] : peer.tables) {
+         if (!importControlled(family)) continue;
          peer.output->sendRouteRefresh(family);
          families += (families.empty() ? "" : ", ") + familyName(family);
       }
@@ -334,7 +356,11 @@ void BgpRouting::globalRuleLimitIs(std::optional<RuleLimit> limit) {
    for (auto const& [id, p] : peers_) {
       if (!p->established) continue;
       Ovk::Ptr<ImportControl const> const control = importControlOf(id.first);
-      for (auto const& [type, adjRibin] : p->adjRibins->adjRibins()) adjRibin->importControlIs(control);
+      for (auto const& [type, adjRibin] : p->adjRibins->adjRibins()) {
+         if (adjRibin->ribTable() && importControlled(adjRibin->ribTable()->afiSafi())) {
+            adjRibin->importControlIs(control);
+         }
+      }
    }
 }
 
@@ -352,8 +378,16 @@ std::map<AfiSafi, BgpRouting::RefusedView> BgpRouting::refused(Ovnet::IpGenAddr 
 
 void BgpRouting::flush(Peer& p) {
    bool changed = false;
+   // Unicast first: validation hears its changes, and the rules they concern move in or out
+   // of the flowspec tables before those flush.
    for (auto const& [family, t] : p.tables) {
-      if (t->pendingChanges() == 0) continue;
+      if (family.safi() != Safi::unicast || t->pendingChanges() == 0) continue;
+      t->flushChanges();
+   }
+   if (validation_) validation_->revalidate();
+   for (AfiSafi const family : {kIpv4Flowspec, kIpv6Flowspec}) {
+      Ovk::Ptr<RibTable> const t = ribTable(family);
+      if (!t || t->pendingChanges() == 0) continue;
       t->flushChanges();
       changed = true;
    }

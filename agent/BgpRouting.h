@@ -61,9 +61,11 @@ class BgpRouting : public UpdateSink {
    struct ImportSettings {
       Ovk::Ptr<ImportPolicy const> policy; // null: every route
       std::optional<RuleLimit> limit;      // per family
+      // Validation of its rules against the unicast table; nothing: validationDefault().
+      std::optional<bool> validate = std::nullopt;
       friend bool operator==(ImportSettings const& a, ImportSettings const& b) {
          bool const samePolicy = a.policy == b.policy || (a.policy && b.policy && a.policy->options() == b.policy->options());
-         return samePolicy && a.limit == b.limit;
+         return samePolicy && a.limit == b.limit && a.validate == b.validate;
       }
    };
    // Sets what `neighbor`'s sessions may import. A live session takes it without a reset:
@@ -75,6 +77,13 @@ class BgpRouting : public UpdateSink {
    // The limit of the rules every neighbor together may hold, both families counted together
    // (action always discard); nothing: none.
    void globalRuleLimitIs(std::optional<RuleLimit> limit);
+   // Whether the rules of external neighbors without a `validate` setting are validated
+   // (internal neighbors' are not, unless set). Applies to sessions established after.
+   void validationDefaultIs(bool on) { validationDefault_ = on; }
+   bool validationDefault() const { return validationDefault_; }
+   // The unicast table as validation reads it (host/bgp/Validation.h); null when the host
+   // has no unicast family.
+   RuleValidation const* validation() const { return validation_.ptr(); }
 
    SessionRibOuts& ribOuts() { return ribOuts_; }
    SessionRibOuts const& ribOuts() const { return ribOuts_; }
@@ -129,6 +138,8 @@ class BgpRouting : public UpdateSink {
    void schedulePurge();
    // The import control of `neighbor`'s sessions: null when nothing limits them.
    Ovk::Ptr<ImportControl const> importControlOf(Ovnet::IpGenAddr const& neighbor) const;
+   // The validation `peer`'s flowspec RIB-ins judge with: null when it does not validate.
+   Ovk::Ptr<RuleValidation> validationOf(BgpPeer const& peer) const;
    // Logs a limit crossing heard from a RIB-in of `neighbor`.
    void logLimitEvent(Ovnet::IpGenAddr const& neighbor, LimitEvent const& e) const;
 
@@ -140,6 +151,8 @@ class BgpRouting : public UpdateSink {
    std::optional<Ovk::TaskId> purgeTask_;
    std::map<Ovnet::IpGenAddr, ImportSettings> importSettings_;
    Ovk::Ptr<GlobalRuleLimit> globalLimit_;
+   Ovk::Ptr<RuleValidation> validation_;
+   bool validationDefault_ = false;
 };
 
 } // namespace Flowspecd

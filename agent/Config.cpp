@@ -122,7 +122,8 @@ void readFamilies(Checker& check, toml::node const& v, NeighborConfig& n) {
          auto const f = name ? familyFromName(*name) : std::nullopt;
          if (!f) {
             check.error(item.source().begin.line ? Checker::lineOf(item) : Checker::lineOf(v),
-                        "families may hold \"ipv4-flowspec\" and \"ipv6-flowspec\", not " +
+                        "families may hold \"ipv4-flowspec\", \"ipv6-flowspec\", \"ipv4-unicast\" and "
+                        "\"ipv6-unicast\", not " +
                             (name ? "\"" + *name + "\"" : std::string("a value of another type")));
          } else if (std::find(n.families.begin(), n.families.end(), *f) != n.families.end()) {
             check.error(v, "family \"" + *name + "\" is listed twice");
@@ -347,6 +348,7 @@ void readNeighbor(Checker& check, toml::table const& t, NeighborConfig& n) {
                                                     "allowed-actions",
                                                     "minimum-rate",
                                                     "max-rules",
+                                                    "validate",
                                                     "max-rules-action",
                                                     "max-rules-restart",
                                                     "max-rules-warning",
@@ -414,6 +416,13 @@ void readNeighbor(Checker& check, toml::table const& t, NeighborConfig& n) {
    readPolicyKeys(check, t, n.policy);
    if (auto const* v = t.get("allowed-destinations")) readDestinationFamilies(check, Checker::lineOf(*v), n.policy, n.families);
    n.maxRules = readRuleLimit(check, t, true);
+   if (auto const* v = t.get("validate")) {
+      if (auto b = v->value_exact<bool>()) {
+         n.validate = *b;
+      } else {
+         check.error(*v, "validate must be true or false");
+      }
+   }
    readSessionSecurity(check, t, n);
 }
 
@@ -825,7 +834,9 @@ NeighborChanges neighborChanges(NeighborConfig const& from, NeighborConfig const
    note(c.inPlace, "allowed-actions", actionsText(from.policy), actionsText(to.policy));
    note(c.inPlace, "minimum-rate", rateText(from.policy), rateText(to.policy));
    note(c.inPlace, "max-rules", limitText(from.maxRules), limitText(to.maxRules));
-   c.importChanged = !(from.policy == to.policy) || from.maxRules != to.maxRules;
+   auto const validateText = [](std::optional<bool> v) { return v ? (*v ? "true" : "false") : "default"; };
+   note(c.inPlace, "validate", validateText(from.validate), validateText(to.validate));
+   c.importChanged = !(from.policy == to.policy) || from.maxRules != to.maxRules || from.validate != to.validate;
    return c;
 }
 

@@ -27,7 +27,7 @@
 //   remote-as = 65002                  # required
 //   passive = false                    # true: never connect, only accept
 //   hold-time = 90                     # 0 (no keepalives) or 3 to 65535 seconds
-//   families = ["ipv4-flowspec", "ipv6-flowspec"]
+//   families = ["ipv4-flowspec", "ipv6-flowspec"]   # also "ipv4-unicast", "ipv6-unicast"
 //   description = "edge router"
 //   local-address = "127.0.0.1"        # source of our connections; see sourceAddress()
 //   connect-retry = 10                 # seconds between connection attempts, 1 to 65535
@@ -50,6 +50,12 @@
 //                                      # (refuse the rules beyond), "teardown" (Cease 6/1)
 //   max-rules-restart = 60             # teardown: seconds the neighbor stays down, 1 to 86400
 //   max-rules-warning = 75             # percent of max-rules whose reaching is logged (1-100)
+//   validate = true                    # flowspec rules only where the neighbor routes their
+//                                      # destination (RFC 8955 section 6, RFC 9117); by default
+//                                      # on for an external neighbor when any neighbor's
+//                                      # families hold ipv4-unicast or ipv6-unicast, else off.
+//                                      # Unicast routes are learnt for this alone: kept and
+//                                      # shown, neither installed nor advertised.
 //   # Session security. A change of these starts the session again.
 //   password = "secret"                # TCP MD5 signature key (RFC 2385), 1 to 80 bytes; never
 //                                      # logged or shown; a file holding one that other users
@@ -72,6 +78,7 @@
 // wrong, and yields no configuration when there is any.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -118,6 +125,9 @@ struct NeighborConfig {
    std::string importPolicy; // the name of the [[import-policy]] it refers to, if any
    ImportPolicy::Options policy;
    std::optional<RuleLimit> maxRules;
+   // Validation of its rules against the unicast table; nothing: the default (on for an
+   // external neighbor when some neighbor sends unicast, off otherwise).
+   std::optional<bool> validate;
    // Session security: the TCP MD5 key (empty: none; never logged or shown) and GTSM.
    std::string password;
    bool ttlSecurity = false;
@@ -126,6 +136,10 @@ struct NeighborConfig {
    // True when the neighbor's rules are limited by policy or by a limit of its own.
    bool importLimited() const {
       return policy.destinations || policy.actions || policy.minimumRate || maxRules.has_value();
+   }
+   bool sendsUnicast() const {
+      return std::find(families.begin(), families.end(), kIpv4Unicast) != families.end() ||
+             std::find(families.begin(), families.end(), kIpv6Unicast) != families.end();
    }
 };
 

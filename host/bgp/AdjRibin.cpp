@@ -37,13 +37,39 @@ AdjRibin::AdjRibin(AdjRibinType type, NlriType nlriType, BgpInstanceEpoch epoch,
     : type_(type), nlriType_(nlriType), epoch_(epoch), inputTables_(std::move(inputTables)),
       attributeModification_(std::move(attributeModification)) {}
 
+AdjRibin::~AdjRibin() {
+   if (validation_) validation_->ribinDel(this);
+}
+
+void AdjRibin::forgetRule(RouteKey const& key) {
+   if (!validation_) return;
+   validation_->ruleDel(key, this);
+   if (!infeasible_.empty()) infeasible_.erase(&key);
+}
+
 AdjRibin::Announced AdjRibin::announce(BgpParseNlriResults const& nlri, Ovk::Ptr<RtAttr const> const& attrs) {
    OVK_ASSERT(ribTable_);
    AdjRibinPath const path =
        instantiateRibinPathFromNlriResults(PathKey{nlri.routeKey.ptr(), source_, nlri.pathId}, attrs, nlri);
    if (!path.routeKey || !path.attrs) return Announced::noPath;
    if (control_) {
-      if (auto const refused = importCheck(*path.routeKey, path.attrs)) return *refused;
+      if (auto const refused = importCheck(*path.routeKey, path.attrs)) {
+         forgetRule(*path.routeKey);
+         return *refused;
+      }
+   }
+   if (validation_) {
+      RouteKey const& key = *path.routeKey;
+      validation_->ruleIs(key, this);
+      if (std::optional<ImportRefusal> const why = validation_->judge(key, path.attrs->contents(), source_)) {
+         // The announcement replaces what the session had of the rule: infeasible, it waits
+         // aside for the unicast route that makes it feasible.
+         if (ribTable_->pathDel(key, source_)) ++counters_.withdrawn;
+         ++counters_.refused[static_cast<std::size_t>(*why)];
+         infeasible_[&key] = Refused{Ovk::Ptr<RouteKey const>(&key), path.attrs, *why};
+         return Announced::refused;
+      }
+      if (!infeasible_.empty()) infeasible_.erase(&key);
    }
    ribTable_->pathIs(*path.routeKey, path.source, path.attrs);
    ++counters_.announced;
@@ -54,12 +80,64 @@ AdjRibin::Announced AdjRibin::announce(BgpParseNlriResults const& nlri, Ovk::Ptr
 bool AdjRibin::withdraw(RouteKey const& key) {
    OVK_ASSERT(ribTable_);
    if (!ribTable_->pathDel(key, source_)) {
+      if (!infeasible_.empty() && infeasible_.contains(&key)) {
+         forgetRule(key);
+         return false;
+      }
       if (!refused_.empty() && refused_.erase(&key) != 0) return false;
       ++counters_.unknownWithdrawals;
       return false;
    }
    ++counters_.withdrawn;
+   forgetRule(key);
    return true;
+}
+
+void AdjRibin::validationIs(Ovk::Ptr<RuleValidation> validation) {
+   if (validation == validation_) return;
+   if (validation_) validation_->ribinDel(this);
+   std::unordered_map<RouteKey const*, Refused> kept = std::move(infeasible_);
+   infeasible_.clear();
+   validation_ = std::move(validation);
+   for (auto& [key, r] : kept) {
+      if (validation_) {
+         validation_->ruleIs(*key, this);
+         if (std::optional<ImportRefusal> const why = validation_->judge(*key, r.attrs->contents(), source_)) {
+            r.reason = *why;
+            infeasible_.emplace(key, std::move(r));
+            continue;
+         }
+      }
+      ribTable_->pathIs(*key, source_, r.attrs);
+      ++counters_.becameFeasible;
+   }
+}
+
+void AdjRibin::revalidate(RouteKey const& rule) {
+   OVK_ASSERT(validation_);
+   // Held here: leaving the RIB may drop the RIB's reference to the key.
+   Ovk::Ptr<RouteKey const> const hold(&rule);
+   if (auto const it = infeasible_.find(&rule); it != infeasible_.end()) {
+      std::optional<ImportRefusal> const why = validation_->judge(rule, it->second.attrs->contents(), source_);
+      if (why) {
+         it->second.reason = *why;
+         return;
+      }
+      Ovk::Ptr<RtAttr const> const attrs = std::move(it->second.attrs);
+      infeasible_.erase(it);
+      ribTable_->pathIs(rule, source_, attrs);
+      ++counters_.becameFeasible;
+      return;
+   }
+   std::optional<RibPath> const path = ribTable_->path(rule, source_);
+   if (!path) return;
+   std::optional<ImportRefusal> const why = validation_->judge(rule, path->contents(), source_);
+   if (!why) return;
+   Ovk::Ptr<RtAttr const> const attrs(path->attrs);
+   ribTable_->pathDel(rule, source_);
+   ++counters_.refused[static_cast<std::size_t>(*why)];
+   ++counters_.becameInfeasible;
+   infeasible_[&rule] = Refused{hold, attrs, *why};
 }
 
 void AdjRibin::importControlIs(Ovk::Ptr<ImportControl const> control) {
@@ -190,24 +268,34 @@ void AdjRibin::hear(LimitEvent::Kind kind, std::uint64_t held, RuleLimit const& 
 
 std::size_t AdjRibin::reimportSome(Ovk::Ptr<RouteKey const>& cursor, std::size_t budget) {
    OVK_ASSERT(ribTable_);
-   if (!control_ || !control_->policy) {
+   ImportPolicy const* const policy = control_ ? control_->policy.ptr() : nullptr;
+   if (!policy && !validation_) {
       cursor = nullptr;
       return 0;
    }
-   ImportPolicy const& policy = *control_->policy;
    return ribTable_->pathDelSome(source_, cursor, budget, [&](RouteKey const& key, RibPath const& path) {
-      std::optional<ImportRefusal> why = policy.destinationRefusal(key);
-      if (!why) why = policy.actionRefusal(path.contents());
+      std::optional<ImportRefusal> why = policy ? policy->destinationRefusal(key) : std::nullopt;
+      if (!why && policy) why = policy->actionRefusal(path.contents());
+      if (why) {
+         forgetRule(key);
+         noteRefusal(key, Ovk::Ptr<RtAttr const>(path.attrs), *why, true);
+         return true;
+      }
+      if (!validation_) return false;
+      validation_->ruleIs(key, this);
+      why = validation_->judge(key, path.contents(), source_);
       if (!why) return false;
-      noteRefusal(key, Ovk::Ptr<RtAttr const>(path.attrs), *why, true);
+      ++counters_.refused[static_cast<std::size_t>(*why)];
+      infeasible_[&key] = Refused{Ovk::Ptr<RouteKey const>(&key), Ovk::Ptr<RtAttr const>(path.attrs), *why};
       return true;
    });
 }
 
 std::vector<AdjRibin::Refused> AdjRibin::refused() const {
    std::vector<Refused> all;
-   all.reserve(refused_.size());
+   all.reserve(refused_.size() + infeasible_.size());
    for (auto const& [key, r] : refused_) all.push_back(r);
+   for (auto const& [key, r] : infeasible_) all.push_back(r);
    // The family's order; keys it holds equal keep an order of their own.
    std::sort(all.begin(), all.end(), [](Refused const& a, Refused const& b) {
       int const c = a.key->orderCompare(*b.key);

@@ -13,6 +13,11 @@
 // room for, counted per reason; one without (the usual case) pays one pointer test per route.
 // Refused routes are not kept in the RIB; those refused by policy are kept aside, up to
 // kRefusedKept, to be shown with their reason.
+//
+// A RIB-in given a RuleValidation (host/bgp/Validation.h) judges each route against the
+// unicast table after the import policy and limits: an infeasible route is kept aside
+// (every one: a unicast change can make it feasible without the peer sending it again), is
+// no candidate for best path, and is shown with its reason; revalidate() judges one again.
 #pragma once
 
 #include <cstddef>
@@ -32,6 +37,7 @@
 #include "host/bgp/PathAttributes.h"
 #include "host/bgp/Rib.h"
 #include "host/bgp/RouteKey.h"
+#include "host/bgp/Validation.h"
 #include "host/fwk/Notification.h"
 #include "host/fwk/Ptr.h"
 
@@ -164,6 +170,17 @@ class AdjRibin : public Ovk::PtrInterface, public Ovk::NotificationSwitch {
    // holds the routes that come. The number taken out.
    std::size_t reimportSome(Ovk::Ptr<RouteKey const>& cursor, std::size_t budget);
 
+   // Validation against the unicast table; null (the default): none. A new validation judges
+   // the routes kept aside as infeasible again (without one they come in); the paths held
+   // are judged by reimportSome.
+   void validationIs(Ovk::Ptr<RuleValidation> validation);
+   RuleValidation* validation() const { return validation_.ptr(); }
+   // Judges `rule` again (a unicast change concerns it): it enters the RIB when it became
+   // feasible, leaves it, kept aside, when it is no longer.
+   void revalidate(RouteKey const& rule);
+   // Routes kept aside as infeasible.
+   std::size_t infeasible() const { return infeasible_.size(); }
+
    // A route refused by policy, kept aside while the peer announces it.
    struct Refused {
       Ovk::Ptr<RouteKey const> key;
@@ -184,6 +201,8 @@ class AdjRibin : public Ovk::PtrInterface, public Ovk::NotificationSwitch {
       ImportRefusalCounts refused{};         // announcements (and held paths) refused, by reason
       std::uint64_t limitWarnings = 0;       // crossings of the limit's warning share
       std::uint64_t limitExceeded = 0;       // crossings of the limit (see LimitEvent::exceeded)
+      std::uint64_t becameFeasible = 0;      // routes a unicast change let in
+      std::uint64_t becameInfeasible = 0;    // routes a unicast change took out
       std::uint64_t refusedTotal() const {
          std::uint64_t n = 0;
          for (std::uint64_t const r : refused) n += r;
@@ -196,13 +215,15 @@ class AdjRibin : public Ovk::PtrInterface, public Ovk::NotificationSwitch {
          for (std::size_t i = 0; i < refused.size(); ++i) refused[i] += o.refused[i];
          limitWarnings += o.limitWarnings;
          limitExceeded += o.limitExceeded;
+         becameFeasible += o.becameFeasible;
+         becameInfeasible += o.becameInfeasible;
          return *this;
       }
    };
    Counters const& counters() const { return counters_; }
 
  protected:
-   ~AdjRibin() override = default;
+   ~AdjRibin() override;
 
  private:
    AdjRibinType type_;
@@ -232,6 +253,10 @@ class AdjRibin : public Ovk::PtrInterface, public Ovk::NotificationSwitch {
    std::optional<ImportRefusal> lastActionRefusal_;
    std::unordered_map<RouteKey const*, Refused> refused_;
    std::uint64_t refusedNotKept_ = 0;
+   Ovk::Ptr<RuleValidation> validation_;
+   std::unordered_map<RouteKey const*, Refused> infeasible_;
+   // The session's path of `key` goes out of validation's sight (withdrawn, refused).
+   void forgetRule(RouteKey const& key);
 };
 
 // The RIB-ins of one session, by NLRI type.

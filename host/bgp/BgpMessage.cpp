@@ -133,6 +133,8 @@ std::string familyName(AfiSafi f) {
 std::optional<AfiSafi> familyFromName(std::string_view name) {
    if (name == "ipv4-flowspec") return kIpv4Flowspec;
    if (name == "ipv6-flowspec") return kIpv6Flowspec;
+   if (name == "ipv4-unicast") return kIpv4Unicast;
+   if (name == "ipv6-unicast") return kIpv6Unicast;
    return std::nullopt;
 }
 

@@ -24,6 +24,13 @@ constexpr std::array<RefusalRow, kImportRefusalCount> kRefusals{{
     {ImportRefusal::rateBelowMinimum, "rateBelowMinimum", "a rate limit is below the minimum rate"},
     {ImportRefusal::ruleLimit, "ruleLimit", "the neighbor holds max-rules rules of the family"},
     {ImportRefusal::globalRuleLimit, "globalRuleLimit", "the neighbors together hold the global max-rules rules"},
+    {ImportRefusal::unvalidatableDestination, "unvalidatableDestination",
+     "the rule has no destination prefix with offset 0 to validate"},
+    {ImportRefusal::noUnicastRoute, "noUnicastRoute", "no unicast route covers the destination"},
+    {ImportRefusal::notOriginator, "notOriginator",
+     "the best unicast route of the destination came from another neighbor or AS"},
+    {ImportRefusal::moreSpecificOtherAs, "moreSpecificOtherAs",
+     "a more-specific unicast route of the destination came from another neighboring AS"},
 }};
 
 constexpr std::array<char const*, kRuleActionCount> kActionNames{

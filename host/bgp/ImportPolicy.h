@@ -42,8 +42,13 @@ enum class ImportRefusal : std::uint8_t {
    rateBelowMinimum,      // it rate-limits below the policy's minimum rate
    ruleLimit,             // the session holds its family's max-rules (action discard)
    globalRuleLimit,       // every session together holds the global max-rules
+   // Validation against the unicast table (host/bgp/Validation.h): the rule is infeasible.
+   unvalidatableDestination, // no destination prefix, or an IPv6 one with a non-zero offset
+   noUnicastRoute,           // no unicast route covers the destination
+   notOriginator,            // the best-match unicast route came from elsewhere
+   moreSpecificOtherAs,      // a more-specific unicast route came from another neighboring AS
 };
-inline constexpr std::size_t kImportRefusalCount = 6;
+inline constexpr std::size_t kImportRefusalCount = 10;
 // The reason's name, as show commands key their counts ("destinationNotAllowed").
 char const* toStrep(ImportRefusal r);
 // What it means, for people ("the destination is outside the allowed prefixes").

@@ -106,6 +106,11 @@ class RouteKeyBase : public Ovk::DedupHandle {
    // the key names no destination (a flowspec rule without a destination component, and
    // every key of a family that does not answer: the default).
    virtual std::optional<Ovnet::IpGenPrefix> importDestination() const { return std::nullopt; }
+   // For validation against the unicast table (host/bgp/Validation.h): the destination
+   // prefix a rule is judged by; empty when it has none that can be judged (none at all, or
+   // an IPv6 one with a non-zero offset, whose leading bits are wildcards), and for every
+   // key of a family that does not answer (the default).
+   virtual std::optional<Ovnet::IpGenPrefix> validationDestination() const { return std::nullopt; }
 
    // Detail display and comparison for the show commands; by default nothing more, and
    // compare().
