@@ -488,6 +488,7 @@ std::string Agent::handleControl(std::string_view request) {
    }
    if (request == "show updates") return Ovk::jsonText(updatesJson(*routing_));
    if (request == "show summary") return Ovk::jsonText(summaryJson(*routing_));
+   if (request.rfind("show unicast ", 0) == 0) return Ovk::jsonText(unicastJson(*routing_, request.substr(13)));
    return Ovk::jsonText(nlohmann::json{{"error", "unknown request: " + std::string(request)}});
 }
 

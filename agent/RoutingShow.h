@@ -31,4 +31,11 @@ nlohmann::json refusedJson(BgpRouting const& routing, Ovnet::IpGenAddr const& ne
 // "attributeSetsReused"}.
 nlohmann::json summaryJson(BgpRouting const& routing);
 
+// "show unicast ipv4|ipv6 [PREFIX]": the unicast routes validation reads, in prefix order:
+// every route from the first (at most `limit`), or with PREFIX its best match and the routes
+// inside it. {"family", "routes", "shown", "truncated", "validation": {"rules", "judged",
+// "unicastChanges", "revalidated", "bytes"}, "bestMatch": prefix or null (with PREFIX),
+// "entries": [{"prefix", "from", "asPath", "paths"}]}; {"error"} for a bad request.
+nlohmann::json unicastJson(BgpRouting const& routing, std::string_view request, std::size_t limit = 1000);
+
 } // namespace Flowspecd

@@ -650,3 +650,132 @@ TEST(BgpRoutingImportTest, GlobalLimitAcrossNeighbors) {
 
 } // namespace
 } // namespace Flowspecd
+
+namespace Flowspecd {
+namespace {
+
+// ---- Validation against the unicast table, over the real plugin and the host's unicast ----
+
+Negotiated withUnicast() {
+   return session(true, {kIpv4Flowspec, kIpv6Flowspec, kIpv4Unicast, kIpv6Unicast});
+}
+
+// A unicast route of the UPDATE's own NLRI field, from AS `as`.
+Bytes unicast4(std::uint32_t as, char const* nlriHex) {
+   return UpdateBuilder().origin().asPath({as}).attr(kWellKnown, 3, "7f000002").nlri(nlriHex).build();
+}
+
+// "in" when the rule (its NLRI bytes) is a best path, the reason it waits aside for, or "gone".
+std::string ruleState(Fixture& f, BgpPeer const& from, AfiSafi family, char const* nlriHex) {
+   RibTable& t = f.table(family);
+   for (RouteKey const* k : t.order()) {
+      if (hexText(std::span<std::uint8_t const>(reinterpret_cast<std::uint8_t const*>(
+                                                     k->serialize(RouteKey::SerializeOperation::advertise, nullptr).data()),
+                                                 k->serialize(RouteKey::SerializeOperation::advertise, nullptr).size())) ==
+          nlriHex) {
+         return "in";
+      }
+   }
+   for (auto const& [fam, view] : f.routing.refused(from.address)) {
+      if (fam != family) continue;
+      for (AdjRibin::Refused const& r : view.rules) {
+         Ovk::String const s = r.key->serialize(RouteKey::SerializeOperation::advertise, nullptr);
+         if (hexText(std::span<std::uint8_t const>(reinterpret_cast<std::uint8_t const*>(s.data()), s.size())) == nlriHex) {
+            return toStrep(r.reason);
+         }
+      }
+   }
+   return "gone";
+}
+
+TEST(BgpRoutingValidationTest, RulesOnlyFromWhoRoutesTheirDestination) {
+   Fixture f;
+   f.routing.validationDefaultIs(true);
+   BgpPeer const a = peer("127.0.0.2", 65002, 2);
+   BgpPeer const b = peer("127.0.0.3", 65003, 3);
+   BgpPeer const inside = peer("127.0.0.4", 65001, 4);
+   f.routing.handleEstablished(a, withUnicast(), f.output);
+   f.routing.handleEstablished(b, withUnicast(), f.output);
+   f.routing.handleEstablished(inside, withUnicast(), f.output);
+   f.scheduler().runReady();
+   // Unicast is never advertised: each session is sent only its End-of-RIB.
+   EXPECT_EQ(std::count(f.output.endOfRibs.begin(), f.output.endOfRibs.end(), kIpv4Unicast), 3);
+   EXPECT_EQ(f.update(a, unicast4(65002, "080a")), std::nullopt); // 10.0.0.0/8 from A
+   EXPECT_EQ(f.received(a, kIpv4Unicast), 1u);
+   EXPECT_EQ(f.routing.validation()->routes(Afi::afiIpv4), 1u);
+
+   // Only the neighbor that routes 10.0.0.0/8 may send a rule for 10.0.0.0/24.
+   (void)f.update(b, UpdateBuilder().origin().asPath({65003}).mpReach(1, 133, "", kRule).build());
+   EXPECT_EQ(ruleState(f, b, kIpv4Flowspec, kRule), "notOriginator");
+   (void)f.update(a, UpdateBuilder().origin().asPath({65002}).mpReach(1, 133, "", kRule).build());
+   EXPECT_EQ(ruleState(f, a, kIpv4Flowspec, kRule), "in");
+   EXPECT_EQ(f.routing.peer(b.address)->ribin.at(kIpv4Flowspec).refused[static_cast<std::size_t>(
+                 ImportRefusal::notOriginator)],
+             1u);
+
+   // A rule that comes before its route waits, and comes in with the route: no resend.
+   (void)f.update(a, UpdateBuilder().origin().asPath({65002}).mpReach(1, 133, "", kOther).build());
+   EXPECT_EQ(ruleState(f, a, kIpv4Flowspec, kOther), "noUnicastRoute");
+   (void)f.update(a, unicast4(65002, "080b")); // 11.0.0.0/8
+   EXPECT_EQ(ruleState(f, a, kIpv4Flowspec, kOther), "in");
+   // A more-specific route from another AS takes it out; its withdrawal brings it back.
+   (void)f.update(b, unicast4(65003, "100b05")); // 11.5.0.0/16
+   EXPECT_EQ(ruleState(f, a, kIpv4Flowspec, kOther), "moreSpecificOtherAs");
+   // What the show command says of it.
+   nlohmann::json const shown = unicastJson(f.routing, "ipv4 11.0.0.0/8");
+   EXPECT_EQ(shown["bestMatch"], "11.0.0.0/8");
+   EXPECT_EQ(shown["entries"].dump(),
+             R"([{"asPath":"65002","from":"127.0.0.2","paths":1,"prefix":"11.0.0.0/8"},)"
+             R"({"asPath":"65003","from":"127.0.0.3","paths":1,"prefix":"11.5.0.0/16"}])");
+   EXPECT_EQ(unicastJson(f.routing, "ipv4 11.5.1.0/24")["bestMatch"], "11.5.0.0/16");
+   EXPECT_EQ(unicastJson(f.routing, "ipv4")["shown"], 3);
+   EXPECT_EQ(unicastJson(f.routing, "ipv4", 2)["truncated"], true);
+   EXPECT_TRUE(unicastJson(f.routing, "ipv4 2001:db8::/32").contains("error"));
+   EXPECT_TRUE(unicastJson(f.routing, "ipv5").contains("error"));
+   (void)f.update(b, UpdateBuilder().withdrawn("100b05").build());
+   EXPECT_EQ(ruleState(f, a, kIpv4Flowspec, kOther), "in");
+   // The route's withdrawal takes the rule out; so does the end of A's session.
+   (void)f.update(a, UpdateBuilder().withdrawn("080b").build());
+   EXPECT_EQ(ruleState(f, a, kIpv4Flowspec, kOther), "noUnicastRoute");
+
+   // Internal neighbors are not validated by default.
+   (void)f.update(inside, UpdateBuilder().origin().asPath({}).mpReach(1, 133, "", "0501180c0000").build());
+   EXPECT_EQ(ruleState(f, inside, kIpv4Flowspec, "0501180c0000"), "in");
+
+   f.routing.handleSessionDown(a);
+   f.scheduler().runReady();
+   EXPECT_EQ(ruleState(f, a, kIpv4Flowspec, kRule), "gone");
+   EXPECT_EQ(f.routing.validation()->routes(Afi::afiIpv4), 0u);
+   EXPECT_EQ(f.routing.validation()->rules(), 1u) << "B's infeasible rule";
+}
+
+// RFC 8956: an IPv6 destination with a non-zero offset validates nothing, however well its
+// pattern looks covered by the sender's own route.
+TEST(BgpRoutingValidationTest, Ipv6DestinationsWithAnOffsetAreInfeasible) {
+   Fixture f;
+   f.routing.validationDefaultIs(true);
+   BgpPeer const a = peer("127.0.0.2", 65002, 2);
+   f.routing.handleEstablished(a, withUnicast(), f.output);
+   (void)f.update(a, UpdateBuilder().origin().asPath({65002}).mpReach(2, 1, "20010db8000000000000000000000001",
+                                                                      "2020010db8 00").build()); // 2001:db8::/32, ::/0
+   EXPECT_EQ(f.received(a, kIpv6Unicast), 2u);
+   struct Row {
+      char const* name;
+      char const* nlri;
+      char const* state;
+   };
+   Row const rows[] = {
+       {"offset 0", "09013000" "20010db80001", "in"}, // 2001:db8:1::/48
+       {"offset 16, the pattern of the same /48", "07013010" "0db80001", "unvalidatableDestination"},
+       {"offset 32", "07014020" "0000000a", "unvalidatableDestination"},
+       {"no destination", "03038106", "unvalidatableDestination"}, // next header 6 only
+   };
+   for (Row const& r : rows) {
+      SCOPED_TRACE(r.name);
+      (void)f.update(a, UpdateBuilder().origin().asPath({65002}).mpReach(2, 133, "", r.nlri).build());
+      EXPECT_EQ(ruleState(f, a, kIpv6Flowspec, r.nlri), r.state);
+   }
+}
+
+} // namespace
+} // namespace Flowspecd

@@ -207,6 +207,34 @@ void printSummary(nlohmann::json const& answer, std::ostream& os) {
       << answer.at("attributeSetsReused").get<std::uint64_t>() << " reused\n";
 }
 
+void printUnicast(nlohmann::json const& answer, std::ostream& os) {
+   os << answer.at("family").get<std::string>() << ": " << answer.at("routes").get<std::uint64_t>() << " route(s)";
+   if (answer.contains("bestMatch")) {
+      auto const& m = answer.at("bestMatch");
+      os << ", best match " << (m.is_null() ? std::string("none") : m.get<std::string>());
+   }
+   os << '\n';
+   auto const& entries = answer.at("entries");
+   if (!entries.empty()) {
+      os << std::left << std::setw(44) << "Prefix" << std::setw(40) << "From" << std::setw(7) << "Paths"
+         << "AS path\n";
+   }
+   for (auto const& e : entries) {
+      os << std::left << std::setw(44) << e.at("prefix").get<std::string>() << std::setw(40)
+         << e.at("from").get<std::string>() << std::setw(7) << e.at("paths").get<std::uint64_t>()
+         << e.at("asPath").get<std::string>() << '\n';
+   }
+   os << std::right;
+   if (answer.at("truncated").get<bool>()) os << "(first " << entries.size() << " shown)\n";
+   if (answer.contains("validation")) {
+      auto const& v = answer.at("validation");
+      os << "validation: " << v.at("rules").get<std::uint64_t>() << " rule(s) indexed, "
+         << v.at("judged").get<std::uint64_t>() << " judgement(s), " << v.at("unicastChanges").get<std::uint64_t>()
+         << " unicast change(s), " << v.at("revalidated").get<std::uint64_t>() << " rule(s) judged again, "
+         << v.at("bytes").get<std::uint64_t>() << " bytes\n";
+   }
+}
+
 void printRefused(nlohmann::json const& answer, std::ostream& os) {
    auto const& rules = answer.at("rules");
    os << "Rules " << answer.at("neighbor").get<std::string>() << " sent that import refused ("

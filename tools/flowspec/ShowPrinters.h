@@ -18,6 +18,10 @@ void printNeighbors(nlohmann::json const& answer, std::ostream& os);
 void printUpdates(nlohmann::json const& answer, std::ostream& os);
 // The answer to "show summary": per VRF and family the rules, paths and FSIB export counts.
 void printSummary(nlohmann::json const& answer, std::ostream& os);
+// The answer to "show unicast ipv4|ipv6 [PREFIX]": the best match (with PREFIX), a line per
+// route (prefix, where its best path came from, its AS_PATH, its paths), and validation's
+// counts.
+void printUnicast(nlohmann::json const& answer, std::ostream& os);
 // One family of the answer to "show refused ADDRESS", as refusedOfFamily gives it:
 // {"neighbor", "family", "rules": [...], "notKept"}; a line per rule with its reason.
 void printRefused(nlohmann::json const& answer, std::ostream& os);

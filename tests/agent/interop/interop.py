@@ -437,7 +437,7 @@ class GoBgp(Peer):
                       f'    local-address = "{local}"', f"    remote-port = {self.agent_port}",
                       f"    passive-mode = {'true' if self.option(local, 'passive', self.passive) else 'false'}",
                       "  [neighbors.ebgp-multihop.config]", "    enabled = true", "    multihop-ttl = 2"]
-            for fam in ("ipv4-flowspec", "ipv6-flowspec"):
+            for fam in self.option(local, "families", ("ipv4-flowspec", "ipv6-flowspec")):
                 lines += ["  [[neighbors.afi-safis]]", "    [neighbors.afi-safis.config]",
                           f'      afi-safi-name = "{fam}"']
         with open(cfg, "w") as f:
