@@ -206,13 +206,19 @@ class FlowspecRouteKey : public RouteKey {
    // Dedup equality: wontExportReason, prefixes, offsets, components (type and bytes, in
    // order) and tail all equal. `other` must be a flowspec key (assertion "other").
    bool compare(Ovk::DedupHandle const* other) const override;
+   // The dedup table's hash: the stored bytes (canonical, so equal keys have equal bytes)
+   // and wontExportReason, through the fast internal hash.
+   std::uint32_t dedupHash() const override;
    // The rule order (see the file comment); `other` is a flowspec key of the same family.
    bool lessThan(Ovk::Ptr<RouteKeyBase const> const& other) const override;
    // The rule order in one pass over both keys' bytes, without building their prefixes.
    int orderCompare(RouteKeyBase const& other) const override;
-   // The destination prefix's place in the rule order, from its first 32 bits (exact for
-   // IPv4): keys with lower values sort first; equal values leave the order to lessThan.
+   // The destination prefix's place in the rule order (exact for IPv4; the first 64 bits of
+   // an IPv6 address): keys with lower values sort first; equal values leave the order to
+   // lessThan.
    std::uint64_t orderPrefix() const override;
+   // The same over the whole IPv6 address (the second word); for IPv4 the second word is 0.
+   OrderSummary orderSummary() const override;
 
    // The rule's id: the address of the canonical key while it is deduplicated, 0 for an
    // orphan. Asking a key never deduplicated is a broken invariant.

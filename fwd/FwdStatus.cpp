@@ -19,7 +19,7 @@ std::string defaultStatusPath(std::string const& table) { return "/run/flowspec-
 bool writeStatusFile(std::string const& path, std::string const& table, std::string const& segment,
                      std::uint64_t generation, std::vector<RuleStatus> const& rules, std::string* error) {
    nlohmann::json j;
-   j["table"] = "inet " + table;
+   j["table"] = table;
    j["segment"] = segment;
    j["generation"] = generation;
    j["pid"] = static_cast<std::uint32_t>(::getpid());

@@ -2,12 +2,12 @@
 // running instance rewrites (to a temporary name, then renamed over, so a reader never sees
 // half of it) after every transaction.
 //
-//   {"table": "inet NAME", "segment": "/PREFIX.routing.bgp.flowspec", "generation": G,
+//   {"table": "inet NAME" or "xdp NAME" (the dataplane), "segment": "/PREFIX.routing.bgp.flowspec", "generation": G,
 //    "pid": PID, "rules": [{"key": TEXT, "installed": BOOL, "reason": TEXT|null,
 //                           "counter": ID}]}
 //
 // `generation` is the FSIB generation the table holds; `counter` the rule's element in the
-// table's counter set. Counts themselves are read from the kernel by --show, never stored.
+// table's counter set, or the XDP program's counter map. Counts themselves are read from the kernel by --show, never stored.
 #pragma once
 
 #include <cstdint>

@@ -4,6 +4,7 @@
 #include <new>
 #include <ostream>
 #include <sstream>
+#include <vector>
 
 #include "host/bgp/BgpTrace.h"
 #include "host/fwk/Assert.h"
@@ -114,6 +115,26 @@ OVK_FWK_TYPE(RouteKeyDedupTableBase, "Routing::Bgp::RouteKeyDedupTableBase")
 Ovk::Ptr<RouteKey const> RouteKeyDedupTableBase::lookupRouteKey(RouteKey const& probe) const {
    Ovk::Ptr<Ovk::DedupHandle const> const found = lookup(probe);
    return Ovk::Ptr<RouteKey const>(static_cast<RouteKey const*>(found.ptr()));
+}
+
+void RouteKeyDedupTableBase::dedupRouteKeys(std::span<Ovk::Ptr<RouteKey const>* const> keys) const {
+   // Scratch kept between calls: the decoder interns a message's keys at a time.
+   thread_local std::vector<Ovk::DedupHandle*> handles;
+   thread_local std::vector<Ovk::Ptr<RouteKey const>*> owners;
+   handles.clear();
+   owners.clear();
+   for (Ovk::Ptr<RouteKey const>* k : keys) {
+      if (!*k || (*k)->dedupState() != Ovk::DedupHandleState::neverDeduped) continue;
+      // A key never deduplicated is still its maker's: the table may enter it.
+      handles.push_back(const_cast<RouteKey*>(k->ptr()));
+      owners.push_back(k);
+   }
+   lookupOrInsertAll(handles);
+   for (std::size_t i = 0; i < handles.size(); ++i) {
+      // Every entry of a route-key table is a route key.
+      auto const* canonical = static_cast<RouteKey const*>(handles[i]);
+      if (canonical != owners[i]->ptr()) *owners[i] = Ovk::Ptr<RouteKey const>(canonical);
+   }
 }
 
 Ovk::Ptr<RouteKey const> RouteKeyDedupTableBase::dedupFromRule(Flowspec::FlowspecKey const&) const { return nullptr; }
