@@ -152,7 +152,7 @@ FlowspecFsibAdmission::~FlowspecFsibAdmission() {
    *alive_ = false;
    if (refillTask_ && scheduler_) scheduler_->cancel(*refillTask_);
    for (Writer& w : writers_) {
-      for (FlowspecRouteKey const* k : w.held) k->deleteRef();
+      w.held.forEach([](FlowspecRouteKey const* k) { k->deleteRef(); });
    }
 }
 
@@ -203,6 +203,7 @@ void FlowspecFsibAdmission::writerIs(FlowspecRouteConfigSm& sm) {
       for (auto const& k : stale) fsib_->ruleDel(k);
    }
    writers_.push_back(Writer{&sm, {}, {}, nullptr, false});
+   tailKnown_ = false;
    restartWalks();
    if (!stale.empty()) refusedWaiting_ = true; // room for the others' refused rules
    scheduleRefill();
@@ -211,14 +212,15 @@ void FlowspecFsibAdmission::writerIs(FlowspecRouteConfigSm& sm) {
 void FlowspecFsibAdmission::writerDel(FlowspecRouteConfigSm& sm) {
    auto it = std::find_if(writers_.begin(), writers_.end(), [&](Writer const& w) { return w.sm == &sm; });
    if (it == writers_.end()) return;
-   for (FlowspecRouteKey const* k : it->held) k->deleteRef();
+   it->held.forEach([](FlowspecRouteKey const* k) { k->deleteRef(); });
    writers_.erase(it);
+   tailKnown_ = false;
    restartWalks();
 }
 
 bool FlowspecFsibAdmission::holds(FlowspecRouteConfigSm const& sm, FlowspecRouteKey const& key) const {
    Writer const* w = writerOf(sm);
-   return w && w->held.count(&key) != 0;
+   return w && w->held.contains(&key);
 }
 
 std::size_t FlowspecFsibAdmission::held(FlowspecRouteConfigSm const& sm) const {
@@ -258,6 +260,7 @@ bool FlowspecFsibAdmission::install(Writer& w, FlowspecRouteKey const& key, bool
          key.newRef();
          w.held.insert(&key);
          w.order.insert(&key);
+         tailKnown_ = false;
       } else {
          ++sm.counters_.replaced;
       }
@@ -278,34 +281,66 @@ void FlowspecFsibAdmission::release(Writer& w, FlowspecRouteKey const& key) {
    w.sm->forgetRedirects(key);
    w.order.erase(&key);
    w.held.erase(&key);
+   tailKnown_ = false;
    key.deleteRef();
+}
+
+void FlowspecFsibAdmission::refuse(FlowspecRouteConfigSm& sm, FlowspecRouteKey const& key) {
+   // Counted without the rule being built: at a million rules most are refused.
+   fsib_->refusalNote();
+   sm.countRefusedFull(key);
+   refusedWaiting_ = true;
+}
+
+FlowspecFsibAdmission::Tail const& FlowspecFsibAdmission::tail() {
+   if (!tailKnown_) {
+      tail_ = Tail{};
+      if (Writer* last = lastWriter()) {
+         tail_.writer = last;
+         tail_.key = *last->order.rbegin();
+         tail_.prefix = tail_.key->orderPrefix();
+      }
+      tailKnown_ = true;
+   }
+   return tail_;
 }
 
 void FlowspecFsibAdmission::routePresent(FlowspecRouteConfigSm& sm, FlowspecRouteKey const& key) {
    Writer* w = writerOf(sm);
    if (!w) return;
-   if (w->held.count(&key) != 0) {
+   bool const full = fsib_->ruleCount() >= fsib_->ruleCapacity();
+   if (full) {
+      // The commonest answer at a million rules first: a rule of the last rule's table that
+      // comes after it is not held, and is refused without a lookup.
+      Tail const& t = tail();
+      if (t.writer == w && &key != t.key) {
+         std::uint64_t const prefix = key.orderPrefix();
+         if (prefix > t.prefix || (prefix == t.prefix && RouteOrderIndex::less(t.key, &key))) {
+            restartWalks();
+            refuse(sm, key);
+            return;
+         }
+      }
+   }
+   if (w->held.contains(&key)) {
       (void)install(*w, key, false);
       return;
    }
    restartWalks();
-   if (fsib_->ruleCount() >= fsib_->ruleCapacity()) {
-      Writer* last = lastWriter();
-      FlowspecRouteKey const* tail = last ? *last->order.rbegin() : nullptr;
-      if (!tail || !precedes(*w, key, *last, *tail)) {
-         // Counted without the rule being built: at a million rules most are refused.
-         fsib_->refusalNote();
-         sm.countRefusedFull(key);
-         refusedWaiting_ = true;
+   if (full) {
+      Tail const t = tail();
+      if (!t.key || !precedes(*w, key, *t.writer, *t.key)) {
+         refuse(sm, key);
          return;
       }
       // The last rule held makes room: the FSIB holds the rules that come first.
-      FlowspecRouteConfigSm& lastSm = *last->sm;
-      Ovk::Ptr<RouteKey const> const keep(tail);
-      release(*last, *tail);
+      Writer& last = *t.writer;
+      FlowspecRouteConfigSm& lastSm = *last.sm;
+      Ovk::Ptr<RouteKey const> const keep(t.key);
+      release(last, *t.key);
       fsib_->refusalNote();
       ++lastSm.counters_.displaced;
-      lastSm.countRefusedFull(*tail);
+      lastSm.countRefusedFull(*t.key);
       refusedWaiting_ = true;
    }
    (void)install(*w, key, true);
@@ -313,7 +348,7 @@ void FlowspecFsibAdmission::routePresent(FlowspecRouteConfigSm& sm, FlowspecRout
 
 void FlowspecFsibAdmission::routeGone(FlowspecRouteConfigSm& sm, FlowspecRouteKey const& key) {
    Writer* w = writerOf(sm);
-   if (!w || w->held.count(&key) == 0) return;
+   if (!w || !w->held.contains(&key)) return;
    release(*w, key);
    ++sm.counters_.deleted;
    restartWalks();
@@ -321,17 +356,33 @@ void FlowspecFsibAdmission::routeGone(FlowspecRouteConfigSm& sm, FlowspecRouteKe
 }
 
 void FlowspecFsibAdmission::scheduleRefill() {
-   if (!refusedWaiting_ || refillTask_) return;
+   if (!refusedWaiting_) return;
    if (!scheduler_) {
       while (refill(SIZE_MAX)) {
       }
       return;
    }
-   refillTask_ = scheduler_->post(
+   // The walk waits for rules to stop leaving, within the most it may wait.
+   Ovk::Clock::time_point const now = scheduler_->now();
+   if (refillTask_) {
+      if (now - refillAsked_ >= kRefillMaxDelay) return; // due soon anyway
+      scheduler_->cancel(*refillTask_);
+      refillTask_.reset();
+   } else {
+      refillAsked_ = now;
+   }
+   Ovk::Duration const left = refillAsked_ + kRefillMaxDelay - now;
+   postRefill(std::min<Ovk::Duration>(kRefillSettle, left));
+}
+
+void FlowspecFsibAdmission::postRefill(Ovk::Duration delay) {
+   refillTask_ = scheduler_->postAfter(
+       delay,
        [this, alive = alive_] {
           if (!*alive) return;
           refillTask_.reset();
-          if (refill(kRefillKeysPerSlice)) scheduleRefill();
+          // A walk longer than a slice goes on at the next turn.
+          if (refill(kRefillKeysPerSlice)) postRefill(Ovk::Duration::zero());
        },
        "fsibRefill");
 }
@@ -358,7 +409,7 @@ FlowspecRouteKey const* FlowspecFsibAdmission::nextRefused(Writer& w, std::size_
       }
       --budget;
       auto const* key = static_cast<FlowspecRouteKey const*>(*it);
-      if (key->wontExportReason().empty() && w.held.count(key) == 0) {
+      if (key->wontExportReason().empty() && !w.held.contains(key)) {
          w.scan = Ovk::Ptr<RouteKey const>(key);
          return key;
       }
@@ -467,7 +518,7 @@ void FlowspecRouteConfigSm::forgetRedirects(FlowspecRouteKey const& key) {
          ++it;
       }
    }
-   if (rkToRedirVrfId_) rkToRedirVrfId_->mapDel(&key);
+   if (rkToRedirVrfId_ && rkToRedirVrfId_->size() != 0) rkToRedirVrfId_->mapDel(&key);
 }
 
 void FlowspecRouteConfigSm::retranslateAll() {
@@ -484,8 +535,10 @@ void FlowspecRouteConfigSm::handleRouteEntry(RouteKey const* baseRouteKey) {
       return;
    }
    OVK_ASSERT(baseRouteKey);
-   auto const* routeKey = dynamic_cast<FlowspecRouteKey const*>(baseRouteKey);
-   OVK_ASSERT(routeKey);
+   // The keys of a flowspec table are flowspec keys: the family says so without a cast
+   // across libraries, which costs a string comparison per rule.
+   OVK_ASSERT(baseRouteKey->safi() == Safi::flowspec);
+   auto const* routeKey = static_cast<FlowspecRouteKey const*>(baseRouteKey);
    forgetRedirects(*routeKey);
    if (!routeKey->wontExportReason().empty()) {
       OVK_TRACE(flowspecTraceFacility(), 8,
@@ -529,7 +582,11 @@ Flowspec::Rule FlowspecRouteConfigSm::ruleOf(FlowspecRouteKey const& key) {
 
 void FlowspecRouteConfigSm::countRefusedFull(FlowspecRouteKey const& key) {
    ++counters_.refusedFull;
-   if (auto best = routeTable()->ribTable().bestPath(key)) ++counters_.refusedFullBySource[best->source];
+   if (auto const source = routeTable()->ribTable().bestSource(key)) {
+      auto& by = counters_.refusedFullBySource;
+      if (*source >= by.size()) by.resize(*source + 1);
+      ++by[*source];
+   }
 }
 
 void FlowspecRouteConfigSm::handleInitialized() {

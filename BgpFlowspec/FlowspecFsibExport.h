@@ -17,6 +17,7 @@
 #pragma once
 
 #include <cstdint>
+#include <chrono>
 #include <memory>
 #include <set>
 #include <string>
@@ -31,6 +32,7 @@
 #include "host/bgp/RouteOrderIndex.h"
 #include "host/bgp/RtImport.h"
 #include "host/flowspec/RuleSet.h"
+#include "host/fwk/FlatPtrMap.h"
 #include "host/fwk/Scheduler.h"
 #include "host/mnemo/EntityManager.h"
 #include "host/plugin/Plugin.h"
@@ -66,7 +68,10 @@ class FlowspecRouteConfigSm;
 //     otherwise;
 //   - a rule that leaves makes room: the first refused rule goes in, found by walking the
 //     tables in rule order from the last rule held, a slice of keys per turn of the
-//     scheduler (at once without one).
+//     scheduler (at once without one). The walk waits until rules have stopped leaving for
+//     kRefillSettle, kRefillMaxDelay at most: a table being withdrawn (a million rules going
+//     with their session) would otherwise pull in each refused rule just before its turn to
+//     go.
 // Precedence between families is the FSIB's own order (Flowspec::FlowspecSlateKey); within a
 // family it is the table's order, which agrees with it for every exportable rule.
 //
@@ -76,6 +81,8 @@ class FlowspecFsibAdmission : public Ovk::PtrInterface {
  public:
    // Keys a refill walks per turn of the scheduler.
    static constexpr std::size_t kRefillKeysPerSlice = 16384;
+   static constexpr std::chrono::milliseconds kRefillSettle{100};
+   static constexpr std::chrono::milliseconds kRefillMaxDelay{1000};
 
    FlowspecFsibAdmission(Ovk::Ptr<Flowspec::RuleSet> fsib, Ovk::Ptr<Ovk::TaskScheduler> scheduler);
    ~FlowspecFsibAdmission() override;
@@ -108,7 +115,7 @@ class FlowspecFsibAdmission : public Ovk::PtrInterface {
    };
    struct Writer {
       FlowspecRouteConfigSm* sm = nullptr;
-      std::unordered_set<FlowspecRouteKey const*> held;   // each referenced
+      Ovk::FlatPtrSet<FlowspecRouteKey> held;             // each referenced
       std::set<FlowspecRouteKey const*, OrderLess> order; // the same keys in the table's order
       // Where the refill's walk goes on; null: after the last key held.
       Ovk::Ptr<RouteKey const> scan;
@@ -120,11 +127,21 @@ class FlowspecFsibAdmission : public Ovk::PtrInterface {
    bool precedes(Writer const& wa, FlowspecRouteKey const& a, Writer const& wb, FlowspecRouteKey const& b) const;
    // The writer of the last rule held, null when none is.
    Writer* lastWriter();
+   // The last rule held, its writer and its order prefix (all null when none is), kept
+   // until a rule goes in or out or a writer comes or goes.
+   struct Tail {
+      Writer* writer = nullptr;
+      FlowspecRouteKey const* key = nullptr;
+      std::uint64_t prefix = 0;
+   };
+   Tail const& tail();
+   void refuse(FlowspecRouteConfigSm& sm, FlowspecRouteKey const& key);
    bool install(Writer& w, FlowspecRouteKey const& key, bool isNew);
    void release(Writer& w, FlowspecRouteKey const& key);
    // Something changed since the walks began: they start again from the last rule held.
    void restartWalks();
    void scheduleRefill();
+   void postRefill(Ovk::Duration delay);
    // One slice of refill; true when more may be done.
    bool refill(std::size_t budget);
    // The next refused rule of `w`, walking at most `budget` keys; null when the walk ended or
@@ -134,9 +151,12 @@ class FlowspecFsibAdmission : public Ovk::PtrInterface {
    Ovk::Ptr<Flowspec::RuleSet> fsib_;
    Ovk::Ptr<Ovk::TaskScheduler> scheduler_;
    std::vector<Writer> writers_;
+   Tail tail_;
+   bool tailKnown_ = false;
    // A rule was refused or displaced since the last walk that found none.
    bool refusedWaiting_ = false;
    std::optional<Ovk::TaskId> refillTask_;
+   Ovk::Clock::time_point refillAsked_{}; // when the pending refill was first asked for
    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 

@@ -293,9 +293,15 @@ Ovk::Result<FlowspecRouteKey::PtrConst, FlowspecNlriParseFailure> FlowspecParseU
       OVK_TRACE(flowspecTraceFacility(), 3, "parseCtx: " << *parseContext << " " << failure->message());
       return Ovk::failure(*failure);
    }
-   FlowspecRouteKey::Ptr key = flowspecRouteKeyFactory(afiSafi_.afi());
+   FlowspecRouteKey::Ptr key = flowspecRouteKeyFactory(afiSafi_.afi(), body.size());
    key->bodyIs(body);
    key->wontExportReasonIs(reader.reason());
+   if (parseContext->routeKeyDedupDeferred()) {
+      // The decoder interns the message's keys together; the table must exist all the same.
+      (void)routeKeyDedupTable(*parseContext);
+      key->shrinkToFit();
+      return FlowspecRouteKey::PtrConst(std::move(key));
+   }
    Ovk::Ptr<RouteKey const> const canonical = key->dedupRouteKey(routeKeyDedupTable(*parseContext));
    return FlowspecRouteKey::PtrConst(static_cast<FlowspecRouteKey const*>(canonical.ptr()));
 }

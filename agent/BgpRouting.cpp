@@ -422,9 +422,7 @@ std::optional<BgpRouting::PeerView> BgpRouting::peer(Ovnet::IpGenAddr const& nei
       v.accepted[family] = table->bestOf(p.source);
       auto const sm = exportSm(family);
       if (!sm) continue;
-      auto const& by = sm->exportCounters().refusedFullBySource;
-      auto const refused = by.find(p.source);
-      v.fsibRefusals[family] = refused == by.end() ? 0 : refused->second;
+      v.fsibRefusals[family] = sm->exportCounters().refusedFullOf(p.source);
    }
    return v;
 }

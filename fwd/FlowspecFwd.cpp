@@ -1,12 +1,14 @@
-// flowspec-fwd: programs the FSIB into a Linux nftables table of its own and keeps the table
-// equal to it; `--show` lists every FSIB rule with its install status and counters.
+// flowspec-fwd: programs the FSIB into an XDP classifier on the given interfaces (or a
+// Linux nftables table of its own) and keeps it equal to the FSIB; `--show` lists every FSIB
+// rule with its install status and counters.
 //
-//   flowspec-fwd [--fsib-prefix P] [--table NAME] [--hook prerouting|input|forward]
-//                [--interfaces IF,...] [--once] [--remove-on-exit] [--vrf-table ID=TABLE ...]
+//   flowspec-fwd [--backend xdp|nft] [--interfaces IF,...] [--fsib-prefix P] [--table NAME]
+//                [--hook prerouting|input|forward] [--once] [--remove-on-exit]
+//                [--vrf-table ID=TABLE ...]
 //   flowspec-fwd --show [--json] [--table NAME]
 //
-// Runs in the foreground and logs on standard error. SIGTERM or SIGINT ends it; the table
-// stays (forwarding goes on) unless --remove-on-exit.
+// Runs in the foreground and logs on standard error. SIGTERM or SIGINT ends it; the
+// dataplane stays (forwarding goes on) unless --remove-on-exit.
 #include <CLI/CLI.hpp>
 
 #include <csignal>
@@ -18,6 +20,7 @@
 #include "fwd/FwdShow.h"
 #include "fwd/FwdStatus.h"
 #include "fwd/VrfTables.h"
+#include "fwd/XdpTable.h"
 #include "host/mnemo/SlateRuleSetMount.h"
 
 namespace {
@@ -37,7 +40,9 @@ bool validName(std::string const& s, std::size_t max) {
 } // namespace
 
 int main(int argc, char** argv) {
-   CLI::App app{"flowspec-fwd: the FSIB programmed into Linux nftables"};
+   CLI::App app{"flowspec-fwd: the FSIB programmed into XDP or Linux nftables"};
+   std::string backendName = "auto";
+   Fwd::XdpConfig xcfg;
    std::string prefix = Mnemo::defaultSlatePrefix;
    std::string hookName = "prerouting";
    std::string statusFile;
@@ -55,7 +60,16 @@ int main(int argc, char** argv) {
    app.add_option("--table", cfg.name, "nftables table (family inet) to own")->capture_default_str();
    app.add_option("--hook", hookName, "prerouting, input or forward")->capture_default_str();
    app.add_option("--priority", cfg.priority, "priority of the base chain")->capture_default_str();
+   app.add_option("--backend", backendName,
+                  "xdp (the classifier on --interfaces), nft (nftables), or auto: XDP where the kernel and the "
+                  "interfaces take it, else nftables")
+       ->capture_default_str()
+       ->check(CLI::IsMember({"auto", "xdp", "nft"}));
    app.add_option("--interfaces", interfaces, "only packets arriving on these interfaces")->delimiter(',');
+   app.add_flag("--generic", xcfg.generic, "XDP: attach in generic (skb) mode");
+   app.add_option("--pin-root", xcfg.pinRoot, "XDP: where the links and maps are pinned")->capture_default_str();
+   app.add_option("--samples-per-second", xcfg.samplesPerSecond, "XDP: sampled packets logged per CPU and second")
+       ->capture_default_str();
    app.add_flag("--once", once, "program the FSIB once and exit");
    app.add_flag("--remove-on-exit", removeOnExit, "delete the table and the policy routing on exit");
    app.add_option("--vrf-table", vrfSpecs, "VRF id to Linux routing table, ID=TABLE (repeatable)");
@@ -69,8 +83,9 @@ int main(int argc, char** argv) {
        ->capture_default_str()
        ->check(CLI::Range(1, 4096));
    app.add_option("--status-file", statusFile, "where the install status goes (default /run/flowspec-fwd/TABLE.json)");
-   app.add_option("--poll-max-ms", follow.pollMaxMs, "longest pause between looks at the FSIB")
-       ->capture_default_str()
+   unsigned pollMaxMs = 0;
+   app.add_option("--poll-max-ms", pollMaxMs,
+                  "longest pause between looks at the FSIB (default 5 for nftables; XDP polls every 0.1-0.5 ms)")
        ->check(CLI::Range(1, 1000));
    app.add_flag("--show", show, "list the FSIB's rules with install status and counters");
    app.add_flag("--json", json, "with --show: JSON");
@@ -100,7 +115,8 @@ int main(int argc, char** argv) {
       return 2;
    }
    if (show) {
-      return Fwd::showRules({*segment, cfg.name, statusFile, json}, std::cout, std::cerr);
+      Fwd::ShowOptions so{*segment, cfg.name, statusFile, xcfg.pinRoot, backendName == "xdp", json};
+      return Fwd::showRules(so, std::cout, std::cerr);
    }
    if (!vrfConfig.empty()) {
       std::ifstream in(vrfConfig);
@@ -126,21 +142,71 @@ int main(int argc, char** argv) {
 
    std::signal(SIGTERM, onSignal);
    std::signal(SIGINT, onSignal);
-   Fwd::Nft nft;
    Fwd::PolicyRoutes routes(rulePriority);
-   Fwd::FwdTable table(cfg, nft, &routes);
    follow.segment = *segment;
    follow.statusFile = statusFile;
-   Fwd::Forwarder fwd(follow, table, std::cerr);
-   int rc = 0;
-   if (once) {
-      // Waits briefly for a writer in the middle of a change.
-      Fwd::Forwarder::Step s = fwd.step();
-      for (int i = 0; i < 100 && s == Fwd::Forwarder::Step::unsettled; ++i) s = fwd.step();
-      rc = s == Fwd::Forwarder::Step::applied ? 0 : 1;
+   std::unique_ptr<Fwd::Nft> nft;
+   std::unique_ptr<Fwd::Backend> table;
+   auto const useNft = [&] {
+      nft = std::make_unique<Fwd::Nft>();
+      table = std::make_unique<Fwd::FwdTable>(cfg, *nft, &routes);
+   };
+   if (backendName == "nft" || (backendName == "auto" && interfaces.empty())) {
+      if (backendName == "auto") std::cerr << "flowspec-fwd: no --interfaces for XDP: the nftables backend\n";
+      useNft();
    } else {
-      rc = fwd.run(stopNow);
+      if (interfaces.empty()) {
+         std::cerr << "flowspec-fwd: --backend xdp needs --interfaces\n";
+         return 2;
+      }
+      xcfg.name = cfg.name;
+      xcfg.interfaces = interfaces;
+      xcfg.compile = cfg.compile;
+      xcfg.markBase = cfg.markBase;
+      xcfg.routeTableBase = cfg.routeTableBase;
+      table = std::make_unique<Fwd::XdpTable>(xcfg, &routes, std::cerr);
    }
-   if (removeOnExit) table.remove();
+   auto const polling = [&] {
+      bool const xdp = dynamic_cast<Fwd::XdpTable*>(table.get()) != nullptr;
+      follow.pollMinUs = xdp ? 100 : 1000;
+      follow.pollMaxUs = pollMaxMs != 0 ? pollMaxMs * 1000 : xdp ? 500 : 5000;
+      follow.pollMinUs = std::min(follow.pollMinUs, follow.pollMaxUs);
+   };
+   polling();
+   auto fwd = std::make_unique<Fwd::Forwarder>(follow, *table, std::cerr);
+   // Waits briefly for a writer in the middle of a change.
+   auto const settle = [&] {
+      Fwd::Forwarder::Step s = fwd->step();
+      for (int i = 0; i < 100 && s == Fwd::Forwarder::Step::unsettled; ++i) s = fwd->step();
+      return s;
+   };
+   int rc = 0;
+   // The XDP program is loaded (and verified) before the FSIB is read.
+   std::string xdpError;
+   if (auto* x = dynamic_cast<Fwd::XdpTable*>(table.get()); x != nullptr && !x->probe(&xdpError)) {
+      std::string ifs;
+      for (std::string const& i : interfaces) ifs += (ifs.empty() ? "" : ",") + i;
+      xdpError = "XDP on " + ifs + ": " + xdpError;
+   }
+   Fwd::Forwarder::Step first = xdpError.empty() ? settle() : Fwd::Forwarder::Step::failed;
+   if (first == Fwd::Forwarder::Step::failed && dynamic_cast<Fwd::XdpTable*>(table.get()) != nullptr) {
+      std::cerr << "flowspec-fwd: " << (xdpError.empty() ? fwd->lastReport().error : xdpError) << "\n";
+      if (backendName == "xdp") {
+         std::cerr << "flowspec-fwd: --backend nft programs the rules into nftables instead\n";
+         return 1;
+      }
+      std::cerr << "flowspec-fwd: XDP is not available here: the nftables backend\n";
+      fwd.reset();
+      useNft();
+      polling();
+      fwd = std::make_unique<Fwd::Forwarder>(follow, *table, std::cerr);
+      first = settle();
+   }
+   if (once) {
+      rc = first == Fwd::Forwarder::Step::applied ? 0 : 1;
+   } else {
+      rc = fwd->run(stopNow);
+   }
+   if (removeOnExit) table->remove();
    return rc;
 }

@@ -20,7 +20,7 @@ char const* toStrep(Forwarder::Step s) {
    return "?";
 }
 
-Forwarder::Forwarder(FollowConfig cfg, FwdTable& table, std::ostream& log)
+Forwarder::Forwarder(FollowConfig cfg, Backend& table, std::ostream& log)
     : cfg_(std::move(cfg)), table_(table), log_(log) {}
 
 void Forwarder::say(std::string const& message) {
@@ -32,14 +32,16 @@ void Forwarder::say(std::string const& message) {
 void Forwarder::writeStatus() {
    if (cfg_.statusFile.empty()) return;
    std::string err;
-   if (!writeStatusFile(cfg_.statusFile, table_.config().name, cfg_.segment, appliedGeneration(), table_.statuses(),
+   statusDue_ = false;
+   statusWritten_ = std::chrono::steady_clock::now();
+   if (!writeStatusFile(cfg_.statusFile, table_.dataplane(), cfg_.segment, appliedGeneration(), table_.statuses(),
                         &err)) {
       say(err);
    }
 }
 
 Forwarder::Step Forwarder::step() {
-   std::string const left = ": table inet " + table_.config().name + " left as it was";
+   std::string const left = ": " + table_.describe() + " left as it was";
    if (reader_ && reader_->retired()) reader_.reset(); // the writer made a new segment
    if (!reader_) {
       auto r = Mnemo::SlateRuleSetReader::open(cfg_.segment);
@@ -54,44 +56,73 @@ Forwarder::Step Forwarder::step() {
       }
       reader_.emplace(std::move(r.value()));
       refusedGeneration_.reset();
+      seen_.assign(reader_->capacity(), 0);
+      keys_.assign(reader_->capacity(), std::nullopt);
+      applied_.reset();
    }
    std::uint64_t const g = reader_->generation();
    if (applied_ == g || refusedGeneration_ == g) return Step::unchanged;
    std::uint64_t const damagedBefore = reader_->stats().damaged;
    auto const t0 = std::chrono::steady_clock::now();
-   Mnemo::SlateSnapshot snap = reader_->snapshot(100, Mnemo::SnapshotOrder::slotOrder);
+   Mnemo::SlateChanges ch = reader_->changesSince(seen_, 100);
    snapshotMs_ = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
-   if (snap.status == Mnemo::SnapshotStatus::unsettled) return Step::unsettled;
+   if (ch.status == Mnemo::SnapshotStatus::unsettled) return Step::unsettled;
+   if (ch.changes.empty() && applied_) {
+      // The generation moved and no slot did: not how the writer changes the table. Every
+      // record is read once, so that damage behind unchanged slot words is reported.
+      (void)reader_->changesSince(std::vector<std::uint64_t>(seen_.size(), 0), 1);
+   }
    if (reader_->stats().damaged != damagedBefore) {
-      refusedGeneration_ = snap.generation;
-      say("refused generation " + std::to_string(snap.generation) + " of the FSIB segment " + cfg_.segment + ": " +
+      refusedGeneration_ = ch.generation;
+      say("refused generation " + std::to_string(ch.generation) + " of the FSIB segment " + cfg_.segment + ": " +
           std::to_string(reader_->stats().damaged - damagedBefore) + " damaged records" + left);
       return Step::refused;
    }
-   lastReport_ = table_.apply(snap.rules);
-   applied_ = snap.generation;
-   if (lastReport_.ok && onApplied_) onApplied_(snap.generation);
-   writeStatus();
+   bool const full = !applied_.has_value();
+   std::vector<Flowspec::Rule> upserts;
+   std::vector<Flowspec::FlowspecSlateKey> removed;
+   for (Mnemo::SlotChange& c : ch.changes) {
+      if (keys_[c.slot]) removed.push_back(*keys_[c.slot]);
+      if (c.rule) upserts.push_back(*c.rule);
+   }
+   lastReport_ = full ? table_.apply(upserts) : table_.change(upserts, removed);
+   for (Mnemo::SlotChange const& c : ch.changes) {
+      seen_[c.slot] = c.word;
+      keys_[c.slot] = c.rule ? std::optional(c.rule->key) : std::nullopt;
+   }
+   applied_ = ch.generation;
+   if (lastReport_.ok && onApplied_) onApplied_(ch.generation);
+   // The full status is rewritten at most every 200 ms while changes stream in.
+   statusDue_ = true;
+   if (full || !lastReport_.ok || std::chrono::steady_clock::now() - statusWritten_ > std::chrono::milliseconds(200))
+      writeStatus();
    if (!lastReport_.ok) {
-      say("nftables refused table inet " + table_.config().name + ": " + lastReport_.error);
+      say(table_.describe() + " refused: " + lastReport_.error);
       return Step::failed;
    }
-   say("generation " + std::to_string(snap.generation) + ": " + std::to_string(snap.rules.size()) + " rules, " +
-       std::to_string(table_.programmedRules()) + " programmed");
+   if (full || lastReport_.full) {
+      std::size_t rules = 0;
+      for (std::optional<Flowspec::FlowspecSlateKey> const& k : keys_) rules += k ? 1u : 0u;
+      say("generation " + std::to_string(ch.generation) + ": " + std::to_string(rules) + " rules, " +
+          std::to_string(table_.programmedRules()) + " programmed");
+   }
    return Step::applied;
 }
 
 int Forwarder::run(std::atomic<bool> const& stop) {
-   using std::chrono::milliseconds;
-   unsigned interval = cfg_.pollMinMs;
+   using std::chrono::microseconds;
+   unsigned interval = cfg_.pollMinUs;
    while (!stop.load(std::memory_order_relaxed)) {
       Step const s = step();
+      table_.poll();
       if (s == Step::applied || s == Step::failed || s == Step::unsettled) {
-         interval = cfg_.pollMinMs;
+         interval = cfg_.pollMinUs;
       } else {
-         std::this_thread::sleep_for(milliseconds(interval));
+         if (statusDue_ && std::chrono::steady_clock::now() - statusWritten_ > std::chrono::milliseconds(200))
+            writeStatus();
+         std::this_thread::sleep_for(microseconds(interval));
          // Waiting for a segment or past a refusal need not be quick.
-         unsigned const cap = s == Step::unchanged ? cfg_.pollMaxMs : std::max(cfg_.pollMaxMs, 100u);
+         unsigned const cap = s == Step::unchanged ? cfg_.pollMaxUs : std::max(cfg_.pollMaxUs, 100000u);
          interval = std::min(cap, std::max(1u, interval * 2));
       }
    }

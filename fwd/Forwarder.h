@@ -1,11 +1,17 @@
-// Follows the FSIB and keeps the nftables table equal to it.
+// Follows the FSIB and keeps a dataplane (Backend.h: XDP or nftables) equal to it.
 //
 // The FSIB's generation moves on every change, so comparing it with the generation last
-// applied misses nothing. The follower polls it: every pollMinMs after a change, the
-// interval doubling while nothing changes up to pollMaxMs (5 ms by default, so that a
-// change is seen within the 10 ms a single-rule change may take end to end; each poll is
-// one load from shared memory). A snapshot is taken in slot order (the table orders the
-// rules itself, and sorts only on a full install).
+// applied misses nothing. The follower polls it: every pollMinUs after a change, the
+// interval doubling while nothing changes up to pollMaxUs (each poll is one load from shared
+// memory). nftables takes about 10 ms a change, so 1-5 ms polls do; the XDP maps take a
+// change in well under a millisecond, so flowspec-fwd polls every 0.1-0.5 ms for them.
+//
+// Changes are followed as changes: the follower keeps the word of every slot as it applied
+// it and the key the slot held; a new generation is read as the slots whose word moved
+// (one load per slot, a copy of the changed ones only), within one generation as a
+// snapshot is. The first look, and the first after the writer replaced the segment, hands
+// the dataplane every rule (a full install); later ones hand it the rules added or
+// replaced and the keys that left.
 //
 // A segment that is not an FSIB of this format (another format version, truncated, some
 // other object) or whose records are damaged is refused with a message, and the table is
@@ -14,13 +20,15 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
 #include <optional>
 #include <string>
+#include <vector>
 
-#include "fwd/FwdTable.h"
+#include "fwd/Backend.h"
 #include "host/mnemo/SlateRuleSetReader.h"
 
 namespace Fwd {
@@ -28,22 +36,22 @@ namespace Fwd {
 struct FollowConfig {
    std::string segment;    // the FSIB's segment name
    std::string statusFile; // empty: none written
-   unsigned pollMinMs = 1;
-   unsigned pollMaxMs = 5;
+   unsigned pollMinUs = 1000; // after a change
+   unsigned pollMaxUs = 5000; // the longest pause while nothing changes
 };
 
 class Forwarder {
  public:
    enum class Step : std::uint8_t {
-      applied,   // a new generation is in the table
-      failed,    // nftables refused the table (message said)
+      applied,   // a new generation is in the dataplane
+      failed,    // the kernel refused the dataplane (message said)
       unchanged, // nothing new
       noSegment, // no FSIB yet
       refused,   // not an FSIB of this format, or damaged: the table is as it was
       unsettled, // the writer kept changing it; try again
    };
 
-   Forwarder(FollowConfig cfg, FwdTable& table, std::ostream& log);
+   Forwarder(FollowConfig cfg, Backend& table, std::ostream& log);
 
    // One look at the FSIB: applies it when its generation moved.
    Step step();
@@ -61,7 +69,11 @@ class Forwarder {
    void writeStatus();
 
    FollowConfig cfg_;
-   FwdTable& table_;
+   Backend& table_;
+   std::vector<std::uint64_t> seen_;                            // slot words as applied
+   std::vector<std::optional<Flowspec::FlowspecSlateKey>> keys_; // the key each slot held
+   bool statusDue_ = false;
+   std::chrono::steady_clock::time_point statusWritten_;
    std::ostream& log_;
    std::optional<Mnemo::SlateRuleSetReader> reader_;
    std::optional<std::uint64_t> applied_;

@@ -4,6 +4,13 @@
 #include <map>
 #include <ostream>
 
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
 #include <nlohmann/json.hpp>
 
 #include "fwd/FwdStatus.h"
@@ -38,6 +45,30 @@ std::map<std::uint32_t, Counts> readCounters(std::string const& table, std::stri
    return out;
 }
 
+// The XDP program's counters of the given ids, summed over the CPUs.
+std::map<std::uint32_t, Counts> readXdpCounters(std::string const& path, std::vector<std::uint32_t> const& ids,
+                                                std::string* error) {
+   std::map<std::uint32_t, Counts> out;
+   int const fd = bpf_obj_get(path.c_str());
+   if (fd < 0) {
+      *error = "no XDP counters at " + path + ": " + std::strerror(errno);
+      return out;
+   }
+   int const cpus = libbpf_num_possible_cpus();
+   std::vector<std::uint64_t> v(2 * static_cast<std::size_t>(std::max(cpus, 1)));
+   for (std::uint32_t id : ids) {
+      if (bpf_map_lookup_elem(fd, &id, v.data()) != 0) continue;
+      Counts c;
+      for (std::size_t i = 0; i < v.size(); i += 2) {
+         c.packets += v[i];
+         c.bytes += v[i + 1];
+      }
+      out[id] = c;
+   }
+   ::close(fd);
+   return out;
+}
+
 } // namespace
 
 int showRules(ShowOptions const& opt, std::ostream& out, std::ostream& err) {
@@ -50,19 +81,35 @@ int showRules(ShowOptions const& opt, std::ostream& out, std::ostream& err) {
    Mnemo::SlateSnapshot const snap = rd.value().snapshot();
    std::string statusError;
    std::optional<StatusFile> const status = readStatusFile(opt.statusFile, &statusError);
+   std::string const dataplane = status && !status->table.empty() ? status->table
+                                 : opt.xdp                         ? "xdp " + opt.table
+                                                                   : "inet " + opt.table;
+   bool const xdp = dataplane.starts_with("xdp ");
    std::string counterError;
-   std::map<std::uint32_t, Counts> const counts = readCounters(opt.table, &counterError);
+   std::map<std::uint32_t, Counts> counts;
+   if (xdp) {
+      std::vector<std::uint32_t> ids;
+      if (status) {
+         for (auto const& [k, e] : status->rules) {
+            if (e.counterId != 0) ids.push_back(e.counterId);
+         }
+      }
+      counts = readXdpCounters(opt.pinRoot + "/" + opt.table + "/fs_counters", ids, &counterError);
+   } else {
+      counts = readCounters(opt.table, &counterError);
+   }
+   std::string const what = xdp ? dataplane : "table " + dataplane;
 
    nlohmann::json rules = nlohmann::json::array();
    for (Flowspec::Rule const& r : snap.rules) {
       std::string const key = r.key.toStrepCli();
       StatusEntry e;
       if (!status) {
-         e.reason = "flowspec-fwd has not programmed table inet " + opt.table + " (" + statusError + ")";
+         e.reason = "flowspec-fwd has not programmed " + what + " (" + statusError + ")";
       } else if (auto it = status->rules.find(key); it != status->rules.end()) {
          e = it->second;
       } else {
-         e.reason = "not programmed yet (table inet " + opt.table + " holds generation " +
+         e.reason = "not programmed yet (" + what + " holds generation " +
                     std::to_string(status->generation) + ", the FSIB is at " + std::to_string(snap.generation) + ")";
       }
       Counts c;
@@ -78,13 +125,13 @@ int showRules(ShowOptions const& opt, std::ostream& out, std::ostream& err) {
    if (opt.json) {
       nlohmann::json j;
       j["rules"] = std::move(rules);
-      j["table"] = "inet " + opt.table;
+      j["table"] = dataplane;
       j["fsibGeneration"] = snap.generation;
       j["programmedGeneration"] = status ? nlohmann::json(status->generation) : nlohmann::json(nullptr);
       out << Ovk::jsonText(j, 2) << '\n';
       return 0;
    }
-   out << "table inet " << opt.table << ": FSIB generation " << snap.generation << ", programmed generation "
+   out << what << ": FSIB generation " << snap.generation << ", programmed generation "
        << (status ? std::to_string(status->generation) : std::string("none")) << '\n';
    if (!counterError.empty()) out << "counters: " << counterError << '\n';
    for (auto const& r : rules) {

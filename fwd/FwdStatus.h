@@ -2,12 +2,12 @@
 // running instance rewrites (to a temporary name, then renamed over, so a reader never sees
 // half of it) after every transaction.
 //
-//   {"table": "inet NAME", "segment": "/PREFIX.routing.bgp.flowspec", "generation": G,
+//   {"table": "inet NAME" or "xdp NAME" (the dataplane), "segment": "/PREFIX.routing.bgp.flowspec", "generation": G,
 //    "pid": PID, "rules": [{"key": TEXT, "installed": BOOL, "reason": TEXT|null,
 //                           "counter": ID}]}
 //
 // `generation` is the FSIB generation the table holds; `counter` the rule's element in the
-// table's counter set. Counts themselves are read from the kernel by --show, never stored.
+// table's counter set, or the XDP program's counter map. Counts themselves are read from the kernel by --show, never stored.
 #pragma once
 
 #include <cstdint>
@@ -37,7 +37,9 @@ struct StatusFile {
 // The default place: /run/flowspec-fwd/TABLE.json.
 std::string defaultStatusPath(std::string const& table);
 
-// Writes the file (creating its directory); false with `error` set when it cannot.
+// Writes the file (creating its directory); false with `error` set when it cannot, or when
+// another user could swap it (Ovk::pathTrustProblem: a link, or a directory on the way that
+// others may write), which is then not written.
 bool writeStatusFile(std::string const& path, std::string const& table, std::string const& segment,
                      std::uint64_t generation, std::vector<RuleStatus> const& rules, std::string* error);
 // Reads it; empty with `error` set when it is missing or not such a file.

@@ -27,6 +27,7 @@ struct FwdTable::Block {
    std::vector<Entry*> entries; // in precedence order
    bool dirty = true;           // its chain must be written again
    bool fresh = true;           // its chain does not exist yet
+   bool inMap = false;          // reached through a verdict map (no guard of its own)
 };
 
 struct FwdTable::Target {
@@ -230,45 +231,69 @@ void FwdTable::finishTargets() {
    }
 }
 
-std::string FwdTable::guardOf(Block const& b) const {
+std::optional<FwdTable::Hull> FwdTable::hullOf(Block const& b) const {
    // The lowest and highest destination any rule of the block can match; only when every
    // rule has a destination prefix of one family.
-   std::uint8_t lo[16];
-   std::uint8_t hi[16];
-   AddressFamily af = AddressFamily::unspecified;
-   std::size_t size = 0;
+   Hull h;
    for (Entry const* e : b.entries) {
       Flowspec::FlowspecKey const k = e->rule.key.flowspecKey();
       Ovnet::IpGenPrefix const& p = k.destPrefix();
-      if (p.isUnset() || p.len() == 0 || (af != AddressFamily::unspecified && p.af() != af)) return {};
-      std::uint8_t first[16] = {};
-      std::uint8_t last[16] = {};
-      size = p.addr().size();
-      for (std::size_t i = 0; i < size; ++i) {
+      if (p.isUnset() || p.len() == 0 || (h.af != AddressFamily::unspecified && p.af() != h.af)) return std::nullopt;
+      std::array<std::uint8_t, 16> first{};
+      std::array<std::uint8_t, 16> last{};
+      h.size = p.addr().size();
+      for (std::size_t i = 0; i < h.size; ++i) {
          first[i] = p.addr().bytes()[i];
          std::size_t const bitsHere = p.len() >= 8 * (i + 1) ? 8 : p.len() > 8 * i ? p.len() - 8 * i : 0;
          std::uint8_t const host = static_cast<std::uint8_t>(0xffu >> bitsHere);
          last[i] = static_cast<std::uint8_t>(first[i] | host);
       }
-      if (af == AddressFamily::unspecified || std::memcmp(first, lo, size) < 0) std::memcpy(lo, first, size);
-      if (af == AddressFamily::unspecified || std::memcmp(last, hi, size) > 0) std::memcpy(hi, last, size);
-      af = p.af();
+      if (h.af == AddressFamily::unspecified || first < h.lo) h.lo = first;
+      if (h.af == AddressFamily::unspecified || last > h.hi) h.hi = last;
+      h.af = p.af();
    }
-   if (af == AddressFamily::unspecified) return {};
-   auto const addr = [af](std::uint8_t const* bytes) {
-      return af == AddressFamily::ipv4 ? Ovnet::IpGenAddr::ipv4(std::span<std::uint8_t const, 4>(bytes, 4)).str()
-                                       : Ovnet::IpGenAddr::ipv6(std::span<std::uint8_t const, 16>(bytes, 16)).str();
-   };
-   std::string const range = std::memcmp(lo, hi, size) == 0 ? addr(lo) : addr(lo) + "-" + addr(hi);
-   return std::string(af == AddressFamily::ipv4 ? "ip" : "ip6") + " daddr != " + range + " return";
+   if (h.af == AddressFamily::unspecified) return std::nullopt;
+   return h;
 }
 
-void FwdTable::blockLines(Block const& b, std::string& batch, std::vector<std::vector<Entry*>>& owners) {
+std::string FwdTable::Hull::range() const {
+   auto const addr = [this](std::array<std::uint8_t, 16> const& bytes) {
+      return af == AddressFamily::ipv4 ? Ovnet::IpGenAddr::ipv4(std::span<std::uint8_t const, 4>(bytes.data(), 4)).str()
+                                       : Ovnet::IpGenAddr::ipv6(std::span<std::uint8_t const, 16>(bytes.data(), 16)).str();
+   };
+   return lo == hi ? addr(lo) : addr(lo) + "-" + addr(hi);
+}
+
+std::vector<FwdTable::TopItem> FwdTable::topItems() const {
+   // Consecutive blocks with guards of one family whose ranges do not overlap share one
+   // verdict map: a packet's destination picks the only block of them it can match.
+   std::vector<TopItem> items;
+   std::vector<std::pair<std::array<std::uint8_t, 16>, std::array<std::uint8_t, 16>>> run;
+   for (auto const& b : blocks_) {
+      std::optional<Hull> const h = hullOf(*b);
+      bool joins = false;
+      if (h && !items.empty() && items.back().af == h->af) {
+         joins = std::none_of(run.begin(), run.end(), [&h](auto const& r) { return !(h->hi < r.first || r.second < h->lo); });
+      }
+      if (joins) {
+         items.back().blocks.push_back(b.get());
+         items.back().ranges.push_back(h->range());
+      } else {
+         items.push_back({h ? h->af : AddressFamily::unspecified, {b.get()}, {h ? h->range() : ""}});
+         run.clear();
+      }
+      if (h) run.emplace_back(h->lo, h->hi);
+   }
+   return items;
+}
+
+void FwdTable::blockLines(Block const& b, bool guard, std::string& batch, std::vector<std::vector<Entry*>>& owners) {
    std::string const chain = "inet " + cfg_.name + " b" + std::to_string(b.id);
    batch += "flush chain " + chain + "\n";
    owners.emplace_back();
-   if (std::string const guard = guardOf(b); !guard.empty()) {
-      batch += "add rule " + chain + " " + guard + "\n";
+   if (std::optional<Hull> const h = guard ? hullOf(b) : std::nullopt) {
+      batch += "add rule " + chain + " " + (h->af == AddressFamily::ipv4 ? "ip" : "ip6") + " daddr != " + h->range() +
+               " return\n";
       owners.emplace_back();
    }
    for (Entry* e : b.entries) {
@@ -326,13 +351,57 @@ std::string FwdTable::buildBatch(bool full, std::vector<std::vector<Entry*>>& ow
    for (auto const& b : blocks_) {
       if (b->fresh) line("add chain inet " + t + " b" + std::to_string(b->id));
    }
+   // The top chain: a jump to each block that stands alone (behind its guard), a verdict map
+   // for each run of blocks with disjoint destination ranges.
+   std::vector<TopItem> const items = topItems();
+   std::string sig;
+   std::map<std::string, std::string> maps; // name -> elements
+   for (TopItem const& it : items) {
+      bool const vmap = it.blocks.size() > 1;
+      for (Block* b : it.blocks) {
+         if (b->inMap != vmap) b->dirty = true; // its guard comes or goes
+         b->inMap = vmap;
+      }
+      if (!vmap) {
+         sig += "j" + std::to_string(it.blocks[0]->id) + " ";
+         continue;
+      }
+      std::string const name = "d" + std::to_string(it.blocks[0]->id);
+      sig += "v" + name + (it.af == AddressFamily::ipv4 ? "4 " : "6 ");
+      std::string el;
+      for (std::size_t i = 0; i < it.blocks.size(); ++i)
+         el += (i == 0 ? "" : ", ") + it.ranges[i] + " : jump b" + std::to_string(it.blocks[i]->id);
+      maps[name] = std::move(el);
+   }
+   for (auto const& [name, el] : maps) {
+      bool const fresh = full || !mapElements_.contains(name);
+      std::string const type = sig.find("v" + name + "4 ") != std::string::npos ? "ipv4_addr" : "ipv6_addr";
+      if (fresh) line("add map inet " + t + " " + name + " { type " + type + " : verdict; flags interval; }");
+      if (!fresh && mapElements_[name] == el) continue;
+      if (!fresh) line("flush map inet " + t + " " + name);
+      line("add element inet " + t + " " + name + " { " + el + " }");
+   }
    for (auto const& b : blocks_) {
-      if (b->dirty || full) blockLines(*b, batch, owners);
+      if (b->dirty || full) blockLines(*b, !b->inMap, batch, owners);
    }
-   if (topDirty_) {
+   if (topDirty_ || sig != topSig_ || full) {
       line("flush chain inet " + t + " rules");
-      for (auto const& b : blocks_) line("add rule inet " + t + " rules jump b" + std::to_string(b->id));
+      for (TopItem const& it : items) {
+         if (it.blocks.size() == 1) {
+            line("add rule inet " + t + " rules jump b" + std::to_string(it.blocks[0]->id));
+         } else {
+            line("add rule inet " + t + " rules " + (it.af == AddressFamily::ipv4 ? "ip" : "ip6") + " daddr vmap @d" +
+                 std::to_string(it.blocks[0]->id));
+         }
+      }
    }
+   if (!full) {
+      for (auto const& [name, el] : mapElements_) {
+         if (!maps.contains(name)) line("delete map inet " + t + " " + name);
+      }
+   }
+   pendingSig_ = sig;
+   pendingMaps_ = std::move(maps);
    if (!full) {
       for (std::uint32_t id : deadBlocks_) {
          line("flush chain inet " + t + " b" + std::to_string(id));
@@ -366,60 +435,85 @@ void FwdTable::commit() {
    }
    topDirty_ = false;
    dupDirty_ = false;
+   topSig_ = pendingSig_;
+   mapElements_ = pendingMaps_;
    deadBlocks_.clear();
    freeCounterIds_.insert(freeCounterIds_.end(), deadCounters_.begin(), deadCounters_.end());
    deadCounters_.clear();
    newCounters_.clear();
 }
 
+void FwdTable::upsert(Flowspec::Rule const& r, ApplyReport& rep) {
+   auto it = entries_.find(r.key);
+   if (it == entries_.end()) {
+      auto e = std::make_unique<Entry>();
+      e->rule = r;
+      if (!freeCounterIds_.empty()) {
+         e->counterId = freeCounterIds_.back();
+         freeCounterIds_.pop_back();
+      } else {
+         e->counterId = nextCounterId_++;
+      }
+      newCounters_.push_back(e->counterId);
+      e->seen = applySerial_;
+      auto [pos, fresh] = entries_.emplace(r.key, std::move(e));
+      pos->second->key = &pos->first;
+      compile(*pos->second);
+      ++rep.added;
+      return;
+   }
+   Entry& e = *it->second;
+   e.seen = applySerial_;
+   if (!(e.rule == r)) {
+      e.rule = r;
+      compile(e);
+      ++rep.changed;
+   }
+}
+
+void FwdTable::erase(Flowspec::FlowspecSlateKey const& key, ApplyReport& rep) {
+   auto it = entries_.find(key);
+   if (it == entries_.end()) return;
+   release(*it->second);
+   deadCounters_.push_back(it->second->counterId);
+   entries_.erase(it);
+   ++rep.removed;
+}
+
 ApplyReport FwdTable::apply(std::vector<Flowspec::Rule> const& rules) {
-   using Clock = std::chrono::steady_clock;
-   auto const ms = [](Clock::time_point a, Clock::time_point b) {
-      return std::chrono::duration<double, std::milli>(b - a).count();
-   };
-   auto const start = Clock::now();
+   auto const start = std::chrono::steady_clock::now();
    ApplyReport rep;
    // One pass over the rules marks each entry it finds (one hash lookup, no copy of the key),
    // a second pass drops the entries no rule marked.
    ++applySerial_;
-   for (Flowspec::Rule const& r : rules) {
-      auto it = entries_.find(r.key);
-      if (it == entries_.end()) {
-         auto e = std::make_unique<Entry>();
-         e->rule = r;
-         if (!freeCounterIds_.empty()) {
-            e->counterId = freeCounterIds_.back();
-            freeCounterIds_.pop_back();
-         } else {
-            e->counterId = nextCounterId_++;
-         }
-         newCounters_.push_back(e->counterId);
-         e->seen = applySerial_;
-         auto [pos, fresh] = entries_.emplace(r.key, std::move(e));
-         pos->second->key = &pos->first;
-         compile(*pos->second);
-         ++rep.added;
-         continue;
-      }
-      Entry& e = *it->second;
-      e.seen = applySerial_;
-      if (!(e.rule == r)) {
-         e.rule = r;
-         compile(e);
-         ++rep.changed;
-      }
+   for (Flowspec::Rule const& r : rules) upsert(r, rep);
+   std::vector<Key> gone;
+   for (auto const& [k, e] : entries_) {
+      if (e->seen != applySerial_) gone.push_back(k);
    }
-   for (auto it = entries_.begin(); it != entries_.end();) {
-      if (it->second->seen == applySerial_) {
-         ++it;
-         continue;
-      }
-      release(*it->second);
-      deadCounters_.push_back(it->second->counterId);
-      it = entries_.erase(it);
-      ++rep.removed;
-   }
+   for (Key const& k : gone) erase(k, rep);
+   return transact(rep, start);
+}
 
+ApplyReport FwdTable::change(std::vector<Flowspec::Rule> const& upserts,
+                             std::vector<Flowspec::FlowspecSlateKey> const& removed) {
+   auto const start = std::chrono::steady_clock::now();
+   ApplyReport rep;
+   ++applySerial_;
+   std::unordered_map<Key, bool, KeyHash> upserted;
+   for (Flowspec::Rule const& r : upserts) upserted.emplace(r.key, true);
+   for (Key const& k : removed) {
+      if (!upserted.contains(k)) erase(k, rep);
+   }
+   for (Flowspec::Rule const& r : upserts) upsert(r, rep);
+   return transact(rep, start);
+}
+
+ApplyReport FwdTable::transact(ApplyReport rep, std::chrono::steady_clock::time_point start) {
+   using Clock = std::chrono::steady_clock;
+   auto const ms = [](Clock::time_point a, Clock::time_point b) {
+      return std::chrono::duration<double, std::milli>(b - a).count();
+   };
    for (unsigned attempt = 0; attempt < maxAttempts; ++attempt) {
       bool const full = needFull_;
       if (full) {
@@ -491,26 +585,10 @@ std::vector<RuleStatus> FwdTable::statuses() const {
    std::sort(all.begin(), all.end(), [](Entry const* a, Entry const* b) { return keyLess(a->key, b->key); });
    std::vector<RuleStatus> out;
    out.reserve(all.size());
-   for (Entry const* e : all) {
-      RuleStatus s;
-      s.key = *e->key;
-      s.counterId = e->counterId;
-      switch (e->compiled.kind) {
-      case CompiledRule::Kind::neverMatches:
-         s.installed = true;
-         s.reason = "never matches: " + e->compiled.reason;
-         break;
-      case CompiledRule::Kind::refused: s.reason = e->compiled.reason; break;
-      case CompiledRule::Kind::install:
-         s.installed = e->failure.empty() && !needFull_;
-         s.reason = !e->failure.empty() ? e->failure
-                    : needFull_         ? "nftables refused the table: " +
-                                      (tableError_.empty() ? std::string("not programmed yet") : tableError_)
-                                : "";
-         break;
-      }
-      out.push_back(std::move(s));
-   }
+   std::string const notProgrammed =
+       "nftables refused the table: " + (tableError_.empty() ? std::string("not programmed yet") : tableError_);
+   for (Entry const* e : all)
+      out.push_back(ruleStatus(*e->key, e->compiled, e->counterId, !needFull_, e->failure, notProgrammed));
    return out;
 }
 

@@ -5,10 +5,15 @@
 //                       a rule's nftables rules count into it, so the count survives the
 //                       rule's block being rebuilt
 //   chain HOOK          base chain at the hook: `[iifname { IFS }] jump rules`
-//   chain rules         `jump bN` for each block, in precedence order
+//   chain rules         for each block in precedence order `jump bN`; a run of consecutive
+//                       blocks whose rules all have destination prefixes of one family and
+//                       whose destination ranges do not overlap is one rule instead,
+//                       `ip daddr vmap @dN` (map dN: `LOW-HIGH : jump bK` per block), so a
+//                       packet meets only the block its destination can match
 //   chain bN            a block: up to 2 * blockSize consecutive FSIB rules, first a guard
 //                       (`ip daddr != LOW-HIGH return`) when all of them have destination
-//                       prefixes of one family, then the rules' nftables rules
+//                       prefixes of one family and the block is not in a map, then the
+//                       rules' nftables rules
 // and, for copy redirects, tables `ip NAME` and `ip6 NAME` with a base chain one
 // priority later, chain `copies`, that copies marked packets (`meta mark M dup to ADDRESS`), since the kernel
 // offers `dup` only to those families.
@@ -28,6 +33,8 @@
 // message, and the batch is built again without it, until it commits.
 #pragma once
 
+#include <array>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -36,6 +43,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "fwd/Backend.h"
 #include "fwd/Nft.h"
 #include "fwd/PolicyRoutes.h"
 #include "fwd/RuleCompiler.h"
@@ -54,44 +62,28 @@ struct TableConfig {
    std::uint32_t counterSetSize = 65536;
 };
 
-// One FSIB rule's install status.
-struct RuleStatus {
-   Flowspec::FlowspecSlateKey key;
-   bool installed = false;
-   std::string reason;          // not installed: why; installed: empty, or "never matches: ..."
-   std::uint32_t counterId = 0; // its element in the counter set (0: none)
-};
-
-struct ApplyReport {
-   bool ok = false;   // the kernel's table now holds the rules that can be installed
-   bool full = false; // the whole table was replaced
-   std::size_t added = 0;
-   std::size_t removed = 0;
-   std::size_t changed = 0;
-   std::size_t batchLines = 0;
-   unsigned attempts = 0; // transactions tried
-   double prepareMs = 0;  // diff, compile and batch text
-   double nftMs = 0;      // in libnftables (parse, cache, kernel)
-   std::string error;     // when !ok: nft's message that tied to no rule
-};
-
-class FwdTable {
+class FwdTable : public Backend {
  public:
    // `routes` may be null when no rule redirects (tests); a redirecting rule then fails.
    FwdTable(TableConfig cfg, Nft& nft, PolicyRoutes* routes);
-   ~FwdTable();
+   ~FwdTable() override;
 
    TableConfig const& config() const { return cfg_; }
 
    // Makes the kernel's tables hold exactly `rules` (any order, distinct keys). Rules that
    // cannot be installed are left out and say why in statuses().
-   ApplyReport apply(std::vector<Flowspec::Rule> const& rules);
+   ApplyReport apply(std::vector<Flowspec::Rule> const& rules) override;
+   // One change: only the blocks the rules fall in are rewritten, in one transaction.
+   ApplyReport change(std::vector<Flowspec::Rule> const& upserts,
+                      std::vector<Flowspec::FlowspecSlateKey> const& removed) override;
+   std::string describe() const override { return "table inet " + cfg_.name; }
+   std::string dataplane() const override { return "inet " + cfg_.name; }
    // Every rule of the last apply, in precedence order.
-   std::vector<RuleStatus> statuses() const;
-   std::size_t programmedRules() const;
+   std::vector<RuleStatus> statuses() const override;
+   std::size_t programmedRules() const override;
    std::size_t blockCount() const { return blocks_.size(); }
    // Deletes the tables and the policy routing this table programmed.
-   void remove();
+   void remove() override;
 
  private:
    struct Entry;
@@ -99,6 +91,9 @@ class FwdTable {
    struct Target;
    using Key = Flowspec::FlowspecSlateKey;
 
+   void upsert(Flowspec::Rule const& r, ApplyReport& rep);
+   void erase(Flowspec::FlowspecSlateKey const& key, ApplyReport& rep);
+   ApplyReport transact(ApplyReport rep, std::chrono::steady_clock::time_point start);
    void release(Entry& e);
    void compile(Entry& e);
    void place(Entry& e);
@@ -106,8 +101,21 @@ class FwdTable {
    void normalizeBlocks();
    bool programTargets();
    std::string buildBatch(bool full, std::vector<std::vector<Entry*>>& owners);
-   void blockLines(Block const& b, std::string& batch, std::vector<std::vector<Entry*>>& owners);
-   std::string guardOf(Block const& b) const;
+   void blockLines(Block const& b, bool guard, std::string& batch, std::vector<std::vector<Entry*>>& owners);
+   struct Hull {
+      Ovnet::AddressFamily af = Ovnet::AddressFamily::unspecified;
+      std::size_t size = 0;
+      std::array<std::uint8_t, 16> lo{};
+      std::array<std::uint8_t, 16> hi{};
+      std::string range() const; // "LOW-HIGH", or the one address
+   };
+   struct TopItem {
+      Ovnet::AddressFamily af = Ovnet::AddressFamily::unspecified;
+      std::vector<Block*> blocks;      // one: a jump; more: a verdict map on the destination
+      std::vector<std::string> ranges; // each block's destination range
+   };
+   std::optional<Hull> hullOf(Block const& b) const;
+   std::vector<TopItem> topItems() const;
    void commit();
    void finishTargets();
    std::uint32_t markOf(Target const& t) const;
@@ -125,6 +133,10 @@ class FwdTable {
    std::vector<std::unique_ptr<Block>> blocks_;
    std::vector<std::uint32_t> deadBlocks_; // chains to delete in the next batch
    bool topDirty_ = false;
+   std::string topSig_;                               // the top chain as last committed
+   std::map<std::string, std::string> mapElements_;   // verdict maps as last committed
+   std::string pendingSig_;
+   std::map<std::string, std::string> pendingMaps_;
    bool needFull_ = true;
    std::string tableError_; // why the last full replace failed
    std::map<RedirectTarget, std::unique_ptr<Target>> targets_;

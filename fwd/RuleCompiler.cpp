@@ -1,5 +1,6 @@
 #include "fwd/RuleCompiler.h"
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstdio>
@@ -199,31 +200,56 @@ std::uint32_t fragmentBits(bool df, bool more, bool offsetZero) {
           (!offsetZero && !more ? fragLf : 0);
 }
 
-// IPv4: the values of `ip frag-off & 0x7fff` (DF 0x4000, MF 0x2000, offset 0x1fff) whose
-// fragment bits the list accepts.
-IntervalSet ipv4Fragments(std::vector<MatchOpVal> const& pairs) {
+} // namespace
+
+std::uint32_t fragmentKinds(std::span<MatchOpVal const> pairs, bool v6) {
+   std::uint32_t k = 0;
+   if (!v6) {
+      for (std::uint32_t kind = 0; kind < 8; ++kind) {
+         bool const df = (kind & 1) != 0;
+         bool const more = (kind & 2) != 0;
+         bool const later = (kind & 4) != 0;
+         if (bitmaskAccepts(pairs, fragmentBits(df, more, !later))) k |= 1u << kind;
+      }
+      return k;
+   }
+   // IPv6: fragments are told by the Fragment extension header. A packet without one has no
+   // fragment bits, like an atomic fragment (offset 0, no more fragments).
+   bool const none = bitmaskAccepts(pairs, 0);
+   if (none) k |= 1u << 8 | 1u << 9;
+   if (bitmaskAccepts(pairs, fragmentBits(false, true, true))) k |= 1u << 10;
+   if (bitmaskAccepts(pairs, fragmentBits(false, true, false))) k |= 1u << 11;
+   if (bitmaskAccepts(pairs, fragmentBits(false, false, false))) k |= 1u << 12;
+   return k;
+}
+
+namespace {
+
+// IPv4: the values of `ip frag-off & 0x7fff` (DF 0x4000, MF 0x2000, offset 0x1fff) of the
+// accepted fragment kinds.
+IntervalSet ipv4Fragments(std::uint32_t kinds) {
    std::vector<Interval> iv;
    for (std::uint32_t df = 0; df < 2; ++df) {
       std::uint32_t const base = df * 0x4000;
-      if (bitmaskAccepts(pairs, fragmentBits(df, false, true))) iv.push_back({base, base});
-      if (bitmaskAccepts(pairs, fragmentBits(df, true, true))) iv.push_back({base + 0x2000, base + 0x2000});
-      if (bitmaskAccepts(pairs, fragmentBits(df, true, false))) iv.push_back({base + 0x2001, base + 0x3fff});
-      if (bitmaskAccepts(pairs, fragmentBits(df, false, false))) iv.push_back({base + 0x0001, base + 0x1fff});
+      auto const has = [&](bool more, bool later) { return (kinds >> (df | (more ? 2u : 0u) | (later ? 4u : 0u))) & 1; };
+      if (has(false, false)) iv.push_back({base, base});
+      if (has(true, false)) iv.push_back({base + 0x2000, base + 0x2000});
+      if (has(true, true)) iv.push_back({base + 0x2001, base + 0x3fff});
+      if (has(false, true)) iv.push_back({base + 0x0001, base + 0x1fff});
    }
    return IntervalSet::of(std::move(iv));
 }
 
-// IPv6: fragments are told by the Fragment extension header. A packet without one has no
-// fragment bits, like an atomic fragment (offset 0, no more fragments). The alternatives:
-// no header, then per offset class (zero / not zero) the header with the accepted M values.
-Alternatives ipv6Fragments(std::vector<MatchOpVal> const& pairs) {
+// IPv6: the alternatives: no header, then per offset class (zero / not zero) the header with
+// the accepted M values.
+Alternatives ipv6Fragments(std::uint32_t kinds) {
    Alternatives out;
-   bool const none = bitmaskAccepts(pairs, 0);
+   bool const none = (kinds & (1u << 8)) != 0;
    if (none) out.push_back({"exthdr frag missing"});
    bool const atomic = none;
-   bool const first = bitmaskAccepts(pairs, fragmentBits(false, true, true));
-   bool const middle = bitmaskAccepts(pairs, fragmentBits(false, true, false));
-   bool const last = bitmaskAccepts(pairs, fragmentBits(false, false, false));
+   bool const first = (kinds & (1u << 10)) != 0;
+   bool const middle = (kinds & (1u << 11)) != 0;
+   bool const last = (kinds & (1u << 12)) != 0;
    if (atomic && first && middle && last) {
       out.push_back({"exthdr frag exists"});
       return out;
@@ -244,27 +270,40 @@ struct MatchResult {
 };
 
 MatchResult refusedMatch(std::string reason) { return {CompiledRule::Kind::refused, std::move(reason), {}}; }
-MatchResult neverMatch(std::string reason) { return {CompiledRule::Kind::neverMatches, std::move(reason), {}}; }
 
 std::string prefixCondition(char const* family, char const* dir, Ovnet::IpGenPrefix const& p) {
    return std::string(family) + " " + dir + " " + p.str();
 }
 
-MatchResult compileMatch(Flowspec::FlowspecKey const& key) {
+MatchSets refusedSets(std::string reason) {
+   MatchSets m;
+   m.kind = CompiledRule::Kind::refused;
+   m.reason = std::move(reason);
+   return m;
+}
+
+MatchSets neverSets(std::string reason) {
+   MatchSets m;
+   m.kind = CompiledRule::Kind::neverMatches;
+   m.reason = std::move(reason);
+   return m;
+}
+
+} // namespace
+
+MatchSets matchSets(Flowspec::FlowspecKey const& key) {
    AddressFamily const af = key.af();
-   if (af != AddressFamily::ipv4 && af != AddressFamily::ipv6) return refusedMatch("the rule has no address family");
+   if (af != AddressFamily::ipv4 && af != AddressFamily::ipv6) return refusedSets("the rule has no address family");
    bool const v6 = af == AddressFamily::ipv6;
-   char const* const family = v6 ? "ip6" : "ip";
-   MatchResult m;
-   Conditions head;
-   for (auto const& [p, dir] : {std::pair{key.destPrefix(), "daddr"}, std::pair{key.srcPrefix(), "saddr"}}) {
+   MatchSets m;
+   m.af = af;
+   for (auto const& [p, out] : {std::pair{key.destPrefix(), &m.dest}, std::pair{key.srcPrefix(), &m.source}}) {
       if (p.isUnset()) continue;
       if (p.af() != af)
-         return refusedMatch(std::string("a ") + Ovnet::toStrep(p.af()) + " prefix in an " + Ovnet::toStrep(af) +
-                             " rule");
-      if (p.len() != 0) head.push_back(prefixCondition(family, dir, p));
+         return refusedSets(std::string("a ") + Ovnet::toStrep(p.af()) + " prefix in an " + Ovnet::toStrep(af) +
+                            " rule");
+      if (p.len() != 0) *out = p;
    }
-   if (head.empty()) head.push_back(v6 ? "meta nfproto ipv6" : "meta nfproto ipv4");
 
    // The protocol set: the rule's own lists and what the other components imply.
    IntervalSet protocols = IntervalSet::range(0, 0xff);
@@ -273,15 +312,12 @@ MatchResult compileMatch(Flowspec::FlowspecKey const& key) {
       protocols = protocols.intersect(s);
       protocolWhy += std::string(" and ") + keyword(t);
    };
-   std::map<MatchCompType, IntervalSet> numeric; // intersection of each type's lists
-   std::vector<IntervalSet> ports;               // one per Port component
-   std::vector<MatchOpVal> tcpFlags;             // all TCP flag pairs, ANDed per component
    std::vector<std::vector<MatchOpVal>> tcpFlagLists;
    std::vector<std::vector<MatchOpVal>> fragmentLists;
    for (Component const& c : componentsOf(key)) {
       switch (c.type) {
       case Flowspec::port_:
-         ports.push_back(numericAccepted(c.pairs, 0xffff));
+         m.ports.push_back(numericAccepted(c.pairs, 0xffff));
          requireProtocols(IntervalSet::of({{6, 6}, {17, 17}}), c.type);
          break;
       case Flowspec::tcpFlags_:
@@ -290,13 +326,13 @@ MatchResult compileMatch(Flowspec::FlowspecKey const& key) {
          break;
       case Flowspec::fragment_: fragmentLists.push_back(c.pairs); break;
       case Flowspec::flowLabel_:
-         if (!v6) return refusedMatch("flow-label in an IPv4 rule");
+         if (!v6) return refusedSets("flow-label in an IPv4 rule");
          [[fallthrough]];
       default: {
          if (!Flowspec::isOpValType(c.type))
-            return refusedMatch("a component of unknown type " + std::to_string(c.type));
+            return refusedSets("a component of unknown type " + std::to_string(c.type));
          IntervalSet const s = numericAccepted(c.pairs, numericMax(c.type));
-         auto const [it, fresh] = numeric.try_emplace(c.type, s);
+         auto const [it, fresh] = m.numeric.try_emplace(c.type, s);
          if (!fresh) it->second = it->second.intersect(s);
          if (c.type == Flowspec::destPort_ || c.type == Flowspec::srcPort_) {
             requireProtocols(IntervalSet::of({{6, 6}, {17, 17}}), c.type);
@@ -307,57 +343,94 @@ MatchResult compileMatch(Flowspec::FlowspecKey const& key) {
       }
       }
    }
-   for (auto const& [type, s] : numeric) {
-      if (s.empty()) return neverMatch(std::string(keyword(type)) + " accepts no value");
+   for (auto const& [type, s] : m.numeric) {
+      if (s.empty()) return neverSets(std::string(keyword(type)) + " accepts no value");
    }
-   for (IntervalSet const& s : ports) {
-      if (s.empty()) return neverMatch("port accepts no value");
+   for (IntervalSet const& s : m.ports) {
+      if (s.empty()) return neverSets("port accepts no value");
    }
-   if (auto it = numeric.find(Flowspec::ipProtocol_); it != numeric.end()) protocols = protocols.intersect(it->second);
-   if (protocols.empty()) return neverMatch(protocolWhy + " exclude each other");
-
-   Conditions conds = head;
-   auto const add = [&conds](Conditions const& more) { conds.insert(conds.end(), more.begin(), more.end()); };
-   add(fieldIn("meta l4proto", protocols, 0xff, Radix::dec));
-   for (MatchCompType t : {Flowspec::destPort_, Flowspec::srcPort_, Flowspec::icmpType_, Flowspec::icmpCode_}) {
-      if (auto it = numeric.find(t); it != numeric.end())
-         add(fieldIn(numericField(t, v6), it->second, numericMax(t), Radix::dec));
+   if (auto it = m.numeric.find(Flowspec::ipProtocol_); it != m.numeric.end()) {
+      protocols = protocols.intersect(it->second);
+      m.numeric.erase(it);
    }
+   if (protocols.empty()) return neverSets(protocolWhy + " exclude each other");
+   m.protocols = protocols;
    for (auto const& list : tcpFlagLists) {
       // One-octet values name the flags octet, two-octet ones the 12 bits after the data
       // offset (RFC 8955 section 4.2.2.9); both end at the same bit, so one mask covers them.
-      MaskedValues const mv = bitmaskAccepted(list, 0x0fff);
-      if (mv.values.empty()) return neverMatch("tcp-flags accepts no value");
-      add(mv.mask <= 0xff ? maskedIn("tcp flags", 0xff, mv) : maskedIn("@th,100,12", 0x0fff, mv));
+      MaskedValues mv = bitmaskAccepted(list, 0x0fff);
+      if (mv.values.empty()) return neverSets("tcp-flags accepts no value");
+      m.tcpFlags.push_back(std::move(mv));
    }
-   if (auto it = numeric.find(Flowspec::packetLength_); it != numeric.end()) {
+   if (m.tcpFlags.size() > 1) {
+      // Repeated components are ANDed: some value of the 12 bits must pass every one.
+      bool any = false;
+      for (std::uint32_t v = 0; v <= 0x0fff && !any; ++v) {
+         any = std::all_of(m.tcpFlags.begin(), m.tcpFlags.end(), [v](MaskedValues const& mv) {
+            return std::binary_search(mv.values.begin(), mv.values.end(), v & mv.mask);
+         });
+      }
+      if (!any) return neverSets("tcp-flags components accept no value together");
+   }
+   if (auto it = m.numeric.find(Flowspec::packetLength_); it != m.numeric.end() && v6) {
+      // The whole packet: at least the 40-byte fixed header.
+      it->second = it->second.intersect(IntervalSet::range(40, 0xffff));
+      if (it->second.empty()) return neverSets("packet-length accepts no IPv6 packet length");
+   }
+   std::uint32_t allKinds = ~0u;
+   for (auto const& list : fragmentLists) {
+      std::uint32_t const k = fragmentKinds(list, v6);
+      if (k == 0) return neverSets(v6 ? "fragment accepts no IPv6 packet" : "fragment accepts no packet");
+      m.fragments.push_back(k);
+      allKinds &= k;
+   }
+   if (allKinds == 0) return neverSets("fragment components accept no packet together");
+   return m;
+}
+
+namespace {
+
+MatchResult compileMatch(Flowspec::FlowspecKey const& key) {
+   MatchSets const ms = matchSets(key);
+   if (ms.kind != CompiledRule::Kind::install) return {ms.kind, ms.reason, {}};
+   bool const v6 = ms.af == AddressFamily::ipv6;
+   char const* const family = v6 ? "ip6" : "ip";
+   MatchResult m;
+   Conditions conds;
+   if (ms.dest) conds.push_back(prefixCondition(family, "daddr", *ms.dest));
+   if (ms.source) conds.push_back(prefixCondition(family, "saddr", *ms.source));
+   if (conds.empty()) conds.push_back(v6 ? "meta nfproto ipv6" : "meta nfproto ipv4");
+   auto const add = [&conds](Conditions const& more) { conds.insert(conds.end(), more.begin(), more.end()); };
+   add(fieldIn("meta l4proto", ms.protocols, 0xff, Radix::dec));
+   for (MatchCompType t : {Flowspec::destPort_, Flowspec::srcPort_, Flowspec::icmpType_, Flowspec::icmpCode_}) {
+      if (auto it = ms.numeric.find(t); it != ms.numeric.end())
+         add(fieldIn(numericField(t, v6), it->second, numericMax(t), Radix::dec));
+   }
+   for (MaskedValues const& mv : ms.tcpFlags)
+      add(mv.mask <= 0xff ? maskedIn("tcp flags", 0xff, mv) : maskedIn("@th,100,12", 0x0fff, mv));
+   if (auto it = ms.numeric.find(Flowspec::packetLength_); it != ms.numeric.end()) {
+      // `ip6 length` is the payload length: the total less the 40-byte fixed header.
       if (v6) {
-         // `ip6 length` is the payload length: the total less the 40-byte fixed header.
-         IntervalSet const payload = it->second.intersect(IntervalSet::range(40, 0xffff + 40)).shiftedDown(40);
-         if (payload.empty()) return neverMatch("packet-length accepts no IPv6 packet length");
-         add(fieldIn("ip6 length", payload, 0xffff, Radix::dec));
+         add(fieldIn("ip6 length", it->second.shiftedDown(40), 0xffff, Radix::dec));
       } else {
          add(fieldIn("ip length", it->second, 0xffff, Radix::dec));
       }
    }
    for (MatchCompType t : {Flowspec::dscp_, Flowspec::flowLabel_}) {
-      if (auto it = numeric.find(t); it != numeric.end())
+      if (auto it = ms.numeric.find(t); it != ms.numeric.end())
          add(fieldIn(numericField(t, v6), it->second, numericMax(t), Radix::dec));
    }
    m.alternatives = {conds};
-   for (auto const& list : fragmentLists) {
+   for (std::uint32_t kinds : ms.fragments) {
       if (v6) {
-         Alternatives const a = ipv6Fragments(list);
-         if (a.empty()) return neverMatch("fragment accepts no IPv6 packet");
-         m.alternatives = product(m.alternatives, a);
+         m.alternatives = product(m.alternatives, ipv6Fragments(kinds));
       } else {
-         IntervalSet const s = ipv4Fragments(list);
-         if (s.empty()) return neverMatch("fragment accepts no packet");
-         m.alternatives = product(m.alternatives, {fieldIn("ip frag-off & 0x7fff", s, 0x7fff, Radix::hex)});
+         m.alternatives =
+             product(m.alternatives, {fieldIn("ip frag-off & 0x7fff", ipv4Fragments(kinds), 0x7fff, Radix::hex)});
       }
    }
    // Port: the source port in the set, or else the destination port in it.
-   for (IntervalSet const& s : ports) {
+   for (IntervalSet const& s : ms.ports) {
       if (s.isWhole(0xffff)) continue;
       Conditions inSport = fieldIn("th sport", s, 0xffff, Radix::dec);
       Conditions notSport = fieldIn("th sport", s.complement(0xffff), 0xffff, Radix::dec);
@@ -379,7 +452,8 @@ std::string rateText(double r) {
    return buf;
 }
 
-// Fills the actions of `c` from the rule, or refuses it.
+} // namespace
+
 void compileActions(Flowspec::Rule const& r, CompileConfig const& cfg, CompiledRule& c) {
    using namespace Flowspec;
    auto const refuse = [&c](std::string why) {
@@ -447,8 +521,6 @@ void compileActions(Flowspec::Rule const& r, CompileConfig const& cfg, CompiledR
       }
    }
 }
-
-} // namespace
 
 CompiledRule compileRule(Flowspec::Rule const& rule, CompileConfig const& cfg) {
    CompiledRule c;

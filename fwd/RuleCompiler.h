@@ -30,10 +30,12 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "fwd/ValueSet.h"
 #include "host/flowspec/Rule.h"
 #include "host/net/IpGenAddr.h"
 
@@ -94,6 +96,37 @@ inline constexpr std::size_t maxAlternatives = 16;
 inline constexpr double maxPoliceRate = 1099511627776.0;
 
 CompiledRule compileRule(Flowspec::Rule const& rule, CompileConfig const& cfg);
+
+// The exact sets of values a rule's match accepts, field by field: what every dataplane
+// programs (nftables as conditions, XDP as value classes). A field that is absent accepts
+// every value, and packets that lack the field (a first fragment's ports, say) too; a
+// present field never accepts a packet that lacks it.
+struct MatchSets {
+   CompiledRule::Kind kind = CompiledRule::Kind::install; // install, or why not
+   std::string reason;
+   Ovnet::AddressFamily af = Ovnet::AddressFamily::unspecified;
+   std::optional<Ovnet::IpGenPrefix> dest; // absent: any (a /0 counts as absent)
+   std::optional<Ovnet::IpGenPrefix> source;
+   IntervalSet protocols; // the rule's protocol lists and what its components imply
+   // Destination and source port, ICMP type and code, DSCP, flow label; packet length is the
+   // whole packet's (for IPv6 too, within [40, 65535]). Only the constrained ones, intersected.
+   std::map<Flowspec::MatchCompType, IntervalSet> numeric;
+   std::vector<IntervalSet> ports;          // one per Port component (source or destination)
+   std::vector<MaskedValues> tcpFlags;      // one per TCP Flags component, over 12 bits
+   std::vector<std::uint32_t> fragments;    // one per Fragment component: fragmentKinds()
+};
+
+// Fragment kinds a fragment component accepts. IPv4: bit (DF | MF << 1 | later << 2) for
+// each of the eight combinations of Don't Fragment, More Fragments and a non-zero offset.
+// IPv6: bit 8 no Fragment header, 9 an atomic fragment (offset 0, M 0), 10 a first
+// fragment, 11 a middle one, 12 the last.
+std::uint32_t fragmentKinds(std::span<Flowspec::MatchOpVal const> pairs, bool v6);
+
+MatchSets matchSets(Flowspec::FlowspecKey const& key);
+
+// The actions of a rule as every dataplane performs them (the match fields of `c` are left
+// alone); `c.kind` turns refused with the reason when no dataplane can.
+void compileActions(Flowspec::Rule const& r, CompileConfig const& cfg, CompiledRule& c);
 
 // The nftables rule bodies (the text after "add rule inet TABLE CHAIN ") of a rule compiled
 // to `install`: one or two per alternative (a policed rule that stops evaluation needs a

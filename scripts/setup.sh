@@ -16,6 +16,9 @@ PACKAGES=(
   libasio-dev libtomlplusplus-dev nlohmann-json3-dev libcli11-dev
   # flowspec-fwd: the kernel's nftables through libnftables, and the tools its tests drive
   nftables libnftables-dev iproute2
+  # flowspec-fwd's XDP backend: libbpf to load the program clang compiles for the BPF target
+  # (the kernel headers for linux/bpf.h), bpftool to look at it
+  libbpf-dev linux-libc-dev bpftool
   # BGP speakers the interoperability tests peer with
   gobgpd bird2 exabgp frr
 )

@@ -304,6 +304,13 @@ class BgpParseContext : public Ovk::PtrInterface {
       cacheEntryIs(afiSafi).nexthops = t;
    }
 
+   // True while the UPDATE decoder reads a message: an NLRI rule then returns its key filled
+   // but not interned (never deduplicated), and the decoder interns the message's keys all
+   // together once it has read them (RouteKeyDedupTableBase::dedupRouteKeys). Other callers
+   // of a rule get interned keys.
+   bool routeKeyDedupDeferred() const { return routeKeyDedupDeferred_; }
+   void routeKeyDedupDeferredIs(bool deferred) { routeKeyDedupDeferred_ = deferred; }
+
  protected:
    ~BgpParseContext() override = default;
 
@@ -327,6 +334,7 @@ class BgpParseContext : public Ovk::PtrInterface {
    Ovk::Ptr<DedupTablesVrf> vrfTables_;
    std::string name_;
    std::vector<CacheEntry> cache_;
+   bool routeKeyDedupDeferred_ = false;
 };
 
 // "<name> vrf=<id>".

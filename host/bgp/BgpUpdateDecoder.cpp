@@ -638,6 +638,29 @@ void BgpUpdateDecoder::ruleCollectionsIs(Ovk::Ptr<BgpParseRuleCollections> const
    collections->updateMessageRuleInstanceIs({afiSafi, parseControl.addPathReceive}, parseControl);
 }
 
+void BgpUpdateDecoder::internRouteKeys() {
+   std::vector<BgpParsedNlri>& nlri = parsed_.nlri;
+   // The NLRI of one attribute come together: one table per run of a family.
+   for (std::size_t begin = 0; begin < nlri.size();) {
+      AfiSafi const family = nlri[begin].afiSafi;
+      std::size_t end = begin;
+      keyScratch_.clear();
+      for (; end < nlri.size() && nlri[end].afiSafi == family; ++end) {
+         Ovk::Ptr<RouteKey const>& key = nlri[end].routeKey;
+         if (key && key->dedupState() == Ovk::DedupHandleState::neverDeduped) keyScratch_.push_back(&key);
+      }
+      if (!keyScratch_.empty()) {
+         DedupTablesVrf const* const vrf = parseContext_->dedupVrfTablesRawPtr();
+         DedupTablesVrfAfiSafi const* const tables = vrf ? vrf->dedupTablesVrfAfiSafi(family) : nullptr;
+         RouteKeyDedupTableBase const* const table = tables ? tables->routeKeyDedupTableRawPtr() : nullptr;
+         // A rule hands over keys of a family only when it has the family's table.
+         OVK_ASSERT(table != nullptr);
+         table->dedupRouteKeys(keyScratch_);
+      }
+      begin = end;
+   }
+}
+
 Ovk::Ptr<BgpParseRuleCollections> BgpUpdateDecoder::ruleCollections(AfiSafi afiSafi) const {
    auto const it = families_.find(afiSafi);
    return it == families_.end() ? nullptr : it->second.collections;
@@ -658,7 +681,12 @@ BgpParsedUpdate const& BgpUpdateDecoder::decode(std::span<std::uint8_t const> me
    p.nlri.clear();
    p.attributes->clear();
 
+   // The message's route keys are interned together once it has been read (the rules hand
+   // them over filled, not interned): a large table's cache misses then overlap.
+   parseContext_->routeKeyDedupDeferredIs(true);
    Run(*this, message).decode();
+   parseContext_->routeKeyDedupDeferredIs(false);
+   internRouteKeys();
 
    ++counters_.messages;
    ++counters_.actions[static_cast<std::size_t>(p.action)];

@@ -180,6 +180,8 @@ class BgpUpdateDecoder {
       Ovk::Ptr<BgpParseRuleCollections> collections;
       BgpParseControl parseControl;
    };
+   // Interns the keys the rules handed over not interned, a family's run at a time.
+   void internRouteKeys();
 
    Ovk::Ptr<BgpParseContext> parseContext_;
    Options options_;
@@ -187,6 +189,7 @@ class BgpUpdateDecoder {
    std::map<AfiSafi, Family> families_;
    BgpParsedUpdate parsed_;
    BgpUpdateDecoderCounters counters_;
+   std::vector<Ovk::Ptr<RouteKey const>*> keyScratch_;
 };
 
 } // namespace Routing::Bgp

@@ -102,7 +102,11 @@ class FwdTgtRouteConfigSm : public Ovk::PtrInterface, public Ovk::NotificationSw
       std::uint64_t displaced = 0;   // rules taken out of the full table for rules of higher precedence
       std::uint64_t refilled = 0;    // refused rules that went in later, when room was made
       std::uint64_t notExportable = 0;                        // routes the target cannot take (a won't-export reason)
-      std::map<RibSource, std::uint64_t> refusedFullBySource; // by the best path's source
+      // Of them, by the best path's source (RibSources' index; sources past the end: 0).
+      std::vector<std::uint64_t> refusedFullBySource;
+      std::uint64_t refusedFullOf(RibSource source) const {
+         return source < refusedFullBySource.size() ? refusedFullBySource[source] : 0;
+      }
    };
    ExportCounters const& exportCounters() const { return counters_; }
    // Why `key`'s best route is not in the target's table; empty when it is there. By

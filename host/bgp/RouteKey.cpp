@@ -4,9 +4,11 @@
 #include <new>
 #include <ostream>
 #include <sstream>
+#include <vector>
 
 #include "host/bgp/BgpTrace.h"
 #include "host/fwk/Assert.h"
+#include "host/fwk/SlabHeap.h"
 
 namespace Routing::Bgp {
 
@@ -82,15 +84,19 @@ std::ostream& operator<<(std::ostream& os, RouteKeyBase const& key) {
 
 OVK_FWK_TYPE(RouteKey, "Routing::Bgp::RouteKey")
 
-void* RouteKey::operator new(std::size_t size) {
-   void* const block = ::operator new(size + sizeof(RibRouteSlot));
+void* RouteKey::operator new(std::size_t size) { return operator new(size, TrailingBytes{0}); }
+
+void* RouteKey::operator new(std::size_t size, TrailingBytes trailing) {
+   void* const block = Ovk::SlabHeap::allocate(sizeof(RibRouteSlot) + size + trailing.n);
    new (block) RibRouteSlot();
    return static_cast<char*>(block) + sizeof(RibRouteSlot);
 }
 
 void RouteKey::operator delete(void* p) noexcept {
-   if (p) ::operator delete(static_cast<char*>(p) - sizeof(RibRouteSlot));
+   if (p) Ovk::SlabHeap::deallocate(static_cast<char*>(p) - sizeof(RibRouteSlot));
 }
+
+void RouteKey::operator delete(void* p, TrailingBytes) noexcept { operator delete(p); }
 
 Ovk::Ptr<RouteKey const> RouteKey::dedupRouteKey(RouteKeyDedupTableBase const* table) {
    OVK_ASSERT(table != nullptr);
@@ -114,6 +120,26 @@ OVK_FWK_TYPE(RouteKeyDedupTableBase, "Routing::Bgp::RouteKeyDedupTableBase")
 Ovk::Ptr<RouteKey const> RouteKeyDedupTableBase::lookupRouteKey(RouteKey const& probe) const {
    Ovk::Ptr<Ovk::DedupHandle const> const found = lookup(probe);
    return Ovk::Ptr<RouteKey const>(static_cast<RouteKey const*>(found.ptr()));
+}
+
+void RouteKeyDedupTableBase::dedupRouteKeys(std::span<Ovk::Ptr<RouteKey const>* const> keys) const {
+   // Scratch kept between calls: the decoder interns a message's keys at a time.
+   thread_local std::vector<Ovk::DedupHandle*> handles;
+   thread_local std::vector<Ovk::Ptr<RouteKey const>*> owners;
+   handles.clear();
+   owners.clear();
+   for (Ovk::Ptr<RouteKey const>* k : keys) {
+      if (!*k || (*k)->dedupState() != Ovk::DedupHandleState::neverDeduped) continue;
+      // A key never deduplicated is still its maker's: the table may enter it.
+      handles.push_back(const_cast<RouteKey*>(k->ptr()));
+      owners.push_back(k);
+   }
+   lookupOrInsertAll(handles);
+   for (std::size_t i = 0; i < handles.size(); ++i) {
+      // Every entry of a route-key table is a route key.
+      auto const* canonical = static_cast<RouteKey const*>(handles[i]);
+      if (canonical != owners[i]->ptr()) *owners[i] = Ovk::Ptr<RouteKey const>(canonical);
+   }
 }
 
 Ovk::Ptr<RouteKey const> RouteKeyDedupTableBase::dedupFromRule(Flowspec::FlowspecKey const&) const { return nullptr; }

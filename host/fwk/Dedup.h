@@ -16,6 +16,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -40,12 +41,15 @@ class DedupHandle : public PtrInterface {
    // The table this handle belongs to (deduplicated or orphan); null when never
    // deduplicated, or when its table has died.
    DedupHashTable const* dedupTable() const { return table_; }
-   // The hash stored when the handle entered its table.
+   // The table's hash of the handle, stored when it entered its table (dedupHash()).
    std::uint32_t storedHash() const { return hash_; }
 
    // The value's hash and equality. compare() is called only with handles of one table.
    virtual std::uint32_t hash() const = 0;
    virtual bool compare(DedupHandle const* other) const = 0;
+   // The hash the table files the handle under: hash() unless a type has a cheaper one that
+   // equal values share as well (the table's own business; hash() stays what callers get).
+   virtual std::uint32_t dedupHash() const { return hash(); }
 
    // Makes this never-deduplicated handle an orphan of `table`: it holds a reference to the
    // table but is not entered in it.
@@ -88,6 +92,12 @@ class DedupHashTable : public PtrInterface {
    Ptr<DedupHandle const> lookupOrInsert(Ptr<DedupHandle> const& handle) const;
    // The table's instance equal to `probe`, or empty.
    Ptr<DedupHandle const> lookup(DedupHandle const& probe) const;
+   // lookupOrInsert for each of `handles` (never deduplicated) in turn, each replaced by
+   // what lookupOrInsert returns for it (the caller's references stay its own: a handle
+   // replaced is not released). Interning many at once lets the index's memory for the
+   // handles ahead be fetched while one is entered: the cost of a large table is its cache
+   // misses, and they overlap here.
+   void lookupOrInsertAll(std::span<DedupHandle*> handles) const;
 
    std::size_t size() const { return size_; }
    // Slots of the index: it doubles at 3/4 load and halves below 1/8, never below 16, so a
@@ -124,22 +134,32 @@ class DedupHashTable : public PtrInterface {
 
  private:
    friend class DedupHandle;
-   // A slot holds an entry's address and, in the 16 bits above the 48 an address uses, the
-   // top of its hash: probing compares those before it reads an entry, so a probe sequence
-   // costs the index's cache lines, not a read of every entry on the way.
+   // A slot holds an entry's address and, in the bits an address leaves unused (the 17
+   // above the 47 of a user-space address, the 3 below an 8-byte alignment), the top 20 bits
+   // of its hash. An entry's home slot is the top bits of its hash, so that probing compares
+   // the slot's bits before it reads an entry, and an index of up to 2^20 slots is rebuilt
+   // from its own slots, in one pass in order, without reading an entry.
    using Slot = std::uintptr_t;
-   static constexpr unsigned kTagShift = 48;
+   static constexpr unsigned kTagBits = 20;
+   static constexpr Slot kAddressBits = ((Slot{1} << 47) - 1) & ~Slot{0x7};
    static Slot slotOf(DedupHandle* h, std::uint32_t hash);
-   static DedupHandle* handleOf(Slot s) { return reinterpret_cast<DedupHandle*>(s & ((Slot{1} << kTagShift) - 1)); }
-   static Slot tagOf(std::uint32_t hash) { return Slot{hash >> 16} << kTagShift; }
+   static DedupHandle* handleOf(Slot s) { return reinterpret_cast<DedupHandle*>(s & kAddressBits); }
+   static Slot tagOf(std::uint32_t hash) { return (Slot{hash >> 15} << 47) | ((hash >> 12) & 0x7); }
+   static bool tagIs(Slot s, std::uint32_t hash) { return (s & ~kAddressBits) == tagOf(hash); }
+   // The home slot of a hash, and of the entry a slot holds.
+   std::size_t homeOf(std::uint32_t hash) const { return hash >> homeShift_; }
+   std::size_t homeOfSlot(Slot s) const;
 
    void detachEntries();
    void remove(DedupHandle* h) const;
    std::size_t findSlot(DedupHandle const& probe, std::uint32_t hash) const;
+   // Finds the entry equal to `handle` (whose hash_ is set) or enters it; returns the entry.
+   DedupHandle* lookupOrInsertHashed(DedupHandle* handle) const;
    // Moves every entry into an index of `slots` slots (a power of two, more than size_).
    void rehash(std::size_t slots) const;
 
    mutable std::vector<Slot> slots_;
+   mutable unsigned homeShift_ = 28; // 32 - log2(slots)
    mutable std::size_t size_ = 0;
    mutable Counters counters_;
    Ptr<DedupTableNotifiee> notifiee_;

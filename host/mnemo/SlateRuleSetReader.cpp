@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <thread>
+#include <tuple>
 
 #include "host/mnemo/SlateRecord.h"
 
@@ -101,10 +102,12 @@ bool SlateRuleSetReader::copyBlock(std::uint64_t offset, std::vector<std::uint32
    return true;
 }
 
-SlateRuleSetReader::SlotRead SlateRuleSetReader::copySlot(std::uint32_t slot, std::vector<std::uint32_t>& out) {
+SlateRuleSetReader::SlotRead SlateRuleSetReader::copySlot(std::uint32_t slot, std::vector<std::uint32_t>& out,
+                                                          std::uint64_t* word) {
    std::size_t const start = out.size();
    for (unsigned attempt = 0; attempt < maxSlotAttempts; ++attempt) {
       std::uint64_t const before = loadAcquire(slots_ + slot);
+      if (word != nullptr) *word = before;
       std::uint64_t const offset = slotBlockOffset(before);
       if (offset == 0) {
          ++stats_.slotReads;
@@ -170,17 +173,14 @@ void SlateRuleSetReader::forEachRule(std::function<bool(Flowspec::Rule const&)> 
    }
 }
 
-SlateSnapshot SlateRuleSetReader::snapshot(unsigned maxAttempts, SnapshotOrder order) {
+template <class Pass>
+std::pair<std::uint64_t, SnapshotStatus> SlateRuleSetReader::atOneGeneration(unsigned maxAttempts, Pass&& pass) {
    Header const& h = hdr();
-   SlateSnapshot s;
-   // Copy the raw records first and decode after the generation check: the pass the writer
-   // must leave alone is as short as it can be.
-   std::vector<std::uint32_t> words;
-   std::vector<std::size_t> starts;
+   std::uint64_t generation = 0;
    unsigned const attempts = std::max(maxAttempts, 1u);
    for (unsigned attempt = 0; attempt < attempts; ++attempt) {
       std::uint64_t const before = h.generation.load(std::memory_order_acquire);
-      s.generation = before;
+      generation = before;
       bool const midChange = (before & 1) != 0;
       bool const writerGone = midChange && !writerAlive();
       bool const lastAttempt = attempt + 1 == attempts;
@@ -189,7 +189,24 @@ SlateSnapshot SlateRuleSetReader::snapshot(unsigned maxAttempts, SnapshotOrder o
          std::this_thread::yield();
          continue;
       }
-      // (The last attempt copies in any case, so that an unsettled snapshot still has rules.)
+      // (The last attempt copies in any case, so that an unsettled pass still has rules.)
+      bool const settled = pass();
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (h.generation.load(std::memory_order_relaxed) == before && settled && (!midChange || writerGone))
+         return {generation, writerGone ? SnapshotStatus::writerGone : SnapshotStatus::consistent};
+      ++stats_.snapshotRetries;
+   }
+   return {generation, SnapshotStatus::unsettled};
+}
+
+SlateSnapshot SlateRuleSetReader::snapshot(unsigned maxAttempts, SnapshotOrder order) {
+   Header const& h = hdr();
+   SlateSnapshot s;
+   // Copy the raw records first and decode after the generation check: the pass the writer
+   // must leave alone is as short as it can be.
+   std::vector<std::uint32_t> words;
+   std::vector<std::size_t> starts;
+   std::tie(s.generation, s.status) = atOneGeneration(maxAttempts, [&] {
       words.clear();
       starts.clear();
       s.counters = countersOf(h);
@@ -201,13 +218,8 @@ SlateSnapshot SlateRuleSetReader::snapshot(unsigned maxAttempts, SnapshotOrder o
          if (r == SlotRead::copied) starts.push_back(start);
          if (r == SlotRead::unsettled) settled = false;
       }
-      std::atomic_thread_fence(std::memory_order_acquire);
-      if (h.generation.load(std::memory_order_relaxed) == before && settled && (!midChange || writerGone)) {
-         s.status = writerGone ? SnapshotStatus::writerGone : SnapshotStatus::consistent;
-         break;
-      }
-      ++stats_.snapshotRetries;
-   }
+      return settled;
+   });
    starts.push_back(words.size());
    s.rules.reserve(starts.size() - 1);
    for (std::size_t i = 0; i + 1 < starts.size(); ++i) {
@@ -223,6 +235,44 @@ SlateSnapshot SlateRuleSetReader::snapshot(unsigned maxAttempts, SnapshotOrder o
                 [](Flowspec::Rule const& a, Flowspec::Rule const& b) { return a.key < b.key; });
    }
    return s;
+}
+
+SlateChanges SlateRuleSetReader::changesSince(std::vector<std::uint64_t> const& seen, unsigned maxAttempts) {
+   SlateChanges c;
+   struct Raw {
+      std::uint32_t slot;
+      std::uint64_t word;
+      std::size_t start;
+      bool copied;
+   };
+   std::vector<Raw> raw;
+   std::vector<std::uint32_t> words;
+   std::tie(c.generation, c.status) = atOneGeneration(maxAttempts, [&] {
+      raw.clear();
+      words.clear();
+      bool settled = true;
+      for (std::uint32_t slot = 0; slot < capacity_; ++slot) {
+         std::uint64_t const known = slot < seen.size() ? seen[slot] : 0;
+         if (loadRelaxed(slots_ + slot) == known) continue;
+         Raw r{slot, 0, words.size(), false};
+         SlotRead const got = copySlot(slot, words, &r.word);
+         if (got == SlotRead::unsettled) settled = false;
+         r.copied = got == SlotRead::copied;
+         raw.push_back(r);
+      }
+      return settled;
+   });
+   c.changes.reserve(raw.size());
+   for (std::size_t i = 0; i < raw.size(); ++i) {
+      SlotChange sc{raw[i].slot, raw[i].word, std::nullopt};
+      if (raw[i].copied) {
+         std::size_t const end = i + 1 < raw.size() ? raw[i + 1].start : words.size();
+         sc.rule = SlateRecord::decode(std::span<std::uint32_t const>(words).subspan(raw[i].start, end - raw[i].start));
+         if (!sc.rule) ++stats_.damaged;
+      }
+      c.changes.push_back(std::move(sc));
+   }
+   return c;
 }
 
 } // namespace Mnemo

@@ -21,6 +21,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/flowspec/Rule.h"
@@ -47,6 +48,19 @@ struct SlateSnapshot {
    std::uint32_t ruleCount = 0; // the header's count, read with the rules
    SlateCounters counters;
    std::vector<Flowspec::Rule> rules; // in the order asked for
+};
+
+// A slot whose word moved since the caller last looked, with what it holds now.
+struct SlotChange {
+   std::uint32_t slot = 0;
+   std::uint64_t word = 0;             // the slot word the rule was copied under
+   std::optional<Flowspec::Rule> rule; // empty: the slot is empty (or damaged, and counted)
+};
+
+struct SlateChanges {
+   std::uint64_t generation = 0;
+   SnapshotStatus status = SnapshotStatus::unsettled;
+   std::vector<SlotChange> changes; // in slot order
 };
 
 struct SlateReadStats {
@@ -87,6 +101,12 @@ class SlateRuleSetReader {
    // The whole table at one generation; see SnapshotStatus. Only the copy of the records
    // needs the writer to hold still; decoding and sorting come after.
    SlateSnapshot snapshot(unsigned maxAttempts = 100, SnapshotOrder order = SnapshotOrder::keyOrder);
+   // The slots whose word is not the one in `seen` (one word per slot, capacity() of them;
+   // all 0 before the first look, when every rule is a change), each with its rule, from a
+   // pass of one generation as snapshot() takes it (or unsettled after maxAttempts, then
+   // possibly mixed). Comparing costs one load per slot; only changed slots are copied.
+   // `seen` is not touched: the caller stores each change's word once it applied it.
+   SlateChanges changesSince(std::vector<std::uint64_t> const& seen, unsigned maxAttempts = 100);
 
    SlateReadStats const& stats() const { return stats_; }
 
@@ -95,9 +115,15 @@ class SlateRuleSetReader {
    SlateLayout::Header const& hdr() const { return *reinterpret_cast<SlateLayout::Header const*>(map_.base()); }
    enum class SlotRead : std::uint8_t { empty, copied, damaged, unsettled };
    // Appends the words of the slot's record to `out` (from its block's size word on).
-   SlotRead copySlot(std::uint32_t slot, std::vector<std::uint32_t>& out);
+   // `word`, when given, receives the slot word the copy was taken under.
+   SlotRead copySlot(std::uint32_t slot, std::vector<std::uint32_t>& out, std::uint64_t* word = nullptr);
    bool copyBlock(std::uint64_t offset, std::vector<std::uint32_t>& out);
    bool within(std::uint64_t end);
+   // Runs `pass` (a copy of slots; false when some slot would not hold still) until one run
+   // lies within one even generation, or a dead writer's odd one; the generation and how it
+   // went.
+   template <class Pass>
+   std::pair<std::uint64_t, SnapshotStatus> atOneGeneration(unsigned maxAttempts, Pass&& pass);
 
    std::string name_;
    SlateMapping map_;

@@ -464,7 +464,7 @@ TEST(FlowspecFsibExportTest, AFullFsibHoldsTheRulesThatComeFirst) {
       auto const& c = env.sm().exportCounters();
       EXPECT_EQ(c.refusedFull, 2u);
       EXPECT_EQ(c.displaced, reversed ? 2u : 0u);
-      EXPECT_EQ(c.refusedFullBySource.at(env.source), 2u);
+      EXPECT_EQ(c.refusedFullOf(env.source), 2u);
       // A reader of the segment sees the refusals too.
       auto reader = Mnemo::SlateRuleSetReader::open(*env.segmentName());
       ASSERT_TRUE(reader.ok());

@@ -311,6 +311,8 @@ TEST(BgpRoutingTest, AFullFsibSaysWhatItRefusedAndRefillsWhenRoomIsMade) {
          }
       }
       scheduler.runReady();
+      // The refill waits for withdrawals to stop.
+      scheduler.advance(std::chrono::seconds(1));
       auto const fsib = Mnemo::fsibOf(*context->entityManager());
       EXPECT_EQ(fsib->ruleCount(), kRules - 1000);
       EXPECT_EQ(sm->exportCounters().refilled, refused);

@@ -117,6 +117,10 @@ inline std::vector<CompilerRow> const& compilerRows() {
        {"TCP flag bits beyond the field", "tcp-flags =0x1000", "drop", "never: tcp-flags accepts no value"},
        {"IPv6 length below the header", "v6:packet-length <40", "drop",
         "never: packet-length accepts no IPv6 packet length"},
+       {"TCP flags components that exclude each other", "tcp-flags =syn; tcp-flags !syn", "drop",
+        "never: tcp-flags components accept no value together"},
+       {"fragment components that exclude each other", "fragment =dont-fragment; fragment !dont-fragment", "drop",
+        "never: fragment components accept no packet together"},
        // Actions.
        {"police stops evaluation: a second rule accepts what passes", "10.0.0.1/32;*;", "police=125000",
         "ip daddr 10.0.0.1/32 update @c { meta mark & 0 | 7 } limit rate over 125000 bytes/second drop\n"
@@ -161,6 +165,82 @@ inline std::vector<CompilerRow> const& compilerRows() {
         "are programmed per rule"},
    };
    return rows;
+}
+
+// The row of that name (a failed assertion and the first row when there is none).
+inline CompilerRow const& rowNamed(std::string const& name) {
+   auto const& rows = compilerRows();
+   for (CompilerRow const& r : rows) {
+      if (r.name == name) return r;
+   }
+   ADD_FAILURE() << "no compiler row " << name;
+   return rows.front();
+}
+
+// Packets (FwdTestPackets.h) each installed row's rule matches and does not match: every
+// dataplane runs them, with the same outcome.
+struct PacketCase {
+   char const* row;    // CompilerRow::name
+   char const* hits;   // packets the rule counts, ';' between them
+   char const* misses; // packets it does not
+};
+
+inline std::vector<PacketCase> const& packetCases() {
+   static std::vector<PacketCase> const cases = {
+       {"dest prefix, protocol, port", "10.0.0.7 tcp 1234>80",
+        "10.0.1.7 tcp 1234>80; 10.0.0.7 tcp 1234>81; 10.0.0.7 udp 1234>80; 10.0.0.7 tcp 1234>80 off=3"},
+       {"source prefix IPv6", "v6 2001:db8::5>2001:db8:1::1 udp", "v6 2001:db9::5>2001:db8::1 udp; 10.0.0.1 udp"},
+       {"no prefix: the family alone", "10.1.1.1 udp; 10.1.1.1 udp off=7", "10.1.1.1 tcp; v6 2001:db8::1 udp"},
+       {"zero-length prefix matches the family", "203.0.113.1 tcp", "v6 2001:db8::1 tcp"},
+       {"and/or list with a hole", "1.2.3.4 tcp 5>80; 1.2.3.4 udp 5>1025; 1.2.3.4 tcp 5>1999",
+        "1.2.3.4 tcp 5>1024; 1.2.3.4 tcp 5>2000; 1.2.3.4 tcp 5>81; 1.2.3.4 icmp; 1.2.3.4 tcp 5>80 mf off=1"},
+       {"five values: a set", "1.2.3.4 tcp 5>9; 1.2.3.4 tcp 5>1", "1.2.3.4 tcp 5>8; 1.2.3.4 udp 5>9"},
+       {"five holes: the complement set", "1.2.3.4 tcp 2>80", "1.2.3.4 tcp 3>80; 1.2.3.4 udp 2>80"},
+       {"not equal", "1.2.3.4 udp; 1.2.3.4 icmp", "1.2.3.4 tcp"},
+       {"always true adds nothing", "1.2.3.4 tcp; 1.2.3.4 icmp", "v6 2001:db8::1 tcp"},
+       {"port: source, or else destination", "10.1.1.1 udp 53>9999; 10.1.1.1 tcp 9999>123",
+        "10.1.1.1 udp 54>9999; 11.1.1.1 udp 53>53; 10.1.1.1 132"},
+       {"ICMP type and code", "1.2.3.4 icmp icmp=8/0", "1.2.3.4 icmp icmp=8/1; 1.2.3.4 icmp icmp=0/0; 1.2.3.4 udp 8>0"},
+       {"ICMPv6 type range", "v6 2001:db8::1 icmp icmp=129/0; v6 2001:db8::1 icmp icmp=128/3",
+        "v6 2001:db8::1 icmp icmp=130/0; v6 2001:db8::1 icmp icmp=129/0 frag=middle"},
+       {"packet length", "1.2.3.4 udp len=64; 1.2.3.4 udp len=1500", "1.2.3.4 udp len=63; 1.2.3.4 udp len=1501"},
+       {"IPv6 packet length is payload plus 40", "v6 2001:db8::1 udp len=99", "v6 2001:db8::1 udp len=100"},
+       {"DSCP list", "1.2.3.4 udp dscp=46; 1.2.3.4 udp dscp=10", "1.2.3.4 udp dscp=11"},
+       {"DSCP above 63 clipped", "1.2.3.4 udp dscp=61", "1.2.3.4 udp dscp=60"},
+       {"flow label", "v6 2001:db8::1 udp label=5; v6 2001:db8::1 udp label=0x10000",
+        "v6 2001:db8::1 udp label=6; v6 2001:db8::1 udp label=0x20000"},
+       {"repeated type: both lists hold", "1.2.3.4 udp", "1.2.3.4 tcp"},
+       {"TCP flags all of", "1.2.3.4 tcp flags=0x12; 1.2.3.4 tcp flags=0x13", "1.2.3.4 tcp flags=0x02; 1.2.3.4 udp"},
+       {"TCP flags any of", "1.2.3.4 tcp flags=0x02; 1.2.3.4 tcp flags=0x10", "1.2.3.4 tcp flags=0x01"},
+       {"TCP flags none of", "1.2.3.4 tcp flags=0x10", "1.2.3.4 tcp flags=0x14"},
+       {"TCP flags not all of", "1.2.3.4 tcp flags=0x12", "1.2.3.4 tcp flags=0x13"},
+       {"TCP flags syn and not ack, or fin", "1.2.3.4 tcp flags=0x02; 1.2.3.4 tcp flags=0x11",
+        "1.2.3.4 tcp flags=0x12; 1.2.3.4 tcp flags=0x10"},
+       {"TCP flags two octets: the 12 bits after the data offset", "1.2.3.4 tcp flags=0x110",
+        "1.2.3.4 tcp flags=0x010"},
+       {"IPv4 fragment: DF", "1.2.3.4 udp df; 1.2.3.4 udp df off=4", "1.2.3.4 udp"},
+       {"IPv4 fragment: other than the first", "1.2.3.4 udp off=10; 1.2.3.4 udp mf off=3",
+        "1.2.3.4 udp mf; 1.2.3.4 udp"},
+       {"IPv4 fragment: first or last", "1.2.3.4 udp mf; 1.2.3.4 udp off=5", "1.2.3.4 udp; 1.2.3.4 udp mf off=5"},
+       {"IPv6 fragment: first", "v6 2001:db8::1 udp frag=first",
+        "v6 2001:db8::1 udp; v6 2001:db8::1 udp frag=middle; v6 2001:db8::1 udp frag=atomic"},
+       {"IPv6 fragment: not a later fragment",
+        "v6 2001:db8::1 udp; v6 2001:db8::1 udp frag=first; v6 2001:db8::1 udp frag=atomic",
+        "v6 2001:db8::1 udp frag=middle; v6 2001:db8::1 udp frag=last"},
+       {"IPv6 fragment: any fragment",
+        "v6 2001:db8::1 udp frag=first; v6 2001:db8::1 udp frag=middle; v6 2001:db8::1 udp frag=last",
+        "v6 2001:db8::1 udp; v6 2001:db8::1 udp frag=atomic"},
+       {"police stops evaluation: a second rule accepts what passes", "10.0.0.1 udp", "10.0.0.2 udp"},
+       {"police with the terminal bit: evaluation goes on", "10.0.0.1 udp", "10.0.0.2 udp"},
+       {"rate 0 discards", "10.0.0.1 udp", "10.0.0.2 udp"},
+       {"DSCP marking", "v6 2001:db8::7 tcp", "v6 2001:db8:0:1::7 tcp"},
+       {"sample and go on", "10.0.0.1 udp", "10.0.0.2 udp"},
+       {"sample and drop", "10.0.0.1 udp", "10.0.0.2 udp"},
+       {"redirect to a VRF", "10.0.0.1 udp", "10.0.0.2 udp"},
+       {"redirect to an address", "10.0.0.1 udp", "10.0.0.2 udp"},
+       {"no action accepts", "10.0.0.1 udp", "10.0.0.2 udp"},
+   };
+   return cases;
 }
 
 } // namespace Fwd::Test

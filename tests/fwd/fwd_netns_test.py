@@ -15,6 +15,11 @@ Cases (one per run, so that ctest lists them): rules, police, follow, peer. In "
 rules come from a real BGP speaker: GoBGP announces them to flowspecd on loopback, flowspecd
 writes its best routes into the FSIB and flowspec-fwd programs them. Needs root; without it
 the test says so and exits 77 (skipped).
+
+--backend nft (the default) programs r's nftables table at prerouting; --backend xdp attaches
+the XDP classifier to r's interface from a. The XDP run happens in a mount namespace of its
+own with a bpf file system of its own (where flowspec-fwd pins its program), so nothing of
+the host's mounts changes.
 """
 import argparse
 import json
@@ -155,6 +160,15 @@ class Case:
         except FileNotFoundError:
             pass
 
+    def wait_for(self, pred, what, timeout=5.0):
+        end = time.monotonic() + timeout
+        while time.monotonic() < end:
+            if pred():
+                return True
+            time.sleep(0.05)
+        self.check(False, "timed out waiting until " + what)
+        return False
+
     def check(self, ok, what):
         print(("ok   " if ok else "FAIL ") + what, flush=True)
         if not ok:
@@ -171,8 +185,15 @@ class Case:
         sh(*cmd)
 
     def fwd(self, *extra):
+        backend = ["--backend", "nft"]
+        if self.args.backend == "xdp":
+            backend = ["--backend", "xdp", "--interfaces", "vra", "--pin-root", self.args.pin_root]
         return [self.args.fwd, "--fsib-prefix", self.prefix, "--status-file", self.status, "--table", "fsfwd",
-                "--vrf-table", "7=100", *extra]
+                "--vrf-table", "7=100", *backend, *extra]
+
+    @property
+    def xdp(self):
+        return self.args.backend == "xdp"
 
     def show(self, topo):
         out = topo.run("r", *self.fwd("--show", "--json")).stdout
@@ -231,7 +252,11 @@ def case_rules(args):
             ip = got(seen, "c", "198.19.5.1", 5001)["packets"], got(seen, "b", "198.19.5.1", 5001)["packets"]
             c.check(ip == (n, 0), f"redirect to 198.18.3.2: delivered there (c, b got {ip})")
             cp = got(seen, "c", "198.19.6.1", 5001)["packets"], got(seen, "b", "198.19.6.1", 5001)["packets"]
-            c.check(cp == (n, n), f"copy to 198.18.3.2: both get the packets (c, b got {cp})")
+            if c.xdp:
+                # XDP passes a packet on or drops it; it makes no copies: the rule is refused.
+                c.check(cp == (0, n), f"copy to 198.18.3.2 (not made by XDP): the packets go on (c, b got {cp})")
+            else:
+                c.check(cp == (n, n), f"copy to 198.18.3.2: both get the packets (c, b got {cp})")
             c.check(got(seen, "b", "198.19.7.1", 5001)["tos"] == [20 << 2],
                     "terminal bit set: evaluation went on to the next rule")
             shown = c.show(t)
@@ -243,9 +268,14 @@ def case_rules(args):
             k = "198.19.8.1/32;*;"
             c.check(not shown[k]["installed"] and "no Linux routing table is configured" in shown[k]["reason"],
                     f"a VRF without a table is not installed, with the reason ({shown[k]})")
+            if c.xdp:
+                k = "198.19.6.1/32;*;"
+                c.check(not shown[k]["installed"] and "--backend nft" in shown[k]["reason"],
+                        f"a copy is not installed in XDP, with the reason ({shown[k]})")
             text = t.run("r", *c.fwd("--show")).stdout
             c.check("not installed: redirect to VRF 8" in text and "packets 20  bytes 2560" in text,
                     "--show in text")
+            c.check(text.startswith("xdp fsfwd:" if c.xdp else "table inet fsfwd:"), "--show names the dataplane")
     finally:
         c.close()
     return c.failures
@@ -278,31 +308,27 @@ def count_rules(t):
     return out.count("update @rule_counts")
 
 
+def start_and_add_a_drop(c, t):
+    """The daemon on an FSIB of one rule, then a drop added while it runs and checked with packets."""
+    c.write("198.19.9.0/24;*; => accept")
+    d = t.start("r", *c.fwd(), stderr=subprocess.PIPE)
+    key = "198.19.9.1/32;*;"
+    c.wait_for(lambda: c.show(t).get("198.19.9.0/24;*;", {}).get("installed"), "the daemon programs the FSIB")
+    c.write(key + " => drop", keep=True)
+    if c.wait_for(lambda: c.show(t).get(key, {}).get("installed"), "the added rule is installed"):
+        seen = c.traffic(t, [("198.19.9.1", 5001, 10, 100, 200), ("198.19.9.2", 5001, 10, 100, 200)], 0.5)
+        c.check(got(seen, "b", "198.19.9.1", 5001)["packets"] == 0, "a rule added while running drops")
+        c.check(got(seen, "b", "198.19.9.2", 5001)["packets"] == 10, "... and only its flow")
+    return d, key
+
+
 def case_follow(args):
     c = Case(args, "follow")
     try:
         with Topology("f") as t:
-            c.write("198.19.9.0/24;*; => accept")
-            d = t.start("r", *c.fwd(), stderr=subprocess.PIPE)
-
-            def wait_for(pred, what, timeout=5.0):
-                end = time.monotonic() + timeout
-                while time.monotonic() < end:
-                    if pred():
-                        return True
-                    time.sleep(0.05)
-                c.check(False, "timed out waiting until " + what)
-                return False
-
-            key = "198.19.9.1/32;*;"
-            wait_for(lambda: c.show(t).get("198.19.9.0/24;*;", {}).get("installed"), "the daemon programs the FSIB")
-            c.write(key + " => drop", keep=True)
-            if wait_for(lambda: c.show(t).get(key, {}).get("installed"), "the added rule is installed"):
-                seen = c.traffic(t, [("198.19.9.1", 5001, 10, 100, 200), ("198.19.9.2", 5001, 10, 100, 200)], 0.5)
-                c.check(got(seen, "b", "198.19.9.1", 5001)["packets"] == 0, "a rule added while running drops")
-                c.check(got(seen, "b", "198.19.9.2", 5001)["packets"] == 10, "... and only its flow")
+            d, key = start_and_add_a_drop(c, t)
             c.write(deletes=[key], keep=True)
-            wait_for(lambda: key not in c.show(t), "the rule is gone from the FSIB")
+            c.wait_for(lambda: key not in c.show(t), "the rule is gone from the FSIB")
             time.sleep(0.2)
             seen = c.traffic(t, [("198.19.9.1", 5001, 10, 100, 200)], 0.5)
             c.check(got(seen, "b", "198.19.9.1", 5001)["packets"] == 10, "a deleted rule no longer drops")
@@ -347,6 +373,40 @@ def case_follow(args):
             print(f"info table sizes after the kills: {sorted(seen_counts)}")
             t.run("r", *c.fwd("--once", "--remove-on-exit"), check=False)
             c.check(t.run("r", "nft", "list", "tables").stdout.strip() == "", "--remove-on-exit removes the tables")
+    finally:
+        c.close()
+    return c.failures
+
+
+def xdp_attached(t):
+    return "xdp" in t.run("r", "ip", "link", "show", "vra").stdout
+
+
+def case_follow_xdp(args):
+    """The daemon with XDP: changes followed, the program kept across a kill, replaced by the next start."""
+    c = Case(args, "followx")
+    try:
+        with Topology("x") as t:
+            d, key = start_and_add_a_drop(c, t)
+            d.kill()
+            d.wait(timeout=10)
+            c.check(xdp_attached(t), "killed, flowspec-fwd leaves its program attached")
+            seen = c.traffic(t, [("198.19.9.1", 5001, 10, 100, 200), ("198.19.9.2", 5001, 10, 100, 200)], 0.5)
+            c.check(got(seen, "b", "198.19.9.1", 5001)["packets"] == 0, "... which goes on dropping the flow")
+            c.check(got(seen, "b", "198.19.9.2", 5001)["packets"] == 10, "... and passing the one beside it")
+            # The next start takes the FSIB as it is now: the drop was deleted meanwhile.
+            c.write(deletes=[key], keep=True)
+            r = t.run("r", *c.fwd("--once"), check=False)
+            c.check(r.returncode == 0, f"the next start replaces the program ({r.stderr.strip()})")
+            seen = c.traffic(t, [("198.19.9.1", 5001, 10, 100, 200)], 0.5)
+            c.check(got(seen, "b", "198.19.9.1", 5001)["packets"] == 10, "a rule deleted while none ran no longer drops")
+            r = t.run("r", *c.fwd("--once", "--remove-on-exit"), check=False)
+            c.check(not xdp_attached(t), "--remove-on-exit detaches the program")
+            # An interface that does not exist: named, with the advice.
+            bad = [a if a != "vra" else "nosuchif9" for a in c.fwd("--once")]
+            r = t.run("r", *bad, check=False)
+            c.check(r.returncode != 0 and "nosuchif9" in r.stderr and "--backend nft" in r.stderr,
+                    f"an interface that cannot take the program is named ({r.stderr.strip()})")
     finally:
         c.close()
     return c.failures
@@ -423,6 +483,7 @@ def main():
     ap.add_argument("--count", type=int)
     ap.add_argument("--size", type=int)
     ap.add_argument("--pps", type=float, default=0)
+    ap.add_argument("--backend", choices=["nft", "xdp"], default="nft")
     args = ap.parse_args()
     if args.case == "receive":
         return receive([int(p) for p in args.ports.split(",")], args.seconds)
@@ -434,8 +495,21 @@ def main():
     if subprocess.run(["ip", "netns", "list"], capture_output=True).returncode != 0:
         print("SKIP: no ip netns here")
         return SKIP
-    failures = {"rules": case_rules, "police": case_police, "follow": case_follow, "peer": case_peer}[args.case](args)
-    print(f"{args.case}: {'FAILED: ' + '; '.join(failures) if failures else 'passed'}")
+    if args.backend == "xdp":
+        if os.environ.get("FSFWD_OWN_MOUNTS") != "1":
+            # Again, in a mount namespace of its own (see the top of the file).
+            env = dict(os.environ, FSFWD_OWN_MOUNTS="1")
+            r = subprocess.run(["unshare", "--mount", "--propagation", "private", sys.executable, *sys.argv], env=env)
+            return r.returncode
+        bpffs = tempfile.mkdtemp(prefix="fsfwdbpf")
+        if subprocess.run(["mount", "-t", "bpf", "bpf", bpffs], capture_output=True).returncode != 0:
+            print("SKIP: cannot mount a bpf file system for the XDP program's pins")
+            return SKIP
+        args.pin_root = os.path.join(bpffs, "flowspec")
+    cases = {"rules": case_rules, "police": case_police, "peer": case_peer,
+             "follow": case_follow_xdp if args.backend == "xdp" else case_follow}
+    failures = cases[args.case](args)
+    print(f"{args.case} ({args.backend}): {'FAILED: ' + '; '.join(failures) if failures else 'passed'}")
     return 1 if failures else 0
 
 
