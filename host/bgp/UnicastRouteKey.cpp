@@ -98,6 +98,16 @@ int UnicastRouteKey::orderCompare(RouteKeyBase const& other) const {
 
 bool UnicastRouteKey::lessThan(Ovk::Ptr<RouteKeyBase const> const& other) const { return orderCompare(*other) < 0; }
 
+RouteKeyBase::OrderSummary UnicastRouteKey::orderSummary() const {
+   std::span<std::uint8_t const> const a = addressBytes();
+   if (a.size() == 4) return {orderPrefix(), 0};
+   // IPv6: the second 64 address bits, then the length in the low byte is left to
+   // orderCompare (keys of one address differ only in length).
+   std::uint64_t lo = 0;
+   for (std::size_t i = 8; i < 16; ++i) lo = lo << 8 | a[i];
+   return {orderPrefix(), lo};
+}
+
 std::uint64_t UnicastRouteKey::orderPrefix() const {
    // IPv4: the address and the length, the whole order; IPv6: the first 64 address bits.
    std::span<std::uint8_t const> const a = addressBytes();
@@ -180,7 +190,10 @@ BgpParseUpdateNlriReturn UnicastNlriRule::inhale(Ovk::Ptr<BgpParseContext> const
       OVK_ASSERT(table != nullptr);
       parseContext->flowspecRouteKeyDedupTableRawPtrIs(afiSafi_, table);
    }
-   return {unicastRouteKeyFactory(afiSafi_.afi(), prefix)->dedupRouteKey(table), nullptr, false};
+   Ovk::Ptr<UnicastRouteKey> key = unicastRouteKeyFactory(afiSafi_.afi(), prefix);
+   // The decoder interns a message's keys together (BgpParseContext::routeKeyDedupDeferred).
+   if (parseContext->routeKeyDedupDeferred()) return {std::move(key), nullptr, false};
+   return {key->dedupRouteKey(table), nullptr, false};
 }
 
 // ---- UnicastParseSm ----

@@ -54,6 +54,7 @@ class UnicastRouteKey : public RouteKey {
    bool lessThan(Ovk::Ptr<RouteKeyBase const> const& other) const override;
    int orderCompare(RouteKeyBase const& other) const override;
    std::uint64_t orderPrefix() const override;
+   OrderSummary orderSummary() const override;
 
    void formatDerivedType(std::ostream& os) const override;
    void formatWithoutVrf(std::ostream& os) const override;

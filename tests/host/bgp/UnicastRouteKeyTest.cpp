@@ -133,7 +133,7 @@ TEST(UnicastRouteKeyTest, PropertiesAgainstThePrefixes) {
                               (pa.addr() == pb.addr() && pa.len() < pb.len());
             ASSERT_EQ(c < 0, less) << pa << " " << pb;
             ASSERT_EQ(c == 0, same);
-            if (a.orderPrefix() < b.orderPrefix()) {
+            if (a.orderPrefix() < b.orderPrefix() || a.orderSummary() < b.orderSummary()) {
                ASSERT_LT(c, 0) << pa << " " << pb;
             }
          }
