@@ -721,20 +721,20 @@ TEST(BgpRoutingValidationTest, RulesOnlyFromWhoRoutesTheirDestination) {
    (void)f.update(a, unicast4(65002, "080b")); // 11.0.0.0/8
    EXPECT_EQ(ruleState(f, a, kIpv4Flowspec, kOther), "in");
    // A more-specific route from another AS takes it out; its withdrawal brings it back.
-   (void)f.update(b, unicast4(65003, "100b05")); // 11.5.0.0/16
+   (void)f.update(b, unicast4(65003, "190b000080")); // 11.0.0.128/25, inside the rule's 11.0.0.0/24
    EXPECT_EQ(ruleState(f, a, kIpv4Flowspec, kOther), "moreSpecificOtherAs");
    // What the show command says of it.
    nlohmann::json const shown = unicastJson(f.routing, "ipv4 11.0.0.0/8");
    EXPECT_EQ(shown["bestMatch"], "11.0.0.0/8");
    EXPECT_EQ(shown["entries"].dump(),
              R"([{"asPath":"65002","from":"127.0.0.2","paths":1,"prefix":"11.0.0.0/8"},)"
-             R"({"asPath":"65003","from":"127.0.0.3","paths":1,"prefix":"11.5.0.0/16"}])");
-   EXPECT_EQ(unicastJson(f.routing, "ipv4 11.5.1.0/24")["bestMatch"], "11.5.0.0/16");
+             R"({"asPath":"65003","from":"127.0.0.3","paths":1,"prefix":"11.0.0.128/25"}])");
+   EXPECT_EQ(unicastJson(f.routing, "ipv4 11.0.0.192/26")["bestMatch"], "11.0.0.128/25");
    EXPECT_EQ(unicastJson(f.routing, "ipv4")["shown"], 3);
    EXPECT_EQ(unicastJson(f.routing, "ipv4", 2)["truncated"], true);
    EXPECT_TRUE(unicastJson(f.routing, "ipv4 2001:db8::/32").contains("error"));
    EXPECT_TRUE(unicastJson(f.routing, "ipv5").contains("error"));
-   (void)f.update(b, UpdateBuilder().withdrawn("100b05").build());
+   (void)f.update(b, UpdateBuilder().withdrawn("190b000080").build());
    EXPECT_EQ(ruleState(f, a, kIpv4Flowspec, kOther), "in");
    // The route's withdrawal takes the rule out; so does the end of A's session.
    (void)f.update(a, UpdateBuilder().withdrawn("080b").build());

@@ -9,7 +9,7 @@ families ipv4-flowspec and ipv4-unicast (so the agent validates them by default)
      never in the FSIB. A announces the same rule: in the FSIB.
   2. A announces a rule for 11.1.0.0/24 before any route covers it: refused
      (noUnicastRoute). A then announces 11.0.0.0/8: the rule enters the FSIB, not sent again.
-  3. B announces 11.1.0.0/16, more specific and from another AS: the rule leaves the FSIB;
+  3. B announces 11.1.0.128/25, inside the rule's destination and from another AS: the rule leaves the FSIB;
      B withdraws it: the rule is back. A withdraws 11.0.0.0/8: the rule leaves.
 Every process is started here, bounded in time, and stopped by its PID.
 """
@@ -87,11 +87,11 @@ def validation_test(bins, workdir):
         log("a rule whose route arrives after it comes in without being sent again")
         results["route after rule"] = "ok"
 
-        route(b, "add", "11.1.0.0/16")
+        route(b, "add", "11.1.0.128/25")
         fsib_is(1, "the rule out: a more-specific route from another AS")
         if refused("A", "moreSpecificOtherAs") != 1:
             raise Fail("the more-specific route's refusal is not counted")
-        route(b, "del", "11.1.0.0/16")
+        route(b, "del", "11.1.0.128/25")
         fsib_is(2, "the rule back once the more-specific route went")
         route(a, "del", "11.0.0.0/8")
         fsib_is(1, "the rule out with its route")
