@@ -2,6 +2,7 @@
 #include "host/fwk/FwkType.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstring>
 #include <ios>
@@ -319,6 +320,23 @@ std::uint64_t FlowspecRouteKey::orderPrefix() const { return orderSummary().hi; 
 Ovnet::IpGenPrefix FlowspecRouteKey::destPrefix() const { return prefixEntry(kTagDestPrefix).prefix(isV6()); }
 Ovnet::IpGenPrefix FlowspecRouteKey::srcPrefix() const { return prefixEntry(kTagSrcPrefix).prefix(isV6()); }
 std::uint8_t FlowspecRouteKey::destPrefixOffset() const { return prefixEntry(kTagDestPrefix).offset; }
+
+std::optional<Ovnet::IpGenPrefix> FlowspecRouteKey::importDestination() const {
+   PrefixEntry const e = prefixEntry(kTagDestPrefix);
+   if (!e.present()) return std::nullopt;
+   if (e.offset == 0) return e.prefix(isV6());
+   static constexpr std::array<std::uint8_t, 16> zero{};
+   return Ovnet::IpGenPrefix(Ovnet::IpGenAddr::ipv6(zero), 0);
+}
+std::optional<Ovnet::IpGenPrefix> FlowspecRouteKey::validationDestination() const {
+   // RFC 8956 section 5: only a destination prefix with offset 0 validates; one with an
+   // offset matches addresses whatever their leading bits, so no unicast route can vouch
+   // for it.
+   PrefixEntry const e = prefixEntry(kTagDestPrefix);
+   if (!e.present() || e.offset != 0) return std::nullopt;
+   return e.prefix(isV6());
+}
+
 std::uint8_t FlowspecRouteKey::srcPrefixOffset() const { return prefixEntry(kTagSrcPrefix).offset; }
 
 // ---- Stored components and tail ----

@@ -173,6 +173,11 @@ class FlowspecRouteKey : public RouteKey {
    Ovnet::IpGenPrefix srcPrefix() const;
    std::uint8_t destPrefixOffset() const;
    std::uint8_t srcPrefixOffset() const;
+   // The destination prefix for import policy: none without one; with an IPv6 offset the
+   // leading bits are any, so every IPv6 address (::/0).
+   std::optional<Ovnet::IpGenPrefix> importDestination() const override;
+   // The destination prefix when its offset is 0 (RFC 8956 section 5); empty otherwise.
+   std::optional<Ovnet::IpGenPrefix> validationDestination() const override;
    // Sets a prefix and its offset (IPv6 only; at most the prefix length), replacing the one
    // set before; the unset prefix (with offset 0) removes it. A set prefix must be of the
    // key's family. Bits beyond the pattern (beyond length minus offset) are cleared.
@@ -265,6 +270,8 @@ class FlowspecRouteKey : public RouteKey {
    void copyInFlowspecKey(Flowspec::FlowspecKey const& slate);
    std::string toStrepCli() const;
    std::string toStrepCliDetail() const;
+   // The rule's text (toStrepCli).
+   std::string displayText() const override { return toStrepCli(); }
 
    // ---- Memory ----
 

@@ -16,9 +16,25 @@
 
 namespace Flowspecd {
 
+namespace {
+
+// How often a source that goes on being turned away is said again.
+constexpr std::chrono::seconds kRefusedConnectionReport{60};
+
+bool anyPassword(std::vector<NeighborConfig> const& neighbors) {
+   return std::any_of(neighbors.begin(), neighbors.end(), [](NeighborConfig const& n) { return !n.password.empty(); });
+}
+
+} // namespace
+
 Agent::Agent(asio::io_context& io, AgentConfig config, Logger& logger)
     : io_(io), config_(std::move(config)), logger_(logger), scheduler_(EventLoopScheduler::create(io)),
-      connector_(Ovk::makePtr<AsioConnector>(io)) {}
+      connector_(Ovk::makePtr<AsioConnector>(io)),
+      strangers_(std::make_unique<RateLimitedLog>(logger_, scheduler_, "connection(s) from a stranger closed",
+                                                  kRefusedConnectionReport)),
+      lowTtl_(std::make_unique<RateLimitedLog>(logger_, scheduler_, "connection(s) refused for their TTL (ttl-security)",
+                                               kRefusedConnectionReport)),
+      md5Drops_(std::make_unique<Md5DropLog>(logger_, scheduler_)) {}
 
 Agent::~Agent() {
    stop();
@@ -59,10 +75,15 @@ Ovk::Result<bool, std::string> Agent::start() {
    options.entityManager = entityManager_;
    context_ = Plugin::startPlugins(std::move(options));
    applyVrfs();
-   if (context_->afiSafiTable()->all().empty()) {
+   if (!context_->afiSafiTable()->helpers(kIpv4Flowspec) && !context_->afiSafiTable()->helpers(kIpv6Flowspec)) {
       return Ovk::failure("the plugin library " + config_.pluginPath + " registered no address family");
    }
    routing_ = std::make_unique<BgpRouting>(logger_, context_);
+   routing_->globalRuleLimitIs(config_.maxRules);
+   routing_->validationDefaultIs(std::any_of(config_.neighbors.begin(), config_.neighbors.end(),
+                                             [](NeighborConfig const& n) { return n.sendsUnicast(); }));
+   for (NeighborConfig const& n : config_.neighbors) applyImport(n);
+   if (std::string const w = passwordExposure(config_); !w.empty()) logger_.log("-", "warning: " + w);
    origination_ = std::make_unique<Origination>(context_, entityManager_);
    if (ConfigErrors const errors = origination_->check(config_.rules, config_.source); !errors.empty()) {
       std::string text;
@@ -72,7 +93,10 @@ Ovk::Result<bool, std::string> Agent::start() {
    }
    applyRules("start");
    for (auto const& at : config_.listen) {
-      auto l = AsioListener::create(io_, at, [this](Ovk::Ptr<Transport> t) { handleAccept(std::move(t)); });
+      auto l = AsioListener::create(
+          io_, at, [this](AsioListener::Incoming const& in) { return screen(in); },
+          [this](Ovk::Ptr<Transport> t) { handleAccept(std::move(t)); },
+          [this](std::string const& why) { logger_.log("-", why); });
       if (!l) {
          stop();
          return Ovk::failure(l.reason());
@@ -80,6 +104,11 @@ Ovk::Result<bool, std::string> Agent::start() {
       logger_.log("-", "listening on " + at.str());
       listeners_.push_back(l.value());
    }
+   if (auto const problems = applyListenerSecurity({}, config_.neighbors); !problems.empty()) {
+      stop();
+      return Ovk::failure(problems.front());
+   }
+   md5Drops_->activeIs(anyPassword(config_.neighbors));
    auto control = ControlServer::create(io_, config_.controlSocket,
                                         [this](std::string_view request) { return handleControl(request); });
    if (!control) {
@@ -111,7 +140,57 @@ Ovk::Ptr<Neighbor> Agent::makeNeighbor(NeighborConfig const& n) {
    return Ovk::makePtr<Neighbor>(n, local, deps);
 }
 
+void Agent::applyImport(NeighborConfig const& n) {
+   bool const policy = n.policy.destinations || n.policy.actions || n.policy.minimumRate;
+   routing_->importSettingsIs(n.address, BgpRouting::ImportSettings{policy ? ImportPolicy::create(n.policy) : nullptr,
+                                                                    n.maxRules, n.validate});
+}
+
+std::vector<std::string> Agent::applyListenerSecurity(std::vector<NeighborConfig> const& before,
+                                                      std::vector<NeighborConfig> const& next) {
+   std::vector<std::string> problems;
+   auto const note = [&](std::string why) {
+      if (!why.empty()) problems.push_back(std::move(why));
+   };
+   for (auto const& l : listeners_) {
+      for (NeighborConfig const& b : before) {
+         bool const keeps = std::any_of(next.begin(), next.end(), [&](NeighborConfig const& n) {
+            return n.address == b.address && !n.password.empty();
+         });
+         if (!b.password.empty() && !keeps) note(l->md5KeyIs(b.address, ""));
+      }
+      bool gtsm = false;
+      for (NeighborConfig const& n : next) {
+         if (!n.password.empty()) note(l->md5KeyIs(n.address, n.password));
+         if (n.ttlSecurity && n.address.af() == l->endpoint().address.af()) gtsm = true;
+      }
+      note(l->ttlSecurityIs(gtsm));
+   }
+   return problems;
+}
+
+std::optional<TcpSecurity> Agent::screen(AsioListener::Incoming const& in) {
+   auto const it = byAddress_.find(in.remote.address);
+   if (it == byAddress_.end()) {
+      strangers_->note(in.remote.address, "connection from " + in.remote.str() + " closed: not a configured neighbor");
+      return std::nullopt;
+   }
+   NeighborConfig const& n = it->second->config();
+   TcpSecurity const security = tcpSecurityOf(n);
+   // RFC 5082 section 3: a segment from farther than the hops allow is not the neighbor's.
+   if (n.ttlSecurity && (!in.synTtl || *in.synTtl < security.minimumTtl())) {
+      std::string const why = "connection from " + in.remote.str() + " refused: " +
+                              (in.synTtl ? "TTL " + std::to_string(*in.synTtl) : std::string("its TTL is unknown")) +
+                              ", below " + std::to_string(security.minimumTtl()) + " (ttl-security)";
+      it->second->incomingRefused(why);
+      lowTtl_->note(in.remote.address, why);
+      return std::nullopt;
+   }
+   return security;
+}
+
 void Agent::applyNeighbors(std::vector<NeighborConfig> const& next) {
+   for (std::string const& why : applyListenerSecurity(config_.neighbors, next)) logger_.log("-", "SIGHUP: " + why);
    std::vector<Ovk::Ptr<Neighbor>> kept;
    std::map<Ovnet::IpGenAddr, Neighbor*> byAddress;
    for (NeighborConfig const& n : next) {
@@ -119,6 +198,7 @@ void Agent::applyNeighbors(std::vector<NeighborConfig> const& next) {
       Ovk::Ptr<Neighbor> neighbor;
       if (old == byAddress_.end()) {
          logger_.log(n.address.str(), "SIGHUP: new neighbor");
+         applyImport(n);
          neighbor = makeNeighbor(n);
          neighbor->start();
       } else {
@@ -133,11 +213,13 @@ void Agent::applyNeighbors(std::vector<NeighborConfig> const& next) {
             logger_.log(n.address.str(), "SIGHUP: " + joined(c.reset) + (c.inPlace.empty() ? "" : ", " + joined(c.inPlace)) +
                                              ": the session starts again");
             neighbor->stop(Notification{ErrorCode::cease, CeaseSubcode::otherConfigurationChange, {}});
+            applyImport(n);
             neighbor = makeNeighbor(n);
             neighbor->start();
          } else if (!c.inPlace.empty()) {
             logger_.log(n.address.str(), "SIGHUP: " + joined(c.inPlace) + " (the session goes on)");
             neighbor->softConfigIs(n);
+            if (c.importChanged) applyImport(n);
             SessionRibOut::Options ribOut;
             ribOut.minRouteAdvertisementInterval = std::chrono::seconds(n.minRouteAdvertisementSeconds);
             routing_->ribOuts().optionsIs(n.address, ribOut);
@@ -150,10 +232,12 @@ void Agent::applyNeighbors(std::vector<NeighborConfig> const& next) {
       if (byAddress.count(address)) continue;
       logger_.log(address.str(), "SIGHUP: neighbor removed");
       neighbor->stop(Notification{ErrorCode::cease, CeaseSubcode::peerDeconfigured, {}});
+      routing_->importSettingsIs(address, {});
    }
    neighbors_ = std::move(kept);
    byAddress_ = std::move(byAddress);
    config_.neighbors = next;
+   md5Drops_->activeIs(anyPassword(config_.neighbors));
 }
 
 void Agent::stop() {
@@ -170,6 +254,10 @@ void Agent::stop() {
    // NOTIFICATION for garbage.
    Notification const cease{ErrorCode::cease, CeaseSubcode::administrativeShutdown, {}};
    for (auto const& n : neighbors_) n->stop(cease);
+   // Their timers would keep the event loop from running out of work.
+   strangers_->stop();
+   lowTtl_->stop();
+   md5Drops_->activeIs(false);
 }
 
 ConfigErrors Agent::checkWithPlugins(AgentConfig const& config) {
@@ -190,10 +278,9 @@ ConfigErrors Agent::checkWithPlugins(AgentConfig const& config) {
 }
 
 void Agent::handleAccept(Ovk::Ptr<Transport> t) {
+   // The screen let only neighbors' connections through, a moment ago in the same pass.
    auto it = byAddress_.find(t->remote().address);
    if (it == byAddress_.end()) {
-      logger_.log("-", "connection from " + t->remote().str() + " refused: not a configured neighbor");
-      t->send(encodeNotification(Notification{ErrorCode::cease, CeaseSubcode::connectionRejected, {}}));
       t->close();
       return;
    }
@@ -274,6 +361,18 @@ bool Agent::reload(std::string const& file) {
       for (auto const& k : later) text += (text.empty() ? "" : ", ") + k;
       logger_.log("-", "SIGHUP: " + text + " changed: takes effect at the next start");
    }
+   if (std::string const w = passwordExposure(next); !w.empty()) logger_.log("-", "SIGHUP: warning: " + w);
+   if (next.maxRules != config_.maxRules) {
+      auto const text = [](std::optional<RuleLimit> const& l) {
+         return l ? std::to_string(l->maxRules) + " (warning at " + std::to_string(l->warningPercent) + "%)"
+                  : std::string("none");
+      };
+      logger_.log("-", "SIGHUP: max-rules " + text(config_.maxRules) + " -> " + text(next.maxRules));
+      config_.maxRules = next.maxRules;
+      routing_->globalRuleLimitIs(config_.maxRules);
+   }
+   routing_->validationDefaultIs(std::any_of(next.neighbors.begin(), next.neighbors.end(),
+                                             [](NeighborConfig const& n) { return n.sendsUnicast(); }));
    applyNeighbors(next.neighbors);
    config_.vrfs = std::move(next.vrfs);
    applyVrfs();
@@ -369,16 +468,27 @@ std::string Agent::handleControl(std::string_view request) {
          n["rulesReceived"] = received;
          n["rulesAccepted"] = accepted;
          n["fsibRefusals"] = refused;
+         n["import"] = view ? importJson(*view) : nlohmann::json::object();
          n["familyUpdatesOut"] = updatesSent;
          n["rulesSent"] = rulesSent;
          n["rulesAdvertised"] = rulesAdvertised;
          n["endOfRibOut"] = endOfRibOut;
       }
       answer["summaryLabels"] = summaryLabelsJson(routing_->context());
+      answer["strangersClosed"] = strangers_->total();
       return Ovk::jsonText(answer);
+   }
+   if (request.rfind("show refused ", 0) == 0) {
+      std::string_view const address = request.substr(13);
+      auto const a = Ovnet::IpGenAddr::parse(address);
+      if (!a || byAddress_.count(*a) == 0) {
+         return Ovk::jsonText(nlohmann::json{{"error", "unknown neighbor " + std::string(address)}});
+      }
+      return Ovk::jsonText(refusedJson(*routing_, *a));
    }
    if (request == "show updates") return Ovk::jsonText(updatesJson(*routing_));
    if (request == "show summary") return Ovk::jsonText(summaryJson(*routing_));
+   if (request.rfind("show unicast ", 0) == 0) return Ovk::jsonText(unicastJson(*routing_, request.substr(13)));
    return Ovk::jsonText(nlohmann::json{{"error", "unknown request: " + std::string(request)}});
 }
 

@@ -1,5 +1,11 @@
 // The agent: its neighbors, the TCP listeners that hand incoming connections to them, and
 // the control socket, all on one event loop.
+//
+// At the edge: a connection from an address that is no neighbor is closed the moment it is
+// accepted (logged a line per source and interval: RateLimitedLog); the listeners hold every
+// neighbor's TCP MD5 key and, while a neighbor of their family has ttl-security, send with
+// TTL 255 and check each SYN's TTL before the connection reaches its neighbor; what each
+// neighbor may import is set on the routing, and changes with a reload without a reset.
 #pragma once
 
 #include <asio/io_context.hpp>
@@ -14,6 +20,7 @@
 #include "agent/BgpRouting.h"
 #include "agent/Neighbor.h"
 #include "agent/Origination.h"
+#include "agent/TrustLogs.h"
 
 namespace Flowspecd {
 
@@ -37,7 +44,8 @@ class Agent : public Ovk::PtrInterface {
    void stop();
 
    // Reads `file` again and applies what may change while running (VRFs and their imports,
-   // the configured rules: new ones originated, gone ones withdrawn);
+   // the configured rules: new ones originated, gone ones withdrawn; neighbors, what they may
+   // import and the global rule limit);
    // a file with mistakes is refused whole and the running configuration stays. False when
    // nothing was applied.
    bool reload(std::string const& file);
@@ -47,15 +55,23 @@ class Agent : public Ovk::PtrInterface {
    // The rules the agent originates; null before start().
    Origination* origination() const { return origination_.get(); }
    // Answers one control request line: "show neighbors", "show updates", "show summary",
-   // "rule list", "rule add {JSON}" ({"family", "match", "then": [...]}) and "rule delete
-   // {JSON}" ({"family", "match"}). A rule request is answered {"ok": true, "result",
-   // "rule"} or {"ok": false, "error"}.
+   // "show refused ADDRESS" (RoutingShow.h), "rule list", "rule add {JSON}" ({"family",
+   // "match", "then": [...]}) and "rule delete {JSON}" ({"family", "match"}). A rule request
+   // is answered {"ok": true, "result", "rule"} or {"ok": false, "error"}.
    std::string handleControl(std::string_view request);
    AgentConfig const& config() const { return config_; }
    Ovk::Ptr<EventLoopScheduler> const& scheduler() const { return scheduler_; }
 
  private:
    void handleAccept(Ovk::Ptr<Transport> t);
+   // Decides on a connection just accepted (AsioListener::Screen).
+   std::optional<TcpSecurity> screen(AsioListener::Incoming const& in);
+   // Makes the listeners' MD5 keys and TTL handling those of `next`'s neighbors, removing the
+   // keys of `before`'s that have none now. Each failure is one text.
+   std::vector<std::string> applyListenerSecurity(std::vector<NeighborConfig> const& before,
+                                                  std::vector<NeighborConfig> const& next);
+   // What `n`'s sessions may import, on the routing.
+   void applyImport(NeighborConfig const& n);
    // Makes the context's VRFs and route-target imports those of the configuration.
    void applyVrfs();
    // Makes the originated rules of the configuration those in the RIB, and logs what changed.
@@ -83,6 +99,10 @@ class Agent : public Ovk::PtrInterface {
    Ovk::Ptr<ControlServer> control_;
    std::vector<Ovk::Ptr<Neighbor>> neighbors_;
    std::map<Ovnet::IpGenAddr, Neighbor*> byAddress_;
+   // Connections turned away at the listeners: from strangers, and for their TTL.
+   std::unique_ptr<RateLimitedLog> strangers_;
+   std::unique_ptr<RateLimitedLog> lowTtl_;
+   std::unique_ptr<Md5DropLog> md5Drops_;
 };
 
 // Log lines on standard error: "2024-05-01T10:00:00.123Z 127.0.0.2 state Idle -> Connect".

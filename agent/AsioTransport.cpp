@@ -34,6 +34,13 @@ class AsioConnectAttempt : public ConnectAttempt {
          done_(Ovk::makePtr<AsioTransport>(std::move(socket)), "");
       }
    }
+   void fail(std::string const& why) {
+      if (cancelled_) return;
+      cancelled_ = true;
+      std::error_code ignored;
+      socket.close(ignored);
+      done_(nullptr, why);
+   }
    asio::ip::tcp::socket socket;
 
  private:
@@ -174,12 +181,22 @@ void AsioTransport::finishClose() {
 }
 
 Ovk::Ptr<ConnectAttempt> AsioConnector::connect(Endpoint const& remote, std::optional<Ovnet::IpGenAddr> local,
-                                                Done done) {
+                                                TcpSecurity const& security, Done done) {
    auto attempt = Ovk::makePtr<AsioConnectAttempt>(io_, std::move(done));
    asio::ip::tcp::endpoint const to(toAsio(remote.address), remote.port);
    std::error_code ec;
    attempt->socket.open(to.protocol(), ec);
    if (!ec && local) attempt->socket.bind(asio::ip::tcp::endpoint(toAsio(*local), 0), ec);
+   // The SYN is signed and sent with TTL 255 already.
+   std::string why;
+   if (!ec && !security.password.empty()) {
+      why = md5KeyIs(attempt->socket.native_handle(), remote.address, security.password);
+   }
+   if (!ec && why.empty()) why = ttlSecurityIs(attempt->socket.native_handle(), remote.address.isIpv6(), security);
+   if (!why.empty()) {
+      asio::post(io_, [attempt, why] { attempt->fail(why); });
+      return attempt;
+   }
    if (ec) {
       // The answer comes later, as for every attempt.
       asio::post(io_, [attempt, ec] { attempt->finish(ec); });
@@ -190,8 +207,8 @@ Ovk::Ptr<ConnectAttempt> AsioConnector::connect(Endpoint const& remote, std::opt
 }
 
 Ovk::Result<Ovk::Ptr<AsioListener>, std::string> AsioListener::create(asio::io_context& io, Endpoint const& at,
-                                                                      Accept accept) {
-   auto l = Ovk::makePtr<AsioListener>(io, std::move(accept));
+                                                                      Screen screen, Accept accept, Problem problem) {
+   auto l = Ovk::makePtr<AsioListener>(io, std::move(screen), std::move(accept), std::move(problem));
    asio::ip::tcp::endpoint const ep(toAsio(at.address), at.port);
    std::error_code ec;
    l->acceptor_.open(ep.protocol(), ec);
@@ -208,9 +225,40 @@ Ovk::Result<Ovk::Ptr<AsioListener>, std::string> AsioListener::create(asio::io_c
 void AsioListener::acceptNext() {
    acceptor_.async_accept([self = Ovk::Ptr<AsioListener>(this)](std::error_code const& ec, asio::ip::tcp::socket s) {
       if (!self->acceptor_.is_open()) return;
-      if (!ec) self->accept_(Ovk::makePtr<AsioTransport>(std::move(s)));
+      if (!ec) self->handleAccepted(std::move(s));
       self->acceptNext();
    });
+}
+
+void AsioListener::handleAccepted(asio::ip::tcp::socket s) {
+   Incoming in{endpointOf(s, false), std::nullopt};
+   // Read even for connections that need it not: reading frees the kernel's copy.
+   if (keepsSyns_) in.synTtl = savedSynTtl(s.native_handle());
+   std::optional<TcpSecurity> const security = screen_(in);
+   std::error_code ignored;
+   if (!security) {
+      s.close(ignored);
+      return;
+   }
+   if (std::string const why = Flowspecd::ttlSecurityIs(s.native_handle(), in.remote.address.isIpv6(), *security);
+       !why.empty()) {
+      problem_("connection from " + in.remote.str() + " closed: " + why);
+      s.close(ignored);
+      return;
+   }
+   accept_(Ovk::makePtr<AsioTransport>(std::move(s)));
+}
+
+std::string AsioListener::md5KeyIs(Ovnet::IpGenAddr const& peer, std::string const& key) {
+   if (!acceptor_.is_open() || peer.af() != at_.address.af()) return {};
+   return Flowspecd::md5KeyIs(acceptor_.native_handle(), peer, key);
+}
+
+std::string AsioListener::ttlSecurityIs(bool on) {
+   if (!acceptor_.is_open() || on == keepsSyns_) return {};
+   std::string why = listenerTtlSecurityIs(acceptor_.native_handle(), at_.address.isIpv6(), on);
+   if (why.empty()) keepsSyns_ = on;
+   return why;
 }
 
 void AsioListener::close() {

@@ -63,28 +63,54 @@ class AsioTransport : public Transport {
 class AsioConnector : public Connector {
  public:
    explicit AsioConnector(asio::io_context& io) : io_(io) {}
-   Ovk::Ptr<ConnectAttempt> connect(Endpoint const& remote, std::optional<Ovnet::IpGenAddr> local, Done done) override;
+   Ovk::Ptr<ConnectAttempt> connect(Endpoint const& remote, std::optional<Ovnet::IpGenAddr> local,
+                                    TcpSecurity const& security, Done done) override;
 
  private:
    asio::io_context& io_;
 };
 
 // Accepts TCP connections on one address and port and hands each one on.
+//
+// Each connection is screened the moment it is accepted, before anything is spent on it: one
+// the screen turns away is closed at once (no buffer, no linger, nothing sent), so that many
+// connections from strangers cost the sessions nothing but the accepts.
 class AsioListener : public Ovk::PtrInterface {
  public:
+   // A connection just accepted: its peer, and the TTL its SYN arrived with when the listener
+   // keeps SYNs (ttlSecurityIs).
+   struct Incoming {
+      Endpoint remote;
+      std::optional<std::uint8_t> synTtl;
+   };
+   // The security the connection's session is held to, or nothing to close it at once.
+   using Screen = std::function<std::optional<TcpSecurity>(Incoming const&)>;
    using Accept = std::function<void(Ovk::Ptr<Transport>)>;
+   // Where a connection that could not be set up is reported.
+   using Problem = std::function<void(std::string const&)>;
    // Binds and listens (IPv6 sockets only for IPv6); the reason when that fails.
    static Ovk::Result<Ovk::Ptr<AsioListener>, std::string> create(asio::io_context& io, Endpoint const& at,
-                                                                  Accept accept);
-   AsioListener(asio::io_context& io, Accept accept) : acceptor_(io), accept_(std::move(accept)) {}
+                                                                  Screen screen, Accept accept, Problem problem);
+   AsioListener(asio::io_context& io, Screen screen, Accept accept, Problem problem)
+       : acceptor_(io), screen_(std::move(screen)), accept_(std::move(accept)), problem_(std::move(problem)) {}
    void close();
    Endpoint endpoint() const { return at_; }
+   // The MD5 key of `peer`'s connections (an address of the listener's family); an empty key
+   // removes it. "" or why it failed.
+   std::string md5KeyIs(Ovnet::IpGenAddr const& peer, std::string const& key);
+   // SYN-ACKs sent with TTL 255 and SYNs kept for their TTL, while some neighbor of the
+   // listener's family has ttl-security.
+   std::string ttlSecurityIs(bool on);
 
  private:
    void acceptNext();
+   void handleAccepted(asio::ip::tcp::socket s);
    asio::ip::tcp::acceptor acceptor_;
+   Screen screen_;
    Accept accept_;
+   Problem problem_;
    Endpoint at_;
+   bool keepsSyns_ = false;
 };
 
 } // namespace Flowspecd

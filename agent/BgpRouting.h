@@ -15,6 +15,12 @@
 // session is sent is SessionRibOuts'; the "FSIB full" lines are FsibRefusalLog's; the show
 // commands' JSON is RoutingShow's. Neighbors are keyed as the RIB's sources are: by address
 // and VRF.
+//
+// What a neighbor may import (host/bgp/ImportPolicy.h: its policy, its rule limit, the
+// global limit) is set on its sessions' RIB-ins, which decide each route before best path. A
+// neighbor without any of them gets none, and its routes cost nothing more. A session whose
+// family goes past a teardown limit ends with Cease 6/1 (RFC 4486) and asks its neighbor to
+// stay down for the limit's restart time (UpdateOutcome::idleHoldSeconds).
 #pragma once
 
 #include <cstdint>
@@ -28,6 +34,7 @@
 #include "agent/SessionRibOuts.h"
 #include "host/bgp/AdjRibin.h"
 #include "host/bgp/BgpUpdateDecoder.h"
+#include "host/bgp/ImportPolicy.h"
 #include "host/plugin/Plugin.h"
 
 namespace Flowspecd {
@@ -49,6 +56,34 @@ class BgpRouting : public UpdateSink {
    Ovk::Ptr<RibTable> ribTable(AfiSafi family) const;
    // The export state machine of the default VRF's `family`; null when nothing exports.
    Ovk::Ptr<FwdTgtRouteConfigSm> exportSm(AfiSafi family) const;
+
+   // What a neighbor's sessions may import; the default imports everything.
+   struct ImportSettings {
+      Ovk::Ptr<ImportPolicy const> policy; // null: every route
+      std::optional<RuleLimit> limit;      // per family
+      // Validation of its rules against the unicast table; nothing: validationDefault().
+      std::optional<bool> validate = std::nullopt;
+      friend bool operator==(ImportSettings const& a, ImportSettings const& b) {
+         bool const samePolicy = a.policy == b.policy || (a.policy && b.policy && a.policy->options() == b.policy->options());
+         return samePolicy && a.limit == b.limit && a.validate == b.validate;
+      }
+   };
+   // Sets what `neighbor`'s sessions may import. A live session takes it without a reset:
+   // the rules it holds that the policy now refuses leave (a slice of the table per turn of
+   // the event loop), and, when the session negotiated route refresh, the peer is asked for
+   // each family again (RFC 2918) so that what is allowed now comes in through the same
+   // import as any announcement. Refused rules are not kept to be let in later.
+   void importSettingsIs(Ovnet::IpGenAddr const& neighbor, ImportSettings settings);
+   // The limit of the rules every neighbor together may hold, both families counted together
+   // (action always discard); nothing: none.
+   void globalRuleLimitIs(std::optional<RuleLimit> limit);
+   // Whether the rules of external neighbors without a `validate` setting are validated
+   // (internal neighbors' are not, unless set). Applies to sessions established after.
+   void validationDefaultIs(bool on) { validationDefault_ = on; }
+   bool validationDefault() const { return validationDefault_; }
+   // The unicast table as validation reads it (host/bgp/Validation.h); null when the host
+   // has no unicast family.
+   RuleValidation const* validation() const { return validation_.ptr(); }
 
    SessionRibOuts& ribOuts() { return ribOuts_; }
    SessionRibOuts const& ribOuts() const { return ribOuts_; }
@@ -77,6 +112,14 @@ class BgpRouting : public UpdateSink {
    // Empty for a neighbor that never had a session.
    std::optional<PeerView> peer(Ovnet::IpGenAddr const& neighbor,
                                 BgpVrfIdBase vrf = BgpL3VrfId::defaultVrfId()) const;
+   // The rules `neighbor`'s current session sent that import refused and kept aside, per
+   // family, with the refusals that found no room aside (AdjRibin::refused).
+   struct RefusedView {
+      std::vector<AdjRibin::Refused> rules;
+      std::uint64_t notKept = 0;
+   };
+   std::map<AfiSafi, RefusedView> refused(Ovnet::IpGenAddr const& neighbor,
+                                          BgpVrfIdBase vrf = BgpL3VrfId::defaultVrfId()) const;
    // Every neighbor that had a session, in address order.
    std::vector<std::pair<Ovnet::IpGenAddr, PeerView>> peers() const;
    // Attribute sets the sessions built, and those a session's last one answered.
@@ -88,10 +131,17 @@ class BgpRouting : public UpdateSink {
    using PeerId = std::pair<Ovnet::IpGenAddr, BgpVrfIdBase>;
    Peer* peerOf(BgpPeer const& from) const;
    void flush(Peer& p);
-   // Removes a slice of at most `budget` keys' worth of the paths of `p`'s last session and
-   // flushes; true when some remain.
+   // Walks a slice of at most `budget` keys of the tables: the paths of `p`'s last session
+   // leave, and those of its current one its import now refuses; then flushes. True when
+   // some walk is not done.
    bool purgeStep(Peer& p, std::size_t budget);
    void schedulePurge();
+   // The import control of `neighbor`'s sessions: null when nothing limits them.
+   Ovk::Ptr<ImportControl const> importControlOf(Ovnet::IpGenAddr const& neighbor) const;
+   // The validation `peer`'s flowspec RIB-ins judge with: null when it does not validate.
+   Ovk::Ptr<RuleValidation> validationOf(BgpPeer const& peer) const;
+   // Logs a limit crossing heard from a RIB-in of `neighbor`.
+   void logLimitEvent(Ovnet::IpGenAddr const& neighbor, LimitEvent const& e) const;
 
    Logger& logger_;
    Ovk::Ptr<Plugin::Context> context_;
@@ -99,6 +149,10 @@ class BgpRouting : public UpdateSink {
    SessionRibOuts ribOuts_;
    FsibRefusalLog refusalLog_;
    std::optional<Ovk::TaskId> purgeTask_;
+   std::map<Ovnet::IpGenAddr, ImportSettings> importSettings_;
+   Ovk::Ptr<GlobalRuleLimit> globalLimit_;
+   Ovk::Ptr<RuleValidation> validation_;
+   bool validationDefault_ = false;
 };
 
 } // namespace Flowspecd

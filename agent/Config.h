@@ -6,6 +6,15 @@
 //   control-socket = "/tmp/flowspecd.sock"
 //   plugin-dir = "/usr/lib/flowspecd"   # where libBgpFlowspec.so is; the build's by default
 //   fsib-prefix = "flowspecd"          # the FSIB's shared-memory name starts /PREFIX.
+//   max-rules = 100000                 # the rules every neighbor together may hold (both
+//                                      # families counted together); past it, rules are refused
+//   max-rules-warning = 75             # percent of max-rules whose reaching is logged (1-100)
+//
+//   [[import-policy]]                  # a policy neighbors may refer to by name
+//   name = "customer"                  # required, unique
+//   allowed-destinations = [...]       # as in [[neighbor]] below
+//   allowed-actions = [...]
+//   minimum-rate = 1000
 //
 //   [[vrf]]                            # where redirect-to-VRF communities lead
 //   name = "scrubbing"                 # 1 to 100 bytes, unique, not "default"
@@ -18,11 +27,42 @@
 //   remote-as = 65002                  # required
 //   passive = false                    # true: never connect, only accept
 //   hold-time = 90                     # 0 (no keepalives) or 3 to 65535 seconds
-//   families = ["ipv4-flowspec", "ipv6-flowspec"]
+//   families = ["ipv4-flowspec", "ipv6-flowspec"]   # also "ipv4-unicast", "ipv6-unicast"
 //   description = "edge router"
 //   local-address = "127.0.0.1"        # source of our connections; see sourceAddress()
 //   connect-retry = 10                 # seconds between connection attempts, 1 to 65535
 //   min-route-advertisement-interval = 0   # seconds, 0 to 600: changes sent at most this often
+//   # What the neighbor's rules may be (host/bgp/ImportPolicy.h); a rule refused is refused
+//   # whole, counted per reason and shown (`flowspec show flowspec ipv4 refused ADDR`):
+//   import-policy = "customer"         # the [[import-policy]] of that name; the neighbor's own
+//                                      # keys below take precedence over its keys, one by one
+//   allowed-destinations = ["10.0.0.0/8 le 32", "2001:db8::/32 ge 48 le 128"]
+//                                      # "PREFIX [ge N] [le M]": the rule's destination prefix
+//                                      # must lie in PREFIX with a length from ge to le (PREFIX's
+//                                      # own length alone without them); each family takes its
+//                                      # own entries, a family without any takes no rule; a rule
+//                                      # without a destination only with an entry of length 0
+//   allowed-actions = ["discard", "rate-limit"]   # the [[rule]] action names; a rule with
+//                                      # any other action is refused
+//   minimum-rate = 1000                # bytes per second: a rate-limit below is refused
+//   max-rules = 50                     # rules the neighbor may hold, each family on its own
+//   max-rules-action = "discard"       # past max-rules: "warning" (log, keep), "discard"
+//                                      # (refuse the rules beyond), "teardown" (Cease 6/1)
+//   max-rules-restart = 60             # teardown: seconds the neighbor stays down, 1 to 86400
+//   max-rules-warning = 75             # percent of max-rules whose reaching is logged (1-100)
+//   validate = true                    # flowspec rules only where the neighbor routes their
+//                                      # destination (RFC 8955 section 6, RFC 9117); by default
+//                                      # on for an external neighbor when any neighbor's
+//                                      # families hold ipv4-unicast or ipv6-unicast, else off.
+//                                      # Unicast routes are learnt for this alone: kept and
+//                                      # shown, neither installed nor advertised.
+//   # Session security. A change of these starts the session again.
+//   password = "secret"                # TCP MD5 signature key (RFC 2385), 1 to 80 bytes; never
+//                                      # logged or shown; a file holding one that other users
+//                                      # may read is warned of at start
+//   ttl-security = false               # GTSM (RFC 5082): send with TTL (hop limit) 255 and take
+//   ttl-security-hops = 0              # only segments that arrive with at least 255 minus the
+//                                      # router hops between (0 to 254; 0: directly connected)
 //
 //   [[rule]]                           # a flowspec rule the agent originates
 //   family = "ipv4-flowspec"           # or "ipv6-flowspec", required
@@ -38,6 +78,7 @@
 // wrong, and yields no configuration when there is any.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -48,6 +89,7 @@
 #include "agent/OriginatedRule.h"
 #include "host/bgp/BgpMessage.h"
 #include "host/bgp/ExtComm.h"
+#include "host/bgp/ImportPolicy.h"
 #include "host/fwk/Result.h"
 #include "host/net/Endpoint.h"
 #include "host/net/IpGenAddr.h"
@@ -79,8 +121,30 @@ struct NeighborConfig {
    std::optional<Ovnet::IpGenAddr> localAddress;
    std::uint16_t connectRetrySeconds = 10;
    std::uint16_t minRouteAdvertisementSeconds = 0;
+   // What its rules may be; nothing limits them by default.
+   std::string importPolicy; // the name of the [[import-policy]] it refers to, if any
+   ImportPolicy::Options policy;
+   std::optional<RuleLimit> maxRules;
+   // Validation of its rules against the unicast table; nothing: the default (on for an
+   // external neighbor when some neighbor sends unicast, off otherwise).
+   std::optional<bool> validate;
+   // Session security: the TCP MD5 key (empty: none; never logged or shown) and GTSM.
+   std::string password;
+   bool ttlSecurity = false;
+   std::uint8_t ttlSecurityHops = 0;
    std::uint32_t line = 0; // where its table starts
+   // True when the neighbor's rules are limited by policy or by a limit of its own.
+   bool importLimited() const {
+      return policy.destinations || policy.actions || policy.minimumRate || maxRules.has_value();
+   }
+   bool sendsUnicast() const {
+      return std::find(families.begin(), families.end(), kIpv4Unicast) != families.end() ||
+             std::find(families.begin(), families.end(), kIpv6Unicast) != families.end();
+   }
 };
+
+// TCP_MD5SIG_MAXKEYLEN: the longest key the kernel takes.
+inline constexpr std::size_t kMaxPasswordBytes = 80;
 
 inline constexpr std::size_t kMaxVrfName = 100;
 inline constexpr std::int64_t kMaxVrfId = 0xfffffe; // 0 is the default VRF, 0xffffff means none
@@ -109,6 +173,8 @@ struct AgentConfig {
    std::vector<NeighborConfig> neighbors;
    std::vector<VrfConfig> vrfs;
    std::vector<RuleConfig> rules;
+   // The limit of every neighbor's rules together (action discard); none by default.
+   std::optional<RuleLimit> maxRules;
 };
 
 struct ConfigError {
@@ -132,12 +198,19 @@ inline constexpr char const* kEmbeddedConfigName = "<built-in>";
 // What differs between two configurations of one neighbor, in the words of the file
 // ("remote-as 65002 -> 65003"): the changes a session must start again for (the OPEN and the
 // connection carry them), and those it takes as it runs.
+// A change of what the neighbor may import is in place; `importChanged` says there is one.
+// Passwords are named, never shown ("password changed").
 struct NeighborChanges {
    std::vector<std::string> reset;
    std::vector<std::string> inPlace;
+   bool importChanged = false;
    bool empty() const { return reset.empty() && inPlace.empty(); }
 };
 NeighborChanges neighborChanges(NeighborConfig const& from, NeighborConfig const& to);
+
+// The warning a configuration file earns when it holds a password and users other than its
+// owner may read it ("" when it does not): other users would learn the session keys.
+std::string passwordExposure(AgentConfig const& config);
 
 // The local address our connections to `n` start from: its local-address, else the first
 // listen address of the same family that is not a wildcard; nothing lets the kernel choose.

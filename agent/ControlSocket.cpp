@@ -12,6 +12,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "host/fwk/FileTrust.h"
 #include "host/fwk/JsonText.h"
 
 namespace Flowspecd {
@@ -162,6 +163,11 @@ Ovk::Result<Ovk::Ptr<ControlServer>, std::string> ControlServer::create(asio::io
    sockaddr_un probe{};
    if (path.size() >= sizeof(probe.sun_path)) {
       return Ovk::failure("control socket path " + path + " is too long");
+   }
+   // Whoever may swap the socket, or the directory it is in, answers the operator's commands
+   // in the agent's name, and the agent would remove what it finds there.
+   if (std::string const why = Ovk::pathTrustProblem(path); !why.empty()) {
+      return Ovk::failure("control socket " + path + " refused: " + why);
    }
    struct stat st {};
    if (::lstat(path.c_str(), &st) == 0) {

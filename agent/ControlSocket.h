@@ -35,7 +35,9 @@ class ControlServer : public Ovk::PtrInterface {
    static constexpr std::chrono::seconds kClientTimeout{5};
 
    // Creates the socket. A stale socket file is replaced; one that a running agent answers
-   // on, or a file that is not a socket, is an error.
+   // on, or a file that is not a socket, is an error; so is a path another user could swap
+   // (Ovk::pathTrustProblem: a symbolic link, or a directory on the way that others may write
+   // without the sticky bit or that belongs to another user than root and the agent's).
    static Ovk::Result<Ovk::Ptr<ControlServer>, std::string> create(asio::io_context& io, std::string path,
                                                                    Handler handler);
    ControlServer(asio::io_context& io, std::string path, Handler handler);

@@ -5,8 +5,9 @@
 //   flowspecd --print-default-config                    shows the built-in configuration
 //
 // Without --config the agent runs on its built-in configuration. SIGTERM and SIGINT send a
-// Cease to every peer and end the agent. SIGHUP reads the file again: VRFs, their imports and
-// the originated rules change; the rest waits for the next start.
+// Cease to every peer and end the agent. SIGHUP reads the file again: VRFs, their imports,
+// the originated rules, the neighbors and what they may import change; the rest waits for
+// the next start.
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
 #include <CLI/CLI.hpp>
@@ -59,6 +60,9 @@ int main(int argc, char** argv) {
       if (auto const errors = Flowspecd::Agent::checkWithPlugins(config.value()); !errors.empty()) {
          printErrors(errors);
          return 1;
+      }
+      if (std::string const w = Flowspecd::passwordExposure(config.value()); !w.empty()) {
+         std::cerr << "warning: " << w << '\n';
       }
       std::cout << checkFile << ": valid, " << config.value().neighbors.size() << " neighbor(s), "
                 << config.value().rules.size() << " rule(s)\n";

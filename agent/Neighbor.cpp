@@ -86,6 +86,9 @@ class Neighbor::Connection : public Ovk::PtrInterface, public Transport::Receive
    void sendEndOfRib(AfiSafi family) override {
       if (open) owner_.send(*this, encodeEndOfRib(family), MessageType::update);
    }
+   void sendRouteRefresh(AfiSafi family) override {
+      if (open) owner_.send(*this, encodeRouteRefresh(family), MessageType::routeRefresh);
+   }
    std::size_t queuedBytes() const override { return transport->queuedBytes(); }
    Ovnet::IpGenAddr localAddress() const override { return local.address; }
    void drainedCallbackIs(std::function<void()> drained) override {
@@ -119,6 +122,7 @@ Neighbor::Neighbor(NeighborConfig config, LocalSpeaker local, Deps deps)
 
 Neighbor::~Neighbor() {
    cancelConnecting();
+   if (idleHoldTimer_) deps_.scheduler->cancel(*idleHoldTimer_);
    for (auto& c : connections_) {
       c->open = false;
       if (c->holdTimer) deps_.scheduler->cancel(*c->holdTimer);
@@ -154,6 +158,9 @@ void Neighbor::softConfigIs(NeighborConfig const& config) {
    config_.description = config.description;
    config_.connectRetrySeconds = config.connectRetrySeconds;
    config_.minRouteAdvertisementSeconds = config.minRouteAdvertisementSeconds;
+   config_.importPolicy = config.importPolicy;
+   config_.policy = config.policy;
+   config_.maxRules = config.maxRules;
    config_.line = config.line;
 }
 
@@ -170,6 +177,8 @@ void Neighbor::start() {
 void Neighbor::stop(Notification const& why) {
    started_ = false;
    cancelConnecting();
+   if (idleHoldTimer_) deps_.scheduler->cancel(*idleHoldTimer_);
+   idleHoldTimer_.reset();
    auto const all = connections_;
    for (auto const& c : all) closeConnection(*c, why, "");
    if (connections_.empty()) transition(nullptr, BgpState::idle);
@@ -193,10 +202,10 @@ void Neighbor::connectNow() {
    log("connecting to " + remote.str() +
        (local_.sourceAddress ? " from " + local_.sourceAddress->str() : std::string()));
    startConnectRetryTimer();
-   attempt_ =
-       deps_.connector->connect(remote, local_.sourceAddress, [this](Ovk::Ptr<Transport> t, std::string const& error) {
-          handleConnectDone(std::move(t), error);
-       });
+   attempt_ = deps_.connector->connect(remote, local_.sourceAddress, tcpSecurityOf(config_),
+                                      [this](Ovk::Ptr<Transport> t, std::string const& error) {
+                                         handleConnectDone(std::move(t), error);
+                                      });
 }
 
 void Neighbor::startConnectRetryTimer() {
@@ -205,6 +214,16 @@ void Neighbor::startConnectRetryTimer() {
        seconds(config_.connectRetrySeconds),
        [this] {
           connectRetryTimer_.reset();
+          if (attempt_) {
+             // Nothing answered. With MD5 signatures, a peer whose password differs (or that
+             // has none) drops our segments without a word.
+             lastError_ = "connect to " + Endpoint{config_.address, config_.port}.str() + ": no answer within " +
+                          std::to_string(config_.connectRetrySeconds) + " s" +
+                          (config_.password.empty() ? ""
+                                                    : " (TCP MD5 signatures are on: a peer with another password, or "
+                                                      "none, does not answer)");
+             log(lastError_);
+          }
           // Connect: the attempt is abandoned and made again; Active: the next attempt starts.
           if (started_ && connections_.empty()) connectNow();
        },
@@ -240,6 +259,11 @@ void Neighbor::handleIncoming(Ovk::Ptr<Transport> transport) {
       reject(CeaseSubcode::connectionRejected, "the neighbor is stopped");
       return;
    }
+   if (heldIdle()) {
+      reject(CeaseSubcode::connectionRejected,
+             "held in Idle for " + std::to_string(idleHoldLeft()) + " s more after a rule limit's teardown");
+      return;
+   }
    // RFC 4271 section 6.8: a connection that collides with an established session is closed.
    for (auto const& c : connections_) {
       if (c->state == BgpState::established) {
@@ -259,6 +283,11 @@ void Neighbor::handleIncoming(Ovk::Ptr<Transport> transport) {
    addConnection(std::move(transport), Origin::remote);
 }
 
+void Neighbor::incomingRefused(std::string const& why) {
+   ++counters_.connectionsRefused;
+   lastError_ = why;
+}
+
 void Neighbor::addConnection(Ovk::Ptr<Transport> t, Origin origin) {
    auto c = Ovk::makePtr<Connection>(*this, std::move(t), origin);
    connections_.push_back(c);
@@ -276,6 +305,7 @@ void Neighbor::send(Connection& c, Bytes bytes, MessageType type) {
    case MessageType::update: ++counters_.updatesOut; break;
    case MessageType::keepalive: ++counters_.keepalivesOut; break;
    case MessageType::notification: ++counters_.notificationsOut; break;
+   case MessageType::routeRefresh: ++counters_.routeRefreshesOut; break;
    default: break;
    }
    c.transport->send(std::move(bytes));
@@ -447,7 +477,34 @@ void Neighbor::handleUpdate(Connection& c, MessageView const& m) {
       log("End-of-RIB received for " + familyName(*outcome.endOfRib));
    }
    for (std::size_t i = 0; i < outcome.familyCount; ++i) ++counters_.familyUpdatesIn[outcome.families[i]];
-   if (outcome.reset) closeConnection(c, *outcome.reset, "");
+   if (!outcome.reset) return;
+   // Held before the connection closes, so that the Idle it leaves the neighbor in stays.
+   if (outcome.idleHoldSeconds != 0) holdIdle(outcome.idleHoldSeconds);
+   closeConnection(c, *outcome.reset, "");
+}
+
+std::uint64_t Neighbor::idleHoldLeft() const {
+   auto const left = std::chrono::ceil<std::chrono::seconds>(idleHoldUntil_ - deps_.scheduler->now()).count();
+   return static_cast<std::uint64_t>(std::max<std::int64_t>(1, left));
+}
+
+void Neighbor::holdIdle(std::uint32_t seconds) {
+   if (idleHoldTimer_) deps_.scheduler->cancel(*idleHoldTimer_);
+   idleHoldUntil_ = deps_.scheduler->now() + std::chrono::seconds(seconds);
+   log("held in Idle for " + std::to_string(seconds) + " s");
+   idleHoldTimer_ = deps_.scheduler->postAfter(
+       std::chrono::seconds(seconds),
+       [this] {
+          idleHoldTimer_.reset();
+          if (!started_ || !connections_.empty()) return;
+          log("the hold in Idle is over");
+          if (config_.passive) {
+             transition(nullptr, BgpState::active);
+          } else {
+             connectNow();
+          }
+       },
+       "idle-hold");
 }
 
 void Neighbor::closeConnection(Connection& c, std::optional<Notification> notify, std::string const& reason) {
@@ -478,7 +535,7 @@ void Neighbor::closeConnection(Connection& c, std::optional<Notification> notify
 void Neighbor::enterIdle() {
    if (!connections_.empty()) return;
    cancelConnecting();
-   if (!started_) return;
+   if (!started_ || heldIdle()) return;
    // Automatic restart: a passive neighbor waits for the peer, an active one tries again
    // after connect-retry.
    transition(nullptr, BgpState::active);
@@ -491,6 +548,7 @@ NeighborStatus Neighbor::status() const {
    s.state = state();
    s.lastError = lastError_;
    s.counters = counters_;
+   if (heldIdle()) s.idleHoldSeconds = idleHoldLeft();
    Connection const* best = nullptr;
    for (auto const& c : connections_) {
       if (!best || c->state > best->state) best = c.ptr();

@@ -10,7 +10,9 @@
 // Every message error ends the connection with the NOTIFICATION RFC 4271 section 6 names.
 // When the last connection ends, the neighbor passes through Idle and starts again: a
 // passive neighbor waits in Active, an active one connects again after connect-retry.
-// stop() sends a Cease to every connection and stays Idle.
+// stop() sends a Cease to every connection and stays Idle. A session that ends for a rule
+// limit (UpdateOutcome::idleHoldSeconds) holds the neighbor in Idle that long first: no
+// connection is made, and those the peer makes are refused.
 //
 // Everything runs on the scheduler's task thread.
 #pragma once
@@ -48,8 +50,10 @@ class Neighbor;
 
 // What the UPDATE sink made of one UPDATE, for the session.
 struct UpdateOutcome {
-   // The session ends with this NOTIFICATION (RFC 7606 session reset).
+   // The session ends with this NOTIFICATION (RFC 7606 session reset, a rule limit).
    std::optional<Notification> reset;
+   // With a reset: the neighbor then stays down this long (a rule limit's restart time).
+   std::uint32_t idleHoldSeconds = 0;
    // The UPDATE was the End-of-RIB marker of this family (RFC 4724 section 2).
    std::optional<AfiSafi> endOfRib;
    // The families whose routes or withdrawals it carried (IPv4 unicast fields, MP_REACH_NLRI,
@@ -94,6 +98,8 @@ struct NeighborCounters {
    std::uint64_t notificationsIn = 0;
    std::uint64_t notificationsOut = 0;
    std::uint64_t routeRefreshesIn = 0;
+   std::uint64_t routeRefreshesOut = 0;
+   std::uint64_t connectionsRefused = 0; // from the neighbor's address, closed before its FSM saw them
    std::uint64_t establishedTransitions = 0;
    // UPDATEs that carry routes or withdrawals of a family (End-of-RIB markers not counted).
    std::map<AfiSafi, std::uint64_t> familyUpdatesIn;
@@ -112,6 +118,8 @@ struct NeighborStatus {
    std::uint32_t remoteRouterId = 0;
    std::optional<Endpoint> localEndpoint;
    std::optional<Endpoint> remoteEndpoint;
+   // Seconds left of a hold in Idle after a rule limit's teardown; 0 when none.
+   std::uint64_t idleHoldSeconds = 0;
 };
 
 // What the agent is: our AS, identifier and the source address of our connections.
@@ -141,12 +149,16 @@ class Neighbor : public Ovk::PtrInterface {
    void stop(Notification const& why);
    // A TCP connection accepted from this neighbor's address.
    void handleIncoming(Ovk::Ptr<Transport> transport);
+   // A connection from the neighbor's address that the agent closed before it reached the
+   // neighbor (ttl-security): counted, and `why` becomes the last error. The caller logs it.
+   void incomingRefused(std::string const& why);
 
    BgpState state() const;
    NeighborConfig const& config() const { return config_; }
    // Takes what changes without a new session: the description, the connect-retry time
-   // (from the next attempt on) and the minimum advertisement interval (whose user reads it
-   // at the next session). The rest of `config` must be as it is.
+   // (from the next attempt on), the minimum advertisement interval (whose user reads it at
+   // the next session) and what the neighbor may import (which the routing applies). The
+   // rest of `config` must be as it is.
    void softConfigIs(NeighborConfig const& config);
    NeighborStatus status() const;
    // True while some connection is open.
@@ -178,6 +190,11 @@ class Neighbor : public Ovk::PtrInterface {
    void transition(Connection* c, BgpState to);
    void enterEstablished(Connection& c);
    void enterIdle();
+   // Holds the neighbor in Idle for `seconds` from now.
+   void holdIdle(std::uint32_t seconds);
+   bool heldIdle() const { return idleHoldTimer_.has_value(); }
+   // Whole seconds left of the hold, at least 1.
+   std::uint64_t idleHoldLeft() const;
    void log(std::string const& event) const;
 
    NeighborConfig config_;
@@ -189,6 +206,8 @@ class Neighbor : public Ovk::PtrInterface {
    BgpState reportedState_ = BgpState::idle; // the state last logged
    Ovk::Ptr<ConnectAttempt> attempt_;
    std::optional<Ovk::TaskId> connectRetryTimer_;
+   std::optional<Ovk::TaskId> idleHoldTimer_;
+   Ovk::Clock::time_point idleHoldUntil_{};
    std::vector<Ovk::Ptr<Connection>> connections_;
    std::string lastError_;
    NeighborCounters counters_;

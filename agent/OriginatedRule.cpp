@@ -1,4 +1,5 @@
 #include "agent/OriginatedRule.h"
+#include "host/bgp/ImportPolicy.h"
 
 #include <algorithm>
 #include <bit>
@@ -34,9 +35,6 @@ constexpr std::uint16_t kTrafficMarking = 0x8009;
 constexpr std::uint16_t kRedirectIpv4 = 0x010c;
 constexpr std::uint16_t kRedirectNexthop = 0x0800;
 constexpr std::uint8_t kRedirectIpv6Subtype = 0x0c;
-
-constexpr std::array<std::string_view, 8> kActionWords{"discard",  "rate-limit",   "mark",        "sample",
-                                                       "terminal", "redirect-vrf", "redirect-ip", "redirect-nexthop"};
 
 std::vector<std::string> wordsOf(std::string_view text) {
    std::vector<std::string> words;
@@ -159,9 +157,7 @@ struct Reading {
          if (auto e = take(redirect, action)) return e;
          out.extComms.push_back(typeSubtype(kRedirectNexthop));
       } else {
-         std::string known;
-         for (auto k : kActionWords) known += (known.empty() ? "" : ", ") + std::string(k);
-         return "unknown action \"" + action + "\" (known: " + known + ")";
+         return "unknown action \"" + action + "\" (known: " + Routing::Bgp::ruleActionNamesText() + ")";
       }
       return std::nullopt;
    }
@@ -211,7 +207,7 @@ Ovk::Result<RuleCommunities, std::string> communitiesOf(AfiSafi family, std::vec
 std::vector<std::string> actionsOfWords(std::vector<std::string> const& words) {
    std::vector<std::string> actions;
    for (auto const& w : words) {
-      bool const starts = std::find(kActionWords.begin(), kActionWords.end(), w) != kActionWords.end();
+      bool const starts = Routing::Bgp::ruleActionFromName(w).has_value();
       if (starts || actions.empty()) {
          actions.push_back(w);
       } else {

@@ -16,6 +16,29 @@ nlohmann::json familyCounts(std::map<AfiSafi, std::uint64_t> const& counts) {
    return obj;
 }
 
+// What the neighbor may import, as configured: null for each thing not limited.
+nlohmann::json importPolicyJson(NeighborConfig const& n) {
+   nlohmann::json j;
+   j["name"] = n.importPolicy.empty() ? nlohmann::json(nullptr) : nlohmann::json(n.importPolicy);
+   if (n.policy.destinations) {
+      j["allowedDestinations"] = nlohmann::json::array();
+      for (PrefixRange const& r : *n.policy.destinations) j["allowedDestinations"].push_back(r.str());
+   } else {
+      j["allowedDestinations"] = nullptr;
+   }
+   j["allowedActions"] = n.policy.actions ? nlohmann::json(n.policy.actions->names()) : nlohmann::json(nullptr);
+   j["minimumRate"] = n.policy.minimumRate ? nlohmann::json(*n.policy.minimumRate) : nlohmann::json(nullptr);
+   if (n.maxRules) {
+      j["maxRules"] = {{"limit", n.maxRules->maxRules},
+                       {"action", toStrep(n.maxRules->action)},
+                       {"restartSeconds", n.maxRules->restartSeconds},
+                       {"warningPercent", n.maxRules->warningPercent}};
+   } else {
+      j["maxRules"] = nullptr;
+   }
+   return j;
+}
+
 std::string idText(std::uint32_t id) {
    if (id == 0) return "";
    return Ovnet::IpGenAddr::ipv4(id).str();
@@ -34,6 +57,7 @@ nlohmann::json neighborJson(NeighborStatus const& s) {
    j["state"] = stateName(s.state);
    j["uptimeSeconds"] = s.uptimeSeconds;
    j["lastError"] = s.lastError;
+   j["idleHoldSeconds"] = s.idleHoldSeconds;
    j["messagesIn"] = c.messagesIn;
    j["messagesOut"] = c.messagesOut;
    j["updatesIn"] = c.updatesIn;
@@ -43,6 +67,8 @@ nlohmann::json neighborJson(NeighborStatus const& s) {
    j["notificationsIn"] = c.notificationsIn;
    j["notificationsOut"] = c.notificationsOut;
    j["routeRefreshesIn"] = c.routeRefreshesIn;
+   j["routeRefreshesOut"] = c.routeRefreshesOut;
+   j["connectionsRefused"] = c.connectionsRefused;
    j["establishedTransitions"] = c.establishedTransitions;
    j["families"] = familyList(s.negotiated.families);
    j["configuredFamilies"] = familyList(s.config.families);
@@ -53,6 +79,9 @@ nlohmann::json neighborJson(NeighborStatus const& s) {
    j["localEndpoint"] = s.localEndpoint ? nlohmann::json(s.localEndpoint->str()) : nlohmann::json(nullptr);
    j["remoteEndpoint"] = s.remoteEndpoint ? nlohmann::json(s.remoteEndpoint->str()) : nlohmann::json(nullptr);
    j["familyUpdatesIn"] = familyCounts(c.familyUpdatesIn);
+   j["tcpMd5"] = !s.config.password.empty(); // the password itself is never shown
+   j["ttlSecurity"] = s.config.ttlSecurity ? nlohmann::json(s.config.ttlSecurityHops) : nlohmann::json(nullptr);
+   j["importPolicy"] = importPolicyJson(s.config);
    j["endOfRibIn"] = familyCounts(c.endOfRibIn);
    return j;
 }

@@ -11,11 +11,19 @@
 //   "holdTime", "keepaliveTime" (negotiated; 0 unless Established),
 //   "remoteRouterId" ("" unless Established), "localEndpoint", "remoteEndpoint"
 //   ("ADDR:PORT" of the current connection, or null),
-//   "familyUpdatesIn" and "endOfRibIn" (objects from family name to count).
+//   "familyUpdatesIn" and "endOfRibIn" (objects from family name to count),
+//   "routeRefreshesOut", "connectionsRefused" (closed before the FSM: ttl-security),
+//   "idleHoldSeconds" (left of a hold in Idle after a rule limit's teardown; 0: none),
+//   "tcpMd5" (true when a password is set; the password is never shown), "ttlSecurity"
+//   (the hops, or null), "importPolicy" ({"name", "allowedDestinations", "allowedActions",
+//   "minimumRate", "maxRules": {"limit", "action", "restartSeconds", "warningPercent"}}, each
+//   null when not limited).
 // The agent adds, from its routing (objects from family name to count): "rulesReceived",
-// "rulesAccepted", "fsibRefusals", and what the RIB-outs sent over all sessions:
-// "familyUpdatesOut" (UPDATEs, End-of-RIB aside), "rulesSent" (NLRI announced) and
-// "rulesAdvertised" (rules the current session holds from us), "endOfRibOut".
+// "rulesAccepted", "fsibRefusals", "import" (RoutingShow.h importJson), and what the
+// RIB-outs sent over all sessions: "familyUpdatesOut" (UPDATEs, End-of-RIB aside),
+// "rulesSent" (NLRI announced) and "rulesAdvertised" (rules the current session holds from
+// us), "endOfRibOut"; and beside "neighbors", "strangersClosed": connections from addresses
+// that are no neighbor, closed at once.
 #pragma once
 
 #include <nlohmann/json.hpp>

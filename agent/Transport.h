@@ -8,6 +8,7 @@
 #include <string>
 
 #include "agent/Config.h"
+#include "agent/TcpSecurity.h"
 #include "host/bgp/ByteCursor.h"
 #include "host/fwk/Ptr.h"
 #include "host/net/IpGenAddr.h"
@@ -56,13 +57,17 @@ class ConnectAttempt : public Ovk::PtrInterface {
    ~ConnectAttempt() override = default;
 };
 
+// What the sessions of neighbor `n` are held to on TCP.
+inline TcpSecurity tcpSecurityOf(NeighborConfig const& n) { return {n.password, n.ttlSecurity, n.ttlSecurityHops}; }
+
 class Connector : public Ovk::PtrInterface {
  public:
    // Runs once on the task thread: a transport, or none and the reason.
    using Done = std::function<void(Ovk::Ptr<Transport>, std::string const& error)>;
-   // Opens a TCP connection to `remote`, from `local` when given.
+   // Opens a TCP connection to `remote`, from `local` when given, held to `security` from its
+   // first segment on (a failure to set it up is the attempt's error).
    virtual Ovk::Ptr<ConnectAttempt> connect(Endpoint const& remote, std::optional<Ovnet::IpGenAddr> local,
-                                            Done done) = 0;
+                                            TcpSecurity const& security, Done done) = 0;
 
  protected:
    ~Connector() override = default;

@@ -282,6 +282,7 @@ class Sink : public Routing::Bgp::BgpPeerOutput {
  public:
    void sendUpdate(std::span<std::uint8_t const>) override {}
    void sendEndOfRib(AfiSafi) override {}
+   void sendRouteRefresh(AfiSafi) override {}
    std::size_t queuedBytes() const override { return 0; }
    void drainedCallbackIs(std::function<void()>) override {}
 };

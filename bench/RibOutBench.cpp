@@ -41,6 +41,7 @@ class CountingOutput : public BgpPeerOutput {
       bytes += m.size();
    }
    void sendEndOfRib(AfiSafi) override { ++endOfRibs; }
+   void sendRouteRefresh(AfiSafi) override {}
    std::size_t queuedBytes() const override { return 0; }
    void drainedCallbackIs(std::function<void()>) override {}
    std::uint64_t messages = 0;

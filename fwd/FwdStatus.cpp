@@ -1,6 +1,8 @@
 #include "fwd/FwdStatus.h"
+#include "host/fwk/FileTrust.h"
 #include "host/fwk/JsonText.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -33,15 +35,31 @@ bool writeStatusFile(std::string const& path, std::string const& table, std::str
    std::error_code ec;
    std::filesystem::path const p(path);
    if (p.has_parent_path()) std::filesystem::create_directories(p.parent_path(), ec);
+   // The process runs as root: a directory another user could write would let them swap the
+   // file, or put a link where the temporary one goes and have root write through it.
+   if (std::string const why = Ovk::pathTrustProblem(path); !why.empty()) {
+      if (error != nullptr) *error = "not writing the status file: " + why;
+      return false;
+   }
    std::string const tmp = path + ".tmp";
-   {
-      std::ofstream out(tmp, std::ios::trunc);
-      out << Ovk::jsonText(j) << '\n';
-      if (!out) {
-         if (error != nullptr) *error = "cannot write " + tmp + ": " + std::strerror(errno);
+   std::string const text = Ovk::jsonText(j) + '\n';
+   int const fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+   if (fd < 0) {
+      if (error != nullptr) *error = "cannot write " + tmp + ": " + std::strerror(errno);
+      return false;
+   }
+   std::size_t done = 0;
+   while (done < text.size()) {
+      ssize_t const n = ::write(fd, text.data() + done, text.size() - done);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+         if (error != nullptr) *error = "cannot write " + tmp + ": " + std::strerror(n < 0 ? errno : EIO);
+         ::close(fd);
          return false;
       }
+      done += static_cast<std::size_t>(n);
    }
+   ::close(fd);
    if (std::rename(tmp.c_str(), path.c_str()) != 0) {
       if (error != nullptr) *error = "cannot rename " + tmp + ": " + std::strerror(errno);
       return false;

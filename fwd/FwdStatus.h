@@ -37,7 +37,9 @@ struct StatusFile {
 // The default place: /run/flowspec-fwd/TABLE.json.
 std::string defaultStatusPath(std::string const& table);
 
-// Writes the file (creating its directory); false with `error` set when it cannot.
+// Writes the file (creating its directory); false with `error` set when it cannot, or when
+// another user could swap it (Ovk::pathTrustProblem: a link, or a directory on the way that
+// others may write), which is then not written.
 bool writeStatusFile(std::string const& path, std::string const& table, std::string const& segment,
                      std::uint64_t generation, std::vector<RuleStatus> const& rules, std::string* error);
 // Reads it; empty with `error` set when it is missing or not such a file.

@@ -14,7 +14,7 @@ for bin in build/fuzz/fuzz/*Fuzz; do
   override="FUZZ_SECONDS_$name"
   time="${!override:-$seconds}"
   case "$name" in
-    FlowspecParseNlriFuzz|BgpUpdateDecoderFuzz|BgpMessageFuzz|BgpCaptureFuzz|OriginatedRuleFuzz) max_len=65535 ;;
+    FlowspecParseNlriFuzz|BgpUpdateDecoderFuzz|BgpMessageFuzz|BgpCaptureFuzz|OriginatedRuleFuzz|UnicastNlriFuzz) max_len=65535 ;;
     ControlRequestFuzz) max_len=65536 ;;
     *) max_len=4096 ;;
   esac

@@ -7,21 +7,37 @@
 // peer's received paths are made, put into the VRF's RibTable under the session's RibSource,
 // and counted. The paths themselves live in that RibTable: the adjacency RIB-in of a peer is
 // the set of its paths there.
+//
+// Import decisions hang here too, before best path (host/bgp/ImportPolicy.h): a RIB-in given
+// an ImportControl refuses what its policy does not allow and what its limits do not leave
+// room for, counted per reason; one without (the usual case) pays one pointer test per route.
+// Refused routes are not kept in the RIB; those refused by policy are kept aside, up to
+// kRefusedKept, to be shown with their reason.
+//
+// A RIB-in given a RuleValidation (host/bgp/Validation.h) judges each route against the
+// unicast table after the import policy and limits: an infeasible route is kept aside
+// (every one: a unicast change can make it feasible without the peer sending it again), is
+// no candidate for best path, and is shown with its reason; revalidate() judges one again.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 #include "host/bgp/AfiSafi.h"
 #include "host/bgp/BgpParse.h"
 #include "host/bgp/BgpUpdateDecoder.h"
 #include "host/bgp/BgpVrfId.h"
+#include "host/bgp/ImportPolicy.h"
 #include "host/bgp/PathAttributes.h"
 #include "host/bgp/Rib.h"
 #include "host/bgp/RouteKey.h"
+#include "host/bgp/Validation.h"
 #include "host/fwk/Notification.h"
 #include "host/fwk/Ptr.h"
 
@@ -126,28 +142,88 @@ class AdjRibin : public Ovk::PtrInterface, public Ovk::NotificationSwitch {
    RibTable* ribTable() const { return ribTable_.ptr(); }
    void ribTableIs(Ovk::Ptr<RibTable> table) { ribTable_ = std::move(table); }
 
+   // What became of an announcement.
+   enum class Announced : std::uint8_t {
+      path,     // the key's path of the session is the new one
+      noPath,   // the family made no path of it
+      refused,  // import refused it: the session has no path of the key now (a path it had
+                // goes, the announcement replacing it)
+      teardown, // it would take the session past its limit, whose action is teardown:
+                // nothing changed, and the session must end (Cease 6/1, RFC 4486)
+   };
    // A received NLRI with the interned attributes of its UPDATE: the family makes its path,
-   // which replaces the session's path of the key. False when no path was made.
-   bool announce(BgpParseNlriResults const& nlri, Ovk::Ptr<RtAttr const> const& attrs);
-   // A withdrawn key: the session's path of it goes. False (and counted) when the session
-   // had none.
+   // which replaces the session's path of the key once import allows it.
+   Announced announce(BgpParseNlriResults const& nlri, Ovk::Ptr<RtAttr const> const& attrs);
+   // A withdrawn key: the session's path of it goes. False when the session had none:
+   // counted as unknown, unless the key is one kept aside as refused (which it leaves).
    bool withdraw(RouteKey const& key);
+
+   // What the session may import; null (the default) imports every path. Checked at each
+   // announcement from now on; reimportSome applies a new policy to the paths held. The
+   // routes kept aside take the new policy's reasons, and leave when it allows them.
+   void importControlIs(Ovk::Ptr<ImportControl const> control);
+   ImportControl const* importControl() const { return control_.ptr(); }
+   // Takes out of the RIB the session's paths the policy now refuses, counted and kept aside
+   // as at announce: a slice of at most `budget` keys of the table's order from `cursor`
+   // (RibTable::pathDelSome; null starts the walk, null again when it is done). Limits are
+   // not applied again: what a session holds past a lowered limit stays, and the limit
+   // holds the routes that come. The number taken out.
+   std::size_t reimportSome(Ovk::Ptr<RouteKey const>& cursor, std::size_t budget);
+
+   // Validation against the unicast table; null (the default): none. A new validation judges
+   // the routes kept aside as infeasible again (without one they come in); the paths held
+   // are judged by reimportSome.
+   void validationIs(Ovk::Ptr<RuleValidation> validation);
+   RuleValidation* validation() const { return validation_.ptr(); }
+   // Judges `rule` again (a unicast change concerns it): it enters the RIB when it became
+   // feasible, leaves it, kept aside, when it is no longer.
+   void revalidate(RouteKey const& rule);
+   // Routes kept aside as infeasible.
+   std::size_t infeasible() const { return infeasible_.size(); }
+
+   // A route refused by policy, kept aside while the peer announces it.
+   struct Refused {
+      Ovk::Ptr<RouteKey const> key;
+      Ovk::Ptr<RtAttr const> attrs;
+      ImportRefusal reason;
+   };
+   // At most this many per RIB-in; refusals beyond are counted only.
+   static constexpr std::size_t kRefusedKept = 1024;
+   // The routes kept aside, in the family's order.
+   std::vector<Refused> refused() const;
+   // Refusals by policy that found no room aside.
+   std::uint64_t refusedNotKept() const { return refusedNotKept_; }
 
    struct Counters {
       std::uint64_t announced = 0;           // paths made
       std::uint64_t withdrawn = 0;           // paths withdrawn
       std::uint64_t unknownWithdrawals = 0;  // withdrawals of keys the session never announced
+      ImportRefusalCounts refused{};         // announcements (and held paths) refused, by reason
+      std::uint64_t limitWarnings = 0;       // crossings of the limit's warning share
+      std::uint64_t limitExceeded = 0;       // crossings of the limit (see LimitEvent::exceeded)
+      std::uint64_t becameFeasible = 0;      // routes a unicast change let in
+      std::uint64_t becameInfeasible = 0;    // routes a unicast change took out
+      std::uint64_t refusedTotal() const {
+         std::uint64_t n = 0;
+         for (std::uint64_t const r : refused) n += r;
+         return n;
+      }
       Counters& operator+=(Counters const& o) {
          announced += o.announced;
          withdrawn += o.withdrawn;
          unknownWithdrawals += o.unknownWithdrawals;
+         for (std::size_t i = 0; i < refused.size(); ++i) refused[i] += o.refused[i];
+         limitWarnings += o.limitWarnings;
+         limitExceeded += o.limitExceeded;
+         becameFeasible += o.becameFeasible;
+         becameInfeasible += o.becameInfeasible;
          return *this;
       }
    };
    Counters const& counters() const { return counters_; }
 
  protected:
-   ~AdjRibin() override = default;
+   ~AdjRibin() override;
 
  private:
    AdjRibinType type_;
@@ -156,8 +232,31 @@ class AdjRibin : public Ovk::PtrInterface, public Ovk::NotificationSwitch {
    Ovk::Ptr<BgpInputDedupTables const> inputTables_;
    Ovk::Ptr<BgpInputAfiSafiAttributeModificationPluginBase const> attributeModification_;
    RibSource source_ = kLocalRibSource;
+   // The import decision of a path the session has none of yet, or of one it replaces:
+   // nothing when it may come in.
+   std::optional<Announced> importCheck(RouteKey const& key, Ovk::Ptr<RtAttr const> const& attrs);
+   // After a path came in: the warning shares reached, the key no longer kept aside.
+   void imported(RouteKey const& key);
+   std::optional<ImportRefusal> actionRefusal(Ovk::Ptr<RtAttr const> const& attrs);
+   // Counts a refusal of `key`, and keeps it aside when `keep` and there is room.
+   void noteRefusal(RouteKey const& key, Ovk::Ptr<RtAttr const> attrs, ImportRefusal why, bool keep);
+   void hear(LimitEvent::Kind kind, std::uint64_t held, RuleLimit const& limit) const;
+
    Ovk::Ptr<RibTable> ribTable_;
    Counters counters_;
+   Ovk::Ptr<ImportControl const> control_;
+   // Where the session's count stands against its limit: each crossing is heard once.
+   bool limitReached_ = false;
+   bool aboveWarning_ = false;
+   // The action decision of the last attribute set (an UPDATE's routes share one).
+   Ovk::Ptr<RtAttr const> lastAttrs_;
+   std::optional<ImportRefusal> lastActionRefusal_;
+   std::unordered_map<RouteKey const*, Refused> refused_;
+   std::uint64_t refusedNotKept_ = 0;
+   Ovk::Ptr<RuleValidation> validation_;
+   std::unordered_map<RouteKey const*, Refused> infeasible_;
+   // The session's path of `key` goes out of validation's sight (withdrawn, refused).
+   void forgetRule(RouteKey const& key);
 };
 
 // The RIB-ins of one session, by NLRI type.

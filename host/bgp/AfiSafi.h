@@ -33,6 +33,8 @@ class AfiSafi {
 
    static constexpr AfiSafi ipv4Flowspec() noexcept { return {Afi::afiIpv4, Safi::flowspec}; }
    static constexpr AfiSafi ipv6Flowspec() noexcept { return {Afi::afiIpv6, Safi::flowspec}; }
+   static constexpr AfiSafi ipv4Unicast() noexcept { return {Afi::afiIpv4, Safi::unicast}; }
+   static constexpr AfiSafi ipv6Unicast() noexcept { return {Afi::afiIpv6, Safi::unicast}; }
 
    constexpr std::uint32_t value() const noexcept { return value_; }
    constexpr Afi afi() const noexcept { return static_cast<Afi>(value_ >> 8); }
@@ -55,6 +57,8 @@ std::ostream& operator<<(std::ostream& os, AfiSafi afiSafi);
 // The host's NLRI types, one per address family whose NLRI it parses.
 enum class NlriType : std::uint8_t {
    nlriTypeUnknown = 0,
+   ipv4Unicast = 1,
+   ipv6Unicast = 2,
    ipv4Flowspec = 20,
    ipv6Flowspec = 21,
 };
@@ -63,6 +67,8 @@ enum class NlriType : std::uint8_t {
 constexpr NlriType fromAfiSafi(AfiSafi afiSafi) noexcept {
    if (afiSafi == AfiSafi::ipv4Flowspec()) return NlriType::ipv4Flowspec;
    if (afiSafi == AfiSafi::ipv6Flowspec()) return NlriType::ipv6Flowspec;
+   if (afiSafi == AfiSafi::ipv4Unicast()) return NlriType::ipv4Unicast;
+   if (afiSafi == AfiSafi::ipv6Unicast()) return NlriType::ipv6Unicast;
    return NlriType::nlriTypeUnknown;
 }
 

@@ -133,6 +133,8 @@ std::string familyName(AfiSafi f) {
 std::optional<AfiSafi> familyFromName(std::string_view name) {
    if (name == "ipv4-flowspec") return kIpv4Flowspec;
    if (name == "ipv6-flowspec") return kIpv6Flowspec;
+   if (name == "ipv4-unicast") return kIpv4Unicast;
+   if (name == "ipv6-unicast") return kIpv6Unicast;
    return std::nullopt;
 }
 
@@ -165,6 +167,15 @@ Notification ceaseWithMessage(std::uint8_t subcode, std::string_view message) {
    std::transform(message.begin(), message.begin() + static_cast<std::ptrdiff_t>(len), n.data.begin() + 1,
                   [](char c) { return static_cast<std::uint8_t>(c); });
    return n;
+}
+
+Notification ceaseMaxPrefixes(AfiSafi family, std::uint32_t limit) {
+   std::uint16_t const afi = afiNumber(family);
+   return Notification{ErrorCode::cease,
+                       CeaseSubcode::maxPrefixes,
+                       {static_cast<std::uint8_t>(afi >> 8), static_cast<std::uint8_t>(afi), family.safi(),
+                        static_cast<std::uint8_t>(limit >> 24), static_cast<std::uint8_t>(limit >> 16),
+                        static_cast<std::uint8_t>(limit >> 8), static_cast<std::uint8_t>(limit)}};
 }
 
 Ovk::Result<Header, Notification> parseHeader(ByteView header, std::size_t maxMessageSize) {

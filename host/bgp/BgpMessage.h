@@ -59,9 +59,11 @@ constexpr std::uint16_t afiNumber(AfiSafi f) { return static_cast<std::uint16_t>
 inline constexpr AfiSafi kIpv4Flowspec = AfiSafi::ipv4Flowspec();
 inline constexpr AfiSafi kIpv6Flowspec = AfiSafi::ipv6Flowspec();
 inline constexpr AfiSafi kIpv4Unicast = afiSafi(1, Safi::unicast);
-// "ipv4-flowspec", "ipv6-flowspec"; other families as "afi/safi" numbers ("1/1").
+inline constexpr AfiSafi kIpv6Unicast = afiSafi(2, Safi::unicast);
+// "ipv4-flowspec", "ipv6-flowspec", "ipv4-unicast", ...; other families as "afi/safi"
+// numbers ("1/4").
 std::string familyName(AfiSafi f);
-// The flowspec family of a configuration name; nothing for any other text.
+// The family of a configuration name (flowspec or unicast); nothing for any other text.
 std::optional<AfiSafi> familyFromName(std::string_view name);
 
 // NOTIFICATION error codes (RFC 4271 section 4.5, RFC 7313) and the subcodes the agent uses
@@ -103,6 +105,9 @@ struct Notification {
 std::string notificationText(Notification const& n);
 // A Cease with an RFC 8203 shutdown communication (cut to 255 bytes), as peers send them.
 Notification ceaseWithMessage(std::uint8_t subcode, std::string_view message);
+// Cease "Maximum Number of Prefixes Reached" (RFC 4486 section 4): its data the family
+// (AFI 2 bytes, SAFI 1 byte) and the limit (4 bytes).
+Notification ceaseMaxPrefixes(AfiSafi family, std::uint32_t limit);
 
 // The fixed header. `length` covers the whole message, header included.
 struct Header {

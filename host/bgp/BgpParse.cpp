@@ -84,6 +84,10 @@ constexpr ReasonText reasonText(BgpParseCountReason reason) {
    case R::missingAsPath: return {"missingAsPath", "AS_PATH missing"};
    case R::missingNextHop: return {"missingNextHop", "NEXT_HOP missing"};
    case R::nlriPathIdShort: return {"nlriPathIdShort", "path identifier cut short"};
+   case R::unicastPrefixLength: return {"unicastPrefixLength", "unicast prefix length beyond the address size"};
+   case R::unicastPrefixShort: return {"unicastPrefixShort", "unicast prefix cut short"};
+   case R::unicastNotNegotiated:
+      return {"unicastNotNegotiated", "IPv4 unicast routes of a session without ipv4-unicast skipped"};
    case R::flowspecNlriLenMissing: return {"flowspecNlriLenMissing", ""};
    case R::flowspecNlriLenMismatch: return {"flowspecNlriLenMismatch", ""};
    case R::flowspecComponentTypeMissing: return {"flowspecComponentTypeMissing", ""};

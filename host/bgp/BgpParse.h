@@ -154,6 +154,10 @@ enum class BgpParseCountReason : std::uint16_t {
    missingAsPath = 32,
    missingNextHop = 33,
    nlriPathIdShort = 34, // RFC 7911: no room for a path identifier
+   // Unicast NLRI (RFC 4271 section 4.3, RFC 4760 section 5).
+   unicastPrefixLength = 35,   // a prefix length beyond the address size
+   unicastPrefixShort = 36,    // the field ends inside a prefix
+   unicastNotNegotiated = 37,  // IPv4 unicast routes of a session that did not negotiate it: skipped
    // Flowspec NLRI (RFC 8955 section 4, RFC 8956 section 3).
    flowspecNlriLenMissing = 215,       // no length field, or no second length byte
    flowspecNlriLenMismatch = 216,      // the length runs past the attribute, or a component past the length

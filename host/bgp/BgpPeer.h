@@ -43,6 +43,8 @@ class BgpPeerOutput {
    virtual void sendUpdate(std::span<std::uint8_t const> message) = 0;
    // Queues the End-of-RIB marker of `family` (RFC 4724 section 2).
    virtual void sendEndOfRib(AfiSafi family) = 0;
+   // Queues a ROUTE-REFRESH for `family` (RFC 2918): the peer is asked for its routes again.
+   virtual void sendRouteRefresh(AfiSafi family) = 0;
    // Bytes queued and not yet written to the peer.
    virtual std::size_t queuedBytes() const = 0;
    // `drained` runs on the task thread each time the queue has been written out; empty: no

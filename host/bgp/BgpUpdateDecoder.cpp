@@ -223,6 +223,9 @@ class BgpUpdateDecoder::Run {
    void mpUnreach(BgpParsePktPosition value, std::span<std::uint8_t const> whole);
    void nlriField(BgpParsePktPosition field, AfiSafi family, bool reachable, std::span<std::uint8_t const> whole);
    void mandatoryAttributes();
+   // The withdrawn routes and the NLRI field, once both are known to frame: IPv4 unicast
+   // routes, read by the family's rule when the session has one.
+   void bodyNlri();
 
    // The decisions. `count`: false for reasons a family's rule counted already.
    void discard(Reason reason, std::uint8_t type) { record(reason, BgpUpdateAction::attributeDiscard, type, true); }
@@ -328,6 +331,43 @@ void BgpUpdateDecoder::Run::decode() {
       return reset(Reason::nlriInvalid, kUpdateMessageError, subcodeByte(Subcode::invalidNetworkField), {});
    }
    mandatoryAttributes();
+   bodyNlri();
+}
+
+void BgpUpdateDecoder::Run::bodyNlri() {
+   if (out_.withdrawnRoutes.empty() && out_.ipv4Nlri.empty()) return;
+   constexpr AfiSafi kFamily = AfiSafi::ipv4Unicast();
+   Family const* const f = family(kFamily);
+   BgpParseUpdateNlriRuleBase const* const rule = f ? f->collections->nlriSubRule({kFamily, false}) : nullptr;
+   if (!rule) {
+      // A session without ipv4-unicast: its routes are skipped and counted on the session,
+      // not recorded as an error of the UPDATE (logged per UPDATE, a full table would be a
+      // million lines).
+      ++d_.counters_.reasons[Reason::unicastNotNegotiated];
+      return;
+   }
+   for (bool const reachable : {false, true}) {
+      BgpParsePktPosition field(reachable ? out_.ipv4Nlri : out_.withdrawnRoutes);
+      while (field.bytesLeft() > 0) {
+         std::span<std::uint8_t const> const given = field.rest();
+         BgpParsePktPosition work = field;
+         BgpParsePktPosition* const position = &work;
+         BgpParseUpdateNlriReturn const r = rule->inhale(d_.parseContext_, position, reachable, d_.results_);
+         // The field frames (checked above), and the unicast rule reads every prefix that
+         // frames; a rule that reads nothing or refuses ends the field here, its reason
+         // counted.
+         if (!r.routeKey || work.dataLeft() >= field.dataLeft()) {
+            out_.nlri.push_back({kFamily, reachable, 0, given, nullptr, results().lastReason(), given});
+            break;
+         }
+         std::span<std::uint8_t const> bytes;
+         field.consumeView(field.dataLeft() - work.dataLeft(), &bytes);
+         out_.nlri.push_back({kFamily, reachable && !r.treatAsUnreach, 0, bytes, r.routeKey, Reason::none, given});
+      }
+   }
+   bool const counted = (out_.mpReach.present && out_.mpReach.parsed && out_.mpReach.afiSafi == kFamily) ||
+                        (out_.mpUnreach.present && out_.mpUnreach.parsed && out_.mpUnreach.afiSafi == kFamily);
+   if (!counted) ++d_.counters_.families[kFamily].updates;
 }
 
 void BgpUpdateDecoder::Run::attributes(BgpParsePktPosition attrs) {

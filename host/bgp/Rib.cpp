@@ -301,23 +301,26 @@ std::size_t RibTable::pathDelAll(RibSource source) {
    return pathDelSome(source, cursor, SIZE_MAX);
 }
 
-std::size_t RibTable::pathDelSome(RibSource source, Ovk::Ptr<RouteKey const>& cursor, std::size_t budget) {
+std::size_t RibTable::pathDelSome(RibSource source, Ovk::Ptr<RouteKey const>& cursor, std::size_t budget,
+                                  PathFilter const& which) {
    if (pathsOf(source) == 0) {
       cursor = nullptr;
       return 0;
    }
    // Collect first: removing a key's last path takes it out of the order being walked.
    std::vector<RouteKey const*> keys;
+   auto const picked = [&](RouteKey const& key, RibPath const& path) { return !which || which(key, path); };
    auto it = cursor ? order_.lowerBound(*cursor) : order_.begin();
    for (std::size_t visited = 0; it != order_.end() && visited < budget; ++it, ++visited) {
       RouteKey const* key = *it;
-      if (key->ribSlot().bestSource == source) {
-         keys.push_back(key);
+      RibRouteSlot const& slot = key->ribSlot();
+      if (slot.bestSource == source) {
+         if (picked(*key, RibPath{attrsOf(slot), source})) keys.push_back(key);
          continue;
       }
       for (std::uint32_t i = othersOf(*key); i != 0; i = others_.at(i).next) {
          if (others_.at(i).source == source) {
-            keys.push_back(key);
+            if (picked(*key, others_.at(i).path())) keys.push_back(key);
             break;
          }
       }

@@ -96,12 +96,16 @@ class RibTable : public Ovk::PtrInterface {
    bool pathDel(RouteKey const& key, RibSource source);
    // Removes every path of `source`; the number removed.
    std::size_t pathDelAll(RibSource source);
-   // Removes the paths of `source` a slice at a time: visits at most `budget` keys of the
-   // table's order from `cursor` (null: the first key) and leaves `cursor` on the next key to
-   // visit, null once the walk is done (or the source has no path left). The number removed.
-   // The cursor holds its key, so it stays valid whatever changes between two slices; keys
-   // that enter before it meanwhile are not visited.
-   std::size_t pathDelSome(RibSource source, Ovk::Ptr<RouteKey const>& cursor, std::size_t budget);
+   // Which paths a walk removes: true for those to go. It must not change the table.
+   using PathFilter = std::function<bool(RouteKey const& key, RibPath const& path)>;
+   // Removes the paths of `source` a slice at a time (those `which` picks; every one when it
+   // is empty): visits at most `budget` keys of the table's order from `cursor` (null: the
+   // first key) and leaves `cursor` on the next key to visit, null once the walk is done (or
+   // the source has no path left). The number removed. The cursor holds its key, so it stays
+   // valid whatever changes between two slices; keys that enter before it meanwhile are not
+   // visited.
+   std::size_t pathDelSome(RibSource source, Ovk::Ptr<RouteKey const>& cursor, std::size_t budget,
+                           PathFilter const& which = {});
    // Tells the reactors of every key changed since the last flush.
    void flushChanges();
    std::size_t pendingChanges() const { return changed_.size(); }

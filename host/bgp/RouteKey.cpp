@@ -38,6 +38,12 @@ std::string RouteKeyBase::toStrepImpl() const {
    return std::move(os).str();
 }
 
+std::string RouteKeyBase::displayText() const {
+   std::ostringstream os;
+   formatWithoutVrf(os);
+   return std::move(os).str();
+}
+
 void RouteKeyBase::blinkPut(Ovk::Blink& blink) const {
    std::uint32_t const h = hash();
    blink.put(&h, sizeof(h));

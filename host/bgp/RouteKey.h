@@ -17,6 +17,7 @@
 #include <compare>
 #include <cstdint>
 #include <iosfwd>
+#include <optional>
 #include <span>
 #include <string>
 #include <utility>
@@ -29,6 +30,7 @@
 #include "host/fwk/Ptr.h"
 #include "host/fwk/String.h"
 #include "host/fwk/Trace.h"
+#include "host/net/IpGenAddr.h"
 
 namespace Flowspec {
 class FlowspecKey;
@@ -62,6 +64,9 @@ class RouteKeyBase : public Ovk::DedupHandle {
    virtual void formatWithoutVrf(std::ostream& os) const;
    // formatDerivedType as a string.
    virtual std::string toStrepImpl() const;
+   // The key as an operator writes it, without ids (a flowspec rule's text); by default
+   // formatWithoutVrf.
+   virtual std::string displayText() const;
 
    // Writes the key into the compact trace ring's current record (Ovk::Blink::begin has been
    // called). By default the key's 32-bit hash.
@@ -106,6 +111,17 @@ class RouteKeyBase : public Ovk::DedupHandle {
    virtual bool isOverlapping(RouteKeyBase const& other) const;
    virtual bool isMoreSpecific(RouteKeyBase const& other) const;
    virtual Ovk::Ptr<RouteKeyBase const> getOneBitShorterMaskRouteKey() const;
+
+   // For import policy (host/bgp/ImportPolicy.h): the smallest prefix that holds every
+   // destination address the key's routes concern, of the key's address family; empty when
+   // the key names no destination (a flowspec rule without a destination component, and
+   // every key of a family that does not answer: the default).
+   virtual std::optional<Ovnet::IpGenPrefix> importDestination() const { return std::nullopt; }
+   // For validation against the unicast table (host/bgp/Validation.h): the destination
+   // prefix a rule is judged by; empty when it has none that can be judged (none at all, or
+   // an IPv6 one with a non-zero offset, whose leading bits are wildcards), and for every
+   // key of a family that does not answer (the default).
+   virtual std::optional<Ovnet::IpGenPrefix> validationDestination() const { return std::nullopt; }
 
    // Detail display and comparison for the show commands; by default nothing more, and
    // compare().

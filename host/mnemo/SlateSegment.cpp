@@ -1,4 +1,5 @@
 #include "host/mnemo/SlateSegment.h"
+#include "host/fwk/FileTrust.h"
 
 #include <cerrno>
 #include <climits>
@@ -6,7 +7,6 @@
 #include <cstring>
 #include <csignal>
 #include <fcntl.h>
-#include <pwd.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -71,25 +71,6 @@ bool unlinkSlateSegment(std::string const& name) { return ::shm_unlink(name.c_st
 
 std::string segmentPath(std::string const& name) { return "/dev/shm" + name; }
 
-namespace {
-
-std::string userText(uid_t uid) {
-   std::string text = "uid " + std::to_string(uid);
-   struct passwd pw {};
-   struct passwd* found = nullptr;
-   char buf[1024];
-   if (::getpwuid_r(uid, &pw, buf, sizeof buf, &found) == 0 && found) text = std::string(found->pw_name) + " (" + text + ")";
-   return text;
-}
-
-std::string modeText(mode_t mode) {
-   char text[8];
-   std::snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode & 07777));
-   return text;
-}
-
-} // namespace
-
 std::string segmentTrustProblem(std::string const& name, int fd) {
    std::string const path = segmentPath(name);
    struct stat st {};
@@ -106,11 +87,11 @@ std::string segmentTrustProblem(std::string const& name, int fd) {
    if (::fstat(fd, &st) != 0) return "cannot read the owner of " + path + ": " + std::strerror(errno);
    if (!S_ISREG(st.st_mode)) return path + " is not a regular file";
    if (st.st_uid != ::geteuid()) {
-      return path + " belongs to user " + userText(st.st_uid) + ", not to this process's user " +
-             userText(::geteuid());
+      return path + " belongs to user " + Ovk::userText(st.st_uid) + ", not to this process's user " +
+             Ovk::userText(::geteuid());
    }
    if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-      return path + " may be written by other users (mode " + modeText(st.st_mode) + ")";
+      return path + " may be written by other users (mode " + Ovk::modeText(st.st_mode) + ")";
    }
    return {};
 }

@@ -1,5 +1,7 @@
 #include "host/plugin/PluginHost.h"
 
+#include "host/plugin/Unicast.h"
+
 #include <dlfcn.h>
 
 namespace Routing::Bgp::Plugin {
@@ -16,6 +18,7 @@ Ovk::Result<void*, std::string> loadPluginLibrary(std::string const& path) {
 Ovk::Ptr<Context> startPlugins(Context::Options options) {
    Ovk::Ptr<Context> context = Context::create(std::move(options));
    DefaultPluginLoader().initAll(context.ptr());
+   unicastFamiliesIs(*context);
    context->vrfIs(BgpL3VrfId::defaultVrfId(), "default");
    context->forwardingTargetsIs();
    return context;

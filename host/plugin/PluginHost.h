@@ -15,7 +15,8 @@ namespace Routing::Bgp::Plugin {
 // be loaded. The library stays loaded for the life of the process.
 Ovk::Result<void*, std::string> loadPluginLibrary(std::string const& path);
 
-// Builds the context, initialises every registered plugin with it, creates the default VRF
+// Builds the context, initialises every registered plugin with it and the host's unicast
+// families (host/plugin/Unicast.h), creates the default VRF
 // and starts the forwarding targets the plugins registered.
 Ovk::Ptr<Context> startPlugins(Context::Options options);
 

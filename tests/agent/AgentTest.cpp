@@ -16,6 +16,8 @@
 #include <sys/wait.h>
 #include <fstream>
 #include <unistd.h>
+#include <algorithm>
+#include <atomic>
 #include <thread>
 
 namespace Flowspecd {
@@ -42,16 +44,23 @@ void unlinkFsib(std::string const& prefix) {
    if (auto name = Mnemo::EntityManager(prefix).segmentName(Mnemo::fsibPath)) Mnemo::unlinkSlateSegment(*name);
 }
 
+// The configuration of an agent at `self` with one neighbor `peer`: `extra` holds more keys
+// of the neighbor, `top` more tables after it ([[rule]]s, say).
+std::string configText(std::string const& self, std::uint16_t port, std::string const& peer, std::uint16_t peerPort,
+                       std::uint32_t as, std::uint32_t peerAs, bool passive, std::string const& socket,
+                       std::string const& extra = "", std::string const& top = "") {
+   return "fsib-prefix = \"" + fsibPrefix(self.c_str() + 8) + "\"\n" + "router-id = \"" + self +
+          "\"\nlocal-as = " + std::to_string(as) + "\nlisten = [\"" + self + ":" + std::to_string(port) +
+          "\"]\ncontrol-socket = \"" + socket + "\"\n[[neighbor]]\naddress = \"" + peer +
+          "\"\nport = " + std::to_string(peerPort) + "\nremote-as = " + std::to_string(peerAs) +
+          "\nhold-time = 3\nconnect-retry = 1\npassive = " + (passive ? "true" : "false") + "\n" + extra + top;
+}
+
 AgentConfig config(std::string const& self, std::uint16_t port, std::string const& peer, std::uint16_t peerPort,
-                   std::uint32_t as, std::uint32_t peerAs, bool passive, std::string const& socket) {
-   std::string const text = "fsib-prefix = \"" + fsibPrefix(self.c_str() + 8) + "\"\n" + "router-id = \"" + self +
-                            "\"\nlocal-as = " + std::to_string(as) + "\nlisten = [\"" + self + ":" +
-                            std::to_string(port) + "\"]\ncontrol-socket = \"" + socket +
-                            "\"\n[[neighbor]]\naddress = \"" + peer + "\"\nport = " + std::to_string(peerPort) +
-                            "\nremote-as = " + std::to_string(peerAs) +
-                            "\nhold-time = 3\nconnect-retry = 1\npassive = " + (passive ? "true" : "false") + "\n";
-   auto r = parseConfig(text, "test");
-   EXPECT_TRUE(r.ok());
+                   std::uint32_t as, std::uint32_t peerAs, bool passive, std::string const& socket,
+                   std::string const& extra = "", std::string const& top = "") {
+   auto r = parseConfig(configText(self, port, peer, peerPort, as, peerAs, passive, socket, extra, top), "test");
+   EXPECT_TRUE(r.ok()) << (r.ok() ? "" : r.reason().front().str());
    return r.value();
 }
 
@@ -95,7 +104,8 @@ TEST(Agent, TwoAgentsPeerAndShowTheirSessions) {
    EXPECT_TRUE(waitFor(sockA, [](auto const& n) { return n["state"] == "Established"; }));
    auto const j = show(sockB);
    ASSERT_TRUE(j.is_object());
-   ASSERT_EQ(j.size(), 2u);
+   ASSERT_EQ(j.size(), 3u);
+   EXPECT_EQ(j["strangersClosed"], 0);
    EXPECT_EQ(j["summaryLabels"]["ipv4-flowspec"], nlohmann::json({{"received", "RulesRcd"}, {"accepted", "RulesAcc"}}));
    auto const& n = j["neighbors"][0];
    EXPECT_EQ(n["address"], "127.0.0.31");
@@ -377,6 +387,204 @@ TEST(ControlSocket, StaleFileIsReplacedButOthersAreKept) {
    ASSERT_FALSE(onFile.ok());
    EXPECT_NE(onFile.reason().find("is not a socket"), std::string::npos);
    std::remove(file.c_str());
+}
+
+// ---- At the edge ----
+
+// Two agents on loopback, `a` connecting to `b`, with neighbor keys of their own; the loop
+// runs in the test's thread.
+struct Pair {
+   Pair(char const* aAddress, char const* bAddress, std::string const& aExtra, std::string const& bExtra,
+        std::string const& aTop = "", std::string const& bTop = "")
+       : aAt(aAddress), bAt(bAddress), portA(freePort(aAddress)), portB(freePort(bAddress)),
+         sockA(testing::TempDir() + "/flowspecd-edge-" + aAt + ".sock"),
+         sockB(testing::TempDir() + "/flowspecd-edge-" + bAt + ".sock") {
+      a = Ovk::makePtr<Agent>(io, config(aAt, portA, bAt, portB, 65001, 65002, false, sockA, aExtra, aTop), logsA);
+      b = Ovk::makePtr<Agent>(io, config(bAt, portB, aAt, portA, 65002, 65001, true, sockB, bExtra, bTop), logsB);
+      EXPECT_TRUE(b->start().ok());
+      EXPECT_TRUE(a->start().ok());
+   }
+   ~Pair() {
+      a->stop();
+      b->stop();
+      io.run_for(100ms);
+      std::string const pa = a->config().fsibPrefix, pb = b->config().fsibPrefix;
+      a = nullptr;
+      b = nullptr;
+      unlinkFsib(pa);
+      unlinkFsib(pb);
+   }
+   // Runs the loop until `pred` holds, for at most `limit`.
+   template <class Pred>
+   bool runUntil(Pred pred, std::chrono::milliseconds limit = 5s) {
+      for (auto waited = 0ms; waited < limit; waited += 50ms) {
+         if (pred()) return true;
+         io.run_for(50ms);
+      }
+      return pred();
+   }
+   NeighborStatus of(Agent& agent) const { return agent.neighbors().at(0); }
+   bool established(Agent& agent) const { return of(agent).state == BgpState::established; }
+
+   std::string aAt, bAt;
+   std::uint16_t portA, portB;
+   std::string sockA, sockB;
+   asio::io_context io;
+   Fakes::Lines logsA, logsB;
+   Ovk::Ptr<Agent> a, b;
+};
+
+// TCP MD5 (RFC 2385): the same password on both ends makes the session; another one, or none
+// on one side, makes silence, which the connecting side says with its likely reason.
+TEST(AgentEdge, Md5PasswordsDecideWhetherTheSessionComesUp) {
+   struct Row {
+      char const* name;
+      char const* aPassword;
+      char const* bPassword;
+      bool up;
+   };
+   for (Row const r : {Row{"the same", "s3cret", "s3cret", true}, Row{"another", "s3cret", "other", false},
+                       Row{"none at the listening end", "s3cret", nullptr, false}}) {
+      SCOPED_TRACE(r.name);
+      auto const key = [](char const* pw) { return pw ? "password = \"" + std::string(pw) + "\"\n" : std::string(); };
+      Pair p("127.0.0.61", "127.0.0.62", key(r.aPassword), key(r.bPassword));
+      if (r.up) {
+         EXPECT_TRUE(p.runUntil([&] { return p.established(*p.a) && p.established(*p.b); }));
+      } else {
+         p.io.run_for(2500ms);
+         EXPECT_EQ(p.of(*p.a).counters.establishedTransitions, 0u);
+         EXPECT_EQ(p.of(*p.b).counters.messagesIn, 0u);
+         EXPECT_NE(p.of(*p.a).lastError.find("no answer within 1 s (TCP MD5 signatures are on"), std::string::npos)
+             << p.of(*p.a).lastError;
+      }
+      for (auto const* logs : {&p.logsA, &p.logsB}) EXPECT_FALSE(logs->contains("s3cret"));
+      nlohmann::json const shown = nlohmann::json::parse(p.a->handleControl("show neighbors"));
+      EXPECT_EQ(shown["neighbors"][0]["tcpMd5"], true);
+      EXPECT_EQ(shown.dump().find("s3cret"), std::string::npos);
+   }
+}
+
+// GTSM (RFC 5082): both ends sending with TTL 255 make the session; a connection that comes
+// with the system's default TTL is refused before it reaches the neighbor, and said.
+TEST(AgentEdge, TtlSecurityRefusesConnectionsFromFartherThanTheHops) {
+   {
+      Pair p("127.0.0.63", "127.0.0.64", "ttl-security = true\n", "ttl-security = true\n");
+      EXPECT_TRUE(p.runUntil([&] { return p.established(*p.a) && p.established(*p.b); }));
+      EXPECT_EQ(p.of(*p.b).counters.connectionsRefused, 0u);
+   }
+   Pair p("127.0.0.63", "127.0.0.64", "", "ttl-security = true\n");
+   EXPECT_TRUE(p.runUntil([&] { return p.of(*p.b).counters.connectionsRefused >= 2; }));
+   EXPECT_EQ(p.of(*p.a).counters.establishedTransitions, 0u);
+   std::string const why = p.of(*p.b).lastError;
+   EXPECT_EQ(why.rfind("connection from 127.0.0.63:", 0), 0u) << why;
+   EXPECT_NE(why.find("refused: TTL "), std::string::npos) << why;
+   EXPECT_NE(why.find(", below 255 (ttl-security)"), std::string::npos) << why;
+   // Said once, however often the neighbor tries meanwhile.
+   EXPECT_EQ(std::count_if(p.logsB.lines.begin(), p.logsB.lines.end(),
+                           [](std::string const& l) { return l.find("(ttl-security)") != std::string::npos; }),
+             1);
+}
+
+// Connections from addresses that are no neighbor are closed the moment they are accepted,
+// with nothing sent; a line per source says so; the session goes on meanwhile.
+TEST(AgentEdge, StrangersAreClosedAtOnceAndTheSessionGoesOn) {
+   Pair p("127.0.0.65", "127.0.0.66", "", "");
+   ASSERT_TRUE(p.runUntil([&] { return p.established(*p.a) && p.established(*p.b); }));
+   constexpr int kSources = 10;
+   constexpr int kEach = 40;
+   std::atomic<int> closedAtOnce{0};
+   std::atomic<bool> done{false};
+   std::thread strangers([&] {
+      for (int i = 0; i < kSources * kEach; ++i) {
+         asio::io_context io;
+         asio::ip::tcp::socket s(io);
+         std::string const from = "127.0.1." + std::to_string(10 + i % kSources);
+         s.open(asio::ip::tcp::v4());
+         s.bind(asio::ip::tcp::endpoint(asio::ip::make_address(from), 0));
+         std::error_code ec;
+         s.connect(asio::ip::tcp::endpoint(asio::ip::make_address(p.bAt), p.portB), ec);
+         if (ec) continue;
+         timeval const wait{1, 0};
+         ::setsockopt(s.native_handle(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+         char byte;
+         // End of stream at once, not a byte (no NOTIFICATION for strangers).
+         if (::recv(s.native_handle(), &byte, 1, 0) == 0) ++closedAtOnce;
+      }
+      done = true;
+   });
+   ASSERT_TRUE(p.runUntil([&] { return done.load(); }, 20s));
+   strangers.join();
+   EXPECT_EQ(closedAtOnce.load(), kSources * kEach);
+   // Past the hold time: the session never noticed.
+   p.io.run_for(3500ms);
+   EXPECT_TRUE(p.established(*p.b));
+   EXPECT_EQ(p.of(*p.b).counters.establishedTransitions, 1u);
+   EXPECT_EQ(nlohmann::json::parse(p.b->handleControl("show neighbors"))["strangersClosed"], kSources * kEach);
+   EXPECT_EQ(std::count_if(p.logsB.lines.begin(), p.logsB.lines.end(),
+                           [](std::string const& l) { return l.find("closed: not a configured neighbor") != std::string::npos; }),
+             kSources);
+}
+
+// SIGHUP changes what a neighbor may import as its session goes on: rules now refused leave,
+// rules now allowed come back through a ROUTE-REFRESH the peer answers.
+TEST(AgentEdge, AReloadChangesWhatANeighborMayImportWithoutAReset) {
+   std::string const rules = "[[rule]]\nfamily = \"ipv4-flowspec\"\nmatch = \"destination 10.1.0.0/24\"\nthen = "
+                             "[\"discard\"]\n[[rule]]\nfamily = \"ipv4-flowspec\"\nmatch = \"destination 11.1.0.0/24\"\n"
+                             "then = [\"discard\"]\n";
+   Pair p("127.0.0.67", "127.0.0.68", "", "", rules, "");
+   Ovnet::IpGenAddr const fromA = *Ovnet::IpGenAddr::parse(p.aAt);
+   auto const held = [&] {
+      auto const v = p.b->routing()->peer(fromA);
+      return v && v->received.count(kIpv4Flowspec) ? v->received.at(kIpv4Flowspec) : 0u;
+   };
+   ASSERT_TRUE(p.runUntil([&] { return held() == 2; }));
+   std::string const file = testing::TempDir() + "/flowspecd-edge-reload.toml";
+   auto const reload = [&](std::string const& extra) {
+      std::ofstream(file) << configText(p.bAt, p.portB, p.aAt, p.portA, 65002, 65001, true, p.sockB, extra);
+      EXPECT_TRUE(p.b->reload(file));
+   };
+   reload("allowed-destinations = [\"10.0.0.0/8 le 32\"]\n");
+   EXPECT_TRUE(p.logsB.contains("SIGHUP: allowed-destinations any -> [10.0.0.0/8 le 32] (the session goes on)"));
+   ASSERT_TRUE(p.runUntil([&] { return held() == 1; }));
+   auto const refused = nlohmann::json::parse(p.b->handleControl("show refused " + p.aAt));
+   ASSERT_EQ(refused["families"]["ipv4-flowspec"]["rules"].size(), 1u);
+   EXPECT_EQ(refused["families"]["ipv4-flowspec"]["rules"][0]["rule"], "11.1.0.0/24;*;");
+   EXPECT_EQ(refused["families"]["ipv4-flowspec"]["rules"][0]["reason"], "destinationNotAllowed");
+   EXPECT_TRUE(p.runUntil([&] { return p.of(*p.a).counters.routeRefreshesIn >= 1; }));
+   reload("");
+   ASSERT_TRUE(p.runUntil([&] { return held() == 2; }));
+   EXPECT_EQ(p.of(*p.a).counters.establishedTransitions, 1u);
+   EXPECT_EQ(p.of(*p.b).counters.establishedTransitions, 1u);
+   EXPECT_EQ(p.of(*p.b).counters.routeRefreshesOut, 4u); // two families, twice
+   auto const shown = nlohmann::json::parse(p.b->handleControl("show neighbors"))["neighbors"][0];
+   // Once taken out, once refused again as the peer answered the first refresh.
+   EXPECT_EQ(shown["import"]["ipv4-flowspec"]["refused"]["destinationNotAllowed"], 2);
+   EXPECT_EQ(nlohmann::json::parse(p.b->handleControl("show refused 10.9.9.9"))["error"], "unknown neighbor 10.9.9.9");
+   std::remove(file.c_str());
+}
+
+// A control socket whose directory another user could write, or a link, is refused at start.
+TEST(ControlSocket, APathAnotherUserCouldSwapIsRefused) {
+   asio::io_context io;
+   auto handler = [](std::string_view) { return std::string(); };
+   std::string dir = testing::TempDir() + "/flowspecd-control-XXXXXX";
+   ASSERT_NE(::mkdtemp(dir.data()), nullptr);
+   ASSERT_EQ(::chmod(dir.c_str(), 0777), 0);
+   auto open = ControlServer::create(io, dir + "/agent.sock", handler);
+   ASSERT_FALSE(open.ok());
+   EXPECT_EQ(open.reason(), "control socket " + dir + "/agent.sock refused: the directory " + dir +
+                                " may be written by other users (mode 0777) and has no sticky bit");
+   ASSERT_EQ(::chmod(dir.c_str(), 01777), 0);
+   auto sticky = ControlServer::create(io, dir + "/agent.sock", handler);
+   ASSERT_TRUE(sticky.ok()) << sticky.reason();
+   sticky.value()->close();
+   ASSERT_EQ(::chmod(dir.c_str(), 0700), 0);
+   ASSERT_EQ(::symlink((dir + "/elsewhere.sock").c_str(), (dir + "/link.sock").c_str()), 0);
+   auto link = ControlServer::create(io, dir + "/link.sock", handler);
+   ASSERT_FALSE(link.ok());
+   EXPECT_EQ(link.reason(), "control socket " + dir + "/link.sock refused: " + dir + "/link.sock is a symbolic link");
+   std::remove((dir + "/link.sock").c_str());
+   ::rmdir(dir.c_str());
 }
 
 } // namespace

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "host/mnemo/SlateRuleSetMount.h"
 #include "host/mnemo/SlateSegment.h"
 #include "host/plugin/PluginHost.h"
@@ -329,6 +331,7 @@ struct OrderedOutput : BgpPeerOutput {
       std::string const text = "EoR " + familyName(family);
       sent.emplace_back(text.begin(), text.end());
    }
+   void sendRouteRefresh(AfiSafi) override {}
    std::size_t queuedBytes() const override { return 0; }
    void drainedCallbackIs(std::function<void()>) override {}
    Ovnet::IpGenAddr localAddress() const override { return local; }
@@ -443,6 +446,337 @@ TEST(BgpRoutingTest, RestartAndRefreshSendTheTableAgain) {
    auto const v = f.routing.peer(b.address);
    EXPECT_EQ(v->sent.at(kIpv4Flowspec).updates, 3u);
    EXPECT_EQ(v->sent.at(kIpv4Flowspec).endOfRibs, 2u);
+}
+
+// ---- What a neighbor may import ----
+
+constexpr std::uint64_t kDiscard = 0x8006000000000000ull;
+constexpr std::uint64_t kRedirectVrf = 0x8008fde800000064ull; // 65000:100
+
+BgpRouting::ImportSettings customerPolicy(std::optional<RuleLimit> limit = {}) {
+   ImportPolicy::Options o;
+   o.destinations = std::vector<PrefixRange>{parsePrefixRange("10.0.0.0/8 le 32").value(),
+                                             parsePrefixRange("2001:db8::/32 ge 48 le 128").value()};
+   o.actions.emplace();
+   o.actions->add(RuleAction::discard);
+   o.actions->add(RuleAction::rateLimit);
+   return {ImportPolicy::create(o), limit};
+}
+
+RuleLimit limitOf(std::uint32_t max, RuleLimitAction action) {
+   RuleLimit l;
+   l.maxRules = max;
+   l.action = action;
+   l.restartSeconds = 30;
+   return l;
+}
+
+// A rule of the wire (family, NLRI hex, communities), the customer policy, the outcome and
+// its reason: the destination the plugin's key gives, the actions of its communities.
+TEST(BgpRoutingImportTest, PolicyVerdictOfRealRulesOneRowEach) {
+   struct Row {
+      char const* name;
+      std::uint16_t afi;
+      char const* nlri;
+      std::vector<std::uint64_t> comms;
+      char const* shown; // the rule as the refused view shows it
+      std::optional<ImportRefusal> refused;
+   };
+   std::vector<Row> const rows{
+       {"IPv4 inside, discard", 1, "0501180a0000", {kDiscard}, "", {}},
+       {"IPv4 outside", 1, "0501180b0000", {kDiscard}, "11.0.0.0/24;*;", ImportRefusal::destinationNotAllowed},
+       {"IPv4 without a destination", 1, "03038106", {kDiscard}, "*;*;protocol =6;", ImportRefusal::noDestination},
+       {"IPv4 inside with a redirect", 1, "0501180a0000", {kDiscard, kRedirectVrf}, "10.0.0.0/24;*;",
+        ImportRefusal::actionNotAllowed},
+       {"IPv6 inside at 48", 2, "0901300020010db80001", {kDiscard}, "", {}},
+       {"IPv6 too short", 2, "0801280020010db800", {kDiscard}, "2001:db8::/40;*;", ImportRefusal::destinationNotAllowed},
+       {"IPv6 with an offset: any leading bits", 2, "07014020deadbeef", {kDiscard}, nullptr,
+        ImportRefusal::destinationNotAllowed},
+   };
+   for (Row const& r : rows) {
+      SCOPED_TRACE(r.name);
+      Fixture f;
+      BgpPeer const a = peer("127.0.0.2", 65002);
+      f.routing.importSettingsIs(a.address, customerPolicy());
+      f.routing.handleEstablished(a, session(), f.output);
+      AfiSafi const family = r.afi == 1 ? kIpv4Flowspec : kIpv6Flowspec;
+      std::vector<std::uint64_t> const& c = r.comms;
+      UpdateBuilder u;
+      u.origin().asPath({65002});
+      if (c.size() == 1) u.extCommunities({c[0]});
+      if (c.size() == 2) u.extCommunities({c[0], c[1]});
+      ASSERT_EQ(f.update(a, u.mpReach(r.afi, 133, "", r.nlri).build()), std::nullopt);
+      auto const view = f.routing.peer(a.address);
+      EXPECT_EQ(f.received(a, family), r.refused ? 0u : 1u);
+      EXPECT_EQ(f.table(family).routes(), r.refused ? 0u : 1u);
+      std::uint64_t const counted = view->ribin.at(family).refusedTotal();
+      EXPECT_EQ(counted, r.refused ? 1u : 0u);
+      nlohmann::json const shown = refusedJson(f.routing, a.address)["families"][familyName(family)]["rules"];
+      if (!r.refused) {
+         EXPECT_TRUE(shown.empty());
+         continue;
+      }
+      EXPECT_EQ(view->ribin.at(family).refused[static_cast<std::size_t>(*r.refused)], 1u);
+      ASSERT_EQ(shown.size(), 1u);
+      EXPECT_EQ(shown[0]["reason"], toStrep(*r.refused));
+      if (r.shown) {
+         EXPECT_EQ(shown[0]["rule"], r.shown);
+      }
+      EXPECT_EQ(updatesJson(f.routing)["neighbors"][0]["families"][familyName(family)]["importRefused"]
+                                    [toStrep(*r.refused)],
+                1);
+   }
+}
+
+// Past a teardown limit the UPDATE ends the session: Cease 6/1 with the family and the limit
+// (RFC 4486), and the hold in Idle the neighbor is to keep.
+TEST(BgpRoutingImportTest, TeardownLimitEndsTheSessionWithCease61) {
+   Fixture f;
+   BgpPeer const a = peer("127.0.0.2", 65002);
+   f.routing.importSettingsIs(a.address, {nullptr, limitOf(2, RuleLimitAction::teardown)});
+   f.routing.handleEstablished(a, session(), f.output);
+   UpdateOutcome const o = f.routing.handleUpdate(
+       a, MessageView{MessageType::update, announcing().mpReach(1, 133, "", "0501180a00000501180b00000501180c0000").build()});
+   ASSERT_TRUE(o.reset);
+   EXPECT_EQ(*o.reset, (Notification{6, 1, hexBytes("00018500000002")}));
+   EXPECT_EQ(o.idleHoldSeconds, 30u);
+   EXPECT_TRUE(f.logger.contains("127.0.0.2 ipv4-flowspec: a rule beyond max-rules 2: the session ends "
+                                 "(max-rules-action teardown) and stays down for 30 s"));
+   EXPECT_EQ(f.routing.peer(a.address)->ribin.at(kIpv4Flowspec).limitExceeded, 1u);
+}
+
+// A peer that sends ten times its discard limit costs the limit's worth of rules: the keys of
+// the rules beyond are not kept anywhere.
+TEST(BgpRoutingImportTest, RulesBeyondADiscardLimitAreNotStored) {
+   Fixture f;
+   BgpPeer const a = peer("127.0.0.2", 65002);
+   f.routing.importSettingsIs(a.address, {nullptr, limitOf(100, RuleLimitAction::discard)});
+   f.routing.handleEstablished(a, session(), f.output);
+   for (Bytes const& u : manyRules(0, 1000)) ASSERT_EQ(f.update(a, u), std::nullopt);
+   // The decoder holds the keys of its last UPDATE until the next one.
+   ASSERT_EQ(f.update(a, UpdateBuilder().build()), std::nullopt);
+   EXPECT_EQ(f.received(a), 100u);
+   DedupTablesVrf const* vrf = f.context->dedupTablesVrf(BgpL3VrfId::defaultVrfId()).ptr();
+   EXPECT_EQ(vrf->dedupTablesVrfAfiSafi(kIpv4Flowspec)->routeKeyDedupTableRawPtr()->size(), 100u);
+   auto const ribin = f.routing.peer(a.address)->ribin.at(kIpv4Flowspec);
+   EXPECT_EQ(ribin.refused[static_cast<std::size_t>(ImportRefusal::ruleLimit)], 900u);
+   EXPECT_EQ(ribin.limitExceeded, 1u);
+   EXPECT_EQ(std::count_if(f.logger.lines.begin(), f.logger.lines.end(),
+                           [](std::string const& l) { return l.find("max-rules 100 reached") != std::string::npos; }),
+             1);
+}
+
+// A new policy on a live session: what it refuses leaves, the peer is asked for its routes
+// again (ROUTE-REFRESH) and what it sends again goes through the new import; and back.
+TEST(BgpRoutingImportTest, PolicyChangesApplyToTheLiveSession) {
+   Fixture f;
+   BgpPeer const a = peer("127.0.0.2", 65002);
+   Negotiated withRefresh = session();
+   withRefresh.routeRefresh = true;
+   f.routing.handleEstablished(a, withRefresh, f.output);
+   Bytes const table = UpdateBuilder()
+                           .origin()
+                           .asPath({65002})
+                           .extCommunities({kDiscard})
+                           .mpReach(1, 133, "", std::string(kRule) + kOther)
+                           .build();
+   ASSERT_EQ(f.update(a, table), std::nullopt);
+   ASSERT_EQ(f.received(a), 2u);
+   // Allowed to refused: 11.0.0.0/24 leaves, a slice at a time, counted and shown.
+   f.routing.importSettingsIs(a.address, customerPolicy());
+   EXPECT_EQ(f.output.routeRefreshes, (std::vector<AfiSafi>{kIpv4Flowspec, kIpv6Flowspec}));
+   EXPECT_TRUE(f.logger.contains("127.0.0.2 import settings changed: rules now refused leave; asked for "
+                                 "ipv4-flowspec, ipv6-flowspec again (ROUTE-REFRESH)"));
+   f.scheduler().runReady();
+   EXPECT_EQ(f.received(a), 1u);
+   EXPECT_EQ(f.table().routes(), 1u);
+   auto const view = f.routing.peer(a.address);
+   EXPECT_EQ(view->ribin.at(kIpv4Flowspec).refused[static_cast<std::size_t>(ImportRefusal::destinationNotAllowed)], 1u);
+   EXPECT_EQ(refusedJson(f.routing, a.address)["families"]["ipv4-flowspec"]["rules"][0]["rule"], "11.0.0.0/24;*;");
+   // The peer answers the refresh with its table: the refused rule is refused again.
+   ASSERT_EQ(f.update(a, table), std::nullopt);
+   EXPECT_EQ(f.received(a), 1u);
+   // Refused to allowed: nothing is kept to let in, the refresh brings it.
+   f.routing.importSettingsIs(a.address, {});
+   EXPECT_EQ(f.output.routeRefreshes.size(), 4u);
+   EXPECT_EQ(f.received(a), 1u);
+   ASSERT_EQ(f.update(a, table), std::nullopt);
+   EXPECT_EQ(f.received(a), 2u);
+   EXPECT_TRUE(refusedJson(f.routing, a.address)["families"]["ipv4-flowspec"]["rules"].empty());
+   // The same settings again change nothing and ask for nothing.
+   f.routing.importSettingsIs(a.address, {});
+   EXPECT_EQ(f.output.routeRefreshes.size(), 4u);
+}
+
+// A session that does not do route refresh keeps what the new policy allows and is told of it.
+TEST(BgpRoutingImportTest, WithoutRouteRefreshThePolicyStillTakesRulesOut) {
+   Fixture f;
+   BgpPeer const a = peer("127.0.0.2", 65002);
+   f.routing.handleEstablished(a, session(), f.output);
+   ASSERT_EQ(f.update(a, announcing().mpReach(1, 133, "", std::string(kRule) + kOther).build()), std::nullopt);
+   f.routing.importSettingsIs(a.address, customerPolicy());
+   f.scheduler().runReady();
+   EXPECT_TRUE(f.output.routeRefreshes.empty());
+   EXPECT_TRUE(f.logger.contains("the session does not do route refresh"));
+   // No community: no action, which the policy allows; 11.0.0.0/24 is outside.
+   EXPECT_EQ(f.received(a), 1u);
+   // The session goes down while a new policy's walk is pending: the purge takes over.
+   f.routing.importSettingsIs(a.address, {});
+   f.routing.importSettingsIs(a.address, customerPolicy());
+   EXPECT_GT(f.routing.purgesPending(), 0u);
+   f.routing.handleSessionDown(a);
+   f.scheduler().runReady();
+   EXPECT_EQ(f.received(a), 0u);
+   EXPECT_EQ(f.routing.purgesPending(), 0u);
+}
+
+// The global limit holds every neighbor's rules together, and comes and goes with a reload.
+TEST(BgpRoutingImportTest, GlobalLimitAcrossNeighbors) {
+   Fixture f;
+   BgpPeer const a = peer("127.0.0.2", 65002);
+   BgpPeer const b = peer("127.0.0.3", 65003);
+   f.routing.handleEstablished(a, session(), f.output);
+   f.routing.handleEstablished(b, session(), f.output);
+   f.routing.globalRuleLimitIs(limitOf(3, RuleLimitAction::discard));
+   ASSERT_EQ(f.update(a, announcing().mpReach(1, 133, "", std::string(kRule) + kOther).build()), std::nullopt);
+   ASSERT_EQ(f.update(b, announcing().mpReach(1, 133, "", "0501180c00000501180d0000").build()), std::nullopt);
+   EXPECT_EQ(f.received(a) + f.received(b), 3u);
+   EXPECT_EQ(f.routing.peer(b.address)->ribin.at(kIpv4Flowspec).refused[static_cast<std::size_t>(
+                 ImportRefusal::globalRuleLimit)],
+             1u);
+   EXPECT_TRUE(f.logger.contains("the global max-rules 3 is reached: rules beyond it are refused (first from 127.0.0.3)"));
+   f.routing.globalRuleLimitIs(std::nullopt);
+   ASSERT_EQ(f.update(b, announcing().mpReach(1, 133, "", "0501180d0000").build()), std::nullopt);
+   EXPECT_EQ(f.received(a) + f.received(b), 4u);
+}
+
+} // namespace
+} // namespace Flowspecd
+
+namespace Flowspecd {
+namespace {
+
+// ---- Validation against the unicast table, over the real plugin and the host's unicast ----
+
+Negotiated withUnicast() {
+   return session(true, {kIpv4Flowspec, kIpv6Flowspec, kIpv4Unicast, kIpv6Unicast});
+}
+
+// A unicast route of the UPDATE's own NLRI field, from AS `as`.
+Bytes unicast4(std::uint32_t as, char const* nlriHex) {
+   return UpdateBuilder().origin().asPath({as}).attr(kWellKnown, 3, "7f000002").nlri(nlriHex).build();
+}
+
+// "in" when the rule (its NLRI bytes) is a best path, the reason it waits aside for, or "gone".
+std::string ruleState(Fixture& f, BgpPeer const& from, AfiSafi family, char const* nlriHex) {
+   RibTable& t = f.table(family);
+   for (RouteKey const* k : t.order()) {
+      if (hexText(std::span<std::uint8_t const>(reinterpret_cast<std::uint8_t const*>(
+                                                     k->serialize(RouteKey::SerializeOperation::advertise, nullptr).data()),
+                                                 k->serialize(RouteKey::SerializeOperation::advertise, nullptr).size())) ==
+          nlriHex) {
+         return "in";
+      }
+   }
+   for (auto const& [fam, view] : f.routing.refused(from.address)) {
+      if (fam != family) continue;
+      for (AdjRibin::Refused const& r : view.rules) {
+         Ovk::String const s = r.key->serialize(RouteKey::SerializeOperation::advertise, nullptr);
+         if (hexText(std::span<std::uint8_t const>(reinterpret_cast<std::uint8_t const*>(s.data()), s.size())) == nlriHex) {
+            return toStrep(r.reason);
+         }
+      }
+   }
+   return "gone";
+}
+
+TEST(BgpRoutingValidationTest, RulesOnlyFromWhoRoutesTheirDestination) {
+   Fixture f;
+   f.routing.validationDefaultIs(true);
+   BgpPeer const a = peer("127.0.0.2", 65002, 2);
+   BgpPeer const b = peer("127.0.0.3", 65003, 3);
+   BgpPeer const inside = peer("127.0.0.4", 65001, 4);
+   f.routing.handleEstablished(a, withUnicast(), f.output);
+   f.routing.handleEstablished(b, withUnicast(), f.output);
+   f.routing.handleEstablished(inside, withUnicast(), f.output);
+   f.scheduler().runReady();
+   // Unicast is never advertised: each session is sent only its End-of-RIB.
+   EXPECT_EQ(std::count(f.output.endOfRibs.begin(), f.output.endOfRibs.end(), kIpv4Unicast), 3);
+   EXPECT_EQ(f.update(a, unicast4(65002, "080a")), std::nullopt); // 10.0.0.0/8 from A
+   EXPECT_EQ(f.received(a, kIpv4Unicast), 1u);
+   EXPECT_EQ(f.routing.validation()->routes(Afi::afiIpv4), 1u);
+
+   // Only the neighbor that routes 10.0.0.0/8 may send a rule for 10.0.0.0/24.
+   (void)f.update(b, UpdateBuilder().origin().asPath({65003}).mpReach(1, 133, "", kRule).build());
+   EXPECT_EQ(ruleState(f, b, kIpv4Flowspec, kRule), "notOriginator");
+   (void)f.update(a, UpdateBuilder().origin().asPath({65002}).mpReach(1, 133, "", kRule).build());
+   EXPECT_EQ(ruleState(f, a, kIpv4Flowspec, kRule), "in");
+   EXPECT_EQ(f.routing.peer(b.address)->ribin.at(kIpv4Flowspec).refused[static_cast<std::size_t>(
+                 ImportRefusal::notOriginator)],
+             1u);
+
+   // A rule that comes before its route waits, and comes in with the route: no resend.
+   (void)f.update(a, UpdateBuilder().origin().asPath({65002}).mpReach(1, 133, "", kOther).build());
+   EXPECT_EQ(ruleState(f, a, kIpv4Flowspec, kOther), "noUnicastRoute");
+   (void)f.update(a, unicast4(65002, "080b")); // 11.0.0.0/8
+   EXPECT_EQ(ruleState(f, a, kIpv4Flowspec, kOther), "in");
+   // A more-specific route from another AS takes it out; its withdrawal brings it back.
+   (void)f.update(b, unicast4(65003, "190b000080")); // 11.0.0.128/25, inside the rule's 11.0.0.0/24
+   EXPECT_EQ(ruleState(f, a, kIpv4Flowspec, kOther), "moreSpecificOtherAs");
+   // What the show command says of it.
+   nlohmann::json const shown = unicastJson(f.routing, "ipv4 11.0.0.0/8");
+   EXPECT_EQ(shown["bestMatch"], "11.0.0.0/8");
+   EXPECT_EQ(shown["entries"].dump(),
+             R"([{"asPath":"65002","from":"127.0.0.2","paths":1,"prefix":"11.0.0.0/8"},)"
+             R"({"asPath":"65003","from":"127.0.0.3","paths":1,"prefix":"11.0.0.128/25"}])");
+   EXPECT_EQ(unicastJson(f.routing, "ipv4 11.0.0.192/26")["bestMatch"], "11.0.0.128/25");
+   EXPECT_EQ(unicastJson(f.routing, "ipv4")["shown"], 3);
+   EXPECT_EQ(unicastJson(f.routing, "ipv4", 2)["truncated"], true);
+   EXPECT_TRUE(unicastJson(f.routing, "ipv4 2001:db8::/32").contains("error"));
+   EXPECT_TRUE(unicastJson(f.routing, "ipv5").contains("error"));
+   (void)f.update(b, UpdateBuilder().withdrawn("190b000080").build());
+   EXPECT_EQ(ruleState(f, a, kIpv4Flowspec, kOther), "in");
+   // The route's withdrawal takes the rule out; so does the end of A's session.
+   (void)f.update(a, UpdateBuilder().withdrawn("080b").build());
+   EXPECT_EQ(ruleState(f, a, kIpv4Flowspec, kOther), "noUnicastRoute");
+
+   // Internal neighbors are not validated by default.
+   (void)f.update(inside, UpdateBuilder().origin().asPath({}).mpReach(1, 133, "", "0501180c0000").build());
+   EXPECT_EQ(ruleState(f, inside, kIpv4Flowspec, "0501180c0000"), "in");
+
+   f.routing.handleSessionDown(a);
+   f.scheduler().runReady();
+   EXPECT_EQ(ruleState(f, a, kIpv4Flowspec, kRule), "gone");
+   EXPECT_EQ(f.routing.validation()->routes(Afi::afiIpv4), 0u);
+   EXPECT_EQ(f.routing.validation()->rules(), 1u) << "B's infeasible rule";
+}
+
+// RFC 8956: an IPv6 destination with a non-zero offset validates nothing, however well its
+// pattern looks covered by the sender's own route.
+TEST(BgpRoutingValidationTest, Ipv6DestinationsWithAnOffsetAreInfeasible) {
+   Fixture f;
+   f.routing.validationDefaultIs(true);
+   BgpPeer const a = peer("127.0.0.2", 65002, 2);
+   f.routing.handleEstablished(a, withUnicast(), f.output);
+   (void)f.update(a, UpdateBuilder().origin().asPath({65002}).mpReach(2, 1, "20010db8000000000000000000000001",
+                                                                      "2020010db8 00").build()); // 2001:db8::/32, ::/0
+   EXPECT_EQ(f.received(a, kIpv6Unicast), 2u);
+   struct Row {
+      char const* name;
+      char const* nlri;
+      char const* state;
+   };
+   Row const rows[] = {
+       {"offset 0", "09013000" "20010db80001", "in"}, // 2001:db8:1::/48
+       {"offset 16, the pattern of the same /48", "07013010" "0db80001", "unvalidatableDestination"},
+       {"offset 32", "07014020" "0000000a", "unvalidatableDestination"},
+       {"no destination", "03038106", "unvalidatableDestination"}, // next header 6 only
+   };
+   for (Row const& r : rows) {
+      SCOPED_TRACE(r.name);
+      (void)f.update(a, UpdateBuilder().origin().asPath({65002}).mpReach(2, 133, "", r.nlri).build());
+      EXPECT_EQ(ruleState(f, a, kIpv6Flowspec, r.nlri), r.state);
+   }
 }
 
 } // namespace

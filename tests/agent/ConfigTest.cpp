@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
+#include <functional>
+#include <sys/stat.h>
 
 namespace Flowspecd {
 namespace {
@@ -98,6 +100,9 @@ TEST(Config, EveryMistakeNamesFileLineAndWhat) {
    std::string const head = "router-id = \"1.2.3.4\"\nlocal-as = 65001\n"; // lines 1-2
    std::vector<BadCase> const cases{
        {"syntax", "router-id = \"1.2.3.4\"\nlocal-as = = 3\n", 2, "TOML syntax error"},
+       // A key that starts with U+0296 where the library looks for whitespace.
+       {"a non-ASCII character before a key", "router-id = \"1.2.3.4\"\nlocal-as = 1\n\xca\x96" "d = 2\n", 3,
+        "TOML syntax error"},
        {"unknown top-level key", "router-id = \"1.2.3.4\"\nlocal-as = 1\nlisten-port = 3\n", 3,
         "unknown key 'listen-port'"},
        {"missing router-id", "local-as = 1\n", 1, "missing router-id"},
@@ -134,8 +139,8 @@ TEST(Config, EveryMistakeNamesFileLineAndWhat) {
         "hold-time must be 0 or at least 3"},
        {"hold-time too big", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nhold-time = 70000\n", 6,
         "hold-time must be between 0 and 65535"},
-       {"unknown family", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nfamilies = [\"ipv4-unicast\"]\n", 6,
-        "not \"ipv4-unicast\""},
+       {"unknown family", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nfamilies = [\"ipv4-multicast\"]\n", 6,
+        "not \"ipv4-multicast\""},
        {"family twice",
         "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nfamilies = [\"ipv4-flowspec\", \"ipv4-flowspec\"]\n", 6,
         "listed twice"},
@@ -150,6 +155,49 @@ TEST(Config, EveryMistakeNamesFileLineAndWhat) {
        {"duplicate neighbor",
         "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\n[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 3\n", 6,
         "neighbor 1.1.1.1 is already defined on line 3"},
+       // What a neighbor may import, its limits and its session security.
+       {"prefix of a family the neighbor does not negotiate",
+        "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nfamilies = [\"ipv4-flowspec\"]\nallowed-destinations = [\"2001:db8::/32 le 64\"]\n", 7,
+        "allowed-destinations entry \"2001:db8::/32 le 64\" is of ipv6-flowspec, which the neighbor's families do not hold"},
+       {"prefix with host bits", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nallowed-destinations = [\n\"10.1.0.0/8 le 32\"]\n", 7,
+        "allowed-destinations \"10.1.0.0/8 le 32\": 10.1.0.0/8 has address bits beyond its length (10.0.0.0/8?)"},
+       {"prefix length beyond the address", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nallowed-destinations = [\"10.0.0.0/8 le 40\"]\n", 6,
+        "le 40: a length from 8 to 32"},
+       {"not a prefix", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nallowed-destinations = [\"customer-a\"]\n", 6, "\"customer-a\" is not a prefix"},
+       {"destinations not a list", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nallowed-destinations = \"10.0.0.0/8\"\n", 6,
+        "allowed-destinations must be a list"},
+       {"unknown action", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nallowed-actions = [\"discard\", \"drop\"]\n", 6,
+        "allowed-actions may hold discard, rate-limit, mark, sample, terminal, redirect-vrf, redirect-ip, "
+        "redirect-nexthop; not \"drop\""},
+       {"action twice", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nallowed-actions = [\"discard\", \"discard\"]\n", 6, "lists \"discard\" twice"},
+       {"minimum rate 0", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nminimum-rate = 0\n", 6, "minimum-rate must be a positive number"},
+       {"limit of 0", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nmax-rules = 0\n", 6, "max-rules must be between 1 and 4294967295, not 0"},
+       {"unknown limit action", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nmax-rules = 5\nmax-rules-action = \"drop\"\n", 7,
+        "max-rules-action is \"warning\", \"discard\" or \"teardown\", not \"drop\""},
+       {"limit action without a limit", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nmax-rules-action = \"teardown\"\n", 6, "max-rules-action needs max-rules"},
+       {"restart of 0", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nmax-rules = 5\nmax-rules-restart = 0\n", 7, "max-rules-restart must be between 1 and 86400"},
+       {"warning above 100%", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nmax-rules = 5\nmax-rules-warning = 101\n", 7,
+        "max-rules-warning must be between 1 and 100"},
+       {"global limit of 0", "max-rules = 0\n", 3, "max-rules must be between 1 and 4294967295, not 0"},
+       {"global warning without a limit", "max-rules-warning = 50\n", 3, "max-rules-warning needs max-rules"},
+       {"password longer than the kernel takes", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\npassword = \"" + std::string(81, 'p') + "\"\n", 6,
+        "password is 81 bytes long; the kernel takes at most 80 (TCP_MD5SIG_MAXKEYLEN)"},
+       {"empty password", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\npassword = \"\"\n", 6, "password must not be empty"},
+       {"ttl-security not a boolean", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nttl-security = 1\n", 6, "ttl-security must be true or false"},
+       {"hops without ttl-security", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nttl-security-hops = 1\n", 6, "ttl-security-hops needs ttl-security = true"},
+       {"hops beyond 254", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nttl-security = true\nttl-security-hops = 255\n", 7,
+        "ttl-security-hops must be between 0 and 254"},
+       {"import policy not defined", "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nimport-policy = \"gold\"\n", 6,
+        "import-policy \"gold\" is not an [[import-policy]] of this file"},
+       {"import policy without a name", "[[import-policy]]\nallowed-actions = [\"discard\"]\n", 3,
+        "an [[import-policy]] needs a name"},
+       {"import policy twice", "[[import-policy]]\nname = \"a\"\n[[import-policy]]\nname = \"a\"\n", 5,
+        "import policy a is already defined on line 3"},
+       {"import policy key unknown", "[[import-policy]]\nname = \"a\"\nmax-rules = 5\n", 5,
+        "unknown key 'max-rules' in [[import-policy]]"},
+       {"named policy's prefix of another family", "[[import-policy]]\nname = \"v6\"\nallowed-destinations = "
+        "[\"2001:db8::/32 le 128\"]\n" "[[neighbor]]\naddress = \"1.1.1.1\"\nremote-as = 2\nfamilies = [\"ipv4-flowspec\"]\nimport-policy = \"v6\"\n", 10,
+        "allowed-destinations entry \"2001:db8::/32 le 128\" is of ipv6-flowspec"},
        // [[rule]]: each mistake on the line of the key at fault.
        {"rule as a table", "[rule]\nfamily = \"ipv4-flowspec\"\n", 3, "[[rule]] tables"},
        {"rule without family", "[[rule]]\nmatch = \"destination 10.0.0.0/8\"\nthen = [\"discard\"]\n", 3,
@@ -248,6 +296,146 @@ then = ["discard"]
    EXPECT_EQ(rule.rule.family, kIpv6Flowspec);
    EXPECT_EQ(rule.rule.match, "2001:db8::/32;*;");
    EXPECT_EQ(rule.rule.actions, (std::vector<std::string>{"sample", "terminal"}));
+}
+
+// A named policy gives its keys to the neighbors that refer to it, each neighbor's own keys
+// taking precedence one by one; limits and session security as written.
+TEST(Config, ReadsImportPoliciesLimitsAndSessionSecurity) {
+   auto r = parseConfig(R"(router-id = "192.0.2.1"
+local-as = 65001
+max-rules = 100000
+max-rules-warning = 90
+
+[[import-policy]]
+name = "customer"
+allowed-destinations = ["10.0.0.0/8 le 32", "2001:db8::/32 ge 48 le 128"]
+allowed-actions = ["discard", "rate-limit"]
+minimum-rate = 1000
+
+[[neighbor]]
+address = "127.0.0.2"
+remote-as = 65002
+import-policy = "customer"
+allowed-actions = ["discard"]
+max-rules = 50
+max-rules-action = "teardown"
+max-rules-restart = 120
+password = "s3cret"
+ttl-security = true
+ttl-security-hops = 1
+
+[[neighbor]]
+address = "127.0.0.3"
+remote-as = 65003
+max-rules = 10
+)",
+                        "trust.toml");
+   ASSERT_TRUE(r.ok()) << r.reason().front().str();
+   AgentConfig const& c = r.value();
+   ASSERT_TRUE(c.maxRules);
+   EXPECT_EQ(c.maxRules->maxRules, 100000u);
+   EXPECT_EQ(c.maxRules->warningPercent, 90);
+   NeighborConfig const& a = c.neighbors[0];
+   EXPECT_EQ(a.importPolicy, "customer");
+   ASSERT_TRUE(a.policy.destinations);
+   ASSERT_EQ(a.policy.destinations->size(), 2u);
+   EXPECT_EQ((*a.policy.destinations)[1].str(), "2001:db8::/32 ge 48");
+   EXPECT_EQ(a.policy.actions->names(), std::vector<std::string>{"discard"}); // its own
+   EXPECT_EQ(a.policy.minimumRate, 1000.0f);                                // the policy's
+   ASSERT_TRUE(a.maxRules);
+   EXPECT_EQ(a.maxRules->maxRules, 50u);
+   EXPECT_EQ(a.maxRules->action, RuleLimitAction::teardown);
+   EXPECT_EQ(a.maxRules->restartSeconds, 120u);
+   EXPECT_EQ(a.maxRules->warningPercent, kDefaultLimitWarningPercent);
+   EXPECT_EQ(a.password, "s3cret");
+   EXPECT_TRUE(a.ttlSecurity);
+   EXPECT_EQ(a.ttlSecurityHops, 1);
+   EXPECT_TRUE(a.importLimited());
+   NeighborConfig const& b = c.neighbors[1];
+   EXPECT_FALSE(b.policy.destinations || b.policy.actions || b.policy.minimumRate);
+   EXPECT_EQ(b.maxRules->action, RuleLimitAction::discard); // the default
+   EXPECT_EQ(b.maxRules->restartSeconds, 60u);
+   EXPECT_TRUE(b.password.empty());
+   EXPECT_FALSE(b.ttlSecurity);
+}
+
+// The connection carries the session's security: a change of it resets; what the neighbor
+// may import changes in place. A password is named, never written.
+TEST(Config, ChangesOfSecurityResetAndChangesOfImportDoNot) {
+   NeighborConfig from;
+   from.address = *Ovnet::IpGenAddr::parse("127.0.0.2");
+   struct Row {
+      char const* name;
+      std::function<void(NeighborConfig&)> change;
+      std::vector<std::string> reset;
+      std::vector<std::string> inPlace;
+      bool importChanged;
+   };
+   auto const limit = [](std::uint32_t max) {
+      RuleLimit l;
+      l.maxRules = max;
+      return l;
+   };
+   std::vector<Row> const rows{
+       {"password set", [](NeighborConfig& n) { n.password = "one"; }, {"password set"}, {}, false},
+       {"ttl-security", [](NeighborConfig& n) { n.ttlSecurity = true; }, {"ttl-security false -> true"}, {}, false},
+       {"allowed destinations",
+        [](NeighborConfig& n) { n.policy.destinations = {parsePrefixRange("10.0.0.0/8 le 32").value()}; },
+        {},
+        {"allowed-destinations any -> [10.0.0.0/8 le 32]"},
+        true},
+       {"allowed actions",
+        [](NeighborConfig& n) {
+           n.policy.actions.emplace();
+           n.policy.actions->add(RuleAction::discard);
+        },
+        {},
+        {"allowed-actions any -> [discard]"},
+        true},
+       {"minimum rate", [](NeighborConfig& n) { n.policy.minimumRate = 1500.0f; }, {}, {"minimum-rate none -> 1500"},
+        true},
+       {"max-rules", [&](NeighborConfig& n) { n.maxRules = limit(50); }, {},
+        {"max-rules none -> 50 (discard, restart 60 s, warning at 75%)"}, true},
+   };
+   for (Row const& r : rows) {
+      SCOPED_TRACE(r.name);
+      NeighborConfig to = from;
+      r.change(to);
+      NeighborChanges const c = neighborChanges(from, to);
+      EXPECT_EQ(c.reset, r.reset);
+      EXPECT_EQ(c.inPlace, r.inPlace);
+      EXPECT_EQ(c.importChanged, r.importChanged);
+   }
+   NeighborConfig one = from;
+   one.password = "first-secret";
+   NeighborConfig two = from;
+   two.password = "second-secret";
+   EXPECT_EQ(neighborChanges(one, two).reset, std::vector<std::string>{"password changed"});
+   EXPECT_EQ(neighborChanges(one, from).reset, std::vector<std::string>{"password removed"});
+   EXPECT_TRUE(neighborChanges(one, one).empty());
+}
+
+// A file that holds a password earns a warning when users other than its owner may read it.
+TEST(Config, APasswordInAFileOthersMayReadIsWarnedOf) {
+   std::string const path = testing::TempDir() + "/flowspecd-config-password.toml";
+   std::string const text = "router-id = \"1.2.3.4\"\nlocal-as = 1\n[[neighbor]]\naddress = \"10.0.0.2\"\nremote-as = 2\n";
+   struct Row {
+      bool password;
+      mode_t mode;
+      bool warned;
+   };
+   for (Row const r : {Row{true, 0644, true}, Row{true, 0640, true}, Row{true, 0600, false}, Row{false, 0644, false}}) {
+      SCOPED_TRACE(std::to_string(r.password) + " " + std::to_string(r.mode));
+      std::ofstream(path) << text << (r.password ? "password = \"hunter2\"\n" : "");
+      ASSERT_EQ(::chmod(path.c_str(), r.mode), 0);
+      auto config = loadConfigFile(path);
+      ASSERT_TRUE(config.ok());
+      std::string const w = passwordExposure(config.value());
+      EXPECT_EQ(!w.empty(), r.warned) << w;
+      EXPECT_EQ(w.find("hunter2"), std::string::npos);
+      EXPECT_EQ(w.find("chmod 600") != std::string::npos, r.warned);
+   }
+   std::remove(path.c_str());
 }
 
 TEST(Config, ReportsAllMistakesAtOnce) {

@@ -94,12 +94,14 @@ class FakeConnector : public Connector {
    struct Pending {
       Endpoint remote;
       std::optional<Ovnet::IpGenAddr> local;
+      TcpSecurity security;
       Done done;
       Ovk::Ptr<FakeAttempt> attempt;
    };
-   Ovk::Ptr<ConnectAttempt> connect(Endpoint const& remote, std::optional<Ovnet::IpGenAddr> local, Done done) override {
+   Ovk::Ptr<ConnectAttempt> connect(Endpoint const& remote, std::optional<Ovnet::IpGenAddr> local,
+                                    TcpSecurity const& security, Done done) override {
       auto a = Ovk::makePtr<FakeAttempt>();
-      attempts.push_back({remote, local, std::move(done), a});
+      attempts.push_back({remote, local, security, std::move(done), a});
       return a;
    }
    // Completes the latest attempt.
@@ -124,6 +126,7 @@ class RecordingSink : public UpdateSink {
       peers.push_back(peer);
       UpdateOutcome o = UpdateOutcome::of(decoder.decode(m.bytes));
       if (answer) o.reset = answer;
+      o.idleHoldSeconds = idleHold;
       return o;
    }
    void handleEstablished(BgpPeer const& peer, Negotiated const& n, BgpPeerOutput& out) override {
@@ -143,6 +146,7 @@ class RecordingSink : public UpdateSink {
    std::vector<AfiSafi> refreshes;
    BgpPeerOutput* output = nullptr;
    std::optional<Notification> answer;
+   std::uint32_t idleHold = 0;
 };
 
 constexpr std::uint32_t kLocalId = 0x0a000001;
@@ -491,6 +495,92 @@ TEST_F(NeighborTest, EstablishedSessionsGiveTheSinkAWayOut) {
    EXPECT_EQ(drained, 1);
    t->peerCloses();
    EXPECT_EQ(sink.output, nullptr);
+}
+
+} // namespace
+} // namespace Flowspecd
+
+namespace Flowspecd {
+namespace {
+
+// A session ended for a rule limit holds its neighbor in Idle: no attempt is made, the
+// peer's connections are turned away, and when the time is over an active neighbor
+// connects at once.
+TEST_F(NeighborTest, ARuleLimitTeardownHoldsTheNeighborInIdle) {
+   auto t = connectOut();
+   establish(*t);
+   sink.answer = ceaseMaxPrefixes(kIpv4Flowspec, 50);
+   sink.idleHold = 30;
+   t->deliver(encodeEndOfRib(kIpv4Flowspec));
+   EXPECT_EQ(t->notification(), (Notification{6, 1, {0, 1, 133, 0, 0, 0, 50}}));
+   EXPECT_EQ(neighbor->state(), BgpState::idle);
+   EXPECT_EQ(neighbor->status().lastError, "sent NOTIFICATION Cease/Maximum Number of Prefixes Reached (6/1)");
+   EXPECT_EQ(neighbor->status().idleHoldSeconds, 30u);
+   EXPECT_TRUE(logger.contains("127.0.0.2 held in Idle for 30 s"));
+   scheduler->advance(20s);
+   EXPECT_EQ(connector->attempts.size(), 1u);
+   EXPECT_EQ(neighbor->status().idleHoldSeconds, 10u);
+   auto refused = accept();
+   EXPECT_EQ(refused->notification(), (Notification{ErrorCode::cease, CeaseSubcode::connectionRejected, {}}));
+   EXPECT_TRUE(logger.contains("rejected: held in Idle for 10 s more after a rule limit's teardown"));
+   EXPECT_EQ(neighbor->state(), BgpState::idle);
+   scheduler->advance(10s);
+   EXPECT_EQ(connector->attempts.size(), 2u);
+   EXPECT_EQ(neighbor->state(), BgpState::connect);
+   EXPECT_EQ(neighbor->status().idleHoldSeconds, 0u);
+}
+
+TEST_F(NeighborTest, APassiveNeighborWaitsAgainAfterItsHold) {
+   config.passive = true;
+   make();
+   neighbor->start();
+   auto t = accept();
+   establish(*t);
+   sink.answer = ceaseMaxPrefixes(kIpv6Flowspec, 1);
+   sink.idleHold = 5;
+   t->deliver(encodeEndOfRib(kIpv4Flowspec));
+   EXPECT_EQ(neighbor->state(), BgpState::idle);
+   scheduler->advance(5s);
+   EXPECT_EQ(neighbor->state(), BgpState::active);
+   EXPECT_TRUE(connector->attempts.empty());
+   auto again = accept();
+   EXPECT_EQ(neighbor->state(), BgpState::openSent);
+   // Stopped while held: nothing is left to run.
+   sink.idleHold = 60;
+   establish(*again);
+   again->deliver(encodeEndOfRib(kIpv4Flowspec));
+   neighbor->stop(Notification{ErrorCode::cease, CeaseSubcode::administrativeShutdown, {}});
+   EXPECT_EQ(neighbor->status().idleHoldSeconds, 0u);
+   EXPECT_EQ(scheduler->pending(), 0u);
+}
+
+// The connection attempt carries the neighbor's TCP security; an attempt nothing answers is
+// said, with the likely reason when signatures are on.
+TEST_F(NeighborTest, ConnectionsCarryTheNeighborsTcpSecurity) {
+   config.password = "s3cret";
+   config.ttlSecurity = true;
+   config.ttlSecurityHops = 2;
+   make();
+   neighbor->start();
+   ASSERT_EQ(connector->attempts.size(), 1u);
+   EXPECT_EQ(connector->attempts[0].security, (TcpSecurity{"s3cret", true, 2}));
+   EXPECT_EQ(connector->attempts[0].security.minimumTtl(), 253);
+   scheduler->advance(5s);
+   EXPECT_EQ(neighbor->status().lastError,
+             "connect to 127.0.0.2:1790: no answer within 5 s (TCP MD5 signatures are on: a peer with another "
+             "password, or none, does not answer)");
+   EXPECT_FALSE(logger.contains("s3cret"));
+   neighbor->incomingRefused("connection from 127.0.0.2:4000 refused: TTL 64, below 253 (ttl-security)");
+   EXPECT_EQ(neighbor->status().counters.connectionsRefused, 1u);
+   EXPECT_EQ(neighbor->status().lastError, "connection from 127.0.0.2:4000 refused: TTL 64, below 253 (ttl-security)");
+}
+
+TEST_F(NeighborTest, RouteRefreshesSentAreCounted) {
+   auto t = connectOut();
+   establish(*t);
+   sink.output->sendRouteRefresh(kIpv6Flowspec);
+   EXPECT_EQ(t->sent.back(), encodeRouteRefresh(kIpv6Flowspec));
+   EXPECT_EQ(neighbor->status().counters.routeRefreshesOut, 1u);
 }
 
 } // namespace

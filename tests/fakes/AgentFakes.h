@@ -28,10 +28,12 @@ class RecordingOutput : public BgpPeerOutput {
  public:
    void sendUpdate(std::span<std::uint8_t const> m) override { updates.emplace_back(m.begin(), m.end()); }
    void sendEndOfRib(AfiSafi family) override { endOfRibs.push_back(family); }
+   void sendRouteRefresh(AfiSafi family) override { routeRefreshes.push_back(family); }
    std::size_t queuedBytes() const override { return queued; }
    void drainedCallbackIs(std::function<void()> d) override { drained = std::move(d); }
    std::vector<Bytes> updates;
    std::vector<AfiSafi> endOfRibs;
+   std::vector<AfiSafi> routeRefreshes;
    std::size_t queued = 0;
    std::function<void()> drained;
 };

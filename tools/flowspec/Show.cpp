@@ -2,8 +2,11 @@
 // JSON answer. flowspec show updates [--json]: what the agent's UPDATE decoder made of each
 // neighbor's UPDATEs (outcomes, per-family counts, rules held, count reasons). flowspec show
 // summary [--json]: per VRF and family, the rules in the best-path table, the paths behind
-// them and what the forwarding export did with them.
+// them and what the forwarding export did with them. flowspec show unicast ipv4|ipv6 [PREFIX]
+// [--json]: the unicast routes rules are validated against.
 #include <iostream>
+#include <memory>
+#include <string>
 
 #include "agent/ControlProtocol.h"
 #include "tools/flowspec/ShowFlowspec.h"
@@ -42,6 +45,20 @@ void addShowCommand(CLI::App& app, FlowspecTool::Options& options) {
                      "show updates", FlowspecTool::printUpdates);
    addShowSubcommand(*show, options, "summary", "per VRF and family: rules, paths and the FSIB export", "show summary",
                      FlowspecTool::printSummary);
+   auto* unicast = show->add_subcommand(
+       "unicast", "the unicast routes flowspec rules are validated against: unicast ipv4|ipv6 [PREFIX]");
+   auto family = std::make_shared<std::string>();
+   auto prefix = std::make_shared<std::string>();
+   unicast->add_option("family", *family, "ipv4 or ipv6")->required()->check(CLI::IsMember({"ipv4", "ipv6"}));
+   unicast->add_option("prefix", *prefix, "its best match and the routes inside it");
+   CLI::Option* json = unicast->add_flag("--json")->description("print the agent's JSON answer");
+   unicast->callback([&options, json, family, prefix] {
+      bool const asJson = json->count() > 0;
+      std::string const request = "show unicast " + *family + (prefix->empty() ? "" : " " + *prefix);
+      options.run = [&options, asJson, request] {
+         return showAnswer(options, request, asJson, FlowspecTool::printUnicast);
+      };
+   });
    FlowspecTool::addShowFlowspecCommand(*show, options);
 }
 

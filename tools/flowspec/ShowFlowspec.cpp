@@ -4,7 +4,9 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
+#include "agent/ControlProtocol.h"
 #include "agent/ControlStream.h"
+#include "tools/flowspec/ShowPrinters.h"
 #include "host/net/IpGenAddr.h"
 
 namespace FlowspecTool {
@@ -86,9 +88,27 @@ void addFamily(CLI::App& flowspec, Options& options, char const* family) {
        ->check(CLI::Validator(checkAddress, "ADDRESS"));
    adv->add_option("RULE", args->rule, "rule text")->required();
    adv->add_flag("--json", args->json, "print JSON");
+
+   auto* refused = fam->add_subcommand("refused", "the rules NEIGHBOR sent that import refused, with the reason");
+   refused->add_option("NEIGHBOR", args->neighbor, "neighbor address")
+       ->required()
+       ->check(CLI::Validator(checkAddress, "ADDRESS"));
+   refused->add_flag("--json", args->json, "print JSON: {\"neighbor\", \"family\", \"rules\": [...], \"notKept\"}");
    fam->require_subcommand(0, 1);
 
-   fam->callback([&options, args, rule, adv, family = std::string(family)] {
+   fam->callback([&options, args, rule, adv, refused, family = std::string(family)] {
+      if (refused->parsed()) {
+         options.run = [&options, args, family] {
+            auto answer = Flowspecd::controlRequest(options.socketPath, "show refused " + args->neighbor);
+            if (!answer) {
+               std::cerr << "flowspec: " << answer.reason() << '\n';
+               return 1;
+            }
+            return printAnswer(refusedOfFamily(answer.value(), family + "-flowspec"), args->json, printRefused,
+                               std::cout, std::cerr);
+         };
+         return;
+      }
       nlohmann::json req{{"family", family}, {"format", args->json ? "json" : "text"}};
       if (rule->parsed()) {
          req["show"] = "flowspec-rule";

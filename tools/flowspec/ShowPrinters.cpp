@@ -33,6 +33,61 @@ std::string countText(nlohmann::json const& n, char const* field, std::string co
    return std::to_string(it->at(family).get<std::uint64_t>());
 }
 
+// "a 2, b 1" of the non-zero counts of an object; empty when all are 0.
+std::string nonZero(nlohmann::json const& counts) {
+   std::string text;
+   for (auto const& [name, count] : counts.items()) {
+      if (count.get<std::uint64_t>() == 0) continue;
+      text += (text.empty() ? "" : ", ") + name + " " + std::to_string(count.get<std::uint64_t>());
+   }
+   return text;
+}
+
+// A neighbor's session security, what it may import and what import did, when any of it is
+// there.
+void printTrust(nlohmann::json const& n, std::ostream& os) {
+   std::string security;
+   if (n.value("tcpMd5", false)) security = "TCP MD5";
+   if (auto const it = n.find("ttlSecurity"); it != n.end() && !it->is_null()) {
+      security += (security.empty() ? "" : ", ") + std::string("ttl-security (") + std::to_string(it->get<int>()) +
+                  " hop(s))";
+   }
+   if (!security.empty()) os << "  security: " << security << '\n';
+   if (auto const it = n.find("importPolicy"); it != n.end() && it->is_object()) {
+      auto const& p = *it;
+      std::string text;
+      auto const add = [&](std::string const& part) { text += (text.empty() ? "" : "; ") + part; };
+      if (!p.at("name").is_null()) add("policy " + p.at("name").get<std::string>());
+      if (!p.at("allowedDestinations").is_null()) add("destinations " + joined(p.at("allowedDestinations")));
+      if (!p.at("allowedActions").is_null()) add("actions " + joined(p.at("allowedActions")));
+      if (!p.at("minimumRate").is_null()) {
+         std::ostringstream rate;
+         rate << p.at("minimumRate").get<double>();
+         add("minimum rate " + rate.str());
+      }
+      if (!p.at("maxRules").is_null()) {
+         auto const& m = p.at("maxRules");
+         add("max-rules " + std::to_string(m.at("limit").get<std::uint64_t>()) + " (" +
+             m.at("action").get<std::string>() + ")");
+      }
+      if (!text.empty()) os << "  import: " << text << '\n';
+   }
+   if (auto const it = n.find("import"); it != n.end()) {
+      for (auto const& [family, f] : it->items()) {
+         std::uint64_t const warnings = f.at("limitWarnings").get<std::uint64_t>();
+         std::uint64_t const exceeded = f.at("limitExceeded").get<std::uint64_t>();
+         std::string const refused = nonZero(f.at("refused"));
+         if (refused.empty() && warnings == 0 && exceeded == 0) continue;
+         os << "  import " << family << ": " << f.at("refusedTotal").get<std::uint64_t>() << " refused";
+         if (!refused.empty()) os << " (" << refused << ")";
+         if (warnings != 0 || exceeded != 0) {
+            os << ", max-rules warned " << warnings << ", exceeded " << exceeded;
+         }
+         os << '\n';
+      }
+   }
+}
+
 } // namespace
 
 void printNeighbors(nlohmann::json const& answer, std::ostream& os) {
@@ -77,6 +132,10 @@ void printNeighbors(nlohmann::json const& answer, std::ostream& os) {
       os << "  " << std::left << joined(n.at("families")) << '\n';
       if (auto const d = n.at("description").get<std::string>(); !d.empty()) os << "  description: " << d << '\n';
       if (auto const e = n.at("lastError").get<std::string>(); !e.empty()) os << "  last error: " << e << '\n';
+      if (auto const hold = n.value("idleHoldSeconds", std::uint64_t{0}); hold != 0) {
+         os << "  held in Idle for " << hold << " s more (max-rules-action teardown)\n";
+      }
+      printTrust(n, os);
       // What the agent sent: UPDATEs and rules per family (agents before the RIB-out sent none).
       if (n.contains("familyUpdatesOut")) {
          for (auto const& item : n.at("familyUpdatesOut").items()) {
@@ -107,6 +166,11 @@ void printUpdates(nlohmann::json const& answer, std::ostream& os) {
             << f.at("announced").get<std::uint64_t>() << " announced, " << f.at("withdrawn").get<std::uint64_t>()
             << " withdrawn, " << f.at("refused").get<std::uint64_t>() << " refused, "
             << f.at("rules").get<std::uint64_t>() << " rule(s) held\n";
+         if (auto const it = f.find("importRefused"); it != f.end()) {
+            if (std::string const refused = nonZero(*it); !refused.empty()) {
+               os << "    refused by import: " << refused << '\n';
+            }
+         }
       }
       if (!n.at("reasons").empty()) {
          os << "  count reasons:";
@@ -141,6 +205,63 @@ void printSummary(nlohmann::json const& answer, std::ostream& os) {
    os << "attribute sets: " << answer.at("attributeSets").get<std::uint64_t>() << " held, "
       << answer.at("attributeSetsBuilt").get<std::uint64_t>() << " built, "
       << answer.at("attributeSetsReused").get<std::uint64_t>() << " reused\n";
+}
+
+void printUnicast(nlohmann::json const& answer, std::ostream& os) {
+   os << answer.at("family").get<std::string>() << ": " << answer.at("routes").get<std::uint64_t>() << " route(s)";
+   if (answer.contains("bestMatch")) {
+      auto const& m = answer.at("bestMatch");
+      os << ", best match " << (m.is_null() ? std::string("none") : m.get<std::string>());
+   }
+   os << '\n';
+   auto const& entries = answer.at("entries");
+   if (!entries.empty()) {
+      os << std::left << std::setw(44) << "Prefix" << std::setw(40) << "From" << std::setw(7) << "Paths"
+         << "AS path\n";
+   }
+   for (auto const& e : entries) {
+      os << std::left << std::setw(44) << e.at("prefix").get<std::string>() << std::setw(40)
+         << e.at("from").get<std::string>() << std::setw(7) << e.at("paths").get<std::uint64_t>()
+         << e.at("asPath").get<std::string>() << '\n';
+   }
+   os << std::right;
+   if (answer.at("truncated").get<bool>()) os << "(first " << entries.size() << " shown)\n";
+   if (answer.contains("validation")) {
+      auto const& v = answer.at("validation");
+      os << "validation: " << v.at("rules").get<std::uint64_t>() << " rule(s) indexed, "
+         << v.at("judged").get<std::uint64_t>() << " judgement(s), " << v.at("unicastChanges").get<std::uint64_t>()
+         << " unicast change(s), " << v.at("revalidated").get<std::uint64_t>() << " rule(s) judged again, "
+         << v.at("bytes").get<std::uint64_t>() << " bytes\n";
+   }
+}
+
+void printRefused(nlohmann::json const& answer, std::ostream& os) {
+   auto const& rules = answer.at("rules");
+   os << "Rules " << answer.at("neighbor").get<std::string>() << " sent that import refused ("
+      << answer.at("family").get<std::string>() << "): " << rules.size() << '\n';
+   std::size_t width = 4;
+   for (auto const& r : rules) width = std::max(width, r.at("rule").get<std::string>().size());
+   if (!rules.empty()) {
+      os << std::left << std::setw(static_cast<int>(width + 2)) << "Rule" << std::setw(23) << "Reason"
+         << "Actions\n";
+   }
+   for (auto const& r : rules) {
+      os << std::left << std::setw(static_cast<int>(width + 2)) << r.at("rule").get<std::string>() << std::setw(23)
+         << r.at("reason").get<std::string>() << joined(r.at("actions")) << '\n';
+   }
+   if (auto const notKept = answer.at("notKept").get<std::uint64_t>(); notKept != 0) {
+      os << notKept << " more refusal(s) found no room to be kept and are counted only\n";
+   }
+}
+
+std::string refusedOfFamily(std::string const& answer, std::string const& family) {
+   auto const j = nlohmann::json::parse(answer, nullptr, false);
+   if (!j.is_object() || j.contains("error") || !j.contains("families") || !j["families"].is_object()) return answer;
+   nlohmann::json out{{"neighbor", j.value("neighbor", std::string())}, {"family", family}};
+   auto const f = j["families"].find(family);
+   out["rules"] = f != j["families"].end() ? f->value("rules", nlohmann::json::array()) : nlohmann::json::array();
+   out["notKept"] = f != j["families"].end() ? f->value("notKept", std::uint64_t{0}) : std::uint64_t{0};
+   return Ovk::jsonText(out);
 }
 
 int printAnswer(std::string const& answer, bool json, ShowPrinter print, std::ostream& out, std::ostream& err) {

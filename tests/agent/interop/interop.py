@@ -139,23 +139,30 @@ class Process:
 class Agent:
     """flowspecd under test."""
 
-    def __init__(self, bins, workdir, address, port, neighbors, router_id=None, extra="", fsib_prefix=None):
+    def __init__(self, bins, workdir, address, port, neighbors, router_id=None, extra="", fsib_prefix=None,
+                 more_addresses=()):
         self.flowspecd, self.flowspec = bins
         self.workdir = workdir
         self.socket = os.path.join(workdir, "flowspecd.sock")
         self.config = os.path.join(workdir, "flowspecd.toml")
         # An FSIB of the test's own: tests running side by side never share one.
         self.fsib_prefix = fsib_prefix or f"interop-{os.getpid()}"
-        lines = [f'router-id = "{router_id or address}"', f"local-as = {LOCAL_AS}",
-                 f'listen = ["{address}:{port}", "[::1]:{port}"]', f'control-socket = "{self.socket}"',
-                 f'fsib-prefix = "{self.fsib_prefix}"']
+        listen = [f"{a}:{port}" for a in (address,) + tuple(more_addresses)] + [f"[::1]:{port}"]
+        self.head = [f'router-id = "{router_id or address}"', f"local-as = {LOCAL_AS}",
+                     f"listen = {json.dumps(listen)}", f'control-socket = "{self.socket}"',
+                     f'fsib-prefix = "{self.fsib_prefix}"']
+        self.neighbors_are(neighbors)
+        self.write_config(extra)
+        self.proc = None
+
+    def neighbors_are(self, neighbors):
+        """The [[neighbor]] tables of the configuration written next."""
+        lines = list(self.head)
         for n in neighbors:
             lines += ["", "[[neighbor]]"]
             for k, v in n.items():
                 lines.append(f"{k} = {json.dumps(v)}")
         self.base_config = "\n".join(lines) + "\n"
-        self.write_config(extra)
-        self.proc = None
 
     def write_config(self, extra):
         with open(self.config, "w") as f:
@@ -354,7 +361,8 @@ class Speaker:
 class Peer:
     name = "?"
 
-    def __init__(self, workdir, address, port, agent_address, agent_port, passive, asn=PEER_AS, ipv6=True):
+    def __init__(self, workdir, address, port, agent_address, agent_port, passive, asn=PEER_AS, ipv6=True,
+                 locals=None, options=None):
         self.asn = asn
         self.ipv6 = ipv6
         self.workdir = workdir
@@ -363,12 +371,24 @@ class Peer:
         self.agent_address = agent_address
         self.agent_port = agent_port
         self.passive = passive
+        # IPv4 sessions from these local addresses instead of `address` alone, and per local
+        # address the session's options: "agent" (the agent's address it goes to),
+        # "password", "ttl_security", "passive".
+        self.locals = locals
+        self.options = options or {}
         self.proc = None
 
     def sessions(self):
         """(our neighbor address as the agent sees it, the peer's local address, agent address)"""
-        v4 = [(self.address, self.address, self.agent_address)]
+        v4 = [(a, a, self.option(a, "agent", self.agent_address)) for a in (self.locals or [self.address])]
         return v4 + [("::1", "::1", "::1")] if self.ipv6 else v4
+
+    def option(self, local, key, default=None):
+        """The session option `key` of the session from `local`."""
+        return self.options.get(local, {}).get(key, default)
+
+    def listen_addresses(self):
+        return sorted({self.address} | {local for _, local, _ in self.sessions()})
 
     def announce(self):
         pass
@@ -405,17 +425,19 @@ class GoBgp(Peer):
     def start(self):
         self.api = free_port(self.address)
         cfg = os.path.join(self.workdir, "gobgpd.toml")
-        local = [self.address] + (["::1"] if self.ipv6 else [])
         lines = ["[global.config]", f"  as = {self.asn}", f'  router-id = "{self.address}"', f"  port = {self.port}",
-                 f"  local-address-list = {json.dumps(local)}"]
+                 f"  local-address-list = {json.dumps(self.listen_addresses())}"]
         for _, local, remote in self.sessions():
             lines += ["[[neighbors]]", "  [neighbors.config]", f'    neighbor-address = "{remote}"',
-                      f"    peer-as = {LOCAL_AS}", "  [neighbors.timers.config]", f"    hold-time = {HOLD}",
+                      f"    peer-as = {LOCAL_AS}"]
+            if self.option(local, "password"):
+                lines.append(f'    auth-password = "{self.option(local, "password")}"')
+            lines += ["  [neighbors.timers.config]", f"    hold-time = {HOLD}",
                       "    keepalive-interval = 1", "    connect-retry = 1", "  [neighbors.transport.config]",
                       f'    local-address = "{local}"', f"    remote-port = {self.agent_port}",
-                      f"    passive-mode = {'true' if self.passive else 'false'}",
+                      f"    passive-mode = {'true' if self.option(local, 'passive', self.passive) else 'false'}",
                       "  [neighbors.ebgp-multihop.config]", "    enabled = true", "    multihop-ttl = 2"]
-            for fam in ("ipv4-flowspec", "ipv6-flowspec"):
+            for fam in self.option(local, "families", ("ipv4-flowspec", "ipv6-flowspec")):
                 lines += ["  [[neighbors.afi-safis]]", "    [neighbors.afi-safis.config]",
                           f'      afi-safi-name = "{fam}"']
         with open(cfg, "w") as f:
@@ -469,8 +491,12 @@ class Bird(Peer):
                       f"  neighbor {remote} port {self.agent_port} as {LOCAL_AS};", "  multihop 2; strict bind on;",
                       f"  hold time {HOLD}; keepalive time 1; connect retry time 1; connect delay time 1;",
                       "  error wait time 1, 2;",
-                      f"  passive {'on' if self.passive else 'off'};",
-                      f"  flow4 {{ table ft4; import all; {export} }};",
+                      f"  passive {'on' if self.option(local, 'passive', self.passive) else 'off'};"]
+            if self.option(local, "password"):
+                lines.append(f'  password "{self.option(local, "password")}";')
+            if self.option(local, "ttl_security"):
+                lines.append("  ttl security on;")
+            lines += [f"  flow4 {{ table ft4; import all; {export} }};",
                       f"  flow6 {{ table ft6; import all; {export} }};", "}"]
         with open(cfg, "w") as f:
             f.write("\n".join(lines) + "\n")
@@ -557,7 +583,8 @@ class Frr(Peer):
                  f" bgp router-id {self.address}", " bgp log-neighbor-changes",
                  " no bgp ebgp-requires-policy", " no bgp default ipv4-unicast", " no bgp network import-check",
                  f" timers bgp 1 {HOLD}"]
-        peers = [(remote, local, LOCAL_AS, self.agent_port, self.passive) for _, local, remote in self.sessions()]
+        peers = [(remote, local, LOCAL_AS, self.agent_port, self.option(local, "passive", self.passive))
+                 for _, local, remote in self.sessions()]
         peers.append((self.feeder_address, self.address, self.FEEDER_AS, None, True))
         for remote, local, asn, port, passive in peers:
             lines += [f" neighbor {remote} remote-as {asn}", f" neighbor {remote} update-source {local}",
@@ -567,15 +594,20 @@ class Frr(Peer):
                 lines.append(f" neighbor {remote} port {port}")
             if passive:
                 lines.append(f" neighbor {remote} passive")
+            if port and self.option(local, "password"):
+                lines.append(f" neighbor {remote} password {self.option(local, 'password')}")
+            if port and self.option(local, "ttl_security"):
+                lines.append(f" neighbor {remote} ttl-security hops 1")
         for fam in ("ipv4", "ipv6"):
             lines.append(f" address-family {fam} flowspec")
             lines += [f"  neighbor {p[0]} activate" for p in peers]
             lines.append(" exit-address-family")
         with open(cfg, "w") as f:
             f.write("\n".join(lines) + "\n")
-        self.proc = Process("frr-bgpd", ["/usr/lib/frr/bgpd", "-S", "-Z", "-n", "-p", str(self.port), "-l", self.address,
-                                         "-l", "::1", "-P", "0", "-f", cfg, "-i", os.path.join(self.workdir, "bgpd.pid"),
-                                         "--vty_socket", vty, "--log", "stdout", "--log-level", "debug"],
+        listen = [arg for a in self.listen_addresses() + ["::1"] for arg in ("-l", a)]
+        self.proc = Process("frr-bgpd", ["/usr/lib/frr/bgpd", "-S", "-Z", "-n", "-p", str(self.port)] + listen +
+                            ["-P", "0", "-f", cfg, "-i", os.path.join(self.workdir, "bgpd.pid"),
+                             "--vty_socket", vty, "--log", "stdout", "--log-level", "debug"],
                             self.workdir)
         self.feeder = None
 

@@ -55,6 +55,7 @@ class Output : public BgpPeerOutput {
       queued += m.size();
    }
    void sendEndOfRib(AfiSafi) override { messages.push_back({}); }
+   void sendRouteRefresh(AfiSafi) override {}
    std::size_t queuedBytes() const override { return queued; }
    void drainedCallbackIs(std::function<void()> d) override { drained = std::move(d); }
    void drain() {

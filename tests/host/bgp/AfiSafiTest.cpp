@@ -25,7 +25,7 @@ TEST(AfiSafiTest, PacksAfiAboveSafiAndNamesTheFamilies) {
        {AfiSafi::ipv4Flowspec(), 389, Afi::afiIpv4, 133, "ipv4Flowspec", NlriType::ipv4Flowspec},
        {AfiSafi::ipv6Flowspec(), 645, Afi::afiIpv6, 133, "ipv6Flowspec", NlriType::ipv6Flowspec},
        {AfiSafi(0x186), 0x186, Afi::afiIpv4, 134, "ipv4FlowspecVpn", NlriType::nlriTypeUnknown},
-       {AfiSafi(Afi::afiIpv6, 1), 0x201, Afi::afiIpv6, 1, "ipv6Unicast", NlriType::nlriTypeUnknown},
+       {AfiSafi(Afi::afiIpv6, 1), 0x201, Afi::afiIpv6, 1, "ipv6Unicast", NlriType::ipv6Unicast},
        {AfiSafi(Afi::afiIpv4, 2), 0x102, Afi::afiIpv4, 2, "afi1Safi2", NlriType::nlriTypeUnknown},
        {AfiSafi(25u << 8 | 70), 0x1946, Afi{25}, 70, "afi25Safi70", NlriType::nlriTypeUnknown},
    };

@@ -272,7 +272,9 @@ TEST(BgpMessage, FamilyNames) {
    EXPECT_EQ(familyName(kIpv6Flowspec), "ipv6-flowspec");
    EXPECT_EQ(familyName(kIpv4Unicast), "ipv4-unicast");
    EXPECT_EQ(familyFromName("ipv6-flowspec"), kIpv6Flowspec);
-   EXPECT_FALSE(familyFromName("ipv4-unicast"));
+   EXPECT_EQ(familyFromName("ipv4-unicast"), kIpv4Unicast);
+   EXPECT_EQ(familyFromName("ipv6-unicast"), kIpv6Unicast);
+   EXPECT_FALSE(familyFromName("ipv4-multicast"));
 }
 
 } // namespace

@@ -86,8 +86,8 @@ TEST(BgpParseTest, ReasonNamesAndTexts) {
    }
    EXPECT_STREQ(bgpUpdateErrorText(R::originLength), "ORIGIN length is not 1");
    EXPECT_STREQ(bgpUpdateErrorText(R::none), "");
-   EXPECT_STREQ(bgpUpdateErrorText(static_cast<R>(35)), "");
-   EXPECT_EQ(toStrep(static_cast<R>(35)), "35");
+   EXPECT_STREQ(bgpUpdateErrorText(static_cast<R>(38)), "");
+   EXPECT_EQ(toStrep(static_cast<R>(38)), "38");
 }
 
 TEST(BgpParseTest, VrfRegistryFindsTablesByFamily) {

@@ -43,14 +43,24 @@ constexpr char const* kNeighbors = R"({"neighbors":[
   "routeRefreshesIn":0,"establishedTransitions":0,"families":[],"configuredFamilies":["ipv4-flowspec"],
   "capabilities":[],"holdTime":0,"keepaliveTime":0,"remoteRouterId":"","localEndpoint":null,
   "remoteEndpoint":null,"familyUpdatesIn":{},"endOfRibIn":{},"rulesReceived":{},"rulesAccepted":{},
-  "fsibRefusals":{}}]})";
+  "fsibRefusals":{},"idleHoldSeconds":42,"tcpMd5":true,"ttlSecurity":1,
+  "importPolicy":{"name":"customer","allowedDestinations":["10.0.0.0/8 le 32","2001:db8::/32 ge 48"],
+                  "allowedActions":["discard","rate-limit"],"minimumRate":1000,
+                  "maxRules":{"limit":50,"action":"teardown","restartSeconds":60,"warningPercent":75}},
+  "import":{"ipv4-flowspec":{"refused":{"destinationNotAllowed":3,"noDestination":0,"actionNotAllowed":1,
+                                        "rateBelowMinimum":0,"ruleLimit":0,"globalRuleLimit":0},
+                             "refusedTotal":4,"limitWarnings":1,"limitExceeded":1},
+            "ipv6-flowspec":{"refused":{"destinationNotAllowed":0,"noDestination":0,"actionNotAllowed":0,
+                                        "rateBelowMinimum":0,"ruleLimit":0,"globalRuleLimit":0},
+                             "refusedTotal":0,"limitWarnings":0,"limitExceeded":0}}}]})";
 
 // One neighbor with UPDATEs of every outcome and count reasons; one that has sent nothing.
 constexpr char const* kUpdates = R"({"neighbors":[
  {"address":"192.0.2.1","messages":1207,
   "outcomes":{"accept":1200,"attribute-discard":2,"treat-as-withdraw":4,"session-reset":1},
   "families":{"ipv4-flowspec":{"updates":1100,"announced":1500,"withdrawn":450,"refused":3,"withdrawnUnknown":7,
-                               "rules":1050},
+                               "rules":1050,"importRefused":{"destinationNotAllowed":12,"ruleLimit":0,
+                                                             "globalRuleLimit":2}},
               "ipv6-flowspec":{"updates":100,"announced":95,"withdrawn":5,"refused":0,"withdrawnUnknown":0,
                                "rules":90}},
   "reasons":{"attributeFlags":2,"communitiesLength":1,"mpReachNexthopOverrun":4}},
@@ -71,6 +81,16 @@ constexpr char const* kSummary = R"({"vrfs":[
  {"name":"blue","id":17,
   "families":{"ipv4-flowspec":{"rules":3,"paths":4,"indexBytes":512}}}],
  "attributeSets":42,"attributeSetsBuilt":1300,"attributeSetsReused":1258})";
+
+// What one neighbor sent that import refused, as the agent answers "show refused ADDRESS",
+// cut to one family by the tool.
+std::string const kRefused = FlowspecTool::refusedOfFamily(R"({"neighbor":"192.0.2.1","families":{
+ "ipv4-flowspec":{"rules":[
+   {"rule":"11.0.0.0/24;*;","reason":"destinationNotAllowed","reasonText":"the destination is outside the allowed prefixes","actions":["discard"]},
+   {"rule":"10.0.0.0/24;*;protocol =6;","reason":"actionNotAllowed","reasonText":"an action is not among the allowed actions","actions":["discard","redirect-vrf"]}],
+  "notKept":5},
+ "ipv6-flowspec":{"rules":[],"notKept":0}}})",
+                                                           "ipv4-flowspec");
 
 // The same neighbors with the flowspec plugin's summary labels.
 std::string const kNeighborsLabelled =
@@ -124,7 +144,8 @@ INSTANTIATE_TEST_SUITE_P(Show, ShowGoldenTest,
                                            ShowCase{"neighbors_labelled", kNeighborsLabelled.c_str(),
                                                     FlowspecTool::printNeighbors},
                                            ShowCase{"updates", kUpdates, FlowspecTool::printUpdates},
-                                           ShowCase{"summary", kSummary, FlowspecTool::printSummary}),
+                                           ShowCase{"summary", kSummary, FlowspecTool::printSummary},
+                                           ShowCase{"refused", kRefused.c_str(), FlowspecTool::printRefused}),
                          [](auto const& p) { return std::string(p.param.name); });
 
 TEST(ShowAnswerTest, answersThatAreNotShownAreReported) {
@@ -145,6 +166,18 @@ TEST(ShowAnswerTest, answersThatAreNotShownAreReported) {
       EXPECT_EQ(p.out, "") << c.answer;
       EXPECT_EQ(p.err, c.err) << c.answer;
    }
+}
+
+// A family the neighbor sent nothing refused of; an error stays the agent's error.
+TEST(ShowAnswerTest, refusedOfAFamilyWithNothingRefused) {
+   std::string const answer = R"({"neighbor":"192.0.2.1","families":{"ipv4-flowspec":{"rules":[],"notKept":0}}})";
+   auto const p = printed(FlowspecTool::refusedOfFamily(answer, "ipv6-flowspec"), false, FlowspecTool::printRefused);
+   EXPECT_EQ(p.status, 0);
+   EXPECT_EQ(p.out, "Rules 192.0.2.1 sent that import refused (ipv6-flowspec): 0\n");
+   auto const e = printed(FlowspecTool::refusedOfFamily(R"({"error":"unknown neighbor 1.2.3.4"})", "ipv4-flowspec"),
+                          false, FlowspecTool::printRefused);
+   EXPECT_EQ(e.status, 1);
+   EXPECT_EQ(e.err, "flowspec: unknown neighbor 1.2.3.4\n");
 }
 
 TEST(ShowAnswerTest, noNeighborsIsTheHeaderAlone) {
