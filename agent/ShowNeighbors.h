@@ -11,11 +11,18 @@
 //   "holdTime", "keepaliveTime" (negotiated; 0 unless Established),
 //   "remoteRouterId" ("" unless Established), "localEndpoint", "remoteEndpoint"
 //   ("ADDR:PORT" of the current connection, or null),
-//   "familyUpdatesIn" and "endOfRibIn" (objects from family name to count).
+//   "familyUpdatesIn" and "endOfRibIn" (objects from family name to count),
+//   "peerGracefulRestart" (null, or {"restartTime", "restarting", "notification" (the N
+//   bit on both sides), "families": {NAME: {"forwardingPreserved"}}}).
 // The agent adds, from its routing (objects from family name to count): "rulesReceived",
 // "rulesAccepted", "fsibRefusals", and what the RIB-outs sent over all sessions:
 // "familyUpdatesOut" (UPDATEs, End-of-RIB aside), "rulesSent" (NLRI announced) and
-// "rulesAdvertised" (rules the current session holds from us), "endOfRibOut".
+// "rulesAdvertised" (rules the current session holds from us), "endOfRibOut", and
+// "gracefulRestart": {NAME: {"state" (live, restarting, waiting-end-of-rib), "stalePaths",
+// "timer" (null, "restart-time" or "stale-routes-time"), "secondsLeft", "stalePathsRemoved",
+// "gracefulRestarts"}} for the families graceful restart touched. The answer also carries
+// "restart": {"restarting", "converged", "forwardingKept", "waitingFor", "deferralSecondsLeft"},
+// the agent's own restart.
 #pragma once
 
 #include <nlohmann/json.hpp>

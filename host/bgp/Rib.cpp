@@ -302,6 +302,27 @@ std::size_t RibTable::pathDelSome(RibSource source, Ovk::Ptr<RouteKey const>& cu
    return removed;
 }
 
+std::size_t RibTable::pathDelSomeIf(RibSource source, Ovk::Ptr<RouteKey const>& cursor, std::size_t budget,
+                                    std::function<bool(RouteKey const&)> const& remove) {
+   if (pathsOf(source) == 0) {
+      cursor = nullptr;
+      return 0;
+   }
+   std::vector<RouteKey const*> keys;
+   auto it = cursor ? order_.lowerBound(*cursor) : order_.begin();
+   for (std::size_t visited = 0; it != order_.end() && visited < budget; ++it, ++visited) {
+      RouteKey const* key = *it;
+      if (path(*key, source) && remove(*key)) keys.push_back(key);
+   }
+   cursor = it == order_.end() ? nullptr : Ovk::Ptr<RouteKey const>(*it);
+   std::size_t removed = 0;
+   for (RouteKey const* key : keys) {
+      if (pathDel(*key, source)) ++removed;
+   }
+   if (pathsOf(source) == 0) cursor = nullptr;
+   return removed;
+}
+
 void RibTable::flushChanges() {
    // Reactors may change the table's paths meanwhile (they do not today): each flush tells
    // what had changed when it began.

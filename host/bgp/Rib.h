@@ -99,6 +99,9 @@ class RibTable : public Ovk::PtrInterface {
    // The cursor holds its key, so it stays valid whatever changes between two slices; keys
    // that enter before it meanwhile are not visited.
    std::size_t pathDelSome(RibSource source, Ovk::Ptr<RouteKey const>& cursor, std::size_t budget);
+   // The same, removing only the paths of `source` whose key `remove` answers true for.
+   std::size_t pathDelSomeIf(RibSource source, Ovk::Ptr<RouteKey const>& cursor, std::size_t budget,
+                             std::function<bool(RouteKey const&)> const& remove);
    // Tells the reactors of every key changed since the last flush.
    void flushChanges();
    std::size_t pendingChanges() const { return changed_.size(); }
