@@ -280,31 +280,41 @@ void FlowspecRouteKey::srcPrefixIs(Ovnet::IpGenPrefix const& prefix, std::uint8_
    prefixIs(kTagSrcPrefix, prefix, offset);
 }
 
-std::uint64_t FlowspecRouteKey::orderPrefix() const {
-   // The destination prefix's first 32 bits as digits of two bits, most significant first:
-   // 0 and 1 for the bits the prefix covers, 2 past its length. Comparing the numbers is
-   // comparing the prefixes as the rule order does: the bits both cover, lower first, then
-   // the longer prefix first (its bit sorts before the other's end). A rule without a
-   // destination prefix sorts after every rule with one.
+RouteKeyBase::OrderSummary FlowspecRouteKey::orderSummary() const {
+   // The destination prefix as an address whose bits past the prefix's length are ones.
+   // Comparing two such addresses compares the prefixes as the rule order does wherever they
+   // differ: in a bit both cover, the lower bit sorts first, and where one prefix ends first
+   // its ones meet the other's bits, which sort no later (the longer prefix first). Equal
+   // addresses of two lengths are told apart by the length, longer first, where there is
+   // room: after the 32 bits of an IPv4 address; an IPv6 address fills both words, and keys
+   // of equal words are left to the full comparison. A rule without a destination prefix
+   // sorts after every rule with one.
    PrefixEntry const e = prefixEntry(kTagDestPrefix);
-   if (!e.present()) return UINT64_MAX;
-   unsigned const patternBits = e.mask - e.offset;
-   std::uint32_t bits = 0;
-   for (unsigned i = 0; i < 4 && i * 8 < patternBits; ++i) bits |= std::uint32_t{e.pattern[i]} << (24 - 8 * i);
-   if (patternBits < 32) bits &= ~(0xffffffffu >> patternBits);
-   std::uint32_t const covered = e.mask >= 32 ? 0xffffffffu : ~(0xffffffffu >> e.mask);
-   // Each bit i of a 32-bit word becomes bit 2i of a 64-bit one (most significant first).
-   auto spread = [](std::uint32_t x) {
-      std::uint64_t v = x;
-      v = (v | v << 16) & 0x0000ffff0000ffffull;
-      v = (v | v << 8) & 0x00ff00ff00ff00ffull;
-      v = (v | v << 4) & 0x0f0f0f0f0f0f0f0full;
-      v = (v | v << 2) & 0x3333333333333333ull;
-      v = (v | v << 1) & 0x5555555555555555ull;
+   if (!e.present()) return {UINT64_MAX, UINT64_MAX};
+   // The pattern stands at the address's start; its bits past the pattern are cleared.
+   std::uint8_t a[16] = {};
+   std::memcpy(a, e.pattern, patternBytes(e.mask, e.offset));
+   auto const word = [&](std::size_t at) {
+      std::uint64_t v = 0;
+      for (std::size_t i = 0; i < 8; ++i) v = v << 8 | a[at + i];
       return v;
    };
-   return spread(bits & covered) | spread(~covered) << 1;
+   std::uint64_t hi = word(0);
+   if (!isV6()) {
+      std::uint64_t const ones = e.mask >= 32 ? 0 : (std::uint64_t{0xffffffff} >> e.mask) << 32;
+      return {hi | ones | std::uint64_t{33u - e.mask} << 24, 0};
+   }
+   std::uint64_t lo = word(8);
+   if (e.mask < 64) {
+      hi |= e.mask == 0 ? UINT64_MAX : UINT64_MAX >> e.mask;
+      lo = UINT64_MAX;
+   } else if (e.mask < 128) {
+      lo |= e.mask == 64 ? UINT64_MAX : UINT64_MAX >> (e.mask - 64);
+   }
+   return {hi, lo};
 }
+
+std::uint64_t FlowspecRouteKey::orderPrefix() const { return orderSummary().hi; }
 
 Ovnet::IpGenPrefix FlowspecRouteKey::destPrefix() const { return prefixEntry(kTagDestPrefix).prefix(isV6()); }
 Ovnet::IpGenPrefix FlowspecRouteKey::srcPrefix() const { return prefixEntry(kTagSrcPrefix).prefix(isV6()); }

@@ -210,9 +210,12 @@ class FlowspecRouteKey : public RouteKey {
    bool lessThan(Ovk::Ptr<RouteKeyBase const> const& other) const override;
    // The rule order in one pass over both keys' bytes, without building their prefixes.
    int orderCompare(RouteKeyBase const& other) const override;
-   // The destination prefix's place in the rule order, from its first 32 bits (exact for
-   // IPv4): keys with lower values sort first; equal values leave the order to lessThan.
+   // The destination prefix's place in the rule order (exact for IPv4; the first 64 bits of
+   // an IPv6 address): keys with lower values sort first; equal values leave the order to
+   // lessThan.
    std::uint64_t orderPrefix() const override;
+   // The same over the whole IPv6 address (the second word); for IPv4 the second word is 0.
+   OrderSummary orderSummary() const override;
 
    // The rule's id: the address of the canonical key while it is deduplicated, 0 for an
    // orphan. Asking a key never deduplicated is a broken invariant.

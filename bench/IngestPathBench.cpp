@@ -333,6 +333,13 @@ struct Receiver {
       scheduler->runReady();
    }
    std::size_t routes() const { return routing->ribTable(family)->routes(); }
+   // Bytes of the order index and the dedup table's index.
+   std::size_t orderBytes() const { return routing->ribTable(family)->order().bytes(); }
+   std::size_t dedupIndexBytes() const {
+      auto const vrf = context->dedupTablesVrf(BgpL3VrfId::defaultVrfId());
+      auto const* tables = vrf ? vrf->dedupTablesVrfAfiSafi(family) : nullptr;
+      return tables ? tables->routeKeyDedupTableRawPtr()->indexBytes() : 0;
+   }
    std::size_t paths() const { return routing->ribTable(family)->paths(); }
 
    AfiSafi family;
@@ -406,7 +413,7 @@ void check(benchmark::State& state, bool ok, char const* what) {
 void BM_Announce(benchmark::State& state) {
    bool const v6 = v6Of(state);
    Stream const& a = stream(v6, mixedOf(state), 'A');
-   double heapPerRule = 0, rssPerRule = 0;
+   double heapPerRule = 0, rssPerRule = 0, orderPerRule = 0, dedupPerRule = 0;
    for (auto _ : state) {
       state.PauseTiming();
       {
@@ -420,12 +427,16 @@ void BM_Announce(benchmark::State& state) {
          check(state, rx.routes() == kRules, "not every rule arrived");
          heapPerRule = static_cast<double>(heapBytes() - heap0) / kRules;
          rssPerRule = static_cast<double>(rssBytes() - rss0) / kRules;
+         orderPerRule = static_cast<double>(rx.orderBytes()) / kRules;
+         dedupPerRule = static_cast<double>(rx.dedupIndexBytes()) / kRules;
       }
       state.ResumeTiming();
    }
    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) * kRules);
    state.counters["heapB/rule"] = heapPerRule;
    state.counters["rssB/rule"] = rssPerRule;
+   state.counters["orderB/rule"] = orderPerRule;
+   state.counters["dedupB/rule"] = dedupPerRule;
 }
 
 void BM_WithdrawAll(benchmark::State& state) {

@@ -14,6 +14,7 @@
 // "Must override in derived class" when a derived class has not answered them.
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <iosfwd>
 #include <span>
@@ -73,6 +74,15 @@ class RouteKeyBase : public Ovk::DedupHandle {
    // summary is lower sorts first; keys of equal summaries are ordered by lessThan. By
    // default 0 (lessThan decides alone).
    virtual std::uint64_t orderPrefix() const { return 0; }
+   // A summary twice as wide, for families whose keys still differ after the first 64 bits
+   // of the order (IPv6 prefixes under one /64): `hi` is orderPrefix(), and between keys of
+   // equal `hi` a lower `lo` sorts first in the same way. By default orderPrefix() and 0.
+   struct OrderSummary {
+      std::uint64_t hi = 0;
+      std::uint64_t lo = 0;
+      friend auto operator<=>(OrderSummary const&, OrderSummary const&) = default;
+   };
+   virtual OrderSummary orderSummary() const { return {orderPrefix(), 0}; }
    // The same order as one three-way answer: negative when this key sorts before `other`,
    // positive when after, 0 for keys the order holds equal (lessThan true both ways). The
    // default asks lessThan both ways; a family whose comparison reads the keys' memory

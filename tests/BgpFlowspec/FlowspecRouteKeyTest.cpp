@@ -455,6 +455,14 @@ TEST(FlowspecRouteKeyTest, OrderPrefixAgreesWithTheRuleOrder) {
             if (strictlyBefore) {
                ASSERT_LE(a->orderPrefix(), b->orderPrefix());
             }
+            // The wide summary in the same way, and its first word is the prefix.
+            ASSERT_EQ(a->orderSummary().hi, a->orderPrefix());
+            if (a->orderSummary() < b->orderSummary()) {
+               ASSERT_TRUE(strictlyBefore) << text(*a) << " / " << text(*b);
+            }
+            if (strictlyBefore) {
+               ASSERT_LE(a->orderSummary(), b->orderSummary());
+            }
          }
       }
    }
@@ -463,6 +471,11 @@ TEST(FlowspecRouteKeyTest, OrderPrefixAgreesWithTheRuleOrder) {
    EXPECT_LT(p("10.1.0.0/16;*;"), p("10.0.0.0/8;*;"));
    EXPECT_LT(p("9.255.0.0/16;*;"), p("10.0.0.0/8;*;"));
    EXPECT_LT(p("0.0.0.0/0;*;"), p("*;*;"));
+   // IPv6 hosts under one /96 are told apart by the second word.
+   auto const w = [](char const* text) { return fromText(text, true)->orderSummary(); };
+   EXPECT_LT(w("fd00::1/128;*;"), w("fd00::2/128;*;"));
+   EXPECT_EQ(w("fd00::1/128;*;").hi, w("fd00::2/128;*;").hi);
+   EXPECT_LT(w("fd00::ffff:0/112;*;"), w("fd00::/64;*;"));
 }
 
 // lessThan against the order as described, and the properties sorting relies on: for keys
