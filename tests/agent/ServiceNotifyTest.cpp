@@ -53,7 +53,7 @@ class ManagerSocket {
 
 TEST(ServiceNotifyTest, StatesReachAPathAndAnAbstractSocket) {
    std::string const tag = std::to_string(getpid());
-   for (std::string const name : {"/tmp/fs-notify-" + tag, "@fs-notify-" + tag}) {
+   for (std::string const& name : {"/tmp/fs-notify-" + tag, "@fs-notify-" + tag}) {
       SCOPED_TRACE(name);
       ManagerSocket manager(name);
       ASSERT_TRUE(manager.bound());

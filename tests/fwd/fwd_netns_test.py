@@ -537,7 +537,7 @@ def case_restart(args):
     os.chmod(c.work, 0o755)
     gobgp_rules = [["destination", "198.19.1.1/32", "protocol", "udp", "destination-port", "==5001", "then", "discard"],
                    ["destination", "198.19.2.1/32", "then", "mark", "46"]]
-    total = len(gobgp_rules) + len(interop.Bird.flow4)
+    total = len(gobgp_rules) + len(interop.Bird.flow4) + len(interop.Bird.flow6)
     watch = None
     results = {}
 
