@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "agent/BgpRouting.h"
+#include "host/fwk/SlabHeap.h"
 #include "host/mnemo/SlateRuleSetMount.h"
 #include "host/mnemo/SlateSegment.h"
 #include "host/fwk/Scheduler.h"
@@ -351,10 +352,11 @@ struct Receiver {
    std::unique_ptr<BgpRouting> routing;
 };
 
-// Heap in use and resident memory, in bytes.
+// Heap in use (the system heap's blocks, and the slabs of the small-object heap that have
+// memory behind them) and resident memory, in bytes.
 std::size_t heapBytes() {
    auto const m = mallinfo2();
-   return m.uordblks + m.hblkhd;
+   return m.uordblks + m.hblkhd + Ovk::SlabHeap::stats().slabs * Ovk::SlabHeap::kSlabBytes;
 }
 std::size_t rssBytes() {
    long pages = 0, resident = 0;

@@ -147,10 +147,17 @@ class RouteKey : public RouteKeyBase {
    static Ovk::FwkType const& classFwkType();
    Ovk::FwkType const& fwkType() const override;
 
-   // Keys are allocated with their RIB slot in front (zeroed). Every key is made through
-   // newRouteKey (below), so that RouteKey lies at the start of the object.
+   // Keys are allocated with their RIB slot in front (zeroed), from the slab heap
+   // (host/fwk/SlabHeap.h: a million keys cost their bytes and no more). Every key is made
+   // through newRouteKey (below), so that RouteKey lies at the start of the object. A family
+   // whose keys keep a variable amount in place asks for that many bytes after the object.
+   struct TrailingBytes {
+      std::size_t n = 0;
+   };
    static void* operator new(std::size_t size);
+   static void* operator new(std::size_t size, TrailingBytes trailing);
    static void operator delete(void* p) noexcept;
+   static void operator delete(void* p, TrailingBytes) noexcept;
 
    // Interns this never-deduplicated key in `table` (not null): returns the table's equal
    // key, or enters this one and returns it. The caller holds a reference to this key.
@@ -180,6 +187,15 @@ template <class T, class... Args>
 Ovk::Ptr<T> newRouteKey(Args&&... args) {
    Ovk::Ptr<T> key = Ovk::makePtr<T>(std::forward<Args>(args)...);
    // The RIB slot lies in front of the RouteKey part: it must start the object.
+   OVK_ASSERT(static_cast<void const*>(static_cast<RouteKey const*>(key.ptr())) == static_cast<void const*>(key.ptr()));
+   key->postConstructor();
+   return key;
+}
+
+// The same, with `trailing` bytes allocated right after the object.
+template <class T, class... Args>
+Ovk::Ptr<T> newRouteKeyWithTrailing(std::size_t trailing, Args&&... args) {
+   Ovk::Ptr<T> key(new (RouteKey::TrailingBytes{trailing}) T(std::forward<Args>(args)...));
    OVK_ASSERT(static_cast<void const*>(static_cast<RouteKey const*>(key.ptr())) == static_cast<void const*>(key.ptr()));
    key->postConstructor();
    return key;

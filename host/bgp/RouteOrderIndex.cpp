@@ -76,7 +76,7 @@ class RouteOrderIndex::Tree {
    };
 
    Tree() = default;
-   ~Tree();
+   ~Tree() { freeNodes(); }
    Tree(Tree const&) = delete;
    Tree& operator=(Tree const&) = delete;
 
@@ -90,6 +90,7 @@ class RouteOrderIndex::Tree {
    std::size_t bytes() const { return leaves_ * sizeof(Leaf) + inners_ * sizeof(Inner); }
 
  private:
+   void freeNodes();
    Leaf* leafFor(Entry const& e) const;
    // True when `e` lies in `leaf`'s range.
    static bool inRange(Leaf const* leaf, Entry const& e) {
@@ -108,7 +109,7 @@ class RouteOrderIndex::Tree {
 };
 
 template <class Entry>
-RouteOrderIndex::Tree<Entry>::~Tree() {
+void RouteOrderIndex::Tree<Entry>::freeNodes() {
    // Free every node level by level.
    if (!root_) return;
    std::vector<Node*> level{root_};

@@ -63,14 +63,14 @@ DedupHashTable::DedupHashTable() : slots_(kInitialSlots, 0) {}
 DedupHashTable::Slot DedupHashTable::slotOf(DedupHandle* h, std::uint32_t hash) {
    auto const address = reinterpret_cast<Slot>(h);
    // User-space addresses use the low 47 bits on the machines this runs on, and handles are
-   // allocated 16-byte aligned.
+   // allocated 8-byte aligned at least.
    OVK_ASSERT((address & ~kAddressBits) == 0);
    return address | tagOf(hash);
 }
 
 std::size_t DedupHashTable::homeOfSlot(Slot s) const {
    if (homeShift_ >= 32 - kTagBits) {
-      Slot const tag = ((s >> 47) << 4) | (s & 0xf); // the hash's top 21 bits
+      Slot const tag = ((s >> 47) << 3) | (s & 0x7); // the hash's top 20 bits
       return static_cast<std::size_t>(tag >> (homeShift_ - (32 - kTagBits)));
    }
    return homeOf(handleOf(s)->hash_);

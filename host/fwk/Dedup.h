@@ -135,16 +135,16 @@ class DedupHashTable : public PtrInterface {
  private:
    friend class DedupHandle;
    // A slot holds an entry's address and, in the bits an address leaves unused (the 17
-   // above the 47 of a user-space address, the 4 below a 16-byte alignment), the top 21 bits
+   // above the 47 of a user-space address, the 3 below an 8-byte alignment), the top 20 bits
    // of its hash. An entry's home slot is the top bits of its hash, so that probing compares
-   // the slot's bits before it reads an entry, and an index of up to 2^21 slots is rebuilt
+   // the slot's bits before it reads an entry, and an index of up to 2^20 slots is rebuilt
    // from its own slots, in one pass in order, without reading an entry.
    using Slot = std::uintptr_t;
-   static constexpr unsigned kTagBits = 21;
-   static constexpr Slot kAddressBits = ((Slot{1} << 47) - 1) & ~Slot{0xf};
+   static constexpr unsigned kTagBits = 20;
+   static constexpr Slot kAddressBits = ((Slot{1} << 47) - 1) & ~Slot{0x7};
    static Slot slotOf(DedupHandle* h, std::uint32_t hash);
    static DedupHandle* handleOf(Slot s) { return reinterpret_cast<DedupHandle*>(s & kAddressBits); }
-   static Slot tagOf(std::uint32_t hash) { return (Slot{hash >> 15} << 47) | ((hash >> 11) & 0xf); }
+   static Slot tagOf(std::uint32_t hash) { return (Slot{hash >> 15} << 47) | ((hash >> 12) & 0x7); }
    static bool tagIs(Slot s, std::uint32_t hash) { return (s & ~kAddressBits) == tagOf(hash); }
    // The home slot of a hash, and of the entry a slot holds.
    std::size_t homeOf(std::uint32_t hash) const { return hash >> homeShift_; }
