@@ -615,6 +615,22 @@ def case_restart(args):
             if c.wait_for(lambda: follow_counters(c).get("removed", 0) == before + 1,
                           "a withdrawal after the restarts leaves the dataplane", 15):
                 c.check(True, "a withdrawal after the restarts leaves the dataplane")
+
+            # GoBGP goes for good: its last rule stays, stale, for the restart time it
+            # advertised, then goes (from the FSIB and the dataplane), logged.
+            before = follow_counters(c).get("removed", 0)
+            gone_at = time.monotonic()
+            gobgp.proc.stop(signal.SIGKILL)
+            time.sleep(2)
+            c.check(len(agent.fsib()) == total - 1, "a peer that went keeps its rule meanwhile")
+            c.wait_for(lambda: len(agent.fsib()) == total - 2, "its stale rule goes at its restart time",
+                       gobgp.restart_time + 10)
+            took = time.monotonic() - gone_at
+            c.check(gobgp.restart_time - 1 <= took, f"... not before it ({took:.1f} s, restart time "
+                    f"{gobgp.restart_time} s)")
+            c.wait_for(lambda: follow_counters(c).get("removed", 0) == before + 1, "... and leaves the dataplane", 5)
+            c.check("ipv4-flowspec: restart-time over: 1 stale rule(s) go" in agent.proc.log_text(),
+                    "the agent logs why the rule went")
     except interop.Fail as e:
         c.check(False, str(e))
     finally:

@@ -405,6 +405,7 @@ class GoBgp(Peer):
     # speaker that restarted and kept its forwarding state (-r: the R and F bits).
     graceful = False
     restarting = False
+    restart_time = 15  # seconds, advertised with graceful restart
 
     def start(self):
         self.api = free_port(self.address)
@@ -420,7 +421,7 @@ class GoBgp(Peer):
                       f"    passive-mode = {'true' if self.passive else 'false'}",
                       "  [neighbors.ebgp-multihop.config]", "    enabled = true", "    multihop-ttl = 2"]
             if self.graceful:
-                lines += ["  [neighbors.graceful-restart.config]", "    enabled = true", "    restart-time = 30"]
+                lines += ["  [neighbors.graceful-restart.config]", "    enabled = true", f"    restart-time = {self.restart_time}"]
             for fam in ("ipv4-flowspec", "ipv6-flowspec"):
                 lines += ["  [[neighbors.afi-safis]]", "    [neighbors.afi-safis.config]",
                           f'      afi-safi-name = "{fam}"']
