@@ -101,7 +101,7 @@ TEST(ForwarderTest, AWriterRestartHandsTheDataplaneOnlyTheDifference) {
    ASSERT_TRUE(w->foundExisting());
    w->convergedIs(false);
    w->ruleDelAll();
-   EXPECT_EQ(f.fwd.step(), Forwarder::Step::applied);
+   EXPECT_EQ(f.fwd.step(), Forwarder::Step::holding);
    EXPECT_TRUE(f.dataplane.take().empty()) << "an emptied FSIB while rebuilding removes nothing";
    EXPECT_TRUE(f.fwd.counters().holding);
 
@@ -109,7 +109,7 @@ TEST(ForwarderTest, AWriterRestartHandsTheDataplaneOnlyTheDifference) {
    ASSERT_EQ(w->ruleIs(rule(2, "accept")), Flowspec::RuleIsResult::added); // changed
    ASSERT_EQ(w->ruleIs(rule(5)), Flowspec::RuleIsResult::added);           // new
    ASSERT_EQ(w->ruleIs(rule(4)), Flowspec::RuleIsResult::added);           // as before
-   EXPECT_EQ(f.fwd.step(), Forwarder::Step::applied);
+   EXPECT_EQ(f.fwd.step(), Forwarder::Step::holding);
    EXPECT_EQ(f.dataplane.take(), (std::vector<std::string>{"+2", "+5"}));
    EXPECT_EQ(f.dataplane.programmedRules(), 5u) << "rule 3 is kept while the writer rebuilds";
 
