@@ -88,7 +88,7 @@ struct Fixture {
 // empties the table and writes it again (some rules as they were, one changed, one new, one
 // not at all), then says it has converged. The dataplane gets the new and the changed rule
 // while the writer rebuilds, and loses the one rule nobody announced again only at the end.
-TEST(ForwarderTest, AWriterRestartHandsTheDataplaneOnlyTheDifference) {
+TEST(ForwarderRestartTest, AWriterRestartHandsTheDataplaneOnlyTheDifference) {
    Fixture f;
    {
       auto w = f.writer();
@@ -128,7 +128,7 @@ TEST(ForwarderTest, AWriterRestartHandsTheDataplaneOnlyTheDifference) {
 
 // A follower that starts while the writer rebuilds keeps the dataplane an earlier run left
 // (it hands over nothing) and installs once the writer converged.
-TEST(ForwarderTest, AFollowerStartingDuringARebuildWaitsForConvergence) {
+TEST(ForwarderRestartTest, AFollowerStartingDuringARebuildWaitsForConvergence) {
    Fixture f;
    auto w = f.writer();
    ASSERT_EQ(w->ruleIs(rule(1)), Flowspec::RuleIsResult::added);
