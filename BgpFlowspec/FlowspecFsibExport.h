@@ -209,6 +209,8 @@ class FlowspecRouteConfigSm : public FwdTgtRouteConfigSm {
    // Empty when the rule is in the FSIB; else why not: the won't-export reason, no best
    // route, the FSIB full, or not mounted.
    std::string notInForwardingReason(RouteKey const& key) const override;
+   // False while refused rules wait for the room made for them.
+   bool exportSettled() const override { return !admission_ || !admission_->refillPending(); }
 
    // The FSIB rule of `key`'s best route, which must be there: its match and the actions of
    // its communities.

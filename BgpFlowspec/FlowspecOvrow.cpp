@@ -330,6 +330,8 @@ void BgpFlowspecRouteImpl::getRoute(BgpFlowspecRouteIterState const& state, Ovro
       Ovrow::Row path(Ovrow::Bgp::bgpFlowspecPathRowType());
       path.columnIs("peer", sourceText(table.sources(), p.source));
       path.columnIs("best", best);
+      // Kept from a peer that is restarting (graceful restart), not yet announced again.
+      path.columnIs("stale", context_->context().pathIsStale(table, key, p.source));
       fillPathColumns(path, p.contents());
       paths.push_back(std::move(path));
       best = false;

@@ -40,6 +40,7 @@ Agent::~Agent() {
    stop();
    neighbors_.clear();
    byAddress_.clear();
+   if (context_) context_->stalePathTestIs({});
    origination_ = nullptr;
    routing_ = nullptr;
    if (context_) context_->shutdown();
@@ -69,8 +70,15 @@ Ovk::Result<bool, std::string> Agent::start() {
                                : ""));
    }
    // A segment changed under the agent is replaced; the operator hears of it.
-   if (auto* slate = dynamic_cast<Mnemo::SlateRuleSet*>(Mnemo::fsibOf(*entityManager_).ptr())) {
-      slate->problemHandlerIs([this](std::string const& text) { logger_.log("-", text); });
+   slate_ = Ovk::ptrCast<Mnemo::SlateRuleSet>(Mnemo::fsibOf(*entityManager_));
+   if (slate_) {
+      slate_->problemHandlerIs([this](std::string const& text) { logger_.log("-", text); });
+      // A segment found damaged, of another format or unfinished was not trusted: said here.
+      for (std::string const& note : slate_->attachNotes()) logger_.log("-", "FSIB: " + note);
+      forwardingKept_ = slate_->foundExisting();
+      // Before the export empties the FSIB and fills it again: the forwarding plane is told
+      // to keep what it has until the RIB is back.
+      startConvergence();
    }
    options.entityManager = entityManager_;
    context_ = Plugin::startPlugins(std::move(options));
@@ -84,6 +92,11 @@ Ovk::Result<bool, std::string> Agent::start() {
                                              [](NeighborConfig const& n) { return n.sendsUnicast(); }));
    for (NeighborConfig const& n : config_.neighbors) applyImport(n);
    if (std::string const w = passwordExposure(config_); !w.empty()) logger_.log("-", "warning: " + w);
+   routing_->gracefulRestartIs(config_.gracefulRestart);
+   routing_->convergenceIs(convergence_.get());
+   context_->stalePathTestIs([this](RibTable const& table, RouteKey const& key, RibSource source) {
+      return routing_ && routing_->pathIsStale(table, key, source);
+   });
    origination_ = std::make_unique<Origination>(context_, entityManager_);
    if (ConfigErrors const errors = origination_->check(config_.rules, config_.source); !errors.empty()) {
       std::string text;
@@ -128,11 +141,89 @@ Ovk::Result<bool, std::string> Agent::start() {
       neighbors_.push_back(neighbor);
    }
    for (auto const& n : neighbors_) n->start();
+   if (convergence_ && !convergence_->converged()) {
+      deferralEnds_ = scheduler_->now() + std::chrono::seconds(config_.gracefulRestart.selectionDeferralTime);
+      deferralTask_ = scheduler_->postAfter(
+          std::chrono::seconds(config_.gracefulRestart.selectionDeferralTime),
+          [this] {
+             deferralTask_.reset();
+             if (convergence_) convergence_->deferralOver();
+          },
+          "selectionDeferral");
+      checkConvergence();
+   }
    return true;
 }
 
+std::optional<GracefulRestartCapability> Agent::gracefulRestartCapability(std::vector<AfiSafi> const& families) const {
+   GracefulRestartConfig const& c = config_.gracefulRestart;
+   if (!c.enabled) return std::nullopt;
+   GracefulRestartCapability cap;
+   cap.restartTime = c.restartTime;
+   cap.notification = c.notification;
+   // RFC 4724 section 3: R while our own restart is not over; F when the forwarding plane
+   // kept the rules of the run before (the FSIB was there).
+   cap.restarting = convergence_ && !convergence_->converged();
+   for (AfiSafi const f : families) cap.families.push_back({f, forwardingKept_});
+   return cap;
+}
+
+void Agent::startConvergence() {
+   bool const restarting = config_.gracefulRestart.enabled && forwardingKept_;
+   std::vector<Ovnet::IpGenAddr> addresses;
+   for (auto const& n : config_.neighbors) addresses.push_back(n.address);
+   convergence_ = std::make_unique<RestartConvergence>(restarting, addresses,
+                                                       [this](std::string const& why) { handleConverged(why); });
+   if (!restarting) {
+      // (A flag an earlier run left, dying before it converged, is cleared too.)
+      slate_->convergedIs(true);
+      return;
+   }
+   slate_->convergedIs(false);
+   logger_.log("-", "restart: the FSIB holds " + std::to_string(slate_->ruleCount()) +
+                        " rule(s) of the run before; the forwarding plane keeps them until End-of-RIB from every "
+                        "neighbor (selection-deferral-time " +
+                        std::to_string(config_.gracefulRestart.selectionDeferralTime) + " s at most)");
+}
+
+void Agent::checkConvergence() {
+   convergenceCheck_.reset();
+   if (!convergence_ || convergence_->converged()) return;
+   bool settled = routing_ && routing_->purgesPending() == 0;
+   for (AfiSafi const f : {kIpv4Flowspec, kIpv6Flowspec}) {
+      if (auto sm = routing_ ? routing_->exportSm(f) : nullptr; sm && !sm->exportSettled()) settled = false;
+   }
+   convergence_->check(settled);
+   if (convergence_->converged()) return;
+   convergenceCheck_ = scheduler_->postAfter(std::chrono::milliseconds(100), [this] { checkConvergence(); },
+                                             "restartConvergence");
+}
+
+void Agent::handleConverged(std::string const& why) {
+   if (deferralTask_) scheduler_->cancel(*deferralTask_);
+   if (convergenceCheck_) scheduler_->cancel(*convergenceCheck_);
+   deferralTask_.reset();
+   convergenceCheck_.reset();
+   if (slate_) slate_->convergedIs(true);
+   logger_.log("-", "restart over (" + why + "): the FSIB is complete again with " +
+                        std::to_string(slate_ ? slate_->ruleCount() : 0) + " rule(s); the forwarding plane follows it");
+}
+
+nlohmann::json Agent::restartJson() const {
+   nlohmann::json j;
+   bool const converging = convergence_ && !convergence_->converged();
+   j["restarting"] = convergence_ && convergence_->restarting();
+   j["converged"] = !converging;
+   j["forwardingKept"] = forwardingKept_;
+   j["waitingFor"] = converging ? convergence_->waitingFor() : std::vector<std::string>{};
+   auto const left = std::chrono::ceil<std::chrono::seconds>(deferralEnds_ - scheduler_->now()).count();
+   j["deferralSecondsLeft"] = converging && left > 0 ? static_cast<std::uint64_t>(left) : 0;
+   return j;
+}
+
 Ovk::Ptr<Neighbor> Agent::makeNeighbor(NeighborConfig const& n) {
-   Neighbor::Deps const deps{scheduler_, connector_, &logger_, routing_.get()};
+   Neighbor::Deps const deps{scheduler_, connector_, &logger_, routing_.get(),
+                             [this](std::vector<AfiSafi> const& families) { return gracefulRestartCapability(families); }};
    LocalSpeaker const local{config_.localAs, config_.routerId, sourceAddress(config_, n)};
    SessionRibOut::Options ribOut;
    ribOut.minRouteAdvertisementInterval = std::chrono::seconds(n.minRouteAdvertisementSeconds);
@@ -231,8 +322,10 @@ void Agent::applyNeighbors(std::vector<NeighborConfig> const& next) {
    for (auto const& [address, neighbor] : byAddress_) {
       if (byAddress.count(address)) continue;
       logger_.log(address.str(), "SIGHUP: neighbor removed");
-      neighbor->stop(Notification{ErrorCode::cease, CeaseSubcode::peerDeconfigured, {}});
+      // Our routes are to go from the peer at once, not kept for a restart (RFC 8538).
+      neighbor->stop(Notification{ErrorCode::cease, CeaseSubcode::peerDeconfigured, {}}, true);
       routing_->importSettingsIs(address, {});
+      if (convergence_) convergence_->neighborGone(address);
    }
    neighbors_ = std::move(kept);
    byAddress_ = std::move(byAddress);
@@ -243,6 +336,10 @@ void Agent::applyNeighbors(std::vector<NeighborConfig> const& next) {
 void Agent::stop() {
    // The FSIB keeps the rules of the last moment: a mitigation in force stays in force while
    // the agent is down, and the next start replaces them with what its peers then announce.
+   if (deferralTask_) scheduler_->cancel(*deferralTask_);
+   if (convergenceCheck_) scheduler_->cancel(*convergenceCheck_);
+   deferralTask_.reset();
+   convergenceCheck_.reset();
    if (context_) context_->detachForwarding();
    for (auto const& l : listeners_) l->close();
    listeners_.clear();
@@ -374,6 +471,11 @@ bool Agent::reload(std::string const& file) {
    routing_->validationDefaultIs(std::any_of(next.neighbors.begin(), next.neighbors.end(),
                                              [](NeighborConfig const& n) { return n.sendsUnicast(); }));
    applyNeighbors(next.neighbors);
+   if (!(next.gracefulRestart == config_.gracefulRestart)) {
+      logger_.log("-", "SIGHUP: graceful-restart changed: sessions that start from now on advertise it");
+      config_.gracefulRestart = next.gracefulRestart;
+      routing_->gracefulRestartIs(config_.gracefulRestart);
+   }
    config_.vrfs = std::move(next.vrfs);
    applyVrfs();
    config_.rules = std::move(next.rules);
@@ -454,7 +556,17 @@ std::string Agent::handleControl(std::string_view request) {
          nlohmann::json rulesSent = nlohmann::json::object();
          nlohmann::json rulesAdvertised = nlohmann::json::object();
          nlohmann::json endOfRibOut = nlohmann::json::object();
+         nlohmann::json graceful = nlohmann::json::object();
          if (view) {
+            for (auto const& [family, g] : view->gracefulRestart) {
+               graceful[familyName(family)] = {
+                   {"state", toStrep(g.state)},
+                   {"stalePaths", g.stalePaths},
+                   {"timer", g.timer.empty() ? nlohmann::json(nullptr) : nlohmann::json(g.timer)},
+                   {"secondsLeft", g.secondsLeft},
+                   {"stalePathsRemoved", g.stalePathsRemoved},
+                   {"gracefulRestarts", g.gracefulRestarts}};
+            }
             for (auto const& [family, c] : view->sent) {
                updatesSent[familyName(family)] = c.updates;
                rulesSent[familyName(family)] = c.advertised;
@@ -473,7 +585,9 @@ std::string Agent::handleControl(std::string_view request) {
          n["rulesSent"] = rulesSent;
          n["rulesAdvertised"] = rulesAdvertised;
          n["endOfRibOut"] = endOfRibOut;
+         n["gracefulRestart"] = graceful;
       }
+      answer["restart"] = restartJson();
       answer["summaryLabels"] = summaryLabelsJson(routing_->context());
       answer["strangersClosed"] = strangers_->total();
       return Ovk::jsonText(answer);

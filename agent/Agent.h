@@ -10,6 +10,9 @@
 
 #include <asio/io_context.hpp>
 #include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,9 +21,11 @@
 #include "agent/ControlSocket.h"
 #include "agent/EventLoop.h"
 #include "agent/BgpRouting.h"
+#include "agent/GracefulRestart.h"
 #include "agent/Neighbor.h"
 #include "agent/Origination.h"
 #include "agent/TrustLogs.h"
+#include "host/mnemo/SlateRuleSet.h"
 
 namespace Flowspecd {
 
@@ -61,6 +66,8 @@ class Agent : public Ovk::PtrInterface {
    std::string handleControl(std::string_view request);
    AgentConfig const& config() const { return config_; }
    Ovk::Ptr<EventLoopScheduler> const& scheduler() const { return scheduler_; }
+   // The agent's own restart (graceful restart, restarting side): null before start().
+   RestartConvergence const* convergence() const { return convergence_.get(); }
 
  private:
    void handleAccept(Ovk::Ptr<Transport> t);
@@ -83,6 +90,14 @@ class Agent : public Ovk::PtrInterface {
    void applyNeighbors(std::vector<NeighborConfig> const& next);
    Ovk::Ptr<Neighbor> makeNeighbor(NeighborConfig const& n);
    std::string handleRuleRequest(std::string_view verb, std::string_view body);
+   // Graceful restart: what our OPENs carry for `families`.
+   std::optional<GracefulRestartCapability> gracefulRestartCapability(std::vector<AfiSafi> const& families) const;
+   // The restarting side: holds the FSIB unconverged when the agent found an earlier run's
+   // rules, and waits for the RIB to be back (RestartConvergence).
+   void startConvergence();
+   void checkConvergence();
+   void handleConverged(std::string const& why);
+   nlohmann::json restartJson() const;
 
    asio::io_context& io_;
    AgentConfig config_;
@@ -103,6 +118,13 @@ class Agent : public Ovk::PtrInterface {
    std::unique_ptr<RateLimitedLog> strangers_;
    std::unique_ptr<RateLimitedLog> lowTtl_;
    std::unique_ptr<Md5DropLog> md5Drops_;
+   // Graceful restart, restarting side.
+   Ovk::Ptr<Mnemo::SlateRuleSet> slate_; // the FSIB's writer; null without shared memory
+   bool forwardingKept_ = false;         // the FSIB was there at start, rules and all
+   std::unique_ptr<RestartConvergence> convergence_;
+   std::optional<Ovk::TaskId> deferralTask_;
+   std::optional<Ovk::TaskId> convergenceCheck_;
+   Ovk::Clock::time_point deferralEnds_{};
 };
 
 // Log lines on standard error: "2024-05-01T10:00:00.123Z 127.0.0.2 state Idle -> Connect".

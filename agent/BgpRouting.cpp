@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <malloc.h>
 
+#include "host/fwk/FlatPtrMap.h"
+
 namespace Flowspecd {
 
 namespace {
@@ -41,13 +43,37 @@ struct BgpRouting::Peer {
    std::uint64_t attributeSetsBuilt = 0;
    std::uint64_t attributeSetsReused = 0;
    // Walks of the tables a slice at a time: the paths of a session that went down leaving
-   // (reimport null), or those of the current session its import now refuses.
+   // (reimport null), those of the current session its import now refuses, or, with
+   // `staleOf`, only the stale paths of that family.
    struct Purge {
       Ovk::Ptr<RibTable> table;
       Ovk::Ptr<RouteKey const> cursor;
       Ovk::Ptr<AdjRibin> reimport;
+      std::optional<AfiSafi> staleOf;
    };
    std::vector<Purge> purges;
+   // What its last session negotiated.
+   Negotiated negotiated;
+   // Graceful restart, per family it ever touched.
+   struct Gr {
+      GrState state = GrState::live;
+      Ovk::Ptr<RibTable> table;
+      // Keys announced since the peer came back, each referenced, with a path of the peer:
+      // its other paths are stale. Kept up to date while `tracking`.
+      Ovk::FlatPtrSet<RouteKey> refreshed;
+      bool sweeping = false; // a purge of the stale paths is under way
+      std::optional<Ovk::TaskId> timer;
+      char const* timerName = "";
+      Ovk::Clock::time_point deadline{};
+      std::uint64_t staleRemoved = 0;
+      std::uint64_t restarts = 0;
+      bool tracking() const { return state == GrState::waitingEndOfRib || sweeping; }
+      void forget() {
+         refreshed.forEach([](RouteKey const* k) { k->deleteRef(); });
+         refreshed.clear();
+      }
+   };
+   std::map<AfiSafi, Gr> gr;
 
    AdjRibin* adjRibinOf(RouteKey const& key) const {
       if (!adjRibins) return nullptr;
@@ -72,6 +98,14 @@ BgpRouting::BgpRouting(Logger& logger, Ovk::Ptr<Plugin::Context> context)
 
 BgpRouting::~BgpRouting() {
    if (purgeTask_) context_->taskScheduler()->cancel(*purgeTask_);
+   for (auto const& [id, p] : peers_) {
+      for (auto& [family, g] : p->gr) {
+         if (g.timer) context_->taskScheduler()->cancel(*g.timer);
+         g.forget();
+         // Paths kept for a restart whose session's tables went with it leave here too.
+         if (g.table && p->tables.count(family) == 0) g.table->pathDelAll(p->source);
+      }
+   }
    // The sessions' paths go before the tables and keys they point into, and nothing is sent
    // of their going.
    for (auto const& [id, p] : peers_) ribOuts_.stop(p->identity);
@@ -108,6 +142,7 @@ void BgpRouting::handleEstablished(BgpPeer const& from, Negotiated const& negoti
    p.output = &output;
    p.routeRefresh = negotiated.routeRefresh;
    Ovk::Ptr<ImportControl const> const control = importControlOf(from.address);
+   p.negotiated = negotiated;
 
    BgpUpdateDecoder::Options options;
    options.fourOctetAs = negotiated.fourOctetAs;
@@ -143,6 +178,16 @@ void BgpRouting::handleEstablished(BgpPeer const& from, Negotiated const& negoti
    std::map<AfiSafi, Ovk::Ptr<RibTable>> advertised = p.tables;
    std::erase_if(advertised, [](auto const& entry) { return entry.first.safi() == Safi::unicast; });
    ribOuts_.start(p.identity, p.source, negotiated, output, advertised);
+   // RFC 4724 section 4.2: families kept for the restart wait for End-of-RIB when the peer
+   // kept their forwarding state, and lose their stale paths at once otherwise (and when
+   // the session left the family out).
+   for (auto& [family, g] : p.gr) {
+      if (g.state != GrState::restarting) continue;
+      GrEvent const e = p.tables.count(family) ? sessionUpEvent(negotiated, family) : GrEvent::sessionUp;
+      grEvent(p, family, e,
+              e == GrEvent::sessionUp ? "back without its forwarding state kept" : "back, forwarding state kept");
+   }
+   if (convergence_) convergence_->sessionUp(from.address, negotiated);
 }
 
 void BgpRouting::handleRouteRefresh(BgpPeer const& from, AfiSafi family) {
@@ -151,7 +196,7 @@ void BgpRouting::handleRouteRefresh(BgpPeer const& from, AfiSafi family) {
    ribOuts_.routeRefresh(p->identity, family);
 }
 
-void BgpRouting::handleSessionDown(BgpPeer const& from) {
+void BgpRouting::handleSessionDown(BgpPeer const& from, SessionEnd const& end) {
    Peer* const p = peerOf(from);
    if (!p || !p->established) return;
    p->established = false;
@@ -168,13 +213,124 @@ void BgpRouting::handleSessionDown(BgpPeer const& from) {
    p->decoder = nullptr;
    p->attributes = nullptr;
    p->adjRibins = nullptr;
-   // RFC 4271 section 8.2.2: the peer's routes go with its session. A million of them take
-   // a while, so they go a slice per turn of the event loop: keepalives, the other sessions
-   // and the control socket are served in between. Their removal takes the place of any
-   // walk of a new import policy.
+   // RFC 4271 section 8.2.2: the peer's routes go with its session, unless it restarts
+   // gracefully (RFC 4724 section 4.2). A million of them take a while, so they go a slice
+   // per turn of the event loop: keepalives, the other sessions and the control socket are
+   // served in between. Their removal takes the place of any walk of a new import policy.
    std::erase_if(p->purges, [](Peer::Purge const& w) { return w.reimport != nullptr; });
-   for (auto const& [family, table] : p->tables) p->purges.push_back(Peer::Purge{table, nullptr, nullptr});
+   for (auto const& [family, table] : p->tables) {
+      p->gr[family].table = table;
+      std::string why;
+      GrEvent const e = sessionLossEvent(p->negotiated, family, end, &why);
+      grEvent(*p, family, e, why);
+   }
    schedulePurge();
+}
+
+void BgpRouting::grTimerIs(Peer& p, AfiSafi family, char const* name, std::chrono::seconds after, GrEvent event) {
+   Peer::Gr& g = p.gr[family];
+   if (g.timer) context_->taskScheduler()->cancel(*g.timer);
+   g.timerName = name;
+   g.deadline = context_->taskScheduler()->now() + after;
+   PeerId const id{p.identity.address, p.identity.vrfId};
+   g.timer = context_->taskScheduler()->postAfter(
+       after,
+       [this, id, family, event, name] {
+          auto const it = peers_.find(id);
+          if (it == peers_.end()) return;
+          Peer& peer = *it->second;
+          peer.gr[family].timer.reset();
+          grEvent(peer, family, event, std::string(name) + " over");
+          schedulePurge();
+       },
+       "gracefulRestart");
+}
+
+std::size_t BgpRouting::stalePaths(Peer const& p, AfiSafi family) const {
+   auto const it = p.gr.find(family);
+   if (it == p.gr.end() || !it->second.table) return 0;
+   Peer::Gr const& g = it->second;
+   std::size_t const paths = g.table->pathsOf(p.source);
+   if (g.state == GrState::restarting) return paths;
+   if (!g.tracking()) return 0;
+   return paths > g.refreshed.size() ? paths - g.refreshed.size() : 0;
+}
+
+void BgpRouting::grEvent(Peer& p, AfiSafi family, GrEvent event, std::string const& why) {
+   Peer::Gr& g = p.gr[family];
+   GrStep const step = grStep(g.state, event);
+   std::string const who = p.identity.address.str();
+   std::string const fam = familyName(family);
+   auto const cancelTimer = [&] {
+      if (g.timer) context_->taskScheduler()->cancel(*g.timer);
+      g.timer.reset();
+   };
+   auto const sweepStale = [&] {
+      g.sweeping = true;
+      p.purges.push_back(Peer::Purge{g.table, nullptr, nullptr, family});
+   };
+   std::size_t const stale = stalePaths(p, family);
+   std::size_t const held = g.table ? g.table->pathsOf(p.source) : 0;
+   g.state = step.next;
+   switch (step.action) {
+   case GrAction::none: break;
+   case GrAction::purgeAll:
+      cancelTimer();
+      g.forget();
+      g.sweeping = false;
+      if (g.table) p.purges.push_back(Peer::Purge{g.table, nullptr, nullptr, std::nullopt});
+      if (held != 0 && p.negotiated.peerGracefulRestart) {
+         logger_.log(who, "graceful restart: " + fam + ": " + std::to_string(held) + " rule(s) go with the session (" +
+                              why + ")");
+      }
+      break;
+   case GrAction::keepAsStale:
+   case GrAction::purgeStaleAgain: {
+      cancelTimer();
+      ++g.restarts;
+      if (step.action == GrAction::purgeStaleAgain) {
+         // The paths not announced again since the last restart go; the others turn stale
+         // once that sweep is over.
+         logger_.log(who, "graceful restart: " + fam + ": lost again before End-of-RIB: " + std::to_string(stale) +
+                              " stale rule(s) go");
+         sweepStale();
+      } else {
+         g.forget();
+      }
+      std::uint16_t const restartTime = p.negotiated.peerGracefulRestart ? p.negotiated.peerGracefulRestart->restartTime : 0;
+      logger_.log(who, "graceful restart: " + fam + ": " + std::to_string(held - (step.action == GrAction::keepAsStale ? 0 : stale)) +
+                           " rule(s) kept as stale for up to " + std::to_string(restartTime) + " s (" + why + ")");
+      // RFC 4724 section 4.2: the peer has its restart time to come back; a time of 0 gives
+      // it none.
+      grTimerIs(p, family, "restart-time", std::chrono::seconds(restartTime), GrEvent::restartTimeOver);
+      break;
+   }
+   case GrAction::purgeStale:
+      cancelTimer();
+      logger_.log(who, "graceful restart: " + fam + ": " + why + ": " + std::to_string(stale) +
+                           " stale rule(s) go, " + std::to_string(held - stale) + " kept");
+      g.staleRemoved += stale;
+      sweepStale();
+      break;
+   }
+   if (step.next == GrState::waitingEndOfRib && g.state == GrState::waitingEndOfRib && !g.timer) {
+      logger_.log(who, "graceful restart: " + fam + ": " + why + "; waiting up to " +
+                           std::to_string(grConfig_.staleRoutesTime) + " s for End-of-RIB");
+      grTimerIs(p, family, "stale-routes-time", std::chrono::seconds(grConfig_.staleRoutesTime),
+                GrEvent::staleTimeOver);
+   }
+}
+
+bool BgpRouting::pathIsStale(RibTable const& table, RouteKey const& key, RibSource source) const {
+   for (auto const& [id, p] : peers_) {
+      if (p->source != source) continue;
+      auto const it = p->gr.find(table.afiSafi());
+      if (it == p->gr.end() || it->second.table.ptr() != &table) return false;
+      Peer::Gr const& g = it->second;
+      if (g.state == GrState::restarting) return true;
+      return g.tracking() && !g.refreshed.contains(&key);
+   }
+   return false;
 }
 
 bool BgpRouting::purgeStep(Peer& p, std::size_t budget) {
@@ -185,11 +341,25 @@ bool BgpRouting::purgeStep(Peer& p, std::size_t budget) {
       std::size_t const slice = std::min(left, kPurgeKeysPerSlice);
       if (purge.reimport) {
          purge.reimport->reimportSome(purge.cursor, slice);
+      } else if (purge.staleOf) {
+         Peer::Gr& g = p.gr[*purge.staleOf];
+         purge.table->pathDelSome(p.source, purge.cursor, slice, [&g](RouteKey const& key, RibPath const&) {
+            return !g.refreshed.contains(&key);
+         });
       } else {
          purge.table->pathDelSome(p.source, purge.cursor, slice);
       }
       left -= slice;
-      if (!purge.cursor) p.purges.erase(p.purges.begin());
+      if (!purge.cursor) {
+         // A sweep of stale paths is over: what is left is fresh (or, after a second loss,
+         // all stale again).
+         if (purge.staleOf) {
+            Peer::Gr& g = p.gr[*purge.staleOf];
+            g.sweeping = false;
+            g.forget();
+         }
+         p.purges.erase(p.purges.begin());
+      }
    }
    flush(p);
    if (!p.purges.empty()) return true;
@@ -233,9 +403,19 @@ UpdateOutcome BgpRouting::handleUpdate(BgpPeer const& from, MessageView const& u
    }
    // RFC 7606 section 2: under treat-as-withdraw the announced rules are withdrawn too.
    bool const withdrawAll = u.announcedWithdrawn();
+   // Graceful restart: while stale paths of a family are around, what the peer announces
+   // again is fresh and what it withdraws is gone.
+   auto const tracked = [p](AdjRibin const& r) -> Peer::Gr* {
+      if (p->gr.empty() || !r.ribTable()) return nullptr;
+      auto const it = p->gr.find(r.ribTable()->afiSafi());
+      return it != p->gr.end() && it->second.tracking() ? &it->second : nullptr;
+   };
    for (BgpParsedNlri const& n : u.nlri) {
       if (!n.routeKey || (n.reachable && !withdrawAll)) continue;
-      if (AdjRibin* const r = p->adjRibinOf(*n.routeKey)) r->withdraw(*n.routeKey);
+      AdjRibin* const r = p->adjRibinOf(*n.routeKey);
+      if (!r) continue;
+      r->withdraw(*n.routeKey);
+      if (Peer::Gr* g = tracked(*r); g && g->refreshed.erase(n.routeKey.ptr())) n.routeKey->deleteRef();
    }
    AdjRibin* tornDown = nullptr;
    if (!withdrawAll) {
@@ -249,9 +429,20 @@ UpdateOutcome BgpRouting::handleUpdate(BgpPeer const& from, MessageView const& u
             tornDown = r;
             break;
          }
+         if (Peer::Gr* g = tracked(*r); g && r->ribTable()->path(*n.routeKey, p->source) &&
+                                        g->refreshed.insert(n.routeKey.ptr())) {
+            n.routeKey->newRef();
+         }
       }
    }
    flush(*p);
+   if (auto const eor = u.endOfRib()) {
+      if (auto const it = p->gr.find(*eor); it != p->gr.end() && it->second.state == GrState::waitingEndOfRib) {
+         grEvent(*p, *eor, GrEvent::endOfRib, "End-of-RIB");
+         schedulePurge();
+      }
+      if (convergence_) convergence_->endOfRib(from.address, *eor);
+   }
    UpdateOutcome outcome = UpdateOutcome::of(u);
    if (tornDown) {
       // RFC 4486 section 4: Cease 6/1 with the family and the limit; the neighbor stays down
@@ -330,7 +521,7 @@ void BgpRouting::importSettingsIs(Ovnet::IpGenAddr const& neighbor, ImportSettin
       adjRibin->importControlIs(control);
       adjRibin->validationIs(validationOf(peer.identity));
       if ((control && control->policy) || adjRibin->validation()) {
-         peer.purges.push_back(Peer::Purge{adjRibin->ribTable(), nullptr, adjRibin});
+         peer.purges.push_back(Peer::Purge{adjRibin->ribTable(), nullptr, adjRibin, std::nullopt});
       }
    }
    schedulePurge();
@@ -417,6 +608,21 @@ std::optional<BgpRouting::PeerView> BgpRouting::peer(Ovnet::IpGenAddr const& nei
    }
    v.sent = ribOuts_.sent(neighbor, vrf);
    v.advertised = ribOuts_.advertised(neighbor, vrf);
+   auto const now = context_->taskScheduler()->now();
+   for (auto const& [family, g] : p.gr) {
+      GrView& gv = v.gracefulRestart[family];
+      gv.state = g.state;
+      gv.stalePaths = stalePaths(p, family);
+      gv.stalePathsRemoved = g.staleRemoved;
+      gv.gracefulRestarts = g.restarts;
+      if (g.timer) {
+         gv.timer = g.timerName;
+         auto const left = std::chrono::ceil<std::chrono::seconds>(g.deadline - now).count();
+         gv.secondsLeft = left > 0 ? static_cast<std::uint64_t>(left) : 0;
+      }
+      // Paths kept from a session whose tables are gone still count as received.
+      if (!p.tables.count(family) && g.table) v.received[family] = g.table->pathsOf(p.source);
+   }
    for (auto const& [family, table] : p.tables) {
       v.received[family] = table->pathsOf(p.source);
       v.accepted[family] = table->bestOf(p.source);

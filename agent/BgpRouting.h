@@ -11,7 +11,12 @@
 // flushed to the forwarding export and the RIB-outs, in the same pass of the event loop.
 //
 // A session that goes down takes its paths with it (RFC 4271 section 8.2.2), a slice of the
-// tables per turn of the event loop, so that a million routes never hold the loop. What each
+// tables per turn of the event loop, so that a million routes never hold the loop; unless the
+// peer restarts gracefully (RFC 4724, GracefulRestart.h): its paths then stay in the tables
+// under its source, stale, and what it announces after it came back replaces them; at its
+// End-of-RIB (or when a timer runs out) the stale paths it did not announce again leave, a
+// slice at a time too. Which paths are stale is kept here, beside the RIB: the peer's
+// state per family and the keys it announced again. What each
 // session is sent is SessionRibOuts'; the "FSIB full" lines are FsibRefusalLog's; the show
 // commands' JSON is RoutingShow's. Neighbors are keyed as the RIB's sources are: by address
 // and VRF.
@@ -23,6 +28,7 @@
 // stay down for the limit's restart time (UpdateOutcome::idleHoldSeconds).
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -30,6 +36,7 @@
 #include <utility>
 
 #include "agent/FsibRefusalLog.h"
+#include "agent/GracefulRestart.h"
 #include "agent/Neighbor.h"
 #include "agent/SessionRibOuts.h"
 #include "host/bgp/AdjRibin.h"
@@ -48,7 +55,7 @@ class BgpRouting : public UpdateSink {
 
    UpdateOutcome handleUpdate(BgpPeer const& from, MessageView const& update) override;
    void handleEstablished(BgpPeer const& from, Negotiated const& negotiated, BgpPeerOutput& output) override;
-   void handleSessionDown(BgpPeer const& from) override;
+   void handleSessionDown(BgpPeer const& from, SessionEnd const& end = {}) override;
    void handleRouteRefresh(BgpPeer const& from, AfiSafi family) override;
 
    Plugin::Context& context() const { return *context_; }
@@ -96,8 +103,28 @@ class BgpRouting : public UpdateSink {
    // Keys of the table's order a purge of a session's paths visits per turn of the event
    // loop: about 10 ms of work.
    static constexpr std::size_t kPurgeKeysPerSlice = 16384;
-   // Tables whose paths of a session that went down are still being removed.
+   // Tables whose paths of a session that went down (or stale paths) are still being removed.
    std::size_t purgesPending() const;
+
+   // ---- Graceful restart ----
+
+   // The helper side's settings (stale-routes-time; `enabled` is the sessions' matter).
+   void gracefulRestartIs(GracefulRestartConfig const& config) { grConfig_ = config; }
+   // Hears of sessions and End-of-RIBs for the agent's own restart; null: nobody.
+   void convergenceIs(RestartConvergence* convergence) { convergence_ = convergence; }
+   // True when the path of `source` for `key` in `table` is kept from a session that went
+   // and was not announced again.
+   bool pathIsStale(RibTable const& table, RouteKey const& key, RibSource source) const;
+   // One family of a neighbor as graceful restart holds it.
+   struct GrView {
+      GrState state = GrState::live;
+      std::size_t stalePaths = 0;
+      // The timer running: "restart-time" or "stale-routes-time", and the seconds left.
+      std::string timer;
+      std::uint64_t secondsLeft = 0;
+      std::uint64_t stalePathsRemoved = 0; // over the agent's life
+      std::uint64_t gracefulRestarts = 0;  // sessions lost with the paths kept
+   };
 
    // What one neighbor's UPDATEs gave, over all its sessions.
    struct PeerView {
@@ -108,6 +135,7 @@ class BgpRouting : public UpdateSink {
       std::map<AfiSafi, std::uint64_t> fsibRefusals; // its best rules the full FSIB refused
       std::map<AfiSafi, RibOutCounters> sent;        // what its sessions were sent
       std::map<AfiSafi, std::size_t> advertised;     // rules its session holds from us now
+      std::map<AfiSafi, GrView> gracefulRestart;      // families graceful restart ever touched
    };
    // Empty for a neighbor that never had a session.
    std::optional<PeerView> peer(Ovnet::IpGenAddr const& neighbor,
@@ -142,6 +170,10 @@ class BgpRouting : public UpdateSink {
    Ovk::Ptr<RuleValidation> validationOf(BgpPeer const& peer) const;
    // Logs a limit crossing heard from a RIB-in of `neighbor`.
    void logLimitEvent(Ovnet::IpGenAddr const& neighbor, LimitEvent const& e) const;
+   // Runs `event` of the graceful-restart table for `family` of `p` and does what it says.
+   void grEvent(Peer& p, AfiSafi family, GrEvent event, std::string const& why);
+   void grTimerIs(Peer& p, AfiSafi family, char const* name, std::chrono::seconds after, GrEvent event);
+   std::size_t stalePaths(Peer const& p, AfiSafi family) const;
 
    Logger& logger_;
    Ovk::Ptr<Plugin::Context> context_;
@@ -153,6 +185,8 @@ class BgpRouting : public UpdateSink {
    Ovk::Ptr<GlobalRuleLimit> globalLimit_;
    Ovk::Ptr<RuleValidation> validation_;
    bool validationDefault_ = false;
+   GracefulRestartConfig grConfig_;
+   RestartConvergence* convergence_ = nullptr;
 };
 
 } // namespace Flowspecd

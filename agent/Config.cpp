@@ -720,6 +720,40 @@ void readRules(Checker& check, toml::table const& root, AgentConfig& config) {
    }
 }
 
+// [graceful-restart].
+void readGracefulRestart(Checker& check, toml::table const& root, AgentConfig& config) {
+   toml::node const* v = root.get("graceful-restart");
+   if (!v) return;
+   toml::table const* t = v->as_table();
+   if (!t) {
+      check.error(*v, "graceful-restart is written as a [graceful-restart] table");
+      return;
+   }
+   GracefulRestartConfig& gr = config.gracefulRestart;
+   gr.line = Checker::lineOf(*t);
+   check.onlyKeys(*t, {"enabled", "restart-time", "stale-routes-time", "selection-deferral-time", "notification"},
+                  "[graceful-restart]");
+   auto const flag = [&](char const* key, bool& out) {
+      toml::node const* n = t->get(key);
+      if (!n) return;
+      if (auto const b = n->value_exact<bool>()) {
+         out = *b;
+      } else {
+         check.error(*n, std::string(key) + " must be true or false");
+      }
+   };
+   auto const seconds = [&](char const* key, std::int64_t lo, std::int64_t hi, std::uint16_t& out) {
+      if (toml::node const* n = t->get(key)) {
+         if (auto const s = check.integer(*n, key, lo, hi)) out = static_cast<std::uint16_t>(*s);
+      }
+   };
+   flag("enabled", gr.enabled);
+   flag("notification", gr.notification);
+   seconds("restart-time", 0, GracefulRestartCapability::kMaxRestartTime, gr.restartTime);
+   seconds("stale-routes-time", 1, 65535, gr.staleRoutesTime);
+   seconds("selection-deferral-time", 1, 65535, gr.selectionDeferralTime);
+}
+
 } // namespace
 
 std::string pluginPathIn(std::string_view dir) { return std::string(dir) + "/" + kPluginLibrary; }
@@ -745,12 +779,13 @@ Ovk::Result<AgentConfig, ConfigErrors> parseConfig(std::string_view text, std::s
    config.source = fileName;
    check.onlyKeys(root,
                   {"router-id", "local-as", "listen", "control-socket", "plugin-dir", "fsib-prefix", "max-rules",
-                   "max-rules-warning", "import-policy", "neighbor", "vrf", "rule"},
+                   "max-rules-warning", "import-policy", "neighbor", "vrf", "rule", "graceful-restart"},
                   "");
    readGlobals(check, root, config);
    readNeighbors(check, root, readImportPolicies(check, root), config);
    readVrfs(check, root, config);
    readRules(check, root, config);
+   readGracefulRestart(check, root, config);
    if (!check.clean()) return Ovk::failure(check.take());
    return config;
 }

@@ -74,6 +74,20 @@
 //                                      # address of the rule's family), "redirect-nexthop [ADDR]"
 //                                      # (agent/OriginatedRule.h); one rule per match and family
 //
+//   [graceful-restart]                 # RFC 4724, with RFC 8538's N bit; every key optional
+//   enabled = true                     # advertise the capability for the session's families:
+//                                      # a restarting peer's rules stay (stale) until it is back
+//                                      # and sent End-of-RIB, and our own restart keeps forwarding
+//   restart-time = 120                 # seconds peers are asked to keep our rules while we
+//                                      # restart, 0 to 4095
+//   stale-routes-time = 360            # seconds a peer that came back has to send End-of-RIB
+//                                      # before its stale rules go anyway, 1 to 65535
+//   selection-deferral-time = 120      # seconds a restart of ours waits at most for End-of-RIB
+//                                      # from every peer before the FSIB is said converged,
+//                                      # 1 to 65535
+//   notification = true                # the N bit: a NOTIFICATION other than Hard Reset
+//                                      # restarts gracefully too
+//
 // parseConfig reports every mistake it finds, each with the file, the line and what is
 // wrong, and yields no configuration when there is any.
 #pragma once
@@ -162,6 +176,21 @@ struct RuleConfig {
    std::uint32_t line = 0;
 };
 
+// [graceful-restart]. Kept apart from the other keys: its users are the sessions' OPEN, the
+// helper side of BgpRouting and the agent's start.
+struct GracefulRestartConfig {
+   bool enabled = true;
+   std::uint16_t restartTime = 120;
+   std::uint16_t staleRoutesTime = 360;
+   std::uint16_t selectionDeferralTime = 120;
+   bool notification = true;
+   std::uint32_t line = 0; // where the table starts; 0 when there is none
+   friend bool operator==(GracefulRestartConfig const& a, GracefulRestartConfig const& b) {
+      return a.enabled == b.enabled && a.restartTime == b.restartTime && a.staleRoutesTime == b.staleRoutesTime &&
+             a.selectionDeferralTime == b.selectionDeferralTime && a.notification == b.notification;
+   }
+};
+
 struct AgentConfig {
    std::string source; // file name, or "<built-in>"
    std::uint32_t routerId = 0;
@@ -175,6 +204,7 @@ struct AgentConfig {
    std::vector<RuleConfig> rules;
    // The limit of every neighbor's rules together (action discard); none by default.
    std::optional<RuleLimit> maxRules;
+   GracefulRestartConfig gracefulRestart;
 };
 
 struct ConfigError {

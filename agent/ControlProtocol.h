@@ -13,6 +13,8 @@ namespace Flowspecd {
 
 // Where the agent listens when its configuration names no control socket.
 constexpr char const* kDefaultControlSocket = "/tmp/flowspecd.sock";
+// Where the packaged agent's configuration puts it (its directory made by the service unit).
+constexpr char const* kPackagedControlSocket = "/run/flowspecd/flowspecd.sock";
 
 // Sends `request` to the agent at `path` and returns its answer (without the final
 // newline), or what went wrong.

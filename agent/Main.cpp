@@ -8,14 +8,23 @@
 // Cease to every peer and end the agent. SIGHUP reads the file again: VRFs, their imports,
 // the originated rules, the neighbors and what they may import change; the rest waits for
 // the next start.
+//
+// Run by the service manager as a `Type=notify` service, it says READY=1 once the
+// configuration is loaded and the listeners and the control socket are open, RELOADING=1 and
+// READY=1 around a SIGHUP, STOPPING=1 on SIGTERM, and feeds the watchdog from the event loop
+// (a loop that stops turning stops the keep-alives, and the manager restarts the agent).
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
+#include <asio/steady_timer.hpp>
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <csignal>
 #include <functional>
 #include <iostream>
 
 #include "agent/Agent.h"
+#include "agent/ServiceNotify.h"
+#include "fs/Version.h"
 
 namespace {
 
@@ -43,6 +52,7 @@ int main(int argc, char** argv) {
    app.add_option("--check", checkFile, "validate this configuration file and exit");
    app.add_option("--plugin", pluginPath, "the flowspec plugin library to load (overrides plugin-dir)");
    app.add_flag("--print-default-config", printDefault, "print the built-in configuration and exit");
+   app.set_version_flag("--version", std::string("flowspecd ") + Fs::kVersionText);
    CLI11_PARSE(app, argc, argv);
 
    if (printDefault) {
@@ -81,17 +91,36 @@ int main(int argc, char** argv) {
    asio::io_context io;
    Flowspecd::StderrLogger logger;
    auto agent = Ovk::makePtr<Flowspecd::Agent>(io, std::move(config.value()), logger);
-   logger.log("-", "starting on configuration " + agent->config().source);
+   logger.log("-", std::string("flowspecd ") + Fs::kVersionText + " starting on configuration " +
+                       agent->config().source);
    if (auto started = agent->start(); !started) {
       logger.log("-", started.reason());
       return 1;
    }
+   auto const service = Flowspecd::ServiceNotifier::fromEnvironment();
+   service.notify("READY=1\nSTATUS=running, " + std::to_string(agent->config().neighbors.size()) + " neighbor(s)");
+   asio::steady_timer watchdog(io);
+   std::function<void()> feedWatchdog = [&] {
+      auto const interval = service.keepAliveInterval();
+      if (!interval) return;
+      service.notify("WATCHDOG=1");
+      watchdog.expires_after(*interval);
+      watchdog.async_wait([&](std::error_code const& ec) {
+         if (!ec) feedWatchdog();
+      });
+   };
+   feedWatchdog();
    // SIGHUP reads the configuration file again.
    asio::signal_set hangups(io, SIGHUP);
    std::function<void()> waitHangup = [&] {
       hangups.async_wait([&](std::error_code const& ec, int) {
          if (ec) return;
+         // The manager matches the reload to this signal by the monotonic clock's reading.
+         auto const now = std::chrono::duration_cast<std::chrono::microseconds>(
+             std::chrono::steady_clock::now().time_since_epoch());
+         service.notify("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(now.count()));
          agent->reload(configFile);
+         service.notify("READY=1");
          waitHangup();
       });
    };
@@ -101,7 +130,9 @@ int main(int argc, char** argv) {
       if (ec) return;
       logger.log("-",
                  std::string("signal ") + (signo == SIGINT ? "SIGINT" : "SIGTERM") + ": sending Cease to every peer");
+      service.notify("STOPPING=1");
       hangups.cancel();
+      watchdog.cancel();
       agent->stop();
    });
    io.run();

@@ -40,7 +40,7 @@ UpdateOutcome UpdateOutcome::of(BgpParsedUpdate const& u) {
 void UpdateSink::handleEstablished(BgpPeer const&, Negotiated const& negotiated, BgpPeerOutput& output) {
    for (AfiSafi const f : negotiated.families) output.sendEndOfRib(f);
 }
-void UpdateSink::handleSessionDown(BgpPeer const&) {}
+void UpdateSink::handleSessionDown(BgpPeer const&, SessionEnd const&) {}
 void UpdateSink::handleRouteRefresh(BgpPeer const&, AfiSafi) {}
 
 char const* stateName(BgpState s) {
@@ -106,6 +106,7 @@ class Neighbor::Connection : public Ovk::PtrInterface, public Transport::Receive
    std::optional<Ovk::TaskId> holdTimer;
    std::optional<Ovk::TaskId> keepaliveTimer;
    std::optional<OpenMessage> remoteOpen;
+   OpenMessage sentOpen; // what our OPEN said
    Negotiated negotiated;
    BgpPeer peer;
    Ovk::Clock::time_point establishedAt{};
@@ -174,13 +175,13 @@ void Neighbor::start() {
    }
 }
 
-void Neighbor::stop(Notification const& why) {
+void Neighbor::stop(Notification const& why, bool flushPeer) {
    started_ = false;
    cancelConnecting();
    if (idleHoldTimer_) deps_.scheduler->cancel(*idleHoldTimer_);
    idleHoldTimer_.reset();
    auto const all = connections_;
-   for (auto const& c : all) closeConnection(*c, why, "");
+   for (auto const& c : all) closeConnection(*c, notificationToSend(why, c->negotiated.gracefulNotification, flushPeer), "");
    if (connections_.empty()) transition(nullptr, BgpState::idle);
 }
 
@@ -294,9 +295,16 @@ void Neighbor::addConnection(Ovk::Ptr<Transport> t, Origin origin) {
    log(std::string(origin == Origin::local ? "connected to " : "connection from ") + c->remote.str() + " (local " +
        c->local.str() + ")");
    c->transport->receiverIs(c.ptr());
-   send(*c, encodeOpen(localOpen_), MessageType::open);
+   c->sentOpen = openToSend();
+   send(*c, encodeOpen(c->sentOpen), MessageType::open);
    restartHoldTimer(*c);
    transition(c.ptr(), BgpState::openSent);
+}
+
+OpenMessage Neighbor::openToSend() const {
+   OpenMessage open = localOpen_;
+   if (deps_.gracefulRestart) open.gracefulRestart = deps_.gracefulRestart(open.families);
+   return open;
 }
 
 void Neighbor::send(Connection& c, Bytes bytes, MessageType type) {
@@ -357,7 +365,8 @@ void Neighbor::handleMessage(Connection& c, MessageView const& m) {
       ++counters_.notificationsIn;
       auto n = parseNotification(m.body());
       closeConnection(c, std::nullopt,
-                      "received NOTIFICATION " + (n ? notificationText(n.value()) : std::string("(unreadable)")));
+                      "received NOTIFICATION " + (n ? notificationText(n.value()) : std::string("(unreadable)")),
+                      n ? std::optional(n.value()) : std::optional(Notification{}));
       return;
    }
    case MessageType::open:
@@ -421,7 +430,7 @@ void Neighbor::handleOpen(Connection& c, MessageView const& m) {
       closeConnection(c, *bad, "");
       return;
    }
-   Negotiated neg = negotiate(localOpen_, remote);
+   Negotiated neg = negotiate(c.sentOpen, remote);
    if (neg.families.empty()) {
       // RFC 5492 section 5: the data lists the capabilities the session cannot do without.
       closeConnection(c,
@@ -466,6 +475,15 @@ void Neighbor::enterEstablished(Connection& c) {
    restartHoldTimer(c);
    log("session established: families " + familiesText(c.negotiated.families) + ", hold time " +
        std::to_string(c.negotiated.holdTime) + ", keepalive " + std::to_string(c.negotiated.keepaliveTime));
+   if (auto const& gr = c.negotiated.peerGracefulRestart) {
+      std::string families;
+      for (auto const& f : gr->families) {
+         families += (families.empty() ? "" : " ") + familyName(f.family) + (f.forwardingPreserved ? "(F)" : "");
+      }
+      log("graceful restart: the peer's restart time " + std::to_string(gr->restartTime) + " s, families " +
+          (families.empty() ? "none" : families) + (gr->restarting ? ", restarting" : "") +
+          (c.negotiated.gracefulNotification ? ", N bit on both sides" : ""));
+   }
    deps_.updates->handleEstablished(c.peer, c.negotiated, c);
 }
 
@@ -507,7 +525,8 @@ void Neighbor::holdIdle(std::uint32_t seconds) {
        "idle-hold");
 }
 
-void Neighbor::closeConnection(Connection& c, std::optional<Notification> notify, std::string const& reason) {
+void Neighbor::closeConnection(Connection& c, std::optional<Notification> notify, std::string const& reason,
+                               std::optional<Notification> received) {
    if (!c.open) return;
    Ovk::Ptr<Connection> const keep(&c);
    if (notify) {
@@ -527,7 +546,15 @@ void Neighbor::closeConnection(Connection& c, std::optional<Notification> notify
    connections_.erase(std::remove(connections_.begin(), connections_.end(), keep), connections_.end());
    if (wasEstablished) {
       log("session down");
-      deps_.updates->handleSessionDown(c.peer);
+      SessionEnd end;
+      if (notify) {
+         end.kind = SessionEnd::Kind::notificationSent;
+         end.notification = notify;
+      } else if (received) {
+         end.kind = SessionEnd::Kind::notificationReceived;
+         end.notification = received;
+      }
+      deps_.updates->handleSessionDown(c.peer, end);
    }
    transition(nullptr, connections_.empty() ? BgpState::idle : neighborState_);
 }

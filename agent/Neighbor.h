@@ -19,6 +19,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -26,6 +27,7 @@
 #include <vector>
 
 #include "agent/Config.h"
+#include "agent/GracefulRestart.h"
 #include "agent/Transport.h"
 #include "host/bgp/BgpMessage.h"
 #include "host/bgp/BgpPeer.h"
@@ -81,8 +83,8 @@ class UpdateSink {
    // the session sends End-of-RIB for every family it negotiated, having nothing else to
    // send.
    virtual void handleEstablished(BgpPeer const& peer, Negotiated const& negotiated, BgpPeerOutput& output);
-   // The established session of `peer` ended.
-   virtual void handleSessionDown(BgpPeer const& peer);
+   // The established session of `peer` ended, as `end` says (graceful restart judges by it).
+   virtual void handleSessionDown(BgpPeer const& peer, SessionEnd const& end = {});
    // The peer asks for `family` again (RFC 2918); by default there is nothing to send.
    virtual void handleRouteRefresh(BgpPeer const& peer, AfiSafi family);
    virtual ~UpdateSink() = default;
@@ -136,6 +138,9 @@ class Neighbor : public Ovk::PtrInterface {
       Ovk::Ptr<Connector> connector;
       Logger* logger = nullptr;
       UpdateSink* updates = nullptr; // where UPDATEs go; required
+      // The graceful-restart capability our OPEN carries for the session's families, asked
+      // at each connection; none when not set or when it answers nothing.
+      std::function<std::optional<GracefulRestartCapability>(std::vector<AfiSafi> const& families)> gracefulRestart;
    };
    // RFC 4271 section 8.2.2: the hold time while waiting for the peer's OPEN.
    static constexpr std::uint16_t kOpenHoldSeconds = 240;
@@ -145,8 +150,10 @@ class Neighbor : public Ovk::PtrInterface {
 
    // Starts the state machine (Idle -> Connect or Active).
    void start();
-   // Ends every connection with `why` (a Cease) and stays Idle.
-   void stop(Notification const& why);
+   // Ends every connection with `why` (a Cease) and stays Idle. `flushPeer`: the peer is to
+   // drop our routes at once rather than keep them for a restart (RFC 8538 Hard Reset, on
+   // sessions that negotiated the N bit).
+   void stop(Notification const& why, bool flushPeer = false);
    // A TCP connection accepted from this neighbor's address.
    void handleIncoming(Ovk::Ptr<Transport> transport);
    // A connection from the neighbor's address that the agent closed before it reached the
@@ -180,8 +187,12 @@ class Neighbor : public Ovk::PtrInterface {
    void handleUpdate(Connection& c, MessageView const& m);
    void send(Connection& c, Bytes bytes, MessageType type);
    void send(Connection& c, ByteView bytes, MessageType type);
-   // Ends a connection, sending `notify` first when given; `reason` goes to the last error.
-   void closeConnection(Connection& c, std::optional<Notification> notify, std::string const& reason);
+   // Ends a connection, sending `notify` first when given; `reason` goes to the last error;
+   // `received`: the NOTIFICATION the peer ended it with.
+   void closeConnection(Connection& c, std::optional<Notification> notify, std::string const& reason,
+                        std::optional<Notification> received = std::nullopt);
+   // Our OPEN for the next connection.
+   OpenMessage openToSend() const;
    void restartHoldTimer(Connection& c);
    void startKeepaliveTimer(Connection& c);
    // The one funnel for state changes: sets the state of connection `c`, or the neighbor's

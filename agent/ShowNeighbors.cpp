@@ -78,6 +78,17 @@ nlohmann::json neighborJson(NeighborStatus const& s) {
    j["remoteRouterId"] = idText(s.remoteRouterId);
    j["localEndpoint"] = s.localEndpoint ? nlohmann::json(s.localEndpoint->str()) : nlohmann::json(nullptr);
    j["remoteEndpoint"] = s.remoteEndpoint ? nlohmann::json(s.remoteEndpoint->str()) : nlohmann::json(nullptr);
+   // RFC 4724: the peer's graceful-restart capability, as the session negotiated it.
+   if (auto const& gr = s.negotiated.peerGracefulRestart) {
+      nlohmann::json families = nlohmann::json::object();
+      for (auto const& f : gr->families) families[familyName(f.family)] = {{"forwardingPreserved", f.forwardingPreserved}};
+      j["peerGracefulRestart"] = {{"restartTime", gr->restartTime},
+                                  {"restarting", gr->restarting},
+                                  {"notification", s.negotiated.gracefulNotification},
+                                  {"families", families}};
+   } else {
+      j["peerGracefulRestart"] = nullptr;
+   }
    j["familyUpdatesIn"] = familyCounts(c.familyUpdatesIn);
    j["tcpMd5"] = !s.config.password.empty(); // the password itself is never shown
    j["ttlSecurity"] = s.config.ttlSecurity ? nlohmann::json(s.config.ttlSecurityHops) : nlohmann::json(nullptr);

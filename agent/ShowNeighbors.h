@@ -17,13 +17,18 @@
 //   "tcpMd5" (true when a password is set; the password is never shown), "ttlSecurity"
 //   (the hops, or null), "importPolicy" ({"name", "allowedDestinations", "allowedActions",
 //   "minimumRate", "maxRules": {"limit", "action", "restartSeconds", "warningPercent"}}, each
-//   null when not limited).
+//   null when not limited), "peerGracefulRestart" (null, or {"restartTime", "restarting",
+//   "notification" (the N bit on both sides), "families": {NAME: {"forwardingPreserved"}}}).
 // The agent adds, from its routing (objects from family name to count): "rulesReceived",
 // "rulesAccepted", "fsibRefusals", "import" (RoutingShow.h importJson), and what the
 // RIB-outs sent over all sessions: "familyUpdatesOut" (UPDATEs, End-of-RIB aside),
 // "rulesSent" (NLRI announced) and "rulesAdvertised" (rules the current session holds from
-// us), "endOfRibOut"; and beside "neighbors", "strangersClosed": connections from addresses
-// that are no neighbor, closed at once.
+// us), "endOfRibOut", and "gracefulRestart": {NAME: {"state" (live, restarting,
+// waiting-end-of-rib), "stalePaths", "timer" (null, "restart-time" or "stale-routes-time"),
+// "secondsLeft", "stalePathsRemoved", "gracefulRestarts"}} for the families graceful restart
+// touched; and beside "neighbors", "strangersClosed": connections from addresses that are no
+// neighbor, closed at once, and "restart": {"restarting", "converged", "forwardingKept",
+// "waitingFor", "deferralSecondsLeft"}, the agent's own restart.
 #pragma once
 
 #include <nlohmann/json.hpp>

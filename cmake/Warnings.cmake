@@ -13,6 +13,8 @@ function(fs_library name)
   add_library(${name} SHARED ${ARG_SOURCES})
   fs_target_warnings(${name})
   target_link_libraries(${name} PUBLIC ${ARG_DEPS})
+  # Installed beside the plugin, where the programs' install RPATH finds them.
+  install(TARGETS ${name} LIBRARY DESTINATION ${FS_INSTALL_LIBDIR} NAMELINK_SKIP)
 endfunction()
 
 # A unit test executable registered with ctest.

@@ -2,6 +2,7 @@
 // the framer yields goes through its reader. Oracles: the framer yields the same messages
 // however the stream is split; an OPEN that reads re-encodes to an OPEN that reads back the
 // same; a NOTIFICATION re-encodes to its own bytes.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -37,10 +38,20 @@ void check(Message const& m) {
       auto back = parseOpen(ByteView(again).subspan(kHeaderSize));
       if (!back || back.value().as() != o.value().as() || back.value().holdTime != o.value().holdTime ||
           back.value().bgpId != o.value().bgpId || back.value().families != o.value().families ||
-          back.value().routeRefresh != o.value().routeRefresh) {
+          back.value().routeRefresh != o.value().routeRefresh ||
+          back.value().gracefulRestart != o.value().gracefulRestart) {
          __builtin_trap();
       }
       (void)checkOpen(o.value(), OpenExpectations{65002, 65001, 1});
+      // Negotiation keeps only the session's families of the peer's graceful-restart ones.
+      OpenMessage local = localOpen(65001, 90, 1, {AfiSafi::ipv4Flowspec(), AfiSafi::ipv6Flowspec()});
+      local.gracefulRestart = GracefulRestartCapability{};
+      Negotiated const n = negotiate(local, o.value());
+      if (n.peerGracefulRestart) {
+         for (auto const& f : n.peerGracefulRestart->families) {
+            if (std::find(n.families.begin(), n.families.end(), f.family) == n.families.end()) __builtin_trap();
+         }
+      }
       break;
    }
    case MessageType::notification: {

@@ -16,6 +16,7 @@
 #include <iostream>
 #include <sstream>
 
+#include "fs/Version.h"
 #include "fwd/Forwarder.h"
 #include "fwd/FwdShow.h"
 #include "fwd/FwdStatus.h"
@@ -57,6 +58,7 @@ int main(int argc, char** argv) {
    Fwd::FollowConfig follow;
    std::uint32_t rulePriority = 900;
    app.add_option("--fsib-prefix", prefix, "segment prefix of the FSIB")->capture_default_str();
+   app.set_version_flag("--version", std::string("flowspec-fwd ") + Fs::kVersionText);
    app.add_option("--table", cfg.name, "nftables table (family inet) to own")->capture_default_str();
    app.add_option("--hook", hookName, "prerouting, input or forward")->capture_default_str();
    app.add_option("--priority", cfg.priority, "priority of the base chain")->capture_default_str();

@@ -11,7 +11,16 @@
 // (one load per slot, a copy of the changed ones only), within one generation as a
 // snapshot is. The first look, and the first after the writer replaced the segment, hands
 // the dataplane every rule (a full install); later ones hand it the rules added or
-// replaced and the keys that left.
+// changed and the keys that left. Only real differences go: the follower keeps every rule
+// it handed over, and a rule that left one slot and came back in another, or was written
+// again as it was, is not handed over at all.
+//
+// A writer that restarts empties the FSIB and fills it again, saying so (the segment's
+// rebuilding flag, SlateLayout.h). Meanwhile the follower holds: rules added or changed go
+// to the dataplane as they come, rules missing from the FSIB stay programmed; when the
+// writer says it has converged, the dataplane is made equal to the FSIB by the difference
+// alone. A follower that starts while the writer rebuilds (it has handed nothing over yet)
+// leaves the dataplane an earlier run left as it is and installs once the writer converged.
 //
 // A segment that is not an FSIB of this format (another format version, truncated, some
 // other object) or whose records are damaged is refused with a message, and the table is
@@ -26,9 +35,11 @@
 #include <iosfwd>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "fwd/Backend.h"
+#include "fwd/FwdStatus.h"
 #include "host/mnemo/SlateRuleSetReader.h"
 
 namespace Fwd {
@@ -49,6 +60,7 @@ class Forwarder {
       noSegment, // no FSIB yet
       refused,   // not an FSIB of this format, or damaged: the table is as it was
       unsettled, // the writer kept changing it; try again
+      holding,   // the writer rebuilds the FSIB: what it added went in, nothing left
    };
 
    Forwarder(FollowConfig cfg, Backend& table, std::ostream& log);
@@ -61,17 +73,26 @@ class Forwarder {
    void onAppliedIs(std::function<void(std::uint64_t generation)> f) { onApplied_ = std::move(f); }
 
    std::uint64_t appliedGeneration() const { return applied_.value_or(0); }
+   FollowCounters const& counters() const { return counters_; }
    ApplyReport const& lastReport() const { return lastReport_; }
    double lastSnapshotMs() const { return snapshotMs_; }
 
  private:
    void say(std::string const& message); // once per distinct message
    void writeStatus();
+   // Hands the dataplane what differs between `rules` (each key once) and what it holds; with
+   // `removeMissing` false, keys absent from `rules` stay. The rules handed over are kept.
+   ApplyReport handDifference(std::vector<Flowspec::Rule> const& rules, std::vector<Flowspec::FlowspecSlateKey> gone,
+                              bool removeMissing);
 
    FollowConfig cfg_;
    Backend& table_;
    std::vector<std::uint64_t> seen_;                            // slot words as applied
    std::vector<std::optional<Flowspec::FlowspecSlateKey>> keys_; // the key each slot held
+   // Every rule the dataplane was handed and still holds, by key.
+   std::unordered_map<Flowspec::FlowspecSlateKey, Flowspec::Rule> programmed_;
+   bool installed_ = false; // the dataplane was handed a full install by this process
+   FollowCounters counters_;
    bool statusDue_ = false;
    std::chrono::steady_clock::time_point statusWritten_;
    std::ostream& log_;

@@ -128,11 +128,24 @@ int showRules(ShowOptions const& opt, std::ostream& out, std::ostream& err) {
       j["table"] = dataplane;
       j["fsibGeneration"] = snap.generation;
       j["programmedGeneration"] = status ? nlohmann::json(status->generation) : nlohmann::json(nullptr);
+      j["fsibConverged"] = snap.converged;
+      if (status) {
+         FollowCounters const& f = status->follow;
+         j["follow"] = {{"added", f.added},   {"changed", f.changed},     {"removed", f.removed},
+                        {"holds", f.holds},   {"fullInstalls", f.fullInstalls}, {"unchanged", f.unchanged},
+                        {"holding", f.holding}};
+      }
       out << Ovk::jsonText(j, 2) << '\n';
       return 0;
    }
    out << what << ": FSIB generation " << snap.generation << ", programmed generation "
        << (status ? std::to_string(status->generation) : std::string("none")) << '\n';
+   if (status) {
+      FollowCounters const& f = status->follow;
+      out << "followed: " << f.added << " added, " << f.changed << " changed, " << f.removed << " removed, "
+          << f.fullInstalls << " full installs, " << f.holds << " writer restarts waited out\n";
+      if (f.holding) out << "holding: the FSIB's writer is rebuilding it; rules missing from it stay programmed\n";
+   }
    if (!counterError.empty()) out << "counters: " << counterError << '\n';
    for (auto const& r : rules) {
       out << r["key"].get<std::string>() << "\n    " << (r["installed"].get<bool>() ? "installed" : "not installed");

@@ -19,7 +19,8 @@ namespace Fwd {
 std::string defaultStatusPath(std::string const& table) { return "/run/flowspec-fwd/" + table + ".json"; }
 
 bool writeStatusFile(std::string const& path, std::string const& table, std::string const& segment,
-                     std::uint64_t generation, std::vector<RuleStatus> const& rules, std::string* error) {
+                     std::uint64_t generation, std::vector<RuleStatus> const& rules, std::string* error,
+                     FollowCounters const& follow) {
    nlohmann::json j;
    j["table"] = table;
    j["segment"] = segment;
@@ -32,6 +33,10 @@ bool writeStatusFile(std::string const& path, std::string const& table, std::str
                       {"reason", r.reason.empty() ? nlohmann::json(nullptr) : nlohmann::json(r.reason)},
                       {"counter", r.counterId}});
    }
+   j["follow"] = {{"added", follow.added},         {"changed", follow.changed},
+                  {"removed", follow.removed},     {"fullInstalls", follow.fullInstalls},
+                  {"holds", follow.holds},         {"unchanged", follow.unchanged},
+                  {"holding", follow.holding}};
    std::error_code ec;
    std::filesystem::path const p(path);
    if (p.has_parent_path()) std::filesystem::create_directories(p.parent_path(), ec);
@@ -85,6 +90,11 @@ std::optional<StatusFile> readStatusFile(std::string const& path, std::string* e
    f.segment = j.value("segment", "");
    f.generation = j.value("generation", std::uint64_t{0});
    f.pid = j.value("pid", std::uint32_t{0});
+   if (auto const it = j.find("follow"); it != j.end() && it->is_object()) {
+      auto const u = [&](char const* k) { return it->value(k, std::uint64_t{0}); };
+      f.follow = FollowCounters{u("added"), u("changed"), u("removed"), u("fullInstalls"), u("holds"), u("unchanged"),
+                                it->value("holding", false)};
+   }
    for (auto const& r : j["rules"]) {
       if (!r.is_object() || !r.contains("key") || !r["key"].is_string()) continue;
       StatusEntry e;

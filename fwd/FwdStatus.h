@@ -4,7 +4,8 @@
 //
 //   {"table": "inet NAME" or "xdp NAME" (the dataplane), "segment": "/PREFIX.routing.bgp.flowspec", "generation": G,
 //    "pid": PID, "rules": [{"key": TEXT, "installed": BOOL, "reason": TEXT|null,
-//                           "counter": ID}]}
+//                           "counter": ID}],
+//    "follow": {"added", "changed", "removed", "fullInstalls", "holds", "unchanged", "holding"}}
 //
 // `generation` is the FSIB generation the table holds; `counter` the rule's element in the
 // table's counter set, or the XDP program's counter map. Counts themselves are read from the kernel by --show, never stored.
@@ -20,6 +21,18 @@
 
 namespace Fwd {
 
+// What the follower handed the dataplane over the process's life (Forwarder.h).
+struct FollowCounters {
+   std::uint64_t added = 0;        // rules new to the dataplane
+   std::uint64_t changed = 0;      // rules it held, handed again with other fields
+   std::uint64_t removed = 0;      // rules taken out of it
+   std::uint64_t fullInstalls = 0; // whole dataplanes handed over (start, new segment)
+   std::uint64_t holds = 0;        // times the FSIB's writer rebuilt it and the dataplane waited
+   std::uint64_t unchanged = 0;    // FSIB changes that left a rule as the dataplane has it
+   bool holding = false;           // waiting now: rules missing from the FSIB are kept
+   friend bool operator==(FollowCounters const&, FollowCounters const&) = default;
+};
+
 struct StatusEntry {
    bool installed = false;
    std::string reason;
@@ -32,6 +45,7 @@ struct StatusFile {
    std::uint64_t generation = 0;
    std::uint32_t pid = 0;
    std::map<std::string, StatusEntry> rules; // by rule text
+   FollowCounters follow;
 };
 
 // The default place: /run/flowspec-fwd/TABLE.json.
@@ -41,7 +55,8 @@ std::string defaultStatusPath(std::string const& table);
 // another user could swap it (Ovk::pathTrustProblem: a link, or a directory on the way that
 // others may write), which is then not written.
 bool writeStatusFile(std::string const& path, std::string const& table, std::string const& segment,
-                     std::uint64_t generation, std::vector<RuleStatus> const& rules, std::string* error);
+                     std::uint64_t generation, std::vector<RuleStatus> const& rules, std::string* error,
+                     FollowCounters const& follow = {});
 // Reads it; empty with `error` set when it is missing or not such a file.
 std::optional<StatusFile> readStatusFile(std::string const& path, std::string* error);
 

@@ -22,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "fs/Version.h"
 #include "host/flowspec/RuleSet.h"
 #include "host/mnemo/SlateRuleSetMount.h"
 
@@ -86,6 +87,7 @@ int main(int argc, char** argv) {
    bool burst = false;
    bool keep = false;
    app.add_option("--prefix", prefix, "segment prefix")->capture_default_str();
+   app.set_version_flag("--version", std::string("fsib-writer ") + Fs::kVersionText);
    app.add_option("--rule", texts, "a rule in the rule text form, then optionally \"=> ACTIONS\" (default drop)");
    app.add_option("--delete", deletes, "a rule to delete, in the rule text form");
    app.add_option("--rules", rules, "how many generated rules")->capture_default_str()->check(CLI::Range(1u, 1u << 20));

@@ -11,6 +11,12 @@ constexpr std::uint8_t kParamCapabilities = 2;
 constexpr std::uint8_t kCapMultiprotocol = 1;
 constexpr std::uint8_t kCapRouteRefresh = 2;
 constexpr std::uint8_t kCapFourOctetAs = 65;
+constexpr std::uint8_t kCapGracefulRestart = 64;
+// RFC 4724 section 3 and RFC 8538 section 2: the flags in the top bits of the first two
+// octets, and each family's flags octet.
+constexpr std::uint16_t kGrRestarting = 0x8000;
+constexpr std::uint16_t kGrNotification = 0x4000;
+constexpr std::uint8_t kGrForwarding = 0x80;
 
 Notification notify(std::uint8_t code, std::uint8_t subcode, Bytes data = {}) {
    return Notification{code, subcode, std::move(data)};
@@ -145,6 +151,11 @@ std::string notificationText(Notification const& n) {
       text += sub;
    }
    text += " (" + std::to_string(n.code) + "/" + std::to_string(n.subcode) + ")";
+   // RFC 8538 section 3: the data is the NOTIFICATION the Hard Reset stands for.
+   if (isHardReset(n) && n.data.size() >= 2) {
+      Notification const inner{n.data[0], n.data[1], Bytes(n.data.begin() + 2, n.data.end())};
+      if (!isHardReset(inner)) return text + " for " + notificationText(inner);
+   }
    // RFC 8203: a length octet, then that many octets of UTF-8.
    bool const communication = n.code == ErrorCode::cease && (n.subcode == CeaseSubcode::administrativeShutdown ||
                                                              n.subcode == CeaseSubcode::administrativeReset);
@@ -176,6 +187,25 @@ Notification ceaseMaxPrefixes(AfiSafi family, std::uint32_t limit) {
                        {static_cast<std::uint8_t>(afi >> 8), static_cast<std::uint8_t>(afi), family.safi(),
                         static_cast<std::uint8_t>(limit >> 24), static_cast<std::uint8_t>(limit >> 16),
                         static_cast<std::uint8_t>(limit >> 8), static_cast<std::uint8_t>(limit)}};
+}
+
+Notification hardReset(Notification const& inner) {
+   Notification n{ErrorCode::cease, CeaseSubcode::hardReset, {}};
+   n.data.reserve(2 + inner.data.size());
+   n.data.push_back(inner.code);
+   n.data.push_back(inner.subcode);
+   for (std::uint8_t const b : inner.data) n.data.push_back(b);
+   return n;
+}
+
+bool isHardReset(Notification const& n) {
+   return n.code == ErrorCode::cease && n.subcode == CeaseSubcode::hardReset;
+}
+
+GracefulRestartFamily const* GracefulRestartCapability::find(AfiSafi family) const {
+   auto const it = std::find_if(families.begin(), families.end(),
+                                [family](GracefulRestartFamily const& f) { return f.family == family; });
+   return it == families.end() ? nullptr : &*it;
 }
 
 Ovk::Result<Header, Notification> parseHeader(ByteView header, std::size_t maxMessageSize) {
@@ -299,6 +329,21 @@ Bytes encodeOpen(OpenMessage const& open) {
       caps.addU8(4);
       caps.addU32(*open.fourOctetAs);
    }
+   if (open.gracefulRestart) {
+      GracefulRestartCapability const& gr = *open.gracefulRestart;
+      // Two flag-and-time octets and four per family: the agent's two families fit by far.
+      std::size_t const n = std::min<std::size_t>(gr.families.size(), (255 - 2) / 4);
+      caps.addU8(kCapGracefulRestart);
+      caps.addU8(static_cast<std::uint8_t>(2 + 4 * n));
+      caps.addU16(static_cast<std::uint16_t>((gr.restarting ? kGrRestarting : 0) |
+                                             (gr.notification ? kGrNotification : 0) |
+                                             std::min(gr.restartTime, GracefulRestartCapability::kMaxRestartTime)));
+      for (std::size_t i = 0; i < n; ++i) {
+         caps.addU16(afiNumber(gr.families[i].family));
+         caps.addU8(gr.families[i].family.safi());
+         caps.addU8(gr.families[i].forwardingPreserved ? kGrForwarding : 0);
+      }
+   }
    if (caps.size() != 0) {
       // A handful of capabilities fits one parameter (at most 255 bytes) by far.
       w.addU8(kParamCapabilities);
@@ -348,6 +393,29 @@ Ovk::Result<OpenMessage, Notification> parseOpen(ByteView body) {
             break;
          }
          case kCapRouteRefresh: o.routeRefresh = true; break;
+         case kCapGracefulRestart: {
+            // RFC 4724 section 3: the last instance counts. One whose length leaves a part of
+            // a family is not read (kept among the others' codes): the session goes on
+            // without graceful restart rather than ending over it.
+            std::uint16_t flagsAndTime = 0;
+            if (capLen < 2 || (capLen - 2) % 4 != 0 || !cap.u16(flagsAndTime)) {
+               o.otherCapabilities.push_back(code);
+               break;
+            }
+            GracefulRestartCapability gr;
+            gr.restarting = (flagsAndTime & kGrRestarting) != 0;
+            gr.notification = (flagsAndTime & kGrNotification) != 0;
+            gr.restartTime = flagsAndTime & GracefulRestartCapability::kMaxRestartTime;
+            while (!cap.empty()) {
+               std::uint16_t afi = 0;
+               std::uint8_t safi = 0, flags = 0;
+               if (!cap.u16(afi) || !cap.u8(safi) || !cap.u8(flags)) break; // not reached: length checked
+               AfiSafi const f = afiSafi(afi, safi);
+               if (!gr.find(f)) gr.families.push_back({f, (flags & kGrForwarding) != 0});
+            }
+            o.gracefulRestart = std::move(gr);
+            break;
+         }
          case kCapFourOctetAs: {
             std::uint32_t as = 0;
             if (capLen != 4 || !cap.u32(as)) return Ovk::failure(unspecific);
@@ -387,6 +455,14 @@ Negotiated negotiate(OpenMessage const& local, OpenMessage const& remote) {
    }
    n.fourOctetAs = local.fourOctetAs.has_value() && remote.fourOctetAs.has_value();
    n.routeRefresh = local.routeRefresh && remote.routeRefresh;
+   if (local.gracefulRestart && remote.gracefulRestart) {
+      GracefulRestartCapability peer = *remote.gracefulRestart;
+      std::erase_if(peer.families, [&n](GracefulRestartFamily const& f) {
+         return std::find(n.families.begin(), n.families.end(), f.family) == n.families.end();
+      });
+      n.gracefulNotification = local.gracefulRestart->notification && peer.notification;
+      n.peerGracefulRestart = std::move(peer);
+   }
    return n;
 }
 
@@ -395,6 +471,8 @@ std::vector<std::string> capabilityNames(Negotiated const& n) {
    if (!n.families.empty()) names.emplace_back("multiprotocol");
    if (n.routeRefresh) names.emplace_back("route-refresh");
    if (n.fourOctetAs) names.emplace_back("four-octet-as");
+   if (n.peerGracefulRestart) names.emplace_back("graceful-restart");
+   if (n.gracefulNotification) names.emplace_back("graceful-notification");
    return names;
 }
 

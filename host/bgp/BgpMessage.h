@@ -2,7 +2,8 @@
 // the message types, the NOTIFICATION codes and the path attribute types; the framing of a
 // byte stream into messages (used by the sessions and by the capture readers alike); OPEN
 // with the capabilities the agent speaks (multiprotocol RFC 4760, route refresh RFC 2918,
-// 4-octet AS RFC 6793), KEEPALIVE, NOTIFICATION, ROUTE-REFRESH and End-of-RIB. UPDATEs are
+// 4-octet AS RFC 6793, graceful restart RFC 4724 with RFC 8538's N bit), KEEPALIVE,
+// NOTIFICATION (with RFC 8538's Hard Reset), ROUTE-REFRESH and End-of-RIB. UPDATEs are
 // decoded by BgpUpdateDecoder.h.
 //
 // Everything that reads peer bytes returns a Result: the value, or the NOTIFICATION the
@@ -90,7 +91,8 @@ constexpr std::uint8_t inOpenSent = 1, inOpenConfirm = 2, inEstablished = 3;
 }
 namespace CeaseSubcode {
 constexpr std::uint8_t maxPrefixes = 1, administrativeShutdown = 2, peerDeconfigured = 3, administrativeReset = 4,
-                       connectionRejected = 5, otherConfigurationChange = 6, connectionCollision = 7;
+                       connectionRejected = 5, otherConfigurationChange = 6, connectionCollision = 7,
+                       outOfResources = 8, hardReset = 9;
 }
 
 // A NOTIFICATION: to send, or as received.
@@ -108,6 +110,10 @@ Notification ceaseWithMessage(std::uint8_t subcode, std::string_view message);
 // Cease "Maximum Number of Prefixes Reached" (RFC 4486 section 4): its data the family
 // (AFI 2 bytes, SAFI 1 byte) and the limit (4 bytes).
 Notification ceaseMaxPrefixes(AfiSafi family, std::uint32_t limit);
+// RFC 8538 section 3: `inner` wrapped in a Cease/Hard Reset (its code, subcode and data as
+// the data).
+Notification hardReset(Notification const& inner);
+bool isHardReset(Notification const& n);
 
 // The fixed header. `length` covers the whole message, header included.
 struct Header {
@@ -159,6 +165,23 @@ void startMessage(Serialize& out, MessageType type);
 // Fills in the length of the message started in `out`.
 void finishMessage(Serialize& out);
 
+// RFC 4724 section 3: the Graceful Restart capability (code 64), with RFC 8538's N bit.
+struct GracefulRestartFamily {
+   AfiSafi family;
+   bool forwardingPreserved = false; // the F bit
+   friend bool operator==(GracefulRestartFamily const&, GracefulRestartFamily const&) = default;
+};
+struct GracefulRestartCapability {
+   static constexpr std::uint16_t kMaxRestartTime = 0x0fff; // 12 bits of seconds
+   bool restarting = false;       // R: the sender has restarted (do not wait for its End-of-RIB)
+   bool notification = false;     // N (RFC 8538): NOTIFICATIONs other than Hard Reset restart gracefully
+   std::uint16_t restartTime = 0; // seconds the sender's session takes to come back
+   std::vector<GracefulRestartFamily> families; // the families it keeps forwarding state for
+   // The entry of `family`, or null.
+   GracefulRestartFamily const* find(AfiSafi family) const;
+   friend bool operator==(GracefulRestartCapability const&, GracefulRestartCapability const&) = default;
+};
+
 // An OPEN message with the capabilities the agent understands.
 struct OpenMessage {
    std::uint8_t version = kBgpVersion;
@@ -168,7 +191,9 @@ struct OpenMessage {
    std::optional<std::uint32_t> fourOctetAs;    // capability 65
    std::vector<AfiSafi> families;               // capability 1, once per family
    bool routeRefresh = false;                   // capability 2
-   std::vector<std::uint8_t> otherCapabilities; // codes of the capabilities not used here
+   std::optional<GracefulRestartCapability> gracefulRestart; // capability 64 (the last one sent)
+   std::vector<std::uint8_t> otherCapabilities; // codes of the capabilities not used here, and of
+                                                // a graceful-restart capability of the wrong length
    // The speaker's AS: the 4-octet capability's when present.
    std::uint32_t as() const { return fourOctetAs ? *fourOctetAs : myAs; }
 };
@@ -198,9 +223,15 @@ struct Negotiated {
    std::vector<AfiSafi> families;   // advertised by both, in our order
    bool fourOctetAs = false;
    bool routeRefresh = false;
+   // RFC 4724: the peer's Graceful Restart capability, when both sides advertised one; its
+   // families are those of `families` only.
+   std::optional<GracefulRestartCapability> peerGracefulRestart;
+   // RFC 8538: both sides set the N bit.
+   bool gracefulNotification = false;
 };
 Negotiated negotiate(OpenMessage const& local, OpenMessage const& remote);
-// The capabilities both sides advertised: "multiprotocol", "four-octet-as", "route-refresh".
+// The capabilities both sides advertised: "multiprotocol", "four-octet-as", "route-refresh",
+// "graceful-restart", "graceful-notification".
 std::vector<std::string> capabilityNames(Negotiated const& n);
 
 Bytes encodeKeepalive();

@@ -112,6 +112,9 @@ class FwdTgtRouteConfigSm : public Ovk::PtrInterface, public Ovk::NotificationSw
    // Why `key`'s best route is not in the target's table; empty when it is there. By
    // default nothing is said.
    virtual std::string notInForwardingReason(RouteKey const& key) const;
+   // False while work the target does later (a table that waits for room) can still change
+   // what it holds for the routes it was told of. By default nothing waits.
+   virtual bool exportSettled() const { return true; }
 
    void hasNotificationActiveIs(bool on) override;
 

@@ -30,6 +30,14 @@
 // Header.generation is odd while a change is under way and even between changes; a reader
 // that reads the same even generation before and after copying every slot holds a snapshot
 // of one moment. A writer that died leaves it odd; readers then check writerPid.
+//
+// Header.flags (format version 2): flagRebuilding is set by a writer that restarted and is
+// building the table again from its sources; the rules in the table then may be fewer than
+// those in force (the writer emptied it and fills it again), and a reader that applies the
+// table elsewhere keeps what it applied before, taking only rules added or changed, until
+// the flag clears; then it applies the difference. The flag changes within a change
+// (odd generation), so a pass at one even generation sees one value of it. Version 1
+// segments have no such flag: they are always converged.
 #pragma once
 
 #include <array>
@@ -40,11 +48,15 @@
 namespace Mnemo::SlateLayout {
 
 inline constexpr std::uint64_t segmentMagic = 0x3145544c534b564fULL; // "OVKSLTE1" read backwards
-inline constexpr std::uint32_t formatVersion = 1;
+inline constexpr std::uint32_t formatVersion = 2;
+// The oldest version readers and writers still take (same layout, no rebuilding flag); a
+// writer that attaches to one marks it version 2.
+inline constexpr std::uint32_t oldestFormatVersion = 1;
 inline constexpr std::uint32_t headerBytes = 256;
 inline constexpr std::uint32_t blockMagic = 0x6b636c42; // "Blck"
 inline constexpr std::uint32_t bucketTombstone = 0xffffffffu;
-inline constexpr std::uint32_t flagRetired = 0x1; // replaced by a segment of another shape
+inline constexpr std::uint32_t flagRetired = 0x1;    // replaced by a segment of another shape
+inline constexpr std::uint32_t flagRebuilding = 0x2; // the writer has not converged since its start
 // The largest collection a segment describes (slot numbers and block offsets stay in 32 bits).
 inline constexpr std::uint32_t maxCapacity = 1u << 18;
 

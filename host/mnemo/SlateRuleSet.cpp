@@ -93,6 +93,7 @@ Ovk::Result<Ovk::Ptr<SlateRuleSet>, SlateError> SlateRuleSet::attach(std::string
    Geometry const g = geometryFor(capacity);
    // A few rounds: each may find a segment of another shape and remove it, or lose a race
    // with another process that removes one.
+   std::vector<std::string> notes;
    for (int round = 0; round < 4; ++round) {
       std::string reason;
       int err = 0;
@@ -139,9 +140,14 @@ Ovk::Result<Ovk::Ptr<SlateRuleSet>, SlateError> SlateRuleSet::attach(std::string
                say(why, "no shared memory for " + segmentPath(segmentName));
                return Ovk::failure(SlateError::openFailed);
             }
+            notes.push_back(segmentPath(segmentName) + " was left unfinished by its maker: made again, empty");
             fresh = true;
          } else if (!headerIsWellFormed(*h) || h->capacity != capacity) {
             OVK_TRACE(mnemoTrace(), 3, "replacing segment " << segmentName << " of another format or capacity");
+            notes.push_back(segmentPath(segmentName) + " is " +
+                            (headerIsWellFormed(*h) ? "an FSIB of capacity " + std::to_string(h->capacity)
+                                                    : std::string("not an FSIB of a format this writer knows")) +
+                            ": not trusted, replaced by an empty one");
             if (headerIsWellFormed(*h) && size >= g.heapOffset) {
                const_cast<Header*>(h)->flags.fetch_or(flagRetired, std::memory_order_release);
             }
@@ -165,7 +171,9 @@ Ovk::Result<Ovk::Ptr<SlateRuleSet>, SlateError> SlateRuleSet::attach(std::string
          set->detached_ = true; // not ours to release
          return Ovk::failure(SlateError::writerActive);
       }
+      set->foundExisting_ = !fresh;
       set->recover();
+      set->attachNotes_.insert(set->attachNotes_.begin(), notes.begin(), notes.end());
       return set;
    }
    say(why, "cannot attach to " + segmentPath(segmentName) + ": other processes keep replacing it");
@@ -210,6 +218,9 @@ void SlateRuleSet::recover() {
    adopt();
    hdr_->segmentBytes.store(fileBytes_, std::memory_order_release);
    beginChange(); // stays odd if the last writer died mid-change
+   // Same layout; from now on the rebuilding flag means what version 2 says.
+   hdr_->formatVersion = formatVersion;
+   converged_ = (hdr_->flags.load(std::memory_order_relaxed) & flagRebuilding) == 0;
    // The heap is a sequence of blocks; stop at the first that is not one (a block the last
    // writer had not finished, or nothing at all) and reuse everything from there.
    heapUsed_ = std::min(hdr_->heapUsed.load(std::memory_order_relaxed), fileBytes_ - heapOffset_);
@@ -260,7 +271,11 @@ void SlateRuleSet::recover() {
       slotCopy_[slot].blockClass = cls->second;
       slotCopy_[slot].rule = std::move(r);
    }
-   if (dropped != 0) OVK_TRACE(mnemoTrace(), 3, name_ << ": emptied " << dropped << " slots without a whole record");
+   if (dropped != 0) {
+      OVK_TRACE(mnemoTrace(), 3, name_ << ": emptied " << dropped << " slots without a whole record");
+      attachNotes_.push_back(segmentPath(name_) + ": " + std::to_string(dropped) +
+                             " slot(s) held no whole record of a rule of their own: emptied");
+   }
    for (auto it = blocks.rbegin(); it != blocks.rend(); ++it) {
       if (!usedBlocks.contains(*it)) freeBlocks_[classAt[*it]].push_back(*it);
    }
@@ -271,6 +286,18 @@ void SlateRuleSet::recover() {
    endChange();
    OVK_TRACE(mnemoTrace(), 5,
              name_ << ": writer attached with " << hashAndSlot.size() << " rules, generation " << generation_);
+}
+
+void SlateRuleSet::convergedIs(bool converged) {
+   if (converged == converged_ || !checked(std::nullopt)) return;
+   converged_ = converged;
+   beginChange();
+   if (converged) {
+      hdr_->flags.fetch_and(~flagRebuilding, std::memory_order_relaxed);
+   } else {
+      hdr_->flags.fetch_or(flagRebuilding, std::memory_order_relaxed);
+   }
+   endChange();
 }
 
 std::uint64_t SlateRuleSet::generation() const { return generation_; }
@@ -442,7 +469,9 @@ bool SlateRuleSet::repair(std::string const& what) {
    }
    map_ = std::move(fresh.value());
    hdr_ = reinterpret_cast<Header*>(map_.base());
+   bool const converged = converged_;
    initialise(capacity_);
+   if (!converged) hdr_->flags.store(flagRebuilding, std::memory_order_relaxed);
    hdr_->writerPid.store(selfPid(), std::memory_order_release);
    recover();
    for (Flowspec::Rule const& r : rules) (void)store(r);

@@ -22,6 +22,12 @@
 // segment is retired and unlinked, a fresh one is created and filled from the copy, and the
 // problem handler hears why.
 //
+// Convergence. A writer that starts again (a restarted agent) may empty the table and fill it
+// again from its sources; convergedIs(false) tells readers that until convergedIs(true) the
+// table may hold fewer rules than are in force (SlateLayout.h, flagRebuilding), so that a
+// forwarding plane keeps what it has. The flag lives in the segment: a writer that dies
+// before it converged leaves it set, and the next one finds it so.
+//
 // Not thread-safe: one thread of the writer process uses it, as with every RuleSet.
 #pragma once
 
@@ -62,6 +68,17 @@ class SlateRuleSet final : public Flowspec::RuleSet {
    // another writer to attach.
    void detach() override;
    bool isDetached() const override { return detached_; }
+
+   // True when the attach found a segment an earlier writer had filled (its rules kept, as
+   // far as they were whole), false when it made the segment (or replaced one it could not
+   // take).
+   bool foundExisting() const { return foundExisting_; }
+   // What the attach found and did, a sentence each, for the log: a segment of another
+   // format or capacity replaced, slots emptied for want of a whole record, the rules found.
+   std::vector<std::string> const& attachNotes() const { return attachNotes_; }
+   // Tells readers whether the table is complete again after this writer's start (above).
+   void convergedIs(bool converged);
+   bool converged() const { return converged_; }
 
    std::string const& segmentName() const { return name_; }
    SlateCounters counters() const { return countersOf(*hdr_); }
@@ -138,6 +155,9 @@ class SlateRuleSet final : public Flowspec::RuleSet {
    std::uint32_t indexUsed_ = 0; // live and tombstone buckets of the active index
    std::uint32_t ruleCount_ = 0;
    bool detached_ = false;
+   bool converged_ = true;
+   bool foundExisting_ = false;
+   std::vector<std::string> attachNotes_;
    std::uint64_t repairs_ = 0;
    std::function<void(std::string const&)> problemHandler_;
    // The private copy: what every slot and index bucket holds, free slots and blocks. Rebuilt

@@ -75,6 +75,9 @@ std::uint64_t SlateRuleSetReader::segmentBytes() const { return hdr().segmentByt
 std::uint32_t SlateRuleSetReader::writerPid() const { return hdr().writerPid.load(std::memory_order_acquire); }
 bool SlateRuleSetReader::writerAlive() const { return processAlive(writerPid()); }
 bool SlateRuleSetReader::retired() const { return (hdr().flags.load(std::memory_order_acquire) & flagRetired) != 0; }
+bool SlateRuleSetReader::converged() const {
+   return (hdr().flags.load(std::memory_order_acquire) & flagRebuilding) == 0;
+}
 
 bool SlateRuleSetReader::within(std::uint64_t end) {
    if (end <= knownBytes_) return true;
@@ -210,6 +213,7 @@ SlateSnapshot SlateRuleSetReader::snapshot(unsigned maxAttempts, SnapshotOrder o
       words.clear();
       starts.clear();
       s.counters = countersOf(h);
+      s.converged = (h.flags.load(std::memory_order_relaxed) & flagRebuilding) == 0;
       s.ruleCount = h.ruleCount.load(std::memory_order_relaxed);
       bool settled = true;
       for (std::uint32_t slot = 0; slot < capacity_; ++slot) {
@@ -250,6 +254,8 @@ SlateChanges SlateRuleSetReader::changesSince(std::vector<std::uint64_t> const& 
    std::tie(c.generation, c.status) = atOneGeneration(maxAttempts, [&] {
       raw.clear();
       words.clear();
+      // The flag changes only within a change: one generation has one value of it.
+      c.converged = (hdr().flags.load(std::memory_order_relaxed) & flagRebuilding) == 0;
       bool settled = true;
       for (std::uint32_t slot = 0; slot < capacity_; ++slot) {
          std::uint64_t const known = slot < seen.size() ? seen[slot] : 0;

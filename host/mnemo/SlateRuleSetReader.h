@@ -45,6 +45,7 @@ enum class SnapshotOrder : std::uint8_t {
 struct SlateSnapshot {
    std::uint64_t generation = 0;
    SnapshotStatus status = SnapshotStatus::unsettled;
+   bool converged = true; // the writer's rebuilding flag was clear (SlateLayout.h)
    std::uint32_t ruleCount = 0; // the header's count, read with the rules
    SlateCounters counters;
    std::vector<Flowspec::Rule> rules; // in the order asked for
@@ -60,6 +61,9 @@ struct SlotChange {
 struct SlateChanges {
    std::uint64_t generation = 0;
    SnapshotStatus status = SnapshotStatus::unsettled;
+   // The writer's rebuilding flag was clear at that generation: the table is complete. When
+   // false, rules missing from it may still be in force (SlateLayout.h).
+   bool converged = true;
    std::vector<SlotChange> changes; // in slot order
 };
 
@@ -92,6 +96,8 @@ class SlateRuleSetReader {
    bool writerAlive() const;
    // True when a writer replaced the segment by one of another shape: open the name again.
    bool retired() const;
+   // False while the writer is rebuilding the table after its start (SlateLayout.h).
+   bool converged() const;
 
    // The rule with `key`, or empty (also when the writer kept moving it for a long time).
    std::optional<Flowspec::Rule> rule(Flowspec::FlowspecSlateKey const& key);

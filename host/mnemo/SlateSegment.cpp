@@ -104,7 +104,9 @@ bool processAlive(std::uint32_t pid) {
 bool headerIsWellFormed(SlateLayout::Header const& h) {
    using namespace SlateLayout;
    if (h.magic.load(std::memory_order_acquire) != segmentMagic) return false;
-   if (h.formatVersion != formatVersion || h.headerBytes != headerBytes) return false;
+   if (h.formatVersion < oldestFormatVersion || h.formatVersion > formatVersion || h.headerBytes != headerBytes) {
+      return false;
+   }
    if (h.capacity == 0 || h.capacity > maxCapacity) return false;
    Geometry const g = geometryFor(h.capacity);
    return h.indexBuckets == g.indexBuckets && h.slotsOffset == g.slotsOffset && h.indexOffset[0] == g.indexOffset[0] &&

@@ -14,7 +14,8 @@ ColumnDef key(char const* name, ColumnType type, unsigned width, bool hidden = f
 Ovk::Ptr<RowType const> const& bgpFlowspecPathRowType() {
    static Ovk::Ptr<RowType const> const type = RowType::create(
        "Bgp::bgpFlowspecPath",
-       {col("peer", ColumnType::text, 16), col("best", ColumnType::boolean, 4), col("asPath", ColumnType::text, 16),
+       {col("peer", ColumnType::text, 16), col("best", ColumnType::boolean, 4), col("stale", ColumnType::boolean, 5),
+        col("asPath", ColumnType::text, 16),
         col("origin", ColumnType::text, 10), col("localPref", ColumnType::u64, 9), col("med", ColumnType::u64, 6),
         col("nextHop", ColumnType::text, 16), col("communities", ColumnType::textList, 1)});
    return type;

@@ -5,8 +5,9 @@
 //      of that destination); then ruleId, nlri (the NLRI bytes in hex as received, only for
 //      a rule forwarding cannot honour), detail, redirectVrf (VRF name), paths (rows of
 //      "Bgp::bgpFlowspecPath", the best first), inFsib, notInFsibReason.
-//   "Bgp::bgpFlowspecPath"        one path: peer, best, asPath, origin, localPref, med,
-//      nextHop, communities (standard, extended and IPv6 extended, as text).
+//   "Bgp::bgpFlowspecPath"        one path: peer, best, stale (kept from a peer restarting
+//      gracefully), asPath, origin, localPref, med, nextHop, communities (standard, extended
+//      and IPv6 extended, as text).
 //   "Bgp::showBgpFlowspec"        the answer of a flowspec show command: key afiSafi (the
 //      family's text), then rules (rows of "Bgp::bgpFlowspecRoute" in rule order).
 //   "Bgp::bgpFlowspecPeerEgress"  what one peer was sent for one rule:

@@ -482,6 +482,14 @@ class Context : public Ovk::PtrInterface {
 
    Ovk::Ptr<RibSources> const& ribSources() const { return sources_; }
    Ovk::Ptr<RtAttrDedupTable> const& rtAttrDedupTable() const { return attrs_; }
+   // Graceful restart (RFC 4724): true when the path of `source` for `key` in `table` is stale,
+   // kept from a peer whose session went and not yet announced again. The agent's sessions
+   // say how (stalePathTestIs); with no test set no path is stale.
+   using StalePathTest = std::function<bool(RibTable const& table, RouteKey const& key, RibSource source)>;
+   void stalePathTestIs(StalePathTest test) { stalePathTest_ = std::move(test); }
+   bool pathIsStale(RibTable const& table, RouteKey const& key, RibSource source) const {
+      return source != kLocalRibSource && stalePathTest_ && stalePathTest_(table, key, source);
+   }
    // The dedup tables a session in `vrfId` receives into.
    Ovk::Ptr<BgpInputDedupTables const> inputDedupTables(BgpVrfIdBase vrfId);
    // The forwarding target's tables, made on first use.
@@ -527,6 +535,7 @@ class Context : public Ovk::PtrInterface {
    Ovk::Ptr<RibSources> sources_;
    Ovk::Ptr<RtAttrDedupTable> attrs_;
    std::map<std::tuple<Ovnet::IpGenAddr, BgpVrfIdBase, AfiSafi>, Ovk::Ptr<AdjRibOut const>> ribOuts_;
+   StalePathTest stalePathTest_;
 };
 
 // The best-path RIB table of `afiSafi` in a VRF; null when the VRF has none.

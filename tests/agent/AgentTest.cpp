@@ -104,9 +104,12 @@ TEST(Agent, TwoAgentsPeerAndShowTheirSessions) {
    EXPECT_TRUE(waitFor(sockA, [](auto const& n) { return n["state"] == "Established"; }));
    auto const j = show(sockB);
    ASSERT_TRUE(j.is_object());
-   ASSERT_EQ(j.size(), 3u);
+   ASSERT_EQ(j.size(), 4u); // neighbors, summaryLabels, strangersClosed, restart
    EXPECT_EQ(j["strangersClosed"], 0);
    EXPECT_EQ(j["summaryLabels"]["ipv4-flowspec"], nlohmann::json({{"received", "RulesRcd"}, {"accepted", "RulesAcc"}}));
+   // A first start (no FSIB of an earlier run): nothing to wait for.
+   EXPECT_EQ(j["restart"]["converged"], true);
+   EXPECT_EQ(j["restart"]["forwardingKept"], false);
    auto const& n = j["neighbors"][0];
    EXPECT_EQ(n["address"], "127.0.0.31");
    EXPECT_EQ(n["port"], portA);
@@ -209,7 +212,8 @@ TEST(Agent, AReloadAppliesNeighborChanges) {
    io.run_for(200ms);
    EXPECT_TRUE(a->neighbors().empty());
    EXPECT_TRUE(logsA.contains("127.0.0.42 SIGHUP: neighbor removed"));
-   EXPECT_TRUE(logsA.contains("sent NOTIFICATION Cease/Peer De-configured (6/3)"));
+   // Both sides set the N bit: the peer is to drop our routes now, not keep them (RFC 8538).
+   EXPECT_TRUE(logsA.contains("sent NOTIFICATION Cease/Hard Reset (6/9) for Cease/Peer De-configured (6/3)"));
    // And new again.
    ASSERT_TRUE(reload(text("hold-time = 3\n")));
    EXPECT_TRUE(logsA.contains("127.0.0.42 SIGHUP: new neighbor"));

@@ -487,5 +487,42 @@ TEST(Config, Endpoints) {
    }
 }
 
+TEST(Config, GracefulRestart) {
+   std::string const head = "router-id = \"1.2.3.4\"\nlocal-as = 65001\n[graceful-restart]\n"; // lines 1-3
+   auto ok = parseConfig(head + "enabled = false\nrestart-time = 0\nstale-routes-time = 5\n"
+                                "selection-deferral-time = 7\nnotification = false\n",
+                         "gr.toml");
+   ASSERT_TRUE(ok.ok());
+   GracefulRestartConfig const& gr = ok.value().gracefulRestart;
+   EXPECT_FALSE(gr.enabled);
+   EXPECT_EQ(gr.restartTime, 0);
+   EXPECT_EQ(gr.staleRoutesTime, 5);
+   EXPECT_EQ(gr.selectionDeferralTime, 7);
+   EXPECT_FALSE(gr.notification);
+   EXPECT_EQ(gr.line, 3u);
+   // Without the table: on, with the defaults.
+   auto plain = parseConfig("router-id = \"1.2.3.4\"\nlocal-as = 65001\n", "gr.toml");
+   ASSERT_TRUE(plain.ok());
+   EXPECT_EQ(plain.value().gracefulRestart, GracefulRestartConfig{});
+   EXPECT_TRUE(plain.value().gracefulRestart.enabled);
+   std::vector<BadCase> const cases{
+       {"restart time past 12 bits", head + "restart-time = 4096\n", 4, "restart-time must be between 0 and 4095"},
+       {"stale time 0", head + "stale-routes-time = 0\n", 4, "stale-routes-time must be between 1 and 65535"},
+       {"deferral as text", head + "selection-deferral-time = \"5\"\n", 4, "must be an integer"},
+       {"enabled as a number", head + "enabled = 1\n", 4, "enabled must be true or false"},
+       {"unknown key", head + "restart = 5\n", 4, "unknown key 'restart' in [graceful-restart]"},
+       {"not a table", "router-id = \"1.2.3.4\"\nlocal-as = 65001\ngraceful-restart = true\n", 3,
+        "[graceful-restart] table"},
+   };
+   for (auto const& c : cases) {
+      SCOPED_TRACE(c.name);
+      auto r = parseConfig(c.text, "gr.toml");
+      ASSERT_FALSE(r.ok());
+      ASSERT_EQ(r.reason().size(), 1u) << r.reason()[0].str();
+      EXPECT_EQ(r.reason()[0].line, c.line);
+      EXPECT_NE(r.reason()[0].text.find(c.says), std::string::npos) << r.reason()[0].text;
+   }
+}
+
 } // namespace
 } // namespace Flowspecd

@@ -134,8 +134,9 @@ class RecordingSink : public UpdateSink {
       output = &out;
       UpdateSink::handleEstablished(peer, n, out);
    }
-   void handleSessionDown(BgpPeer const&) override {
+   void handleSessionDown(BgpPeer const&, SessionEnd const& end) override {
       sessions.push_back(0);
+      ends.push_back(end);
       output = nullptr;
    }
    void handleRouteRefresh(BgpPeer const&, AfiSafi family) override { refreshes.push_back(family); }
@@ -144,6 +145,7 @@ class RecordingSink : public UpdateSink {
    std::vector<BgpPeer> peers;
    std::vector<std::size_t> sessions; // families of each session up, 0 for each down
    std::vector<AfiSafi> refreshes;
+   std::vector<SessionEnd> ends;
    BgpPeerOutput* output = nullptr;
    std::optional<Notification> answer;
    std::uint32_t idleHold = 0;
@@ -168,7 +170,7 @@ class NeighborTest : public testing::Test {
    }
    void make() {
       neighbor = Ovk::makePtr<Neighbor>(config, LocalSpeaker{65001, kLocalId, Ovnet::IpGenAddr::parse("127.0.0.1")},
-                                        Neighbor::Deps{scheduler, connector, &logger, sinkInUse});
+                                        Neighbor::Deps{scheduler, connector, &logger, sinkInUse, gracefulRestart});
    }
    // Starts an active neighbor and completes its connection.
    Ovk::Ptr<FakeTransport> connectOut() {
@@ -193,6 +195,7 @@ class NeighborTest : public testing::Test {
    Lines logger;
    RecordingSink sink;
    UpdateSink* sinkInUse = &sink;
+   std::function<std::optional<GracefulRestartCapability>(std::vector<AfiSafi> const&)> gracefulRestart;
    Ovk::Ptr<Neighbor> neighbor;
 };
 

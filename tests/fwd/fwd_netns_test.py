@@ -469,9 +469,184 @@ def case_peer(args):
     return c.failures
 
 
+class Watch:
+    """Polls, in a thread, how many rules the agent's FSIB holds (its least since a mark) and what
+    flowspec-fwd's status file says it took out of the dataplane."""
+
+    def __init__(self, c, agent):
+        import threading
+        self.c, self.agent = c, agent
+        self.least = None
+        self.stopping = False
+        self.thread = threading.Thread(target=self.run, daemon=True)
+        self.thread.start()
+
+    def run(self):
+        while not self.stopping:
+            try:
+                n = len(self.agent.fsib())
+                self.least = n if self.least is None else min(self.least, n)
+            except Exception:
+                pass  # the agent between two runs: nothing to ask
+            time.sleep(0.05)
+
+    def mark(self):
+        self.least = None
+
+    def stop(self):
+        self.stopping = True
+        self.thread.join(5)
+
+
+def follow_counters(c):
+    try:
+        with open(c.status) as f:
+            return json.load(f).get("follow", {})
+    except (OSError, ValueError):
+        return {}
+
+
+def case_restart(args):
+    """Restarts that lose no rule: GoBGP and BIRD (graceful restart on) announce rules to flowspecd,
+    flowspec-fwd programs them; each peer is killed hard and comes back, then the agent is
+    stopped with SIGTERM and with SIGKILL and started again. The rules are announced all along,
+    so the dataplane must never lose one: flowspec-fwd's own count of rules it took out stays 0,
+    and through a peer's restart the FSIB keeps them too."""
+    sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "agent", "interop"))
+    import interop
+    c = Case(args, "restart")
+    agent_address, gobgp_address, bird_address = "127.0.22.1", "127.0.22.2", "127.0.22.3"
+    agent_port = interop.free_port(agent_address, "::1")
+
+    def gobgp_peer(restarting):
+        p = interop.GoBgp(c.work, gobgp_address, gobgp_port, agent_address, agent_port, passive=False, ipv6=False)
+        p.graceful, p.restarting = True, restarting
+        return p
+
+    def bird_peer(restarting):
+        p = interop.Bird(c.work, bird_address, bird_port, agent_address, agent_port, passive=False, ipv6=False)
+        p.graceful, p.restarting = True, restarting
+        return p
+
+    gobgp_port, bird_port = interop.free_port(gobgp_address), interop.free_port(bird_address)
+    gobgp, bird = gobgp_peer(False), bird_peer(False)
+    neighbors = [{"address": a, "port": p, "remote-as": interop.PEER_AS, "passive": True, "hold-time": interop.HOLD,
+                  "connect-retry": 1} for a, p in ((gobgp_address, gobgp_port), (bird_address, bird_port))]
+    agent = interop.Agent((args.flowspecd, args.flowspec), c.work, agent_address, agent_port, neighbors,
+                          fsib_prefix=c.prefix)
+    os.chmod(c.work, 0o755)
+    gobgp_rules = [["destination", "198.19.1.1/32", "protocol", "udp", "destination-port", "==5001", "then", "discard"],
+                   ["destination", "198.19.2.1/32", "then", "mark", "46"]]
+    total = len(gobgp_rules) + len(interop.Bird.flow4) + len(interop.Bird.flow6)
+    watch = None
+    results = {}
+
+    def announce(p):
+        interop.wait_until("gobgp API", lambda: p.gobgp("global") is not None, 15)
+        for r in gobgp_rules:
+            p.gobgp("global", "rib", "-a", "ipv4-flowspec", "add", "match", *r)
+
+    def all_programmed(t):
+        def ok():
+            shown = c.show(t)
+            return len(shown) == total and all(r["installed"] for r in shown.values())
+        return c.wait_for(ok, f"all {total} rules programmed", 30)
+
+    def both_established():
+        for a in (gobgp_address, bird_address):
+            agent.wait_state(a, "Established", 40)
+
+    def removals_during(label, t, act, fsib_kept):
+        before = follow_counters(c).get("removed", 0)
+        watch.mark()
+        act()
+        both_established()
+        interop.wait_until("the FSIB full again", lambda: len(agent.fsib()) == total or None, 40)
+        all_programmed(t)
+        time.sleep(1.5)  # past the sweep at End-of-RIB and the dataplane's next status write
+        removed = follow_counters(c).get("removed", 0) - before
+        results[label] = removed
+        print(f"info {label}: {removed} forwarding-plane removals of still-announced rules, least FSIB size "
+              f"{watch.least}", flush=True)
+        c.check(removed == 0, f"{label}: the dataplane took out no rule ({removed})")
+        if fsib_kept:
+            c.check(watch.least == total, f"{label}: the FSIB kept every rule ({watch.least} of {total} at least)")
+
+    try:
+        gobgp.start()
+        bird.start()
+        announce(gobgp)
+        agent.start()
+        both_established()
+        interop.wait_until("the peers' rules in the FSIB", lambda: len(agent.fsib()) == total or None, 30)
+        with Topology("s") as t:
+            t.start("r", *c.fwd(), stderr=open(os.path.join(c.work, "fwd.log"), "w"))
+            all_programmed(t)
+            watch = Watch(c, agent)
+
+            def restart_gobgp():
+                nonlocal gobgp
+                gobgp.proc.stop(signal.SIGKILL)
+                time.sleep(0.5)
+                gobgp = gobgp_peer(True)
+                gobgp.start()
+                announce(gobgp)
+
+            def restart_bird():
+                nonlocal bird
+                bird.proc.stop(signal.SIGKILL)
+                time.sleep(0.5)
+                bird = bird_peer(True)
+                bird.start()
+
+            def restart_agent(sig):
+                agent.proc.stop(sig)
+                time.sleep(0.5)
+                agent.start()
+
+            removals_during("GoBGP killed and restarted", t, restart_gobgp, True)
+            removals_during("BIRD killed and restarted", t, restart_bird, True)
+            removals_during("agent stopped (SIGTERM) and started", t, lambda: restart_agent(signal.SIGTERM), False)
+            removals_during("agent killed (SIGKILL) and started", t, lambda: restart_agent(signal.SIGKILL), False)
+
+            # Real withdrawals still reach the dataplane once the agent has converged.
+            before = follow_counters(c).get("removed", 0)
+            gobgp.gobgp("global", "rib", "-a", "ipv4-flowspec", "del", "match", *gobgp_rules[0][:6])
+            if c.wait_for(lambda: follow_counters(c).get("removed", 0) == before + 1,
+                          "a withdrawal after the restarts leaves the dataplane", 15):
+                c.check(True, "a withdrawal after the restarts leaves the dataplane")
+
+            # GoBGP goes for good: its last rule stays, stale, for the restart time it
+            # advertised, then goes (from the FSIB and the dataplane), logged.
+            before = follow_counters(c).get("removed", 0)
+            gone_at = time.monotonic()
+            gobgp.proc.stop(signal.SIGKILL)
+            time.sleep(2)
+            c.check(len(agent.fsib()) == total - 1, "a peer that went keeps its rule meanwhile")
+            c.wait_for(lambda: len(agent.fsib()) == total - 2, "its stale rule goes at its restart time",
+                       gobgp.restart_time + 10)
+            took = time.monotonic() - gone_at
+            c.check(gobgp.restart_time - 1 <= took, f"... not before it ({took:.1f} s, restart time "
+                    f"{gobgp.restart_time} s)")
+            c.wait_for(lambda: follow_counters(c).get("removed", 0) == before + 1, "... and leaves the dataplane", 5)
+            c.check("ipv4-flowspec: restart-time over: 1 stale rule(s) go" in agent.proc.log_text(),
+                    "the agent logs why the rule went")
+    except interop.Fail as e:
+        c.check(False, str(e))
+    finally:
+        if watch:
+            watch.stop()
+        agent.stop()
+        gobgp.stop()
+        bird.stop()
+        c.close()
+    print("info removals by restart kind: " + json.dumps(results))
+    return c.failures
+
+
 def main():
     ap = argparse.ArgumentParser()
-    ap.add_argument("case", choices=["rules", "police", "follow", "peer", "receive", "send"])
+    ap.add_argument("case", choices=["rules", "police", "follow", "peer", "restart", "receive", "send"])
     ap.add_argument("--fwd")
     ap.add_argument("--writer")
     ap.add_argument("--flowspecd")
@@ -506,7 +681,7 @@ def main():
             print("SKIP: cannot mount a bpf file system for the XDP program's pins")
             return SKIP
         args.pin_root = os.path.join(bpffs, "flowspec")
-    cases = {"rules": case_rules, "police": case_police, "peer": case_peer,
+    cases = {"rules": case_rules, "police": case_police, "peer": case_peer, "restart": case_restart,
              "follow": case_follow_xdp if args.backend == "xdp" else case_follow}
     failures = cases[args.case](args)
     print(f"{args.case} ({args.backend}): {'FAILED: ' + '; '.join(failures) if failures else 'passed'}")

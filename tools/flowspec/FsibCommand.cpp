@@ -89,6 +89,7 @@ void printHeader(std::ostream& os, SlateRuleSetReader const& rd, SlateSnapshot c
    os << "FSIB " << rd.segmentName() << "  format " << rd.formatVersion() << "  generation " << s.generation
       << "  rules " << s.rules.size() << "/" << rd.capacity() << "  writer " << writerText(rd);
    if (s.status != Mnemo::SnapshotStatus::consistent) os << "  (" << toStrep(s.status) << ")";
+   if (!s.converged) os << "  rebuilding: its writer restarted and has not converged";
    os << "\ncounters  adds " << c.adds << "  replaces " << c.replaces << "  deletes " << c.deletes << "  delete-alls "
       << c.deleteAlls << "  refusals " << c.refusals << "  writer-attaches " << c.writerAttaches << '\n';
 }
@@ -102,6 +103,7 @@ nlohmann::json listingJson(SlateRuleSetReader const& rd, SlateSnapshot const& s)
            {"capacity", rd.capacity()},
            {"generation", s.generation},
            {"status", toStrep(s.status)},
+           {"converged", s.converged},
            {"writerPid", pid},
            {"writerAlive", pid != 0 && rd.writerAlive()},
            {"counters", countersJson(s.counters)},

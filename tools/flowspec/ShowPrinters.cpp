@@ -149,6 +149,25 @@ void printNeighbors(nlohmann::json const& answer, std::ostream& os) {
                << " rule(s) announced, " << count("rulesAdvertised") << " held by the peer\n";
          }
       }
+      // Graceful restart: a family whose peer restarts, or whose stale rules still wait.
+      if (auto const it = n.find("gracefulRestart"); it != n.end() && it->is_object()) {
+         for (auto const& [family, g] : it->items()) {
+            std::string const state = g.at("state").get<std::string>();
+            std::uint64_t const stale = g.at("stalePaths").get<std::uint64_t>();
+            if (state == "live" && stale == 0) continue;
+            os << "  graceful restart " << family << ": " << state << ", " << stale << " stale rule(s)";
+            if (g.contains("timer") && g.at("timer").is_string()) {
+               os << ", " << g.at("timer").get<std::string>() << " " << g.at("secondsLeft").get<std::uint64_t>()
+                  << " s left";
+            }
+            os << '\n';
+         }
+      }
+   }
+   // The agent's own restart, while its RIB is not back.
+   if (auto const it = answer.find("restart"); it != answer.end() && it->is_object() && !it->at("converged").get<bool>()) {
+      os << "restart: forwarding held until End-of-RIB from " << joined(it->at("waitingFor")) << " (at most "
+         << it->at("deferralSecondsLeft").get<std::uint64_t>() << " s more)\n";
    }
 }
 

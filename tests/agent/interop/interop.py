@@ -421,6 +421,11 @@ class Peer:
 
 class GoBgp(Peer):
     name = "gobgp"
+    # Graceful restart: advertised for both families when set; `restarting` starts gobgpd as a
+    # speaker that restarted and kept its forwarding state (-r: the R and F bits).
+    graceful = False
+    restarting = False
+    restart_time = 15  # seconds, advertised with graceful restart
 
     def start(self):
         self.api = free_port(self.address)
@@ -437,13 +442,17 @@ class GoBgp(Peer):
                       f'    local-address = "{local}"', f"    remote-port = {self.agent_port}",
                       f"    passive-mode = {'true' if self.option(local, 'passive', self.passive) else 'false'}",
                       "  [neighbors.ebgp-multihop.config]", "    enabled = true", "    multihop-ttl = 2"]
+            if self.graceful:
+                lines += ["  [neighbors.graceful-restart.config]", "    enabled = true", f"    restart-time = {self.restart_time}"]
             for fam in self.option(local, "families", ("ipv4-flowspec", "ipv6-flowspec")):
                 lines += ["  [[neighbors.afi-safis]]", "    [neighbors.afi-safis.config]",
                           f'      afi-safi-name = "{fam}"']
+                if self.graceful:
+                    lines += ["    [neighbors.afi-safis.mp-graceful-restart.config]", "      enabled = true"]
         with open(cfg, "w") as f:
             f.write("\n".join(lines) + "\n")
         self.proc = Process("gobgpd", ["gobgpd", "-f", cfg, "--api-hosts", f"{self.address}:{self.api}", "-p",
-                                       "--pprof-disable", "-l", "info"], self.workdir)
+                                       "--pprof-disable", "-l", "info"] + (["-r"] if self.restarting else []), self.workdir)
 
     def gobgp(self, *args):
         r = subprocess.run(["gobgp", "-u", self.address, "-p", str(self.api)] + list(args), capture_output=True,
@@ -472,6 +481,9 @@ class Bird(Peer):
     flow6 = [("dst 2001:db8:1::/48; next header 17;", [(0x80060000, 0)])]
     # Extra AS numbers its exports prepend (a longer AS_PATH).
     prepend = 0
+    # Graceful restart on its sessions; `restarting` starts it in recovery (-R: the R and F bits).
+    graceful = False
+    restarting = False
 
     def start(self):
         cfg = os.path.join(self.workdir, "bird.conf")
@@ -491,7 +503,8 @@ class Bird(Peer):
                       f"  neighbor {remote} port {self.agent_port} as {LOCAL_AS};", "  multihop 2; strict bind on;",
                       f"  hold time {HOLD}; keepalive time 1; connect retry time 1; connect delay time 1;",
                       "  error wait time 1, 2;",
-                      f"  passive {'on' if self.option(local, 'passive', self.passive) else 'off'};"]
+                      f"  passive {'on' if self.option(local, 'passive', self.passive) else 'off'};",
+                      "  graceful restart on;" if self.graceful else ""]
             if self.option(local, "password"):
                 lines.append(f'  password "{self.option(local, "password")}";')
             if self.option(local, "ttl_security"):
@@ -501,7 +514,8 @@ class Bird(Peer):
         with open(cfg, "w") as f:
             f.write("\n".join(lines) + "\n")
         self.proc = Process("bird", ["bird", "-f", "-c", cfg, "-s", self.ctl, "-P",
-                                     os.path.join(self.workdir, "bird.pid")], self.workdir)
+                                     os.path.join(self.workdir, "bird.pid")] + (["-R"] if self.restarting else []),
+                            self.workdir)
 
     def event_log(self):
         return os.path.join(self.workdir, "bird-events.log")

@@ -146,7 +146,10 @@ TEST(BgpMessage, OpenFromAnotherSpeakerWithOneParameterPerCapability) {
    EXPECT_EQ(o.value().as(), 65002u);
    EXPECT_EQ(o.value().families, std::vector<AfiSafi>{kIpv4Flowspec});
    EXPECT_TRUE(o.value().routeRefresh);
-   EXPECT_EQ(o.value().otherCapabilities, (std::vector<std::uint8_t>{128, 64}));
+   EXPECT_EQ(o.value().otherCapabilities, (std::vector<std::uint8_t>{128}));
+   ASSERT_TRUE(o.value().gracefulRestart);
+   EXPECT_EQ(o.value().gracefulRestart->restartTime, 120);
+   EXPECT_TRUE(o.value().gracefulRestart->families.empty());
 }
 
 TEST(BgpMessage, OpenStructureErrors) {
@@ -231,6 +234,95 @@ TEST(BgpMessage, NegotiationTakesTheSmallerHoldTimeAndCommonFamilies) {
    remote.holdTime = 0;
    EXPECT_EQ(negotiate(local, remote).holdTime, 0);
    EXPECT_EQ(negotiate(local, remote).keepaliveTime, 0);
+}
+
+// RFC 4724 section 3 / RFC 8538 section 2: the capability as peers write it, and what the
+// session makes of it. One OPEN prefix (AS 65002, hold 3, id 10.0.0.2) with one capability.
+TEST(BgpMessage, GracefulRestartCapabilityCases) {
+   auto body = [](std::string const& cap) {
+      std::size_t const capBytes = cap.size() / 2;
+      char buf[64];
+      std::snprintf(buf, sizeof buf, "%02zx02%02zx", capBytes + 2, capBytes);
+      return hex("04fdea00030a000002" + std::string(buf) + cap);
+   };
+   struct Case {
+      char const* name;
+      std::string cap; // the capability's bytes: code 64, length, value
+      std::optional<GracefulRestartCapability> expect;
+   };
+   GracefulRestartCapability helperOnly;
+   helperOnly.restartTime = 120;
+   GracefulRestartCapability restarting;
+   restarting.restarting = true;
+   restarting.notification = true;
+   restarting.restartTime = 0x0fff;
+   restarting.families = {{kIpv4Flowspec, true}, {kIpv6Flowspec, false}};
+   GracefulRestartCapability zero;
+   zero.families = {{kIpv4Flowspec, false}};
+   std::vector<Case> const cases{
+       {"helper only: no family", "40020078", helperOnly},
+       {"R, N, the longest time, two families", "400acfff00018580000285 00", restarting},
+       {"reserved flag bits and time 0", "40063000000185 00", zero},
+       {"a family twice counts once", "400a000000018500000185 80", zero},
+       {"one byte", "400100", std::nullopt},
+       {"a part of a family", "4004007800 01", std::nullopt},
+   };
+   for (auto const& c : cases) {
+      SCOPED_TRACE(c.name);
+      std::string cap = c.cap;
+      std::erase(cap, ' ');
+      auto r = parseOpen(body(cap));
+      ASSERT_TRUE(r.ok());
+      EXPECT_EQ(r.value().gracefulRestart, c.expect);
+      // A capability that cannot be read is kept as an unknown one; the session goes on.
+      EXPECT_EQ(r.value().otherCapabilities, c.expect ? std::vector<std::uint8_t>{} : std::vector<std::uint8_t>{64});
+      if (!c.expect) continue;
+      OpenMessage again = r.value();
+      Bytes const wire = encodeOpen(again);
+      auto back = parseOpen(bodyOf(wire));
+      ASSERT_TRUE(back.ok());
+      EXPECT_EQ(back.value().gracefulRestart, c.expect);
+   }
+   // Two instances: the last one counts.
+   auto twice = parseOpen(body("40020078" "40028005"));
+   ASSERT_TRUE(twice.ok());
+   ASSERT_TRUE(twice.value().gracefulRestart);
+   EXPECT_TRUE(twice.value().gracefulRestart->restarting);
+   EXPECT_EQ(twice.value().gracefulRestart->restartTime, 5);
+}
+
+TEST(BgpMessage, GracefulRestartNegotiatesOnlyWhenBothAdvertise) {
+   OpenMessage local = localOpen(65001, 90, 1, {kIpv4Flowspec, kIpv6Flowspec});
+   OpenMessage remote = localOpen(65002, 90, 2, {kIpv4Flowspec, kIpv6Flowspec});
+   GracefulRestartCapability gr;
+   gr.restartTime = 30;
+   gr.notification = true;
+   gr.families = {{kIpv4Flowspec, true}, {kIpv4Unicast, true}};
+   remote.gracefulRestart = gr;
+   EXPECT_FALSE(negotiate(local, remote).peerGracefulRestart);
+   local.gracefulRestart = GracefulRestartCapability{};
+   Negotiated n = negotiate(local, remote);
+   ASSERT_TRUE(n.peerGracefulRestart);
+   // Only the session's families count.
+   EXPECT_EQ(n.peerGracefulRestart->families, (std::vector<GracefulRestartFamily>{{kIpv4Flowspec, true}}));
+   EXPECT_EQ(n.peerGracefulRestart->restartTime, 30);
+   EXPECT_FALSE(n.gracefulNotification); // ours has no N bit
+   local.gracefulRestart->notification = true;
+   n = negotiate(local, remote);
+   EXPECT_TRUE(n.gracefulNotification);
+   EXPECT_EQ(capabilityNames(n), (std::vector<std::string>{"multiprotocol", "route-refresh", "four-octet-as",
+                                                           "graceful-restart", "graceful-notification"}));
+}
+
+TEST(BgpMessage, HardResetWrapsTheNotificationItStandsFor) {
+   Notification const inner = ceaseWithMessage(CeaseSubcode::peerDeconfigured, "");
+   Notification const hr = hardReset(Notification{ErrorCode::cease, CeaseSubcode::peerDeconfigured, {}});
+   EXPECT_TRUE(isHardReset(hr));
+   EXPECT_FALSE(isHardReset(inner));
+   EXPECT_EQ(hr.data, (Bytes{6, 3}));
+   EXPECT_EQ(notificationText(hr), "Cease/Hard Reset (6/9) for Cease/Peer De-configured (6/3)");
+   EXPECT_EQ(notificationText({6, 9, {}}), "Cease/Hard Reset (6/9)");
+   EXPECT_EQ(notificationText(hardReset({4, 0, {}})), "Cease/Hard Reset (6/9) for Hold Timer Expired (4/0)");
 }
 
 TEST(BgpMessage, NotificationTexts) {

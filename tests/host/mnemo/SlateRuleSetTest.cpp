@@ -250,6 +250,82 @@ TEST(SlateRuleSetTest, ARestartedWriterAttachesToWhatItsPredecessorLeft) {
    EXPECT_EQ(set->ruleIs(testRule(99)), RuleIsResult::refusedFull);
 }
 
+// The rebuilding flag: set and cleared by the writer, seen by readers within one generation,
+// left by a writer that dies before it converged, kept through a repair; an older segment is
+// taken and marked with the format that has the flag.
+TEST(SlateRuleSetTest, TheWriterSaysWhenItHasConverged) {
+   ScopedSegment seg("converged");
+   {
+      auto set = writer(seg, 16);
+      ASSERT_TRUE(set);
+      EXPECT_FALSE(set->foundExisting());
+      EXPECT_TRUE(set->converged());
+      ASSERT_EQ(set->ruleIs(testRule(1)), RuleIsResult::added);
+      auto rd = reader(seg);
+      std::uint64_t const g = rd.generation();
+      set->convergedIs(false);
+      EXPECT_GT(rd.generation(), g); // readers polling the generation notice
+      EXPECT_FALSE(rd.converged());
+      EXPECT_FALSE(rd.snapshot().converged);
+      EXPECT_FALSE(rd.changesSince(std::vector<std::uint64_t>(rd.capacity(), 0)).converged);
+      set->ruleDelAll();
+      EXPECT_FALSE(rd.snapshot().converged);
+      // The writer goes before it converged: the next one finds the flag, and the rules.
+   }
+   {
+      auto set = writer(seg, 16);
+      ASSERT_TRUE(set);
+      EXPECT_TRUE(set->foundExisting());
+      EXPECT_FALSE(set->converged());
+      ASSERT_EQ(set->ruleIs(testRule(2)), RuleIsResult::added);
+      // A repair (the segment changed under the writer) keeps the flag.
+      {
+         RawSegment raw(seg.name());
+         raw.header().generation.fetch_add(2);
+      }
+      ASSERT_EQ(set->ruleIs(testRule(3)), RuleIsResult::added);
+      EXPECT_EQ(set->repairs(), 1u);
+      auto rd = reader(seg);
+      EXPECT_FALSE(rd.converged());
+      set->convergedIs(true);
+      EXPECT_TRUE(rd.converged());
+      EXPECT_TRUE(rd.snapshot().converged);
+   }
+   // A segment of format version 1 (the same layout, without the flag) is adopted.
+   {
+      RawSegment raw(seg.name());
+      raw.header().formatVersion = 1;
+   }
+   auto set = writer(seg, 16);
+   ASSERT_TRUE(set);
+   EXPECT_TRUE(set->foundExisting());
+   EXPECT_EQ(set->ruleCount(), 2u);
+   EXPECT_EQ(reader(seg).formatVersion(), SlateLayout::formatVersion);
+   EXPECT_TRUE(set->attachNotes().empty());
+}
+
+// What the writer does not trust it says, for the agent's log.
+TEST(SlateRuleSetTest, AttachSaysWhatItFoundAndReplaced) {
+   ScopedSegment seg("notes");
+   {
+      auto set = writer(seg, 16);
+      ASSERT_TRUE(set);
+      ASSERT_EQ(set->ruleIs(testRule(1)), RuleIsResult::added);
+   }
+   {
+      RawSegment raw(seg.name());
+      raw.header().formatVersion = 99;
+   }
+   auto set = writer(seg, 16);
+   ASSERT_TRUE(set);
+   EXPECT_FALSE(set->foundExisting());
+   EXPECT_EQ(set->ruleCount(), 0u);
+   ASSERT_EQ(set->attachNotes().size(), 1u);
+   EXPECT_NE(set->attachNotes()[0].find("not an FSIB of a format this writer knows: not trusted, replaced"),
+             std::string::npos)
+       << set->attachNotes()[0];
+}
+
 TEST(SlateRuleSetTest, AWriterThatDiedMidChangeLeavesAReadableTable) {
    ScopedSegment seg("midchange");
    auto set = writer(seg, 16);

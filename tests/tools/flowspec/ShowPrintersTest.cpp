@@ -16,8 +16,9 @@ using FlowspecTest::golden;
 using FlowspecTool::printAnswer;
 
 // Two neighbors up, one over IPv6 with a 4-byte AS and an uptime over a day, one that was
-// sent rules; one down with a description, a last error and no family negotiated.
-constexpr char const* kNeighbors = R"({"neighbors":[
+// sent rules; one down with a description, a last error and no family negotiated, whose
+// rules are kept stale while it restarts; the agent itself waits for it after a restart.
+constexpr char const* kNeighbors = R"J({"neighbors":[
  {"address":"192.0.2.1","port":179,"remoteAs":65001,"description":"","passive":false,"state":"Established",
   "uptimeSeconds":3725,"lastError":"","messagesIn":1234,"messagesOut":987,"updatesIn":1200,"updatesOut":1,
   "keepalivesIn":33,"keepalivesOut":985,"notificationsIn":0,"notificationsOut":0,"routeRefreshesIn":0,
@@ -52,7 +53,11 @@ constexpr char const* kNeighbors = R"({"neighbors":[
                              "refusedTotal":4,"limitWarnings":1,"limitExceeded":1},
             "ipv6-flowspec":{"refused":{"destinationNotAllowed":0,"noDestination":0,"actionNotAllowed":0,
                                         "rateBelowMinimum":0,"ruleLimit":0,"globalRuleLimit":0},
-                             "refusedTotal":0,"limitWarnings":0,"limitExceeded":0}}}]})";
+                             "refusedTotal":0,"limitWarnings":0,"limitExceeded":0}},
+  "gracefulRestart":{"ipv4-flowspec":{"state":"restarting","stalePaths":12,
+  "timer":"restart-time","secondsLeft":87,"stalePathsRemoved":0,"gracefulRestarts":1}}}],
+ "restart":{"restarting":true,"converged":false,"forwardingKept":true,
+  "waitingFor":["198.51.100.7 (no session yet)"],"deferralSecondsLeft":40}})J";
 
 // One neighbor with UPDATEs of every outcome and count reasons; one that has sent nothing.
 constexpr char const* kUpdates = R"({"neighbors":[
