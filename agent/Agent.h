@@ -51,6 +51,14 @@ class Agent : public Ovk::PtrInterface {
    // {JSON}" ({"family", "match"}). A rule request is answered {"ok": true, "result",
    // "rule"} or {"ok": false, "error"}.
    std::string handleControl(std::string_view request);
+   // A rule added at run time, through the control socket or the API: read as `flowspec
+   // rule add` reads it (originatedRuleOf), originated, logged as `who` asked for it. The
+   // refusal's reason otherwise.
+   Ovk::Result<Origination::Added, std::string> ruleAdd(AfiSafi family, std::string_view match,
+                                                        std::vector<std::string> const& then,
+                                                        Origination::RuntimeOptions options);
+   // Deletes a rule added at run time; the reason when there is none.
+   Ovk::Result<std::string, std::string> ruleDelete(AfiSafi family, std::string_view match, std::string_view who);
    AgentConfig const& config() const { return config_; }
    Ovk::Ptr<EventLoopScheduler> const& scheduler() const { return scheduler_; }
 

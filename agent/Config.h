@@ -6,6 +6,12 @@
 //   control-socket = "/tmp/flowspecd.sock"
 //   plugin-dir = "/usr/lib/flowspecd"   # where libBgpFlowspec.so is; the build's by default
 //   fsib-prefix = "flowspecd"          # the FSIB's shared-memory name starts /PREFIX.
+//   api-listen = "127.0.0.1:50051"     # the controllers' gRPC API (agent/api/ApiServer.h), or
+//                                      # "unix:/run/flowspecd-api.sock"; off when left out
+//   api-rule-lifetime = "1h"           # rules added through the API withdraw themselves after
+//                                      # this ("90s", "15m", "2h", "1d"); forever when left out
+//   metrics-listen = "127.0.0.1:9179"  # Prometheus metrics at http://ADDR:PORT/metrics; off
+//                                      # when left out
 //
 //   [[vrf]]                            # where redirect-to-VRF communities lead
 //   name = "scrubbing"                 # 1 to 100 bytes, unique, not "default"
@@ -38,6 +44,7 @@
 // wrong, and yields no configuration when there is any.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -109,7 +116,12 @@ struct AgentConfig {
    std::vector<NeighborConfig> neighbors;
    std::vector<VrfConfig> vrfs;
    std::vector<RuleConfig> rules;
+   std::string apiListen; // empty: no API
+   std::optional<std::chrono::seconds> apiRuleLifetime;
+   std::optional<Endpoint> metricsListen;
 };
+inline constexpr std::uint16_t kApiPort = 50051;
+inline constexpr std::uint16_t kMetricsPort = 9179;
 
 struct ConfigError {
    std::string file;

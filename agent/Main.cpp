@@ -15,6 +15,7 @@
 #include <iostream>
 
 #include "agent/Agent.h"
+#include "agent/api/ApiServer.h"
 
 namespace {
 
@@ -82,6 +83,20 @@ int main(int argc, char** argv) {
       logger.log("-", started.reason());
       return 1;
    }
+   // The controllers' API, when configured: rules through it are the agent's run-time rules.
+   std::unique_ptr<Flowspecd::Api::ApiServer> api;
+   if (!agent->config().apiListen.empty()) {
+      Flowspecd::Api::ApiOptions options{agent->config().apiListen, agent->config().apiRuleLifetime};
+      auto started = Flowspecd::Api::ApiServer::start(io, *agent, options);
+      if (!started) {
+         logger.log("-", started.reason());
+         agent->stop();
+         io.run();
+         return 1;
+      }
+      api = std::move(started.value());
+      logger.log("-", "API (gRPC) on " + api->listening());
+   }
    // SIGHUP reads the configuration file again.
    asio::signal_set hangups(io, SIGHUP);
    std::function<void()> waitHangup = [&] {
@@ -98,9 +113,11 @@ int main(int argc, char** argv) {
       logger.log("-",
                  std::string("signal ") + (signo == SIGINT ? "SIGINT" : "SIGTERM") + ": sending Cease to every peer");
       hangups.cancel();
+      if (api) api->shutdown();
       agent->stop();
    });
    io.run();
+   api = nullptr;
    logger.log("-", "stopped");
    return 0;
 }
