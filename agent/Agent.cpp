@@ -93,6 +93,7 @@ Ovk::Result<bool, std::string> Agent::start() {
    control_ = control.value();
    control_->streamHandlerIs([this](std::string_view request) -> std::unique_ptr<ControlStream> {
       if (!isShowTableRequest(request)) return nullptr;
+      ++controlCounts_["show table"].requests;
       return showTableStream(Ovk::Ptr<Plugin::Context>(&routing_->context()), request,
                              [this](Ovnet::IpGenAddr const& a) { return byAddress_.count(a) != 0; });
    });
@@ -374,6 +375,22 @@ std::string Agent::handleRuleRequest(std::string_view verb, std::string_view bod
 }
 
 std::string Agent::handleControl(std::string_view request) {
+   // The kind of request, of a few fixed names: what a client sends never makes a new one.
+   std::string kind = "other";
+   for (char const* k : {"show neighbors", "show updates", "show summary", "rule list", "rule add", "rule delete"}) {
+      std::string_view const name(k);
+      if (request.substr(0, name.size()) == name && (request.size() == name.size() || request[name.size()] == ' ')) {
+         kind = k;
+      }
+   }
+   std::string answer = answerControl(request);
+   ControlCounts& c = controlCounts_[kind];
+   ++c.requests;
+   if (answer.rfind("{\"error\"", 0) == 0) ++c.errors;
+   return answer;
+}
+
+std::string Agent::answerControl(std::string_view request) {
    if (request.rfind("rule ", 0) == 0) {
       std::string_view rest = request.substr(5);
       std::size_t const space = rest.find(' ');

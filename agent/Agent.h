@@ -3,6 +3,7 @@
 #pragma once
 
 #include <asio/io_context.hpp>
+#include <chrono>
 #include <map>
 #include <string>
 #include <vector>
@@ -60,6 +61,17 @@ class Agent : public Ovk::PtrInterface {
    // Deletes a rule added at run time; the reason when there is none.
    Ovk::Result<std::string, std::string> ruleDelete(AfiSafi family, std::string_view match, std::string_view who);
    AgentConfig const& config() const { return config_; }
+   // When the agent object was made (the process's start, for the metrics).
+   std::chrono::system_clock::time_point startedAt() const { return startedAt_; }
+   // Where the FSIB is mounted; null before start().
+   Mnemo::EntityManager* entityManager() const { return entityManager_.ptr(); }
+   // Control-socket requests answered, by kind ("show neighbors", "rule add", "show table",
+   // "other"), and of them those answered with an error.
+   struct ControlCounts {
+      std::uint64_t requests = 0;
+      std::uint64_t errors = 0;
+   };
+   std::map<std::string, ControlCounts> const& controlCounts() const { return controlCounts_; }
    Ovk::Ptr<EventLoopScheduler> const& scheduler() const { return scheduler_; }
 
  private:
@@ -75,6 +87,7 @@ class Agent : public Ovk::PtrInterface {
    void applyNeighbors(std::vector<NeighborConfig> const& next);
    Ovk::Ptr<Neighbor> makeNeighbor(NeighborConfig const& n);
    std::string handleRuleRequest(std::string_view verb, std::string_view body);
+   std::string answerControl(std::string_view request);
 
    asio::io_context& io_;
    AgentConfig config_;
@@ -91,6 +104,8 @@ class Agent : public Ovk::PtrInterface {
    Ovk::Ptr<ControlServer> control_;
    std::vector<Ovk::Ptr<Neighbor>> neighbors_;
    std::map<Ovnet::IpGenAddr, Neighbor*> byAddress_;
+   std::map<std::string, ControlCounts> controlCounts_;
+   std::chrono::system_clock::time_point startedAt_ = std::chrono::system_clock::now();
 };
 
 // Log lines on standard error: "2024-05-01T10:00:00.123Z 127.0.0.2 state Idle -> Connect".

@@ -15,6 +15,8 @@
 #include <iostream>
 
 #include "agent/Agent.h"
+#include "agent/AgentMetrics.h"
+#include "host/metrics/MetricsHttp.h"
 #include "agent/api/ApiServer.h"
 
 namespace {
@@ -97,6 +99,27 @@ int main(int argc, char** argv) {
       api = std::move(started.value());
       logger.log("-", "API (gRPC) on " + api->listening());
    }
+   // Prometheus metrics, when configured, made on this thread at each scrape.
+   std::unique_ptr<Ovk::MetricsHttpServer> metrics;
+   if (agent->config().metricsListen) {
+      auto render = [&agent, &api] {
+         std::map<std::string, Flowspecd::ApiCallCounts> calls;
+         if (api) {
+            for (auto const& [method, c] : api->counts()) calls[method] = {c.requests, c.errors};
+         }
+         return Flowspecd::agentMetricsText(*agent, calls);
+      };
+      auto started = Ovk::MetricsHttpServer::start(io, *agent->config().metricsListen, render);
+      if (!started) {
+         logger.log("-", started.reason());
+         if (api) api->shutdown();
+         agent->stop();
+         io.run();
+         return 1;
+      }
+      metrics = std::move(started.value());
+      logger.log("-", "metrics on http://" + metrics->listening().str() + "/metrics");
+   }
    // SIGHUP reads the configuration file again.
    asio::signal_set hangups(io, SIGHUP);
    std::function<void()> waitHangup = [&] {
@@ -114,6 +137,7 @@ int main(int argc, char** argv) {
                  std::string("signal ") + (signo == SIGINT ? "SIGINT" : "SIGTERM") + ": sending Cease to every peer");
       hangups.cancel();
       if (api) api->shutdown();
+      if (metrics) metrics->close();
       agent->stop();
    });
    io.run();
