@@ -30,14 +30,16 @@ void Forwarder::say(std::string const& message) {
 }
 
 void Forwarder::writeStatus() {
-   if (cfg_.statusFile.empty()) return;
+   if (cfg_.statusFile.empty() && !statusObserver_) return;
    std::string err;
    statusDue_ = false;
    statusWritten_ = std::chrono::steady_clock::now();
-   if (!writeStatusFile(cfg_.statusFile, table_.dataplane(), cfg_.segment, appliedGeneration(), table_.statuses(),
-                        &err)) {
+   std::vector<RuleStatus> statuses = table_.statuses();
+   if (!cfg_.statusFile.empty() &&
+       !writeStatusFile(cfg_.statusFile, table_.dataplane(), cfg_.segment, appliedGeneration(), statuses, &err)) {
       say(err);
    }
+   if (statusObserver_) statusObserver_(table_.dataplane(), appliedGeneration(), std::move(statuses));
 }
 
 Forwarder::Step Forwarder::step() {
@@ -92,6 +94,7 @@ Forwarder::Step Forwarder::step() {
    }
    applied_ = ch.generation;
    if (lastReport_.ok && onApplied_) onApplied_(ch.generation);
+   if (reportObserver_) reportObserver_(lastReport_);
    // The full status is rewritten at most every 200 ms while changes stream in.
    statusDue_ = true;
    if (full || !lastReport_.ok || std::chrono::steady_clock::now() - statusWritten_ > std::chrono::milliseconds(200))
