@@ -15,7 +15,7 @@ for bin in build/fuzz/fuzz/*Fuzz; do
   time="${!override:-$seconds}"
   case "$name" in
     FlowspecParseNlriFuzz|BgpUpdateDecoderFuzz|BgpMessageFuzz|BgpCaptureFuzz|OriginatedRuleFuzz) max_len=65535 ;;
-    ControlRequestFuzz) max_len=65536 ;;
+    ControlRequestFuzz|ApiPathFuzz) max_len=65536 ;;
     *) max_len=4096 ;;
   esac
   override_len="FUZZ_MAX_LEN_$name"

@@ -216,8 +216,9 @@ Ovk::Result<std::unique_ptr<ApiServer>, std::string> ApiServer::start(asio::io_c
    builder.SetSyncServerOption(grpc::ServerBuilder::SyncServerOption::NUM_CQS, 1);
    builder.SetSyncServerOption(grpc::ServerBuilder::SyncServerOption::MIN_POLLERS, 1);
    builder.SetSyncServerOption(grpc::ServerBuilder::SyncServerOption::MAX_POLLERS, 2);
-   // A flowspec rule is at most a few KiB; nothing a controller sends needs more.
-   builder.SetMaxReceiveMessageSize(1 << 20);
+   // A flowspec NLRI is at most 4095 bytes; as messages, one item of a few bytes each, its
+   // largest form stays well under 64 KiB. Anything longer is refused before it is read.
+   builder.SetMaxReceiveMessageSize(kMaxRequestBytes);
    s->server_ = builder.BuildAndStart();
    if (!s->server_ || (!unix && port == 0)) {
       s->server_ = nullptr;

@@ -44,7 +44,9 @@ struct ApiOptions {
 
 class ApiServer {
  public:
-   static constexpr int kMaxThreads = 4;
+   // Calls beyond what the threads can hold are answered RESOURCE_EXHAUSTED at once.
+   static constexpr int kMaxThreads = 16;
+   static constexpr int kMaxRequestBytes = 64 * 1024;
    static constexpr std::chrono::milliseconds kLoopTimeout{5000};
    // The metadata key of a call's rule lifetime.
    static constexpr char const* kLifetimeKey = "flowspec-lifetime";
