@@ -16,6 +16,7 @@ for bin in build/fuzz/fuzz/*Fuzz; do
   case "$name" in
     FlowspecParseNlriFuzz|BgpUpdateDecoderFuzz|BgpMessageFuzz|BgpCaptureFuzz|OriginatedRuleFuzz) max_len=65535 ;;
     ControlRequestFuzz|ApiPathFuzz) max_len=65536 ;;
+    MetricsRequestFuzz) max_len=8192 ;;
     *) max_len=4096 ;;
   esac
   override_len="FUZZ_MAX_LEN_$name"
