@@ -293,7 +293,7 @@ Ovk::Result<FlowspecRouteKey::PtrConst, FlowspecNlriParseFailure> FlowspecParseU
       OVK_TRACE(flowspecTraceFacility(), 3, "parseCtx: " << *parseContext << " " << failure->message());
       return Ovk::failure(*failure);
    }
-   FlowspecRouteKey::Ptr key = flowspecRouteKeyFactory(afiSafi_.afi());
+   FlowspecRouteKey::Ptr key = flowspecRouteKeyFactory(afiSafi_.afi(), body.size());
    key->bodyIs(body);
    key->wontExportReasonIs(reader.reason());
    if (parseContext->routeKeyDedupDeferred()) {

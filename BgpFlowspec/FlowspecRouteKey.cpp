@@ -280,31 +280,41 @@ void FlowspecRouteKey::srcPrefixIs(Ovnet::IpGenPrefix const& prefix, std::uint8_
    prefixIs(kTagSrcPrefix, prefix, offset);
 }
 
-std::uint64_t FlowspecRouteKey::orderPrefix() const {
-   // The destination prefix's first 32 bits as digits of two bits, most significant first:
-   // 0 and 1 for the bits the prefix covers, 2 past its length. Comparing the numbers is
-   // comparing the prefixes as the rule order does: the bits both cover, lower first, then
-   // the longer prefix first (its bit sorts before the other's end). A rule without a
-   // destination prefix sorts after every rule with one.
+RouteKeyBase::OrderSummary FlowspecRouteKey::orderSummary() const {
+   // The destination prefix as an address whose bits past the prefix's length are ones.
+   // Comparing two such addresses compares the prefixes as the rule order does wherever they
+   // differ: in a bit both cover, the lower bit sorts first, and where one prefix ends first
+   // its ones meet the other's bits, which sort no later (the longer prefix first). Equal
+   // addresses of two lengths are told apart by the length, longer first, where there is
+   // room: after the 32 bits of an IPv4 address; an IPv6 address fills both words, and keys
+   // of equal words are left to the full comparison. A rule without a destination prefix
+   // sorts after every rule with one.
    PrefixEntry const e = prefixEntry(kTagDestPrefix);
-   if (!e.present()) return UINT64_MAX;
-   unsigned const patternBits = e.mask - e.offset;
-   std::uint32_t bits = 0;
-   for (unsigned i = 0; i < 4 && i * 8 < patternBits; ++i) bits |= std::uint32_t{e.pattern[i]} << (24 - 8 * i);
-   if (patternBits < 32) bits &= ~(0xffffffffu >> patternBits);
-   std::uint32_t const covered = e.mask >= 32 ? 0xffffffffu : ~(0xffffffffu >> e.mask);
-   // Each bit i of a 32-bit word becomes bit 2i of a 64-bit one (most significant first).
-   auto spread = [](std::uint32_t x) {
-      std::uint64_t v = x;
-      v = (v | v << 16) & 0x0000ffff0000ffffull;
-      v = (v | v << 8) & 0x00ff00ff00ff00ffull;
-      v = (v | v << 4) & 0x0f0f0f0f0f0f0f0full;
-      v = (v | v << 2) & 0x3333333333333333ull;
-      v = (v | v << 1) & 0x5555555555555555ull;
+   if (!e.present()) return {UINT64_MAX, UINT64_MAX};
+   // The pattern stands at the address's start; its bits past the pattern are cleared.
+   std::uint8_t a[16] = {};
+   std::memcpy(a, e.pattern, patternBytes(e.mask, e.offset));
+   auto const word = [&](std::size_t at) {
+      std::uint64_t v = 0;
+      for (std::size_t i = 0; i < 8; ++i) v = v << 8 | a[at + i];
       return v;
    };
-   return spread(bits & covered) | spread(~covered) << 1;
+   std::uint64_t hi = word(0);
+   if (!isV6()) {
+      std::uint64_t const ones = e.mask >= 32 ? 0 : (std::uint64_t{0xffffffff} >> e.mask) << 32;
+      return {hi | ones | std::uint64_t{33u - e.mask} << 24, 0};
+   }
+   std::uint64_t lo = word(8);
+   if (e.mask < 64) {
+      hi |= e.mask == 0 ? UINT64_MAX : UINT64_MAX >> e.mask;
+      lo = UINT64_MAX;
+   } else if (e.mask < 128) {
+      lo |= e.mask == 64 ? UINT64_MAX : UINT64_MAX >> (e.mask - 64);
+   }
+   return {hi, lo};
 }
+
+std::uint64_t FlowspecRouteKey::orderPrefix() const { return orderSummary().hi; }
 
 Ovnet::IpGenPrefix FlowspecRouteKey::destPrefix() const { return prefixEntry(kTagDestPrefix).prefix(isV6()); }
 Ovnet::IpGenPrefix FlowspecRouteKey::srcPrefix() const { return prefixEntry(kTagSrcPrefix).prefix(isV6()); }
@@ -424,7 +434,7 @@ void FlowspecRouteKey::bodyIs(FlowspecRouteKeyBody const& body) {
 
 void FlowspecRouteKey::wontExportReasonIs(FlowspecWontExportReason reason) {
    assertFillable();
-   wontExportReason_ = static_cast<std::uint8_t>(reason.value());
+   flags_ = static_cast<std::uint8_t>((flags_ & static_cast<std::uint8_t>(~kReasonMask)) | reason.value());
 }
 
 void FlowspecRouteKey::assertFillable() const { OVK_ASSERT(dedupState() == Ovk::dedupHandleStateNeverDeduped()); }
@@ -440,9 +450,10 @@ void FlowspecRouteKey::storedReplace(std::size_t pos, std::size_t oldSize, std::
    OVK_ASSERT(pos + oldSize <= size);
    std::size_t const newSize = size - oldSize + n;
    std::size_t const after = size - pos - oldSize;
-   if (!onHeap() && newSize <= kInlineBytes) {
-      std::memmove(stored_.inlineBytes + pos + n, stored_.inlineBytes + pos + oldSize, after);
-      if (n) std::memcpy(stored_.inlineBytes + pos, bytes, n);
+   if (!onHeap() && newSize <= inlineCapacity_) {
+      std::uint8_t* const d = inlineData();
+      std::memmove(d + pos + n, d + pos + oldSize, after);
+      if (n) std::memcpy(d + pos, bytes, n);
       inlineSize_ = static_cast<std::uint8_t>(newSize);
       return;
    }
@@ -455,7 +466,7 @@ void FlowspecRouteKey::storedReplace(std::size_t pos, std::size_t oldSize, std::
    }
    // Grow geometrically while the key is being filled; shrinkToFit trims it afterwards.
    OVK_ASSERT(newSize <= 0xffffffffu / 2);
-   std::size_t const capacity = std::max({newSize, 2 * size, 2 * kInlineBytes});
+   std::size_t const capacity = std::max({newSize, 2 * size, std::size_t{2} * inlineCapacity_});
    auto* const d = new std::uint8_t[capacity];
    std::uint8_t const* const old = storedData();
    std::memcpy(d, old, pos);
@@ -472,8 +483,8 @@ void FlowspecRouteKey::shrinkToFit() {
    if (!onHeap()) return;
    std::uint8_t* const old = stored_.heap.data;
    std::size_t const size = stored_.heap.size;
-   if (size <= kInlineBytes) {
-      std::memcpy(stored_.inlineBytes, old, size);
+   if (size <= inlineCapacity_) {
+      std::memcpy(inlineData(), old, size);
       inlineSize_ = static_cast<std::uint8_t>(size);
       delete[] old;
       return;
@@ -494,7 +505,7 @@ std::uint32_t FlowspecRouteKey::hash() const {
    PrefixEntry const dest = prefixEntry(kTagDestPrefix);
    PrefixEntry const src = prefixEntry(kTagSrcPrefix);
 
-   std::uint32_t h = mixLe32(0, wontExportReason_);
+   std::uint32_t h = mixLe32(0, reasonBits());
    h = dest.mixPrefixValue(h, isV6());
    h = src.mixPrefixValue(h, isV6());
    h = mixByte(h, dest.offset);
@@ -516,7 +527,7 @@ std::uint32_t FlowspecRouteKey::hash() const {
 }
 
 std::uint32_t FlowspecRouteKey::dedupHash() const {
-   return Ovk::fastHash(storedData(), storedSize(), wontExportReason_);
+   return Ovk::fastHash(storedData(), storedSize(), reasonBits());
 }
 
 bool FlowspecRouteKey::compare(Ovk::DedupHandle const* other) const {
@@ -525,7 +536,7 @@ bool FlowspecRouteKey::compare(Ovk::DedupHandle const* other) const {
    auto const* const o = typeid(*other) == typeid(*this) ? static_cast<FlowspecRouteKey const*>(other)
                                                          : dynamic_cast<FlowspecRouteKey const*>(other);
    OVK_ASSERT_MSG(o != nullptr, "other");
-   if (wontExportReason_ != o->wontExportReason_) return false;
+   if (reasonBits() != o->reasonBits()) return false;
    // The encoding is canonical, so equal fields are equal bytes. A prefix decodes in the
    // key's family, so keys of two families that hold prefixes differ whatever their bytes.
    std::size_t const size = storedSize();
@@ -533,7 +544,7 @@ bool FlowspecRouteKey::compare(Ovk::DedupHandle const* other) const {
    if (size == 0) return true;
    std::uint8_t const* const data = storedData();
    if (std::memcmp(data, o->storedData(), size) != 0) return false;
-   return slateKeyAf_ == o->slateKeyAf_ || !isPrefixTag(data[0]);
+   return afBits() == o->afBits() || !isPrefixTag(data[0]);
 }
 
 bool FlowspecRouteKey::lessThan(Ovk::Ptr<RouteKeyBase const> const& other) const {
@@ -770,15 +781,41 @@ void FlowspecV6RouteKey::postConstructor() {
    slateKeyAfIs(Ovnet::AddressFamily::ipv6);
 }
 
-// The three flag bytes sit in the dedup handle's tail padding and the buffer fills the rest
-// of the allocator's 64-byte block.
+// The three flag bytes sit in the dedup handle's tail padding and the buffer follows: with
+// the RIB slot in front, a key with its 16 bytes in place is a block of 64 bytes.
 static_assert(sizeof(Ovk::DedupHandle) == 32);
-static_assert(sizeof(FlowspecV4RouteKey) == 56);
-static_assert(sizeof(FlowspecV6RouteKey) == 56);
+static_assert(sizeof(FlowspecV4RouteKey) == 48);
+static_assert(sizeof(FlowspecV6RouteKey) == 48);
 
 Ovk::Ptr<FlowspecV4RouteKey> flowspecV4RouteKeyFactory() { return newRouteKey<FlowspecV4RouteKey>(); }
 
 Ovk::Ptr<FlowspecV6RouteKey> flowspecV6RouteKeyFactory() { return newRouteKey<FlowspecV6RouteKey>(); }
+
+FlowspecRouteKey::Ptr flowspecRouteKeyFactory(Afi afi, std::size_t storedBytes) {
+   // The buffer is the object's last member, and the concrete kinds add nothing after it:
+   // bytes allocated after the object continue it.
+   static_assert(sizeof(FlowspecV4RouteKey) == sizeof(FlowspecRouteKey));
+   static_assert(sizeof(FlowspecV6RouteKey) == sizeof(FlowspecRouteKey));
+   std::size_t const room = std::min<std::size_t>(storedBytes, 0xfe);
+   if (room <= FlowspecRouteKey::kInlineBytes) return flowspecRouteKeyFactory(afi);
+   std::size_t const trailing = room - FlowspecRouteKey::kInlineBytes;
+   FlowspecRouteKey::Ptr key;
+   if (afi == Afi::afiIpv4) {
+      key = newRouteKeyWithTrailing<FlowspecV4RouteKey>(trailing);
+   } else {
+      key = newRouteKeyWithTrailing<FlowspecV6RouteKey>(trailing);
+   }
+   key->inlineCapacityIs(room);
+   return key;
+}
+
+void FlowspecRouteKey::inlineCapacityIs(std::size_t bytes) {
+   OVK_ASSERT(bytes >= kInlineBytes && bytes < kOnHeap && !onHeap() && inlineSize_ == 0);
+   // The buffer ends where the object does.
+   OVK_ASSERT(reinterpret_cast<std::uintptr_t>(&stored_) + sizeof(stored_) ==
+              reinterpret_cast<std::uintptr_t>(this) + sizeof(FlowspecRouteKey));
+   inlineCapacity_ = static_cast<std::uint8_t>(bytes);
+}
 
 FlowspecRouteKey::Ptr flowspecRouteKeyFactory(Afi afi) {
    if (afi == Afi::afiIpv4) return flowspecV4RouteKeyFactory();

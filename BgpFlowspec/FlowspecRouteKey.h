@@ -19,8 +19,9 @@
 //                      understand to the end (empty when it understood everything).
 //
 // Storage. A million rules must fit in little memory, so the key keeps all of this in one
-// flat byte buffer inside the object (24 bytes in place, which holds a typical rule; a longer
-// rule moves the buffer to the heap): the prefixes, each component and the tail follow one
+// flat byte buffer inside the object (16 bytes in place, and as many more after the object as
+// the parse rule knows the NLRI needs; a rule grown past its room moves the buffer to the
+// heap): the prefixes, each component and the tail follow one
 // another in a canonical encoding, mostly the NLRI's own bytes. The forwarding library's
 // operator/value map holds nothing the components do not, so slateKey() rebuilds it when
 // asked. Hash, equality, order and text are computed from the buffer exactly as if the
@@ -133,6 +134,8 @@ class FlowspecRouteKeyBody {
    void addOpValComponent(std::uint8_t type, std::span<std::uint8_t const> pairs);
    // The unrecognised tail, from its type byte to the end of the NLRI; nothing follows it.
    void unrecognizedTailIs(std::span<std::uint8_t const> tail);
+   // The bytes of the key's stored encoding gathered so far.
+   std::size_t size() const noexcept { return size_; }
 
  private:
    friend class FlowspecRouteKey;
@@ -155,14 +158,14 @@ class FlowspecRouteKey : public RouteKey {
 
    // ---- Fields. Setters are for a key being filled (never deduplicated). ----
 
-   FlowspecWontExportReason wontExportReason() const { return FlowspecWontExportReason(wontExportReason_); }
+   FlowspecWontExportReason wontExportReason() const { return FlowspecWontExportReason(reasonBits()); }
    void wontExportReasonIs(FlowspecWontExportReason reason);
 
    // The forwarding library's key of this rule: the family postConstructor set (or the text
    // gave), the prefixes, and one pair per operator/value pair of the components under
    // indices running from 0 in component order. Built on each call.
    Flowspec::FlowspecKey slateKey() const;
-   Ovnet::AddressFamily slateKeyAf() const { return static_cast<Ovnet::AddressFamily>(slateKeyAf_); }
+   Ovnet::AddressFamily slateKeyAf() const { return static_cast<Ovnet::AddressFamily>(afBits()); }
 
    // The prefixes; unset (the default prefix) when the rule has none. An IPv6 prefix with an
    // offset holds its pattern at the start of the address and the mask length as its length.
@@ -210,9 +213,12 @@ class FlowspecRouteKey : public RouteKey {
    bool lessThan(Ovk::Ptr<RouteKeyBase const> const& other) const override;
    // The rule order in one pass over both keys' bytes, without building their prefixes.
    int orderCompare(RouteKeyBase const& other) const override;
-   // The destination prefix's place in the rule order, from its first 32 bits (exact for
-   // IPv4): keys with lower values sort first; equal values leave the order to lessThan.
+   // The destination prefix's place in the rule order (exact for IPv4; the first 64 bits of
+   // an IPv6 address): keys with lower values sort first; equal values leave the order to
+   // lessThan.
    std::uint64_t orderPrefix() const override;
+   // The same over the whole IPv6 address (the second word); for IPv4 the second word is 0.
+   OrderSummary orderSummary() const override;
 
    // The rule's id: the address of the canonical key while it is deduplicated, 0 for an
    // orphan. Asking a key never deduplicated is a broken invariant.
@@ -272,17 +278,35 @@ class FlowspecRouteKey : public RouteKey {
  protected:
    FlowspecRouteKey() noexcept : stored_{} {}
    ~FlowspecRouteKey() override;
-   void slateKeyAfIs(Ovnet::AddressFamily af) { slateKeyAf_ = static_cast<std::uint8_t>(af); }
+   void slateKeyAfIs(Ovnet::AddressFamily af) {
+      flags_ = static_cast<std::uint8_t>((flags_ & kReasonMask) | static_cast<std::uint8_t>(af) << kAfShift);
+   }
 
  private:
-   static constexpr std::size_t kInlineBytes = 24;
+   friend FlowspecRouteKey::Ptr flowspecRouteKeyFactory(Afi afi, std::size_t storedBytes);
+   // Bytes in place within the object; a key made for a known size has more after it.
+   static constexpr std::size_t kInlineBytes = 16;
    static constexpr std::uint8_t kOnHeap = 0xff;
+   static constexpr std::uint8_t kReasonMask = 0x07;
+   static constexpr unsigned kAfShift = 3;
 
    struct PrefixEntry;
-   bool isV6() const noexcept { return slateKeyAf_ == static_cast<std::uint8_t>(Ovnet::AddressFamily::ipv6); }
+   std::uint8_t reasonBits() const noexcept { return flags_ & kReasonMask; }
+   std::uint8_t afBits() const noexcept { return static_cast<std::uint8_t>(flags_ >> kAfShift); }
+   bool isV6() const noexcept { return afBits() == static_cast<std::uint8_t>(Ovnet::AddressFamily::ipv6); }
    bool onHeap() const noexcept { return inlineSize_ == kOnHeap; }
-   std::uint8_t const* storedData() const noexcept { return onHeap() ? stored_.heap.data : stored_.inlineBytes; }
+   // The bytes in place: the buffer's, and the object's trailing bytes after it. (Reached
+   // through the address as a number: they run past the buffer's declared end on purpose.)
+   std::uint8_t* inlineData() noexcept {
+      return reinterpret_cast<std::uint8_t*>(reinterpret_cast<std::uintptr_t>(&stored_));
+   }
+   std::uint8_t const* inlineData() const noexcept {
+      return reinterpret_cast<std::uint8_t const*>(reinterpret_cast<std::uintptr_t>(&stored_));
+   }
+   std::uint8_t const* storedData() const noexcept { return onHeap() ? stored_.heap.data : inlineData(); }
    std::size_t storedSize() const noexcept { return onHeap() ? stored_.heap.size : inlineSize_; }
+   // The bytes in place: kInlineBytes, and the trailing bytes of a key made with them.
+   void inlineCapacityIs(std::size_t bytes);
    // Replaces `oldSize` stored bytes at `pos` with `n` bytes.
    void storedReplace(std::size_t pos, std::size_t oldSize, std::uint8_t const* bytes, std::size_t n);
    void assertFillable() const;
@@ -294,10 +318,11 @@ class FlowspecRouteKey : public RouteKey {
    std::size_t tailBegin() const;
    void formatBody(std::ostream& os) const;
 
-   // These fill the tail padding of the dedup handle; the buffer follows.
-   std::uint8_t wontExportReason_ = 0;
-   std::uint8_t slateKeyAf_ = 0;
+   // These fill the tail padding of the dedup handle; the buffer follows, the object's last
+   // member, so that trailing bytes continue it.
+   std::uint8_t flags_ = 0;      // wontExportReason (bits 0-2), the slate key's family (3-4)
    std::uint8_t inlineSize_ = 0; // stored size when in place, or kOnHeap
+   std::uint8_t inlineCapacity_ = kInlineBytes;
    union Stored {
       std::uint8_t inlineBytes[kInlineBytes];
       struct {
@@ -347,6 +372,9 @@ Ovk::Ptr<FlowspecV4RouteKey> flowspecV4RouteKeyFactory();
 Ovk::Ptr<FlowspecV6RouteKey> flowspecV6RouteKeyFactory();
 // A V4 key for AFI 1, a V6 key for any other.
 FlowspecRouteKey::Ptr flowspecRouteKeyFactory(Afi afi);
+// The same, made with room in place for `storedBytes` of stored encoding (the size of the
+// body it is about to be given), so that it needs no buffer of its own.
+FlowspecRouteKey::Ptr flowspecRouteKeyFactory(Afi afi, std::size_t storedBytes);
 
 // The route-key dedup table of one flowspec family and VRF.
 class FlowspecRouteKeyDedupTable : public RouteKeyDedupTable {

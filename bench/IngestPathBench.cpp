@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "agent/BgpRouting.h"
+#include "host/fwk/SlabHeap.h"
 #include "host/mnemo/SlateRuleSetMount.h"
 #include "host/mnemo/SlateSegment.h"
 #include "host/fwk/Scheduler.h"
@@ -333,6 +334,13 @@ struct Receiver {
       scheduler->runReady();
    }
    std::size_t routes() const { return routing->ribTable(family)->routes(); }
+   // Bytes of the order index and the dedup table's index.
+   std::size_t orderBytes() const { return routing->ribTable(family)->order().bytes(); }
+   std::size_t dedupIndexBytes() const {
+      auto const vrf = context->dedupTablesVrf(BgpL3VrfId::defaultVrfId());
+      auto const* tables = vrf ? vrf->dedupTablesVrfAfiSafi(family) : nullptr;
+      return tables ? tables->routeKeyDedupTableRawPtr()->indexBytes() : 0;
+   }
    std::size_t paths() const { return routing->ribTable(family)->paths(); }
 
    AfiSafi family;
@@ -344,10 +352,11 @@ struct Receiver {
    std::unique_ptr<BgpRouting> routing;
 };
 
-// Heap in use and resident memory, in bytes.
+// Heap in use (the system heap's blocks, and the slabs of the small-object heap that have
+// memory behind them) and resident memory, in bytes.
 std::size_t heapBytes() {
    auto const m = mallinfo2();
-   return m.uordblks + m.hblkhd;
+   return m.uordblks + m.hblkhd + Ovk::SlabHeap::stats().slabs * Ovk::SlabHeap::kSlabBytes;
 }
 std::size_t rssBytes() {
    long pages = 0, resident = 0;
@@ -406,7 +415,7 @@ void check(benchmark::State& state, bool ok, char const* what) {
 void BM_Announce(benchmark::State& state) {
    bool const v6 = v6Of(state);
    Stream const& a = stream(v6, mixedOf(state), 'A');
-   double heapPerRule = 0, rssPerRule = 0;
+   double heapPerRule = 0, rssPerRule = 0, orderPerRule = 0, dedupPerRule = 0;
    for (auto _ : state) {
       state.PauseTiming();
       {
@@ -420,12 +429,16 @@ void BM_Announce(benchmark::State& state) {
          check(state, rx.routes() == kRules, "not every rule arrived");
          heapPerRule = static_cast<double>(heapBytes() - heap0) / kRules;
          rssPerRule = static_cast<double>(rssBytes() - rss0) / kRules;
+         orderPerRule = static_cast<double>(rx.orderBytes()) / kRules;
+         dedupPerRule = static_cast<double>(rx.dedupIndexBytes()) / kRules;
       }
       state.ResumeTiming();
    }
    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) * kRules);
    state.counters["heapB/rule"] = heapPerRule;
    state.counters["rssB/rule"] = rssPerRule;
+   state.counters["orderB/rule"] = orderPerRule;
+   state.counters["dedupB/rule"] = dedupPerRule;
 }
 
 void BM_WithdrawAll(benchmark::State& state) {

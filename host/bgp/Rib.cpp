@@ -66,7 +66,9 @@ bool betterPath(RibPath const& a, RibPath const& b, RibSources const& sources) {
 // ---- Table ----
 
 RibTable::RibTable(BgpVrfIdBase vrfId, AfiSafi afiSafi, Ovk::Ptr<RibSources const> sources)
-    : vrfId_(vrfId), afiSafi_(afiSafi), sources_(std::move(sources)) {
+    : vrfId_(vrfId), afiSafi_(afiSafi), sources_(std::move(sources)),
+      // IPv6 keys go on differing past the first 64 bits of their order.
+      order_(afiSafi.afi() == Afi::afiIpv6 ? RouteOrderIndex::Summary::wide : RouteOrderIndex::Summary::narrow) {
    OVK_ASSERT(sources_);
    others_.emplace_back(); // index 0 means none
 }

@@ -8,6 +8,7 @@
 
 #include "host/bgp/BgpTrace.h"
 #include "host/fwk/Assert.h"
+#include "host/fwk/SlabHeap.h"
 
 namespace Routing::Bgp {
 
@@ -77,15 +78,19 @@ std::ostream& operator<<(std::ostream& os, RouteKeyBase const& key) {
 
 OVK_FWK_TYPE(RouteKey, "Routing::Bgp::RouteKey")
 
-void* RouteKey::operator new(std::size_t size) {
-   void* const block = ::operator new(size + sizeof(RibRouteSlot));
+void* RouteKey::operator new(std::size_t size) { return operator new(size, TrailingBytes{0}); }
+
+void* RouteKey::operator new(std::size_t size, TrailingBytes trailing) {
+   void* const block = Ovk::SlabHeap::allocate(sizeof(RibRouteSlot) + size + trailing.n);
    new (block) RibRouteSlot();
    return static_cast<char*>(block) + sizeof(RibRouteSlot);
 }
 
 void RouteKey::operator delete(void* p) noexcept {
-   if (p) ::operator delete(static_cast<char*>(p) - sizeof(RibRouteSlot));
+   if (p) Ovk::SlabHeap::deallocate(static_cast<char*>(p) - sizeof(RibRouteSlot));
 }
+
+void RouteKey::operator delete(void* p, TrailingBytes) noexcept { operator delete(p); }
 
 Ovk::Ptr<RouteKey const> RouteKey::dedupRouteKey(RouteKeyDedupTableBase const* table) {
    OVK_ASSERT(table != nullptr);

@@ -14,6 +14,7 @@
 // "Must override in derived class" when a derived class has not answered them.
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <iosfwd>
 #include <span>
@@ -73,6 +74,15 @@ class RouteKeyBase : public Ovk::DedupHandle {
    // summary is lower sorts first; keys of equal summaries are ordered by lessThan. By
    // default 0 (lessThan decides alone).
    virtual std::uint64_t orderPrefix() const { return 0; }
+   // A summary twice as wide, for families whose keys still differ after the first 64 bits
+   // of the order (IPv6 prefixes under one /64): `hi` is orderPrefix(), and between keys of
+   // equal `hi` a lower `lo` sorts first in the same way. By default orderPrefix() and 0.
+   struct OrderSummary {
+      std::uint64_t hi = 0;
+      std::uint64_t lo = 0;
+      friend auto operator<=>(OrderSummary const&, OrderSummary const&) = default;
+   };
+   virtual OrderSummary orderSummary() const { return {orderPrefix(), 0}; }
    // The same order as one three-way answer: negative when this key sorts before `other`,
    // positive when after, 0 for keys the order holds equal (lessThan true both ways). The
    // default asks lessThan both ways; a family whose comparison reads the keys' memory
@@ -137,10 +147,17 @@ class RouteKey : public RouteKeyBase {
    static Ovk::FwkType const& classFwkType();
    Ovk::FwkType const& fwkType() const override;
 
-   // Keys are allocated with their RIB slot in front (zeroed). Every key is made through
-   // newRouteKey (below), so that RouteKey lies at the start of the object.
+   // Keys are allocated with their RIB slot in front (zeroed), from the slab heap
+   // (host/fwk/SlabHeap.h: a million keys cost their bytes and no more). Every key is made
+   // through newRouteKey (below), so that RouteKey lies at the start of the object. A family
+   // whose keys keep a variable amount in place asks for that many bytes after the object.
+   struct TrailingBytes {
+      std::size_t n = 0;
+   };
    static void* operator new(std::size_t size);
+   static void* operator new(std::size_t size, TrailingBytes trailing);
    static void operator delete(void* p) noexcept;
+   static void operator delete(void* p, TrailingBytes) noexcept;
 
    // Interns this never-deduplicated key in `table` (not null): returns the table's equal
    // key, or enters this one and returns it. The caller holds a reference to this key.
@@ -170,6 +187,15 @@ template <class T, class... Args>
 Ovk::Ptr<T> newRouteKey(Args&&... args) {
    Ovk::Ptr<T> key = Ovk::makePtr<T>(std::forward<Args>(args)...);
    // The RIB slot lies in front of the RouteKey part: it must start the object.
+   OVK_ASSERT(static_cast<void const*>(static_cast<RouteKey const*>(key.ptr())) == static_cast<void const*>(key.ptr()));
+   key->postConstructor();
+   return key;
+}
+
+// The same, with `trailing` bytes allocated right after the object.
+template <class T, class... Args>
+Ovk::Ptr<T> newRouteKeyWithTrailing(std::size_t trailing, Args&&... args) {
+   Ovk::Ptr<T> key(new (RouteKey::TrailingBytes{trailing}) T(std::forward<Args>(args)...));
    OVK_ASSERT(static_cast<void const*>(static_cast<RouteKey const*>(key.ptr())) == static_cast<void const*>(key.ptr()));
    key->postConstructor();
    return key;

@@ -1,14 +1,18 @@
 // Route keys in their family's route order: a B+ tree of key pointers.
 //
-// The order is RouteKeyBase::orderPrefix, then lessThan (whose answer for two equivalent
-// keys, true both ways, is made strict here), then, for keys the family's order holds equal
-// (flowspec keys that differ only in what the order does not read), the keys' addresses: a
-// total order on the keys of one table. The index does not hold references: its owner keeps
-// every key it holds alive.
+// The order is RouteKeyBase::orderPrefix (or the wider orderSummary), then lessThan (whose
+// answer for two equivalent keys, true both ways, is made strict here), then, for keys the
+// family's order holds equal (flowspec keys that differ only in what the order does not
+// read), the keys' addresses: a total order on the keys of one table. The index does not
+// hold references: its owner keeps every key it holds alive.
 //
-// Each entry keeps the key's order prefix beside it, so that most comparisons read the index
-// alone. Inserting at the end of the order (a peer sending its table in order) costs one
-// comparison and fills leaves whole.
+// Each entry keeps the key's order summary beside it, so that most comparisons read the
+// index alone: the 64-bit orderPrefix (16 bytes an entry), or the 128-bit orderSummary (24
+// bytes) for families whose keys go on differing past their first 64 bits (IPv6 prefixes
+// under one /64), which would otherwise make each step of a search read two keys. Inserting
+// at the end of the order (a peer sending its table in order) costs one comparison and fills
+// leaves whole; an insert or erase next to the last one (the leaf it touched, or the next)
+// skips the descent from the root.
 #pragma once
 
 #include <cstddef>
@@ -22,7 +26,10 @@ namespace Routing::Bgp {
 
 class RouteOrderIndex {
  public:
-   RouteOrderIndex();
+   // What each entry keeps of its key's order summary.
+   enum class Summary : std::uint8_t { narrow, wide };
+
+   explicit RouteOrderIndex(Summary summary = Summary::narrow);
    ~RouteOrderIndex();
    RouteOrderIndex(RouteOrderIndex const&) = delete;
    RouteOrderIndex& operator=(RouteOrderIndex const&) = delete;
@@ -37,9 +44,10 @@ class RouteOrderIndex {
 
     private:
       friend class RouteOrderIndex;
-      Iterator(void const* leaf, std::size_t index) : leaf_(leaf), index_(index) {}
+      Iterator(void const* leaf, std::size_t index, bool wide) : leaf_(leaf), index_(index), wide_(wide) {}
       void const* leaf_ = nullptr;
       std::size_t index_ = 0;
+      bool wide_ = false;
    };
 
    // Enters `key`, which must not be in the index.
@@ -56,30 +64,24 @@ class RouteOrderIndex {
    Iterator find(RouteKey const* key) const;
    Iterator begin() const;
    Iterator end() const { return {}; }
-   std::size_t size() const { return size_; }
+   std::size_t size() const;
    // Bytes of the index's nodes.
    std::size_t bytes() const;
+   Summary summary() const { return wide_ ? Summary::wide : Summary::narrow; }
 
-   // The strict order the index keeps (with the address as the last tie-break).
+   // The strict order the index keeps (with the address as the last tie-break), whatever
+   // its summary: a summary only ever agrees with the family's order.
    static bool less(RouteKey const* a, RouteKey const* b);
    // True when `a` sorts strictly before `b` in the family's order alone.
    static bool orderLess(RouteKey const& a, RouteKey const& b);
 
  private:
-   struct Entry;
-   struct Node;
-   struct Leaf;
-   struct Inner;
-   static bool entryLess(Entry const& a, Entry const& b);
-   Leaf* leafFor(Entry const& e) const;
-   template <class Before>
-   Iterator lowerBoundOf(Before const& before) const;
-   Leaf* lastLeaf() const;
-
-   Node* root_ = nullptr;
-   std::size_t size_ = 0;
-   std::size_t leaves_ = 0;
-   std::size_t inners_ = 0;
+   template <class Entry>
+   class Tree;
+   struct NarrowEntry;
+   struct WideEntry;
+   std::unique_ptr<Tree<NarrowEntry>> narrow_;
+   std::unique_ptr<Tree<WideEntry>> wide_;
 };
 
 } // namespace Routing::Bgp

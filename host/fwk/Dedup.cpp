@@ -62,9 +62,18 @@ DedupHashTable::DedupHashTable() : slots_(kInitialSlots, 0) {}
 
 DedupHashTable::Slot DedupHashTable::slotOf(DedupHandle* h, std::uint32_t hash) {
    auto const address = reinterpret_cast<Slot>(h);
-   // User-space addresses use the low 48 bits on the machines this runs on.
-   OVK_ASSERT((address >> kTagShift) == 0);
+   // User-space addresses use the low 47 bits on the machines this runs on, and handles are
+   // allocated 8-byte aligned at least.
+   OVK_ASSERT((address & ~kAddressBits) == 0);
    return address | tagOf(hash);
+}
+
+std::size_t DedupHashTable::homeOfSlot(Slot s) const {
+   if (homeShift_ >= 32 - kTagBits) {
+      Slot const tag = ((s >> 47) << 3) | (s & 0x7); // the hash's top 20 bits
+      return static_cast<std::size_t>(tag >> (homeShift_ - (32 - kTagBits)));
+   }
+   return homeOf(handleOf(s)->hash_);
 }
 
 DedupHashTable::~DedupHashTable() { detachEntries(); }
@@ -98,11 +107,10 @@ void DedupHashTable::notifieeIs(Ptr<DedupTableNotifiee> const& n) {
 
 std::size_t DedupHashTable::findSlot(DedupHandle const& probe, std::uint32_t hash) const {
    std::size_t const mask = slots_.size() - 1;
-   Slot const tag = tagOf(hash);
-   for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
+   for (std::size_t i = homeOf(hash);; i = (i + 1) & mask) {
       Slot const s = slots_[i];
       if (!s) return kNone;
-      if ((s & ~((Slot{1} << kTagShift) - 1)) != tag) continue;
+      if (!tagIs(s, hash)) continue;
       DedupHandle* h = handleOf(s);
       if (h->hash_ == hash && h != &probe && h->compare(&probe)) return i;
    }
@@ -118,12 +126,11 @@ Ptr<DedupHandle const> DedupHashTable::lookup(DedupHandle const& probe) const {
 DedupHandle* DedupHashTable::lookupOrInsertHashed(DedupHandle* handle) const {
    std::uint32_t const hash = handle->hash_;
    std::size_t const mask = slots_.size() - 1;
-   Slot const tag = tagOf(hash);
-   std::size_t i = hash & mask;
+   std::size_t i = homeOf(hash);
    for (;; i = (i + 1) & mask) {
       Slot const s = slots_[i];
       if (!s) break;
-      if ((s & ~((Slot{1} << kTagShift) - 1)) != tag) continue;
+      if (!tagIs(s, hash)) continue;
       DedupHandle* h = handleOf(s);
       if (h->hash_ == hash && h->compare(handle)) {
          ++counters_.hits;
@@ -134,7 +141,7 @@ DedupHandle* DedupHashTable::lookupOrInsertHashed(DedupHandle* handle) const {
    if ((size_ + 1) * 4 > slots_.size() * 3) {
       rehash(slots_.size() * 2);
       std::size_t const m = slots_.size() - 1;
-      for (i = hash & m; slots_[i]; i = (i + 1) & m) {}
+      for (i = homeOf(hash); slots_[i]; i = (i + 1) & m) {}
    }
    slots_[i] = slotOf(handle, hash);
    ++size_;
@@ -164,12 +171,11 @@ void DedupHashTable::lookupOrInsertAll(std::span<DedupHandle*> handles) const {
    constexpr std::size_t kEntryAhead = 4;
    std::size_t const n = handles.size();
    for (std::size_t k = 0; k < n; ++k) {
-      std::size_t const mask = slots_.size() - 1;
-      if (k + kSlotAhead < n) __builtin_prefetch(&slots_[handles[k + kSlotAhead]->hash_ & mask]);
+      if (k + kSlotAhead < n) __builtin_prefetch(&slots_[homeOf(handles[k + kSlotAhead]->hash_)]);
       if (k + kEntryAhead < n) {
          std::uint32_t const hash = handles[k + kEntryAhead]->hash_;
-         Slot const s = slots_[hash & mask];
-         if (s && (s & ~((Slot{1} << kTagShift) - 1)) == tagOf(hash)) __builtin_prefetch(handleOf(s));
+         Slot const s = slots_[homeOf(hash)];
+         if (s && tagIs(s, hash)) __builtin_prefetch(handleOf(s));
       }
       handles[k] = lookupOrInsertHashed(handles[k]);
    }
@@ -178,20 +184,22 @@ void DedupHashTable::lookupOrInsertAll(std::span<DedupHandle*> handles) const {
 void DedupHashTable::rehash(std::size_t slots) const {
    std::vector<Slot> old(slots, 0);
    old.swap(slots_);
+   homeShift_ = 32;
+   for (std::size_t n = slots; n > 1; n >>= 1) --homeShift_;
    std::size_t const mask = slots_.size() - 1;
-   // Re-homing reads every entry's stored hash and writes a random slot of the new index:
-   // two cache misses per entry at random addresses. Fetch the entry far ahead, its new slot
-   // half as far ahead, so that the misses overlap instead of queueing.
-   constexpr std::size_t kEntryAhead = 32;
-   constexpr std::size_t kSlotAhead = 16;
+   // Homes are the top bits of the hashes, so the old index holds its entries in the order of
+   // their homes (but for a probe chain that wrapped around its end), and so will the new:
+   // the pass reads and writes both in order. Where the slots hold too few bits of the hash
+   // for the new index, each entry is read: fetch it far ahead.
+   constexpr std::size_t kEntryAhead = 16;
+   bool const readsEntries = homeShift_ < 32 - kTagBits;
    for (std::size_t k = 0; k < old.size(); ++k) {
-      if (k + kEntryAhead < old.size() && old[k + kEntryAhead]) __builtin_prefetch(handleOf(old[k + kEntryAhead]));
-      if (k + kSlotAhead < old.size() && old[k + kSlotAhead]) {
-         __builtin_prefetch(&slots_[handleOf(old[k + kSlotAhead])->hash_ & mask], 1);
+      if (readsEntries && k + kEntryAhead < old.size() && old[k + kEntryAhead]) {
+         __builtin_prefetch(handleOf(old[k + kEntryAhead]));
       }
       Slot const s = old[k];
       if (!s) continue;
-      std::size_t i = handleOf(s)->hash_ & mask;
+      std::size_t i = homeOfSlot(s);
       while (slots_[i]) i = (i + 1) & mask;
       slots_[i] = s;
    }
@@ -199,7 +207,7 @@ void DedupHashTable::rehash(std::size_t slots) const {
 
 void DedupHashTable::remove(DedupHandle* h) const {
    std::size_t const mask = slots_.size() - 1;
-   std::size_t i = h->hash_ & mask;
+   std::size_t i = homeOf(h->hash_);
    while (handleOf(slots_[i]) != h) {
       OVK_ASSERT(slots_[i] != 0);
       i = (i + 1) & mask;
@@ -210,7 +218,7 @@ void DedupHashTable::remove(DedupHandle* h) const {
       j = (j + 1) & mask;
       Slot const e = slots_[j];
       if (!e) break;
-      std::size_t const home = handleOf(e)->hash_ & mask;
+      std::size_t const home = homeOfSlot(e);
       // Move e into the hole when its home is not cyclically in (i, j].
       bool const between = (i <= j) ? (home > i && home <= j) : (home > i || home <= j);
       if (!between) {

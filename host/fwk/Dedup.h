@@ -134,14 +134,21 @@ class DedupHashTable : public PtrInterface {
 
  private:
    friend class DedupHandle;
-   // A slot holds an entry's address and, in the 16 bits above the 48 an address uses, the
-   // top of its hash: probing compares those before it reads an entry, so a probe sequence
-   // costs the index's cache lines, not a read of every entry on the way.
+   // A slot holds an entry's address and, in the bits an address leaves unused (the 17
+   // above the 47 of a user-space address, the 3 below an 8-byte alignment), the top 20 bits
+   // of its hash. An entry's home slot is the top bits of its hash, so that probing compares
+   // the slot's bits before it reads an entry, and an index of up to 2^20 slots is rebuilt
+   // from its own slots, in one pass in order, without reading an entry.
    using Slot = std::uintptr_t;
-   static constexpr unsigned kTagShift = 48;
+   static constexpr unsigned kTagBits = 20;
+   static constexpr Slot kAddressBits = ((Slot{1} << 47) - 1) & ~Slot{0x7};
    static Slot slotOf(DedupHandle* h, std::uint32_t hash);
-   static DedupHandle* handleOf(Slot s) { return reinterpret_cast<DedupHandle*>(s & ((Slot{1} << kTagShift) - 1)); }
-   static Slot tagOf(std::uint32_t hash) { return Slot{hash >> 16} << kTagShift; }
+   static DedupHandle* handleOf(Slot s) { return reinterpret_cast<DedupHandle*>(s & kAddressBits); }
+   static Slot tagOf(std::uint32_t hash) { return (Slot{hash >> 15} << 47) | ((hash >> 12) & 0x7); }
+   static bool tagIs(Slot s, std::uint32_t hash) { return (s & ~kAddressBits) == tagOf(hash); }
+   // The home slot of a hash, and of the entry a slot holds.
+   std::size_t homeOf(std::uint32_t hash) const { return hash >> homeShift_; }
+   std::size_t homeOfSlot(Slot s) const;
 
    void detachEntries();
    void remove(DedupHandle* h) const;
@@ -152,6 +159,7 @@ class DedupHashTable : public PtrInterface {
    void rehash(std::size_t slots) const;
 
    mutable std::vector<Slot> slots_;
+   mutable unsigned homeShift_ = 28; // 32 - log2(slots)
    mutable std::size_t size_ = 0;
    mutable Counters counters_;
    Ptr<DedupTableNotifiee> notifiee_;

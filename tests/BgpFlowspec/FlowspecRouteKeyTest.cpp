@@ -99,7 +99,8 @@ TEST(FlowspecRouteKeyTest, FieldsReadBackAsSet) {
       key->shrinkToFit();
       ASSERT_EQ(KeyModel::of(*key), expected);
       ASSERT_LE(key->heapBytes(), heap);
-      ASSERT_EQ(key->heapBytes(), key->storedBytes().size() > 24 ? key->storedBytes().size() : 0u);
+      // A key made without a known size holds 16 bytes in place.
+      ASSERT_EQ(key->heapBytes(), key->storedBytes().size() > 16 ? key->storedBytes().size() : 0u);
    }
 }
 
@@ -131,13 +132,16 @@ TEST(FlowspecRouteKeyTest, PrefixesAreStoredCanonically) {
    EXPECT_EQ(v6->destPrefixOffset(), 0);
    EXPECT_EQ(v6->srcPrefixOffset(), 32);
 
-   // The commonest IPv6 rule, a host and two single-value components, stays in place.
-   auto host = flowspecV6RouteKeyFactory();
-   host->destPrefixIs(prefix("2001:db8::1/128"));
-   host->addOpValComponent(Flowspec::ipProtocol_, fromHex("81 06"));
-   host->addOpValComponent(Flowspec::destPort_, fromHex("81 50"));
-   EXPECT_EQ(host->storedBytes().size(), 24u);
-   EXPECT_EQ(host->heapBytes(), 0u);
+   // The commonest IPv6 rule, a host and two single-value components, stays in place in a
+   // key made for its size, and spills to the heap from a key made without one.
+   for (std::size_t const room : {std::size_t{0}, std::size_t{24}}) {
+      auto host = room ? flowspecRouteKeyFactory(Afi::afiIpv6, room) : flowspecRouteKeyFactory(Afi::afiIpv6);
+      host->destPrefixIs(prefix("2001:db8::1/128"));
+      host->addOpValComponent(Flowspec::ipProtocol_, fromHex("81 06"));
+      host->addOpValComponent(Flowspec::destPort_, fromHex("81 50"));
+      EXPECT_EQ(host->storedBytes().size(), 24u);
+      EXPECT_EQ(host->heapBytes(), room ? 0u : 32u) << room;
+   }
 }
 
 TEST(FlowspecRouteKeyTest, ComponentsComeBackInOrderWithTheirBytes) {
@@ -455,6 +459,14 @@ TEST(FlowspecRouteKeyTest, OrderPrefixAgreesWithTheRuleOrder) {
             if (strictlyBefore) {
                ASSERT_LE(a->orderPrefix(), b->orderPrefix());
             }
+            // The wide summary in the same way, and its first word is the prefix.
+            ASSERT_EQ(a->orderSummary().hi, a->orderPrefix());
+            if (a->orderSummary() < b->orderSummary()) {
+               ASSERT_TRUE(strictlyBefore) << text(*a) << " / " << text(*b);
+            }
+            if (strictlyBefore) {
+               ASSERT_LE(a->orderSummary(), b->orderSummary());
+            }
          }
       }
    }
@@ -463,6 +475,11 @@ TEST(FlowspecRouteKeyTest, OrderPrefixAgreesWithTheRuleOrder) {
    EXPECT_LT(p("10.1.0.0/16;*;"), p("10.0.0.0/8;*;"));
    EXPECT_LT(p("9.255.0.0/16;*;"), p("10.0.0.0/8;*;"));
    EXPECT_LT(p("0.0.0.0/0;*;"), p("*;*;"));
+   // IPv6 hosts under one /96 are told apart by the second word.
+   auto const w = [](char const* text) { return fromText(text, true)->orderSummary(); };
+   EXPECT_LT(w("fd00::1/128;*;"), w("fd00::2/128;*;"));
+   EXPECT_EQ(w("fd00::1/128;*;").hi, w("fd00::2/128;*;").hi);
+   EXPECT_LT(w("fd00::ffff:0/112;*;"), w("fd00::/64;*;"));
 }
 
 // lessThan against the order as described, and the properties sorting relies on: for keys

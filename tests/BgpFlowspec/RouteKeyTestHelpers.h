@@ -141,7 +141,10 @@ inline KeyModel randomModel(std::mt19937& rng, bool v6) {
    auto draw = [&rng](unsigned n) { return static_cast<unsigned>(rng() % n); };
    static char const* const v4Prefixes[] = {"10.0.0.0/8",  "10.1.0.0/16", "10.1.2.0/24",
                                             "10.1.2.3/32", "0.0.0.0/0",   "192.168.0.0/23"};
-   static char const* const v6Prefixes[] = {"2001:db8::/32", "2001:db8:1::/48", "::/0", "2001:db8::1/128", "fe80::/10"};
+   // IPv6 prefixes that differ only past their first 64 bits too.
+   static char const* const v6Prefixes[] = {"2001:db8::/32",   "2001:db8:1::/48",    "::/0",
+                                            "2001:db8::1/128", "fe80::/10",          "2001:db8::2/128",
+                                            "2001:db8::/112",  "2001:db8:0:0:8000::/65"};
    static Component const components[] = {{3, {0x81, 0x06}},
                                           {3, {0x01, 0x06, 0x81, 0x11}},
                                           {4, {0x91, 0x01, 0xbb}},
@@ -161,7 +164,7 @@ inline KeyModel randomModel(std::mt19937& rng, bool v6) {
    m.reason = draw(3) == 0 ? draw(8) : 0;
    auto pick = [&](std::uint8_t& offset) -> Ovnet::IpGenPrefix {
       if (draw(3) == 0) return {};
-      Ovnet::IpGenPrefix p = prefix(v6 ? v6Prefixes[draw(5)] : v4Prefixes[draw(6)]);
+      Ovnet::IpGenPrefix p = prefix(v6 ? v6Prefixes[draw(std::size(v6Prefixes))] : v4Prefixes[draw(6)]);
       if (v6 && draw(4) == 0) offset = static_cast<std::uint8_t>(draw(p.len() + 1u));
       if (offset) {
          // The pattern stands at the start of the address, with bits beyond it cleared.

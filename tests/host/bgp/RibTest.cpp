@@ -29,8 +29,10 @@ class RankKey : public RouteKey {
    bool lessThan(Ovk::Ptr<RouteKeyBase const> const& other) const override {
       return rank_ <= static_cast<RankKey const&>(*other).rank_;
    }
-   // Coarse: only the high bits, so that many keys share a prefix.
-   std::uint64_t orderPrefix() const override { return rank_ >> 4; }
+   // Coarse: only the high bits, so that many keys share a prefix (a wide summary tells
+   // more of them apart, not all).
+   std::uint64_t orderPrefix() const override { return rank_ >> 8; }
+   OrderSummary orderSummary() const override { return {rank_ >> 8, (rank_ >> 4) & 0xf}; }
    std::uint32_t rank() const { return rank_; }
 
  private:
@@ -184,10 +186,19 @@ TEST(RibTest, KeysAndAttributesLiveWhileTheyHavePaths) {
 
 // ---- Order index: against an independent sort, through random inserts and erases ----
 
+void orderIndexKeepsTheOrder(RouteOrderIndex::Summary summary);
+
 TEST(RibTest, OrderIndexKeepsTheOrderAndFindsLowerBounds) {
+   for (auto const summary : {RouteOrderIndex::Summary::narrow, RouteOrderIndex::Summary::wide}) {
+      SCOPED_TRACE(summary == RouteOrderIndex::Summary::wide ? "wide" : "narrow");
+      orderIndexKeepsTheOrder(summary);
+   }
+}
+
+void orderIndexKeepsTheOrder(RouteOrderIndex::Summary summary) {
    Env env;
    std::mt19937 rng(11);
-   RouteOrderIndex index;
+   RouteOrderIndex index(summary);
    std::vector<Ovk::Ptr<RouteKey const>> held;
    std::set<RouteKey const*> in;
    auto const expected = [&] {
