@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
       return 0;
    }
    auto const& words = rule.value();
-   check(words.family == AfiSafi::ipv4Flowspec() || words.family == AfiSafi::ipv6Flowspec());
+   check(words.family == Routing::Bgp::AfiSafi::ipv4Flowspec() || words.family == Routing::Bgp::AfiSafi::ipv6Flowspec());
    check(!words.match.empty());
    auto const again = ruleOfPath(request.path(), words.family, true);
    check(again && again.value().match == words.match && again.value().then == words.then);

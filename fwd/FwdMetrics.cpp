@@ -102,10 +102,10 @@ std::string FwdMetrics::render() {
    m.sample("flowspec_fwd_change_failures_total", failures);
    m.family("flowspec_fwd_last_change_duration_seconds", "gauge", "Time the last change took to prepare and apply.");
    m.sample("flowspec_fwd_last_change_duration_seconds", lastApply);
-   m.family("flowspec_fwd_counter_read_duration_seconds", "gauge", "Time this scrape took to read the counters.");
-   m.sample("flowspec_fwd_counter_read_duration_seconds", readSeconds);
-   m.family("flowspec_fwd_counter_read_errors_total", "counter", "Scrapes whose counters could not be read.");
-   m.sample("flowspec_fwd_counter_read_errors_total", counterErrors);
+   m.family("flowspec_fwd_stats_read_duration_seconds", "gauge", "Time this scrape took to read the rules' packet and byte counts.");
+   m.sample("flowspec_fwd_stats_read_duration_seconds", readSeconds);
+   m.family("flowspec_fwd_stats_read_errors_total", "counter", "Scrapes whose packet and byte counts could not be read.");
+   m.sample("flowspec_fwd_stats_read_errors_total", counterErrors);
    std::ifstream statm("/proc/self/statm");
    std::uint64_t size = 0;
    std::uint64_t resident = 0;

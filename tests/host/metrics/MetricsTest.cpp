@@ -54,7 +54,9 @@ TEST(MetricsHttp, AnswersOnlyTheMetricsPage) {
       EXPECT_EQ(r.substr(0, c.status.size()), c.status);
       bool const hasBody = r.size() >= 4 && r.ends_with("m 1\n");
       EXPECT_EQ(hasBody, c.body);
-      if (c.body) EXPECT_NE(r.find("Content-Type: text/plain; version=0.0.4"), std::string::npos);
+      if (c.body) {
+         EXPECT_NE(r.find("Content-Type: text/plain; version=0.0.4"), std::string::npos);
+      }
    }
 }
 
