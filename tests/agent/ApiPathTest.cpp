@@ -109,7 +109,7 @@ TEST(ApiPath, NlriBecomesRuleTextInEitherPackage) {
                             {community(rate(0))}, v4(), package);
       auto const r = ruleOfPath(p, std::nullopt, true);
       ASSERT_TRUE(r) << package << ": " << r.reason().message;
-      EXPECT_EQ(r.value().match, "10.0.0.0/24;*;protocol =6;destination-port >=80|>=1024&<2048;") << package;
+      EXPECT_EQ(r.value().match, "10.0.0.0/24;*;protocol =6;destination-port >=80 >=1024&<2048;") << package;
    }
 }
 
