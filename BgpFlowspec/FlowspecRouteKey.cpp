@@ -864,6 +864,13 @@ Ovk::Ptr<RouteKey const> FlowspecRouteKeyDedupTable::dedupFromRule(Flowspec::Flo
    return key->dedupRouteKey(this);
 }
 
+bool FlowspecRouteKeyDedupTable::ruleOf(RouteKey const& key, Flowspec::FlowspecKey& rule) const {
+   auto const* k = dynamic_cast<FlowspecRouteKey const*>(&key);
+   if (!k) return false;
+   rule = k->slateKey();
+   return true;
+}
+
 Ovk::Ptr<FlowspecRouteKeyDedupTable> flowspecRouteKeyDedupTableFactory(AfiSafi afiSafi, BgpVrfIdBase vrfId) {
    return Ovk::makePtr<FlowspecRouteKeyDedupTable>(afiSafi, vrfId);
 }

@@ -396,6 +396,8 @@ class FlowspecRouteKeyDedupTable : public RouteKeyDedupTable {
    FlowspecRouteKey::PtrConst lookupOrCreateOrphanFromRkAttrs(std::string_view text) const;
    // The key of an originated rule: its components from the library key, then interned.
    Ovk::Ptr<RouteKey const> dedupFromRule(Flowspec::FlowspecKey const& rule) const override;
+   // The library key of one of the table's keys (FlowspecRouteKey::slateKey).
+   bool ruleOf(RouteKey const& key, Flowspec::FlowspecKey& rule) const override;
 
  protected:
    ~FlowspecRouteKeyDedupTable() override = default;

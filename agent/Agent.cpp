@@ -98,6 +98,10 @@ Ovk::Result<bool, std::string> Agent::start() {
       return routing_ && routing_->pathIsStale(table, key, source);
    });
    origination_ = std::make_unique<Origination>(context_, entityManager_);
+   origination_->expiryHandlerIs([this](std::string const& rule) {
+      routing_->noteRefusals();
+      logger_.log("-", "rule " + rule + " expired: withdrawn");
+   });
    if (ConfigErrors const errors = origination_->check(config_.rules, config_.source); !errors.empty()) {
       std::string text;
       for (auto const& e : errors) text += (text.empty() ? "" : "; ") + e.str();
@@ -131,6 +135,7 @@ Ovk::Result<bool, std::string> Agent::start() {
    control_ = control.value();
    control_->streamHandlerIs([this](std::string_view request) -> std::unique_ptr<ControlStream> {
       if (!isShowTableRequest(request)) return nullptr;
+      ++controlCounts_["show table"].requests;
       return showTableStream(Ovk::Ptr<Plugin::Context>(&routing_->context()), request,
                              [this](Ovnet::IpGenAddr const& a) { return byAddress_.count(a) != 0; });
    });
@@ -453,6 +458,9 @@ bool Agent::reload(std::string const& file) {
    if (next.localAs != config_.localAs) later.push_back("local-as");
    if (next.routerId != config_.routerId) later.push_back("router-id");
    if (next.fsibPrefix != config_.fsibPrefix) later.push_back("fsib-prefix");
+   if (next.apiListen != config_.apiListen) later.push_back("api-listen");
+   if (next.apiRuleLifetime != config_.apiRuleLifetime) later.push_back("api-rule-lifetime");
+   if (next.metricsListen != config_.metricsListen) later.push_back("metrics-listen");
    if (!later.empty()) {
       std::string text;
       for (auto const& k : later) text += (text.empty() ? "" : ", ") + k;
@@ -501,6 +509,29 @@ void Agent::applyRules(std::string_view why) {
                         std::to_string(d.kept) + " kept");
 }
 
+Ovk::Result<Origination::Added, std::string> Agent::ruleAdd(AfiSafi family, std::string_view match,
+                                                             std::vector<std::string> const& then,
+                                                             Origination::RuntimeOptions options) {
+   auto rule = originatedRuleOf(family, match, then);
+   if (!rule) return Ovk::failure(rule.reason());
+   std::string const text = familyName(family) + " " + rule.value().match;
+   std::string const who = options.source == "api" ? "api " + options.client : "control";
+   std::string const lifetime = options.lifetime ? " for " + std::to_string(options.lifetime->count()) + "s" : "";
+   auto r = origination_->runtimeRuleIs(std::move(rule.value()), std::move(options));
+   routing_->noteRefusals();
+   if (!r) return Ovk::failure(r.reason());
+   logger_.log("-", who + ": rule " + text + " " + r.value().result + lifetime);
+   return r;
+}
+
+Ovk::Result<std::string, std::string> Agent::ruleDelete(AfiSafi family, std::string_view match, std::string_view who) {
+   auto r = origination_->runtimeRuleDel(family, match);
+   if (!r) return r;
+   routing_->noteRefusals();
+   logger_.log("-", std::string(who) + ": rule " + familyName(family) + " " + std::string(match) + " " + r.value());
+   return r;
+}
+
 std::string Agent::handleRuleRequest(std::string_view verb, std::string_view body) {
    auto refuse = [](std::string const& why) { return Ovk::jsonText(nlohmann::json{{"ok", false}, {"error", why}}); };
    if (verb == "list") return Ovk::jsonText(origination_->listJson());
@@ -513,9 +544,8 @@ std::string Agent::handleRuleRequest(std::string_view verb, std::string_view bod
    if (!family) return refuse("unknown family \"" + j["family"].get<std::string>() + "\" (ipv4 or ipv6)");
    std::string const match = j["match"].get<std::string>();
    if (verb == "delete") {
-      auto r = origination_->runtimeRuleDel(*family, match);
+      auto r = ruleDelete(*family, match, "control");
       if (!r) return refuse(r.reason());
-      logger_.log("-", "control: rule " + familyName(*family) + " " + match + " " + r.value());
       return Ovk::jsonText(nlohmann::json{{"ok", true}, {"result", r.value()}});
    }
    std::vector<std::string> then;
@@ -525,18 +555,43 @@ std::string Agent::handleRuleRequest(std::string_view verb, std::string_view bod
          then.push_back(a.get<std::string>());
       }
    }
-   auto rule = originatedRuleOf(*family, match, then);
-   if (!rule) return refuse(rule.reason());
-   std::string const text = familyName(*family) + " " + rule.value().match;
-   std::vector<std::string> const actions = rule.value().actions;
-   auto r = origination_->runtimeRuleIs(std::move(rule.value()));
-   routing_->noteRefusals();
+   Origination::RuntimeOptions options;
+   if (j.contains("expires")) {
+      auto const lifetime = j["expires"].is_string() ? parseLifetime(j["expires"].get<std::string>()) : std::nullopt;
+      if (!lifetime) {
+         return refuse("expires: a lifetime is seconds or a duration such as \"90s\", \"15m\", \"2h\" or \"1d\", "
+                       "at most 365 days");
+      }
+      options.lifetime = lifetime;
+   }
+   auto r = ruleAdd(*family, match, then, std::move(options));
    if (!r) return refuse(r.reason());
-   logger_.log("-", "control: rule " + text + " " + r.value());
-   return Ovk::jsonText(nlohmann::json{{"ok", true}, {"result", r.value()}, {"rule", text}, {"actions", actions}});
+   auto rule = originatedRuleOf(*family, match, then);
+   nlohmann::json answer{{"ok", true},
+                         {"result", r.value().result},
+                         {"rule", familyName(*family) + " " + rule.value().match},
+                         {"actions", rule.value().actions}};
+   if (j.contains("expires")) answer["expires"] = j["expires"];
+   return Ovk::jsonText(answer);
 }
 
 std::string Agent::handleControl(std::string_view request) {
+   // The kind of request, of a few fixed names: what a client sends never makes a new one.
+   std::string kind = "other";
+   for (char const* k : {"show neighbors", "show updates", "show summary", "rule list", "rule add", "rule delete"}) {
+      std::string_view const name(k);
+      if (request.substr(0, name.size()) == name && (request.size() == name.size() || request[name.size()] == ' ')) {
+         kind = k;
+      }
+   }
+   std::string answer = answerControl(request);
+   ControlCounts& c = controlCounts_[kind];
+   ++c.requests;
+   if (answer.rfind("{\"error\"", 0) == 0) ++c.errors;
+   return answer;
+}
+
+std::string Agent::answerControl(std::string_view request) {
    if (request.rfind("rule ", 0) == 0) {
       std::string_view rest = request.substr(5);
       std::size_t const space = rest.find(' ');

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <asio/io_context.hpp>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -64,7 +65,26 @@ class Agent : public Ovk::PtrInterface {
    // "match", "then": [...]}) and "rule delete {JSON}" ({"family", "match"}). A rule request
    // is answered {"ok": true, "result", "rule"} or {"ok": false, "error"}.
    std::string handleControl(std::string_view request);
+   // A rule added at run time, through the control socket or the API: read as `flowspec
+   // rule add` reads it (originatedRuleOf), originated, logged as `who` asked for it. The
+   // refusal's reason otherwise.
+   Ovk::Result<Origination::Added, std::string> ruleAdd(AfiSafi family, std::string_view match,
+                                                        std::vector<std::string> const& then,
+                                                        Origination::RuntimeOptions options);
+   // Deletes a rule added at run time; the reason when there is none.
+   Ovk::Result<std::string, std::string> ruleDelete(AfiSafi family, std::string_view match, std::string_view who);
    AgentConfig const& config() const { return config_; }
+   // When the agent object was made (the process's start, for the metrics).
+   std::chrono::system_clock::time_point startedAt() const { return startedAt_; }
+   // Where the FSIB is mounted; null before start().
+   Mnemo::EntityManager* entityManager() const { return entityManager_.ptr(); }
+   // Control-socket requests answered, by kind ("show neighbors", "rule add", "show table",
+   // "other"), and of them those answered with an error.
+   struct ControlCounts {
+      std::uint64_t requests = 0;
+      std::uint64_t errors = 0;
+   };
+   std::map<std::string, ControlCounts> const& controlCounts() const { return controlCounts_; }
    Ovk::Ptr<EventLoopScheduler> const& scheduler() const { return scheduler_; }
    // The agent's own restart (graceful restart, restarting side): null before start().
    RestartConvergence const* convergence() const { return convergence_.get(); }
@@ -98,6 +118,7 @@ class Agent : public Ovk::PtrInterface {
    void checkConvergence();
    void handleConverged(std::string const& why);
    nlohmann::json restartJson() const;
+   std::string answerControl(std::string_view request);
 
    asio::io_context& io_;
    AgentConfig config_;
@@ -125,6 +146,8 @@ class Agent : public Ovk::PtrInterface {
    std::optional<Ovk::TaskId> deferralTask_;
    std::optional<Ovk::TaskId> convergenceCheck_;
    Ovk::Clock::time_point deferralEnds_{};
+   std::map<std::string, ControlCounts> controlCounts_;
+   std::chrono::system_clock::time_point startedAt_ = std::chrono::system_clock::now();
 };
 
 // Log lines on standard error: "2024-05-01T10:00:00.123Z 127.0.0.2 state Idle -> Connect".

@@ -515,6 +515,46 @@ void readHostNames(Checker& check, toml::table const& root, AgentConfig& config)
    }
 }
 
+// api-listen, api-rule-lifetime and metrics-listen: the API and the metrics, off unless set.
+void readServices(Checker& check, toml::table const& root, AgentConfig& config) {
+   if (auto const* v = root.get("api-listen")) {
+      if (auto s = check.string(*v, "api-listen")) {
+         if (s->rfind("unix:", 0) == 0) {
+            if (s->size() == 5 || s->size() - 5 >= kMaxUnixSocketPath) {
+               check.error(*v, "api-listen \"" + *s + "\": a Unix socket's path after \"unix:\" is 1 to " +
+                                   std::to_string(kMaxUnixSocketPath - 1) + " bytes");
+            } else {
+               config.apiListen = *s;
+            }
+         } else if (auto e = Ovnet::parseEndpoint(*s, kApiPort)) {
+            config.apiListen = e->str();
+         } else {
+            check.error(*v, "api-listen is \"ADDR:PORT\" (\"127.0.0.1:50051\", \"[::1]:50051\") or "
+                            "\"unix:PATH\", not \"" + *s + "\"");
+         }
+      }
+   }
+   if (auto const* v = root.get("api-rule-lifetime")) {
+      if (auto s = check.string(*v, "api-rule-lifetime")) {
+         if (auto l = parseLifetime(*s)) {
+            config.apiRuleLifetime = l;
+         } else {
+            check.error(*v, "api-rule-lifetime is seconds or a duration such as \"90s\", \"15m\", \"2h\" or "
+                            "\"1d\", at most 365 days, not \"" + *s + "\"");
+         }
+      }
+   }
+   if (auto const* v = root.get("metrics-listen")) {
+      if (auto s = check.string(*v, "metrics-listen")) {
+         if (auto e = Ovnet::parseEndpoint(*s, kMetricsPort)) {
+            config.metricsListen = e;
+         } else {
+            check.error(*v, "metrics-listen is \"ADDR:PORT\" (\"127.0.0.1:9179\"), not \"" + *s + "\"");
+         }
+      }
+   }
+}
+
 // The keys of the top level: identity, listeners, sockets, where the plugin is, the global
 // rule limit.
 void readGlobals(Checker& check, toml::table const& root, AgentConfig& config) {
@@ -522,6 +562,7 @@ void readGlobals(Checker& check, toml::table const& root, AgentConfig& config) {
    readListen(check, root, config);
    readHostNames(check, root, config);
    config.maxRules = readRuleLimit(check, root, false);
+   readServices(check, root, config);
 }
 
 // [[neighbor]] tables.
@@ -779,7 +820,8 @@ Ovk::Result<AgentConfig, ConfigErrors> parseConfig(std::string_view text, std::s
    config.source = fileName;
    check.onlyKeys(root,
                   {"router-id", "local-as", "listen", "control-socket", "plugin-dir", "fsib-prefix", "max-rules",
-                   "max-rules-warning", "import-policy", "neighbor", "vrf", "rule", "graceful-restart"},
+                   "max-rules-warning", "import-policy", "api-listen", "api-rule-lifetime", "metrics-listen",
+                   "neighbor", "vrf", "rule", "graceful-restart"},
                   "");
    readGlobals(check, root, config);
    readNeighbors(check, root, readImportPolicies(check, root), config);

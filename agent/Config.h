@@ -9,6 +9,12 @@
 //   max-rules = 100000                 # the rules every neighbor together may hold (both
 //                                      # families counted together); past it, rules are refused
 //   max-rules-warning = 75             # percent of max-rules whose reaching is logged (1-100)
+//   api-listen = "127.0.0.1:50051"     # the controllers' gRPC API (agent/api/ApiServer.h), or
+//                                      # "unix:/run/flowspecd-api.sock"; off when left out
+//   api-rule-lifetime = "1h"           # rules added through the API withdraw themselves after
+//                                      # this ("90s", "15m", "2h", "1d"); forever when left out
+//   metrics-listen = "127.0.0.1:9179"  # Prometheus metrics at http://ADDR:PORT/metrics; off
+//                                      # when left out
 //
 //   [[import-policy]]                  # a policy neighbors may refer to by name
 //   name = "customer"                  # required, unique
@@ -93,6 +99,7 @@
 #pragma once
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -205,7 +212,12 @@ struct AgentConfig {
    // The limit of every neighbor's rules together (action discard); none by default.
    std::optional<RuleLimit> maxRules;
    GracefulRestartConfig gracefulRestart;
+   std::string apiListen; // empty: no API
+   std::optional<std::chrono::seconds> apiRuleLifetime;
+   std::optional<Endpoint> metricsListen;
 };
+inline constexpr std::uint16_t kApiPort = 50051;
+inline constexpr std::uint16_t kMetricsPort = 9179;
 
 struct ConfigError {
    std::string file;

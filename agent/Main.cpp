@@ -25,6 +25,9 @@
 #include "agent/Agent.h"
 #include "agent/ServiceNotify.h"
 #include "fs/Version.h"
+#include "agent/AgentMetrics.h"
+#include "host/metrics/MetricsHttp.h"
+#include "agent/api/ApiServer.h"
 
 namespace {
 
@@ -97,6 +100,41 @@ int main(int argc, char** argv) {
       logger.log("-", started.reason());
       return 1;
    }
+   // The controllers' API, when configured: rules through it are the agent's run-time rules.
+   std::unique_ptr<Flowspecd::Api::ApiServer> api;
+   if (!agent->config().apiListen.empty()) {
+      Flowspecd::Api::ApiOptions options{agent->config().apiListen, agent->config().apiRuleLifetime};
+      auto started = Flowspecd::Api::ApiServer::start(io, *agent, options);
+      if (!started) {
+         logger.log("-", started.reason());
+         agent->stop();
+         io.run();
+         return 1;
+      }
+      api = std::move(started.value());
+      logger.log("-", "API (gRPC) on " + api->listening());
+   }
+   // Prometheus metrics, when configured, made on this thread at each scrape.
+   std::unique_ptr<Ovk::MetricsHttpServer> metrics;
+   if (agent->config().metricsListen) {
+      auto render = [&agent, &api] {
+         std::map<std::string, Flowspecd::ApiCallCounts> calls;
+         if (api) {
+            for (auto const& [method, c] : api->counts()) calls[method] = {c.requests, c.errors};
+         }
+         return Flowspecd::agentMetricsText(*agent, calls);
+      };
+      auto started = Ovk::MetricsHttpServer::start(io, *agent->config().metricsListen, render);
+      if (!started) {
+         logger.log("-", started.reason());
+         if (api) api->shutdown();
+         agent->stop();
+         io.run();
+         return 1;
+      }
+      metrics = std::move(started.value());
+      logger.log("-", "metrics on http://" + metrics->listening().str() + "/metrics");
+   }
    auto const service = Flowspecd::ServiceNotifier::fromEnvironment();
    service.notify("READY=1\nSTATUS=running, " + std::to_string(agent->config().neighbors.size()) + " neighbor(s)");
    asio::steady_timer watchdog(io);
@@ -133,9 +171,12 @@ int main(int argc, char** argv) {
       service.notify("STOPPING=1");
       hangups.cancel();
       watchdog.cancel();
+      if (api) api->shutdown();
+      if (metrics) metrics->close();
       agent->stop();
    });
    io.run();
+   api = nullptr;
    logger.log("-", "stopped");
    return 0;
 }

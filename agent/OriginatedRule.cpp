@@ -281,4 +281,39 @@ Ovk::Result<OriginatedRule, std::string> originatedRuleOf(AfiSafi family, std::s
    return rule;
 }
 
+std::optional<std::chrono::seconds> parseLifetime(std::string_view text) {
+   if (text.empty() || text.size() > 32) return std::nullopt;
+   std::uint64_t total = 0;
+   std::size_t i = 0;
+   char lastUnit = 0;
+   while (i < text.size()) {
+      std::uint64_t n = 0;
+      std::size_t const start = i;
+      while (i < text.size() && text[i] >= '0' && text[i] <= '9') {
+         n = n * 10 + static_cast<std::uint64_t>(text[i] - '0');
+         if (n > static_cast<std::uint64_t>(kMaxLifetime.count())) return std::nullopt;
+         ++i;
+      }
+      if (i == start) return std::nullopt;
+      char const unit = i < text.size() ? text[i++] : (start == 0 ? 's' : 0);
+      std::uint64_t scale = 0;
+      switch (unit) {
+      case 'd': scale = 86400; break;
+      case 'h': scale = 3600; break;
+      case 'm': scale = 60; break;
+      case 's': scale = 1; break;
+      default: return std::nullopt;
+      }
+      // Units from the largest down, each once: "1h30m", not "30m1h".
+      if (lastUnit != 0 && std::string_view("dhms").find(unit) <= std::string_view("dhms").find(lastUnit)) {
+         return std::nullopt;
+      }
+      lastUnit = unit;
+      total += n * scale;
+      if (total > static_cast<std::uint64_t>(kMaxLifetime.count())) return std::nullopt;
+   }
+   if (total == 0) return std::nullopt;
+   return std::chrono::seconds(total);
+}
+
 } // namespace Flowspecd

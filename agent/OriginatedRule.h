@@ -21,6 +21,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -78,5 +79,10 @@ std::optional<AfiSafi> ruleFamilyOf(std::string_view name);
 // carries each type once, in ascending order), an action that cannot be read.
 Ovk::Result<OriginatedRule, std::string> originatedRuleOf(AfiSafi family, std::string_view match,
                                                           std::vector<std::string> const& then);
+
+// A rule's lifetime as written: seconds ("90"), or numbers with units run together ("90s",
+// "15m", "2h", "1d", "1h30m"). From 1 second to 365 days; nothing for anything else.
+std::optional<std::chrono::seconds> parseLifetime(std::string_view text);
+inline constexpr std::chrono::seconds kMaxLifetime{365 * 24 * 3600};
 
 } // namespace Flowspecd

@@ -15,6 +15,7 @@ Origination::Origination(Ovk::Ptr<Plugin::Context> context, Ovk::Ptr<Mnemo::Enti
 }
 
 Origination::~Origination() {
+   if (expiryTask_) context_->taskScheduler()->cancel(*expiryTask_);
    for (auto* rules : {&runtime_, &configured_}) {
       for (auto& [id, e] : *rules) uninstall(e);
    }
@@ -95,7 +96,11 @@ Origination::Diff Origination::configuredRulesIs(std::vector<RuleConfig> const& 
          ++diff.refused;
          continue;
       }
-      Entry e{r.rule, file, r.line, std::move(bound.value()), false};
+      Entry e;
+      e.rule = r.rule;
+      e.file = file;
+      e.line = r.line;
+      e.bound = std::move(bound.value());
       RuleId const id = idOf(e);
       auto const old = configured_.find(id);
       if (old == configured_.end()) {
@@ -123,18 +128,65 @@ Origination::Diff Origination::configuredRulesIs(std::vector<RuleConfig> const& 
    return diff;
 }
 
-Ovk::Result<std::string, std::string> Origination::runtimeRuleIs(OriginatedRule rule) {
+Origination::Uuid Origination::uuidOf(RuleId const& id) {
+   // Two FNV-1a passes with different seeds over the family and the NLRI; the version nibble
+   // says "custom" (8), the variant bits RFC 9562's.
+   Uuid u{};
+   for (std::size_t half = 0; half < 2; ++half) {
+      std::uint64_t h = half == 0 ? 0xcbf29ce484222325ull : 0x84222325cbf29ce4ull;
+      auto mix = [&h](std::uint8_t b) {
+         h ^= b;
+         h *= 0x100000001b3ull;
+      };
+      mix(static_cast<std::uint8_t>(id.first >> 8));
+      mix(static_cast<std::uint8_t>(id.first));
+      for (std::uint8_t b : id.second) mix(b);
+      for (std::size_t i = 0; i < 8; ++i) u[half * 8 + i] = static_cast<std::uint8_t>(h >> (56 - 8 * i));
+   }
+   u[6] = static_cast<std::uint8_t>((u[6] & 0x0f) | 0x80);
+   u[8] = static_cast<std::uint8_t>((u[8] & 0x3f) | 0x80);
+   return u;
+}
+
+Ovk::Result<Origination::Added, std::string> Origination::runtimeRuleIs(OriginatedRule rule, RuntimeOptions options) {
    auto bound = bind(rule);
    if (!bound) return Ovk::failure(bound.reason());
-   Entry e{std::move(rule), "", 0, std::move(bound.value()), false};
+   Entry e;
+   e.rule = std::move(rule);
+   e.bound = std::move(bound.value());
    RuleId const id = idOf(e);
-   bool const replacing = runtime_.count(id) != 0;
+   e.source = std::move(options.source);
+   e.client = std::move(options.client);
+   e.uuid = uuidOf(id);
+   e.added = std::chrono::system_clock::now();
+   auto const old = runtime_.find(id);
+   bool const replacing = old != runtime_.end();
+   if (replacing && old->second.expires) expiries_.erase({*old->second.expires, id});
+   if (options.lifetime) {
+      e.expires = context_->taskScheduler()->now() + *options.lifetime;
+      expiries_.insert({*e.expires, id});
+   }
    install(e);
    // The new path replaced the agent's path of the key: the entry that held it lets it go.
    if (Entry* held = winner(id)) held->inRib = false;
+   Uuid const uuid = e.uuid;
    runtime_[id] = std::move(e);
    flush();
-   return std::string(replacing ? "replaced" : "added");
+   armExpiry();
+   return Added{replacing ? "replaced" : "added", uuid};
+}
+
+std::string Origination::eraseRuntime(std::map<RuleId, Entry>::iterator it) {
+   RuleId const id = it->first;
+   if (it->second.expires) expiries_.erase({*it->second.expires, id});
+   uninstall(it->second);
+   runtime_.erase(it);
+   std::string result = "deleted";
+   if (auto c = configured_.find(id); c != configured_.end()) {
+      install(c->second);
+      result = "deleted; the configured rule of line " + std::to_string(c->second.line) + " is in force again";
+   }
+   return result;
 }
 
 Ovk::Result<std::string, std::string> Origination::runtimeRuleDel(AfiSafi family, std::string_view match) {
@@ -155,15 +207,93 @@ Ovk::Result<std::string, std::string> Origination::runtimeRuleDel(AfiSafi family
       }
       return Ovk::failure(why);
    }
-   uninstall(it->second);
-   runtime_.erase(it);
-   std::string result = "deleted";
-   if (auto c = configured_.find(id); c != configured_.end()) {
-      install(c->second);
-      result = "deleted; the configured rule of line " + std::to_string(c->second.line) + " is in force again";
+   std::string const result = eraseRuntime(it);
+   flush();
+   armExpiry();
+   return result;
+}
+
+bool Origination::runtimeRuleDel(Uuid const& uuid) {
+   for (auto it = runtime_.begin(); it != runtime_.end(); ++it) {
+      if (it->second.uuid != uuid) continue;
+      (void)eraseRuntime(it);
+      flush();
+      armExpiry();
+      return true;
+   }
+   return false;
+}
+
+std::size_t Origination::runtimeRulesDel(AfiSafi family, std::string_view source) {
+   std::size_t n = 0;
+   for (auto it = runtime_.begin(); it != runtime_.end();) {
+      auto const next = std::next(it);
+      if (it->second.rule.family == family && it->second.source == source) {
+         (void)eraseRuntime(it);
+         ++n;
+      }
+      it = next;
    }
    flush();
-   return result;
+   armExpiry();
+   return n;
+}
+
+bool Origination::hasRuntimeRule(AfiSafi family, std::string_view match) const {
+   auto probe = originatedRuleOf(family, match, {"discard"});
+   if (!probe) return false;
+   auto bound = bind(probe.value());
+   return bound && runtime_.count({static_cast<std::uint16_t>(family.afi()), bound.value().nlri}) != 0;
+}
+
+std::optional<Origination::RuntimeInfo> Origination::runtimeInfo(AfiSafi family, RouteKey const& key) const {
+   if (runtime_.empty()) return std::nullopt;
+   Ovk::String const nlri = key.serialize(RouteKey::SerializeOperation::advertise, nullptr);
+   auto const it = runtime_.find({static_cast<std::uint16_t>(family.afi()),
+                                  std::vector<std::uint8_t>(nlri.span().begin(), nlri.span().end())});
+   if (it == runtime_.end() || !it->second.inRib) return std::nullopt;
+   return RuntimeInfo{it->second.source, it->second.uuid, it->second.added};
+}
+
+void Origination::armExpiry() {
+   Ovk::TaskScheduler& scheduler = *context_->taskScheduler();
+   if (expiries_.empty() || (expiryTask_ && expiryArmedFor_ != expiries_.begin()->first)) {
+      if (expiryTask_) scheduler.cancel(*expiryTask_);
+      expiryTask_.reset();
+   }
+   if (expiries_.empty() || expiryTask_) return;
+   expiryArmedFor_ = expiries_.begin()->first;
+   auto const delay = std::max(Ovk::Duration::zero(), expiryArmedFor_ - scheduler.now());
+   expiryTask_ = scheduler.postAfter(delay, [this] {
+      expiryTask_.reset();
+      expireDue();
+   }, "rule lifetimes");
+}
+
+void Origination::expireDue() {
+   Ovk::Clock::time_point const now = context_->taskScheduler()->now();
+   std::vector<std::string> gone;
+   while (!expiries_.empty() && expiries_.begin()->first <= now) {
+      auto const it = runtime_.find(expiries_.begin()->second);
+      if (it == runtime_.end()) {
+         expiries_.erase(expiries_.begin());
+         continue;
+      }
+      gone.push_back(familyName(it->second.rule.family) + " " + it->second.rule.match);
+      (void)eraseRuntime(it);
+      ++expired_;
+   }
+   flush();
+   armExpiry();
+   if (onExpired_) {
+      for (auto const& g : gone) onExpired_(g);
+   }
+}
+
+std::map<std::string, std::size_t> Origination::runtimeBySource() const {
+   std::map<std::string, std::size_t> n;
+   for (auto const& [id, e] : runtime_) ++n[e.source];
+   return n;
 }
 
 std::size_t Origination::inForce() const {
@@ -195,13 +325,18 @@ nlohmann::json Origination::listJson() const {
                           {"match", e.rule.match},
                           {"actions", e.rule.actions},
                           {"nlri", Ovk::hexOf(e.bound.nlri)},
-                          {"source", configured ? "config" : "cli"},
+                          {"source", configured ? std::string("config") : e.source},
                           {"inForce", e.inRib},
                           {"best", best},
                           {"fsib", inFsib}};
       if (configured) {
          r["file"] = e.file;
          r["line"] = e.line;
+      }
+      if (!e.client.empty()) r["client"] = e.client;
+      if (e.expires) {
+         auto const left = *e.expires - context_->taskScheduler()->now();
+         r["expiresIn"] = std::max<std::int64_t>(0, std::chrono::ceil<std::chrono::seconds>(left).count());
       }
       rules.push_back(std::move(r));
    };

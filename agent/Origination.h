@@ -14,8 +14,12 @@
 // deleting it puts the configured one back. A reload changes configured rules only.
 #pragma once
 
+#include <array>
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <set>
 #include <memory>
 #include <optional>
 #include <string>
@@ -30,6 +34,14 @@
 #include "host/plugin/Plugin.h"
 
 namespace Flowspecd {
+
+// Who added a run-time rule, and for how long.
+struct RuntimeRuleOptions {
+   std::string source = "cli"; // "cli" (the control socket) or "api" (the gRPC API)
+   std::string client;         // the API caller's address, for `rule list`
+   // The rule withdraws itself once this has passed; forever without one.
+   std::optional<std::chrono::seconds> lifetime;
+};
 
 class Origination {
  public:
@@ -68,21 +80,55 @@ class Origination {
    // originated, gone ones withdrawn, changed ones replaced; run-time rules stay.
    Diff configuredRulesIs(std::vector<RuleConfig> const& rules, std::string const& file);
 
-   // A run-time rule: "added", or "replaced" when one with its match existed; a refused
-   // rule's reason otherwise.
-   Ovk::Result<std::string, std::string> runtimeRuleIs(OriginatedRule rule);
+   using RuntimeOptions = RuntimeRuleOptions;
+   // A rule's identity for the API: 16 bytes derived from its family and NLRI, the same
+   // whoever adds it and however often.
+   using Uuid = std::array<std::uint8_t, 16>;
+   struct Added {
+      std::string result; // "added", or "replaced" when one with its match existed
+      Uuid uuid{};
+   };
+   // A run-time rule; a refused rule's reason otherwise. Adding a rule that exists replaces
+   // its actions, source and lifetime.
+   Ovk::Result<Added, std::string> runtimeRuleIs(OriginatedRule rule, RuntimeOptions options = {});
    // Deletes the run-time rule of `family` and `match` (rule text); the reason when there is
    // none (or the match does not parse).
    Ovk::Result<std::string, std::string> runtimeRuleDel(AfiSafi family, std::string_view match);
+   // Deletes the run-time rule of `uuid`; false when there is none.
+   bool runtimeRuleDel(Uuid const& uuid);
+   // Deletes every run-time rule of `family` added by `source`; how many.
+   std::size_t runtimeRulesDel(AfiSafi family, std::string_view source);
+   // True when a run-time rule of `family` has this match (rule text that parses).
+   bool hasRuntimeRule(AfiSafi family, std::string_view match) const;
 
-   // {"rules": [{"family", "match", "actions", "nlri", "source": "config" | "cli", "file",
-   // "line" (config), "inForce" (its path is the agent's path in the RIB), "best" (that path
-   // is the best of the rule), "fsib" (the rule is in the FSIB)}]}, configured rules first,
-   // each kind in family and NLRI order.
+   // The run-time rule whose path the agent holds for `key` (a key of the family's table),
+   // when there is one: where it came from and its identity, for the API's listing.
+   struct RuntimeInfo {
+      std::string source;
+      Uuid uuid{};
+      std::chrono::system_clock::time_point added;
+   };
+   std::optional<RuntimeInfo> runtimeInfo(AfiSafi family, RouteKey const& key) const;
+
+   // Called with each rule that withdrew itself at the end of its lifetime ("ipv4-flowspec
+   // MATCH"), after the RIB took the change.
+   void expiryHandlerIs(std::function<void(std::string const&)> handler) { onExpired_ = std::move(handler); }
+   // Rules with a lifetime, and those that ran out.
+   std::size_t expiring() const { return expiries_.size(); }
+   std::uint64_t expired() const { return expired_; }
+
+   // {"rules": [{"family", "match", "actions", "nlri", "source": "config" | "cli" | "api",
+   // "file", "line" (config), "client" (api), "expiresIn" (seconds left, for a rule with a
+   // lifetime), "inForce" (its path is the agent's path in the RIB), "best" (that path is the
+   // best of the rule), "fsib" (the rule is in the FSIB)}]}, configured rules first, each kind
+   // in family and NLRI order.
    nlohmann::json listJson() const;
 
    // The rules whose path is in the RIB now.
    std::size_t inForce() const;
+   // Run-time rules, by source ("cli", "api").
+   std::map<std::string, std::size_t> runtimeBySource() const;
+   std::size_t configured() const { return configured_.size(); }
 
  private:
    struct Entry {
@@ -91,6 +137,12 @@ class Origination {
       std::uint32_t line = 0; // configured rules
       Bound bound;
       bool inRib = false; // its path is the agent's path of its key
+      // Run-time rules.
+      std::string source;
+      std::string client;
+      std::optional<Ovk::Clock::time_point> expires;
+      Uuid uuid{};
+      std::chrono::system_clock::time_point added;
    };
    // Family, then NLRI: one rule per key.
    using RuleId = std::pair<std::uint16_t, std::vector<std::uint8_t>>;
@@ -103,12 +155,24 @@ class Origination {
    // The entry whose path should be in force for `id`: the run-time one, else the configured.
    Entry* winner(RuleId const& id);
    void flush();
+   static Uuid uuidOf(RuleId const& id);
+   // Takes the run-time rule `it` out (the configured rule of its match back in force); the
+   // result text of a deletion.
+   std::string eraseRuntime(std::map<RuleId, Entry>::iterator it);
+   // Keeps one task armed for the earliest lifetime's end.
+   void armExpiry();
+   void expireDue();
 
    Ovk::Ptr<Plugin::Context> context_;
    Ovk::Ptr<Mnemo::EntityManager> entityManager_;
    std::unique_ptr<PathAttributesBuilder> attributes_;
    std::map<RuleId, Entry> configured_;
    std::map<RuleId, Entry> runtime_;
+   std::set<std::pair<Ovk::Clock::time_point, RuleId>> expiries_;
+   std::optional<Ovk::TaskId> expiryTask_;
+   Ovk::Clock::time_point expiryArmedFor_{};
+   std::uint64_t expired_ = 0;
+   std::function<void(std::string const&)> onExpired_;
 };
 
 } // namespace Flowspecd

@@ -10,18 +10,22 @@
 // Runs in the foreground and logs on standard error. SIGTERM or SIGINT ends it; the
 // dataplane stays (forwarding goes on) unless --remove-on-exit.
 #include <CLI/CLI.hpp>
+#include <asio/io_context.hpp>
 
 #include <csignal>
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <thread>
 
 #include "fs/Version.h"
 #include "fwd/Forwarder.h"
+#include "fwd/FwdMetrics.h"
 #include "fwd/FwdShow.h"
 #include "fwd/FwdStatus.h"
 #include "fwd/VrfTables.h"
 #include "fwd/XdpTable.h"
+#include "host/metrics/MetricsHttp.h"
 #include "host/mnemo/SlateRuleSetMount.h"
 
 namespace {
@@ -89,6 +93,9 @@ int main(int argc, char** argv) {
    app.add_option("--poll-max-ms", pollMaxMs,
                   "longest pause between looks at the FSIB (default 5 for nftables; XDP polls every 0.1-0.5 ms)")
        ->check(CLI::Range(1, 1000));
+   std::string metricsListen;
+   app.add_option("--metrics-listen", metricsListen,
+                  "serve Prometheus metrics (each rule's packets, bytes, install status) at http://ADDR:PORT/metrics");
    app.add_flag("--show", show, "list the FSIB's rules with install status and counters");
    app.add_flag("--json", json, "with --show: JSON");
    CLI11_PARSE(app, argc, argv);
@@ -142,6 +149,15 @@ int main(int argc, char** argv) {
       }
    }
 
+   std::optional<Ovnet::Endpoint> metricsAt;
+   if (!metricsListen.empty()) {
+      metricsAt = Ovnet::parseEndpoint(metricsListen, 9180);
+      if (!metricsAt) {
+         std::cerr << "flowspec-fwd: --metrics-listen " << metricsListen << ": expected ADDR:PORT\n";
+         return 2;
+      }
+   }
+
    std::signal(SIGTERM, onSignal);
    std::signal(SIGINT, onSignal);
    Fwd::PolicyRoutes routes(rulePriority);
@@ -175,7 +191,41 @@ int main(int argc, char** argv) {
       follow.pollMinUs = std::min(follow.pollMinUs, follow.pollMaxUs);
    };
    polling();
-   auto fwd = std::make_unique<Fwd::Forwarder>(follow, *table, std::cerr);
+   // The metrics: fed by the follower's thread, served from a thread of their own.
+   Fwd::FwdMetrics metrics(cfg.name, xcfg.pinRoot);
+   auto makeForwarder = [&] {
+      auto f = std::make_unique<Fwd::Forwarder>(follow, *table, std::cerr);
+      if (metricsAt) {
+         f->statusObserverIs([&metrics](std::string const& dataplane, std::uint64_t generation,
+                                        std::vector<Fwd::RuleStatus> statuses) {
+            metrics.publish(dataplane, generation, std::move(statuses));
+         });
+         f->reportObserverIs([&metrics](Fwd::ApplyReport const& r) { metrics.applied(r); });
+      }
+      return f;
+   };
+   asio::io_context metricsIo;
+   std::unique_ptr<Ovk::MetricsHttpServer> metricsServer;
+   std::thread metricsThread;
+   if (metricsAt) {
+      auto started = Ovk::MetricsHttpServer::start(metricsIo, *metricsAt, [&metrics] { return metrics.render(); });
+      if (!started) {
+         std::cerr << "flowspec-fwd: " << started.reason() << '\n';
+         return 1;
+      }
+      metricsServer = std::move(started.value());
+      std::cerr << "flowspec-fwd: metrics on http://" << metricsServer->listening().str() << "/metrics\n";
+      metricsThread = std::thread([&metricsIo] { metricsIo.run(); });
+   }
+   struct StopMetrics {
+      asio::io_context& io;
+      std::thread& thread;
+      ~StopMetrics() {
+         io.stop();
+         if (thread.joinable()) thread.join();
+      }
+   } stopMetrics{metricsIo, metricsThread};
+   auto fwd = makeForwarder();
    // Waits briefly for a writer in the middle of a change.
    auto const settle = [&] {
       Fwd::Forwarder::Step s = fwd->step();
@@ -201,7 +251,7 @@ int main(int argc, char** argv) {
       fwd.reset();
       useNft();
       polling();
-      fwd = std::make_unique<Fwd::Forwarder>(follow, *table, std::cerr);
+      fwd = makeForwarder();
       first = settle();
    }
    if (once) {

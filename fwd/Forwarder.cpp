@@ -31,14 +31,16 @@ void Forwarder::say(std::string const& message) {
 }
 
 void Forwarder::writeStatus() {
-   if (cfg_.statusFile.empty()) return;
+   if (cfg_.statusFile.empty() && !statusObserver_) return;
    std::string err;
    statusDue_ = false;
    statusWritten_ = std::chrono::steady_clock::now();
-   if (!writeStatusFile(cfg_.statusFile, table_.dataplane(), cfg_.segment, appliedGeneration(), table_.statuses(),
-                        &err, counters_)) {
+   std::vector<RuleStatus> statuses = table_.statuses();
+   if (!cfg_.statusFile.empty() && !writeStatusFile(cfg_.statusFile, table_.dataplane(), cfg_.segment,
+                                                    appliedGeneration(), statuses, &err, counters_)) {
       say(err);
    }
+   if (statusObserver_) statusObserver_(table_.dataplane(), appliedGeneration(), std::move(statuses));
 }
 
 ApplyReport Forwarder::handDifference(std::vector<Flowspec::Rule> const& rules,
@@ -175,6 +177,7 @@ Forwarder::Step Forwarder::step() {
    }
    applied_ = ch.generation;
    if (lastReport_.ok && onApplied_) onApplied_(ch.generation);
+   if (reportObserver_) reportObserver_(lastReport_);
    // The full status is rewritten at most every 200 ms while changes stream in.
    statusDue_ = true;
    if (full || reconcile || !lastReport_.ok ||

@@ -71,6 +71,12 @@ class Forwarder {
    int run(std::atomic<bool> const& stop);
    // Called after each generation that reached the kernel (benchmarks time changes by it).
    void onAppliedIs(std::function<void(std::uint64_t generation)> f) { onApplied_ = std::move(f); }
+   // Called with every install status the follower writes (at most every 200 ms while
+   // changes stream in), and with every change's report: the metrics' feed.
+   using StatusObserver = std::function<void(std::string const& dataplane, std::uint64_t generation,
+                                             std::vector<RuleStatus> statuses)>;
+   void statusObserverIs(StatusObserver f) { statusObserver_ = std::move(f); }
+   void reportObserverIs(std::function<void(ApplyReport const&)> f) { reportObserver_ = std::move(f); }
 
    std::uint64_t appliedGeneration() const { return applied_.value_or(0); }
    FollowCounters const& counters() const { return counters_; }
@@ -102,6 +108,8 @@ class Forwarder {
    ApplyReport lastReport_;
    std::string lastMessage_;
    std::function<void(std::uint64_t)> onApplied_;
+   StatusObserver statusObserver_;
+   std::function<void(ApplyReport const&)> reportObserver_;
    double snapshotMs_ = 0;
 };
 

@@ -19,8 +19,11 @@ PACKAGES=(
   # flowspec-fwd's XDP backend: libbpf to load the program clang compiles for the BPF target
   # (the kernel headers for linux/bpf.h), bpftool to look at it
   libbpf-dev linux-libc-dev bpftool
-  # BGP speakers the interoperability tests peer with
+  # BGP speakers the interoperability tests peer with (gobgpd also brings the gobgp client
+  # the API tests drive)
   gobgpd bird2 exabgp frr
+  # the agent's gRPC API for controllers, and the metrics' checker and scraper
+  libgrpc++-dev protobuf-compiler-grpc libprotobuf-dev protobuf-compiler prometheus
 )
 # Extra packages may be named in the environment (space separated).
 PACKAGES+=(${EXTRA_PACKAGES:-})

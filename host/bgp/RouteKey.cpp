@@ -144,6 +144,8 @@ void RouteKeyDedupTableBase::dedupRouteKeys(std::span<Ovk::Ptr<RouteKey const>* 
 
 Ovk::Ptr<RouteKey const> RouteKeyDedupTableBase::dedupFromRule(Flowspec::FlowspecKey const&) const { return nullptr; }
 
+bool RouteKeyDedupTableBase::ruleOf(RouteKey const&, Flowspec::FlowspecKey&) const { return false; }
+
 Ovk::Ptr<RouteKey const> RouteKeyDedupTableBase::dedupFromCommandParams(std::string const&) const {
    OVK_FATAL(kMustOverride);
 }

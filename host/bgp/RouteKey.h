@@ -244,6 +244,10 @@ class RouteKeyDedupTableBase : public Ovk::DedupHashTable {
    // reads rule text), interned: the key the family's NLRI rule makes of the NLRI the key
    // writes. Null for a family that originates no such rules (the default).
    virtual Ovk::Ptr<RouteKey const> dedupFromRule(Flowspec::FlowspecKey const& rule) const;
+   // The other way: the rule of `key`, a key of this table, as the forwarding library keeps
+   // it (the API lists rules by their components). False for a family without such rules (the
+   // default), `rule` untouched.
+   virtual bool ruleOf(RouteKey const& key, Flowspec::FlowspecKey& rule) const;
 
    // The RIB table whose paths the table's keys carry (RibRouteSlot): the first to give one
    // of them a path; null before.

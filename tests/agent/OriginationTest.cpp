@@ -103,7 +103,7 @@ TEST(Origination, EachActionReachesTheFsib) {
       SCOPED_TRACE(row.match);
       auto const added = f.origination->runtimeRuleIs(Fixture::rule(row.family, row.match, row.then));
       ASSERT_TRUE(added.ok()) << added.reason();
-      EXPECT_EQ(added.value(), "added");
+      EXPECT_EQ(added.value().result, "added");
       auto const got = f.fsib(row.family, row.match);
       ASSERT_TRUE(got);
       Flowspec::Rule want;
@@ -163,9 +163,9 @@ TEST(Origination, RuntimeRuleTakesPrecedenceOverTheConfiguredOne) {
    Fixture f;
    std::string const match = "destination 10.1.0.0/24";
    (void)f.origination->configuredRulesIs({Fixture::configured(3, match, {"discard"})}, "a.toml");
-   EXPECT_EQ(f.origination->runtimeRuleIs(Fixture::rule("ipv4", match, {"mark 10"})).value(), "added");
+   EXPECT_EQ(f.origination->runtimeRuleIs(Fixture::rule("ipv4", match, {"mark 10"})).value().result, "added");
    EXPECT_EQ(f.fsib("ipv4", match)->dscp, 10);
-   EXPECT_EQ(f.origination->runtimeRuleIs(Fixture::rule("ipv4", match, {"mark 12"})).value(), "replaced");
+   EXPECT_EQ(f.origination->runtimeRuleIs(Fixture::rule("ipv4", match, {"mark 12"})).value().result, "replaced");
    EXPECT_EQ(f.fsib("ipv4", match)->dscp, 12);
    // A reload that changes the configured rule leaves the run-time one in force.
    EXPECT_EQ(f.origination->configuredRulesIs({Fixture::configured(4, match, {"rate-limit 99"})}, "a.toml"),

@@ -25,12 +25,14 @@ import argparse
 import json
 import os
 import random
+import shutil
 import signal
 import socket
 import subprocess
 import sys
 import tempfile
 import time
+import urllib.parse
 
 SKIP = 77
 IP_PKTINFO = getattr(socket, "IP_PKTINFO", 8)
@@ -644,9 +646,102 @@ def case_restart(args):
     return c.failures
 
 
+def fetch(t, n, url):
+    """The body at url, fetched from inside namespace n."""
+    code = "import sys, urllib.request; sys.stdout.write(urllib.request.urlopen(sys.argv[1], timeout=5).read().decode())"
+    return t.run(n, sys.executable, "-c", code, url).stdout
+
+
+def case_controller(args):
+    """A controller's `gobgp` -> flowspecd's gRPC API -> FSIB -> flowspec-fwd -> packets, with
+    Prometheus scraping the metrics of both programs while traffic hits the rule. The agent,
+    the follower and Prometheus all run in r, on its loopback."""
+    for program in ("gobgp", "prometheus", "promtool"):
+        if not shutil.which(program):
+            print(f"SKIP: {program} is not installed (scripts/setup.sh installs it)")
+            sys.exit(SKIP)
+    sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "agent", "interop"))
+    import interop
+    c = Case(args, "ctl")
+    os.chmod(c.work, 0o755)
+    agent = interop.Agent((args.flowspecd, args.flowspec), c.work, "127.0.0.1", 1790, [], fsib_prefix=c.prefix)
+    agent.base_config = ('api-listen = "127.0.0.1:50051"\nmetrics-listen = "127.0.0.1:9179"\n'
+                         + agent.base_config)
+    agent.write_config("")
+    prom_config = os.path.join(c.work, "prometheus.yml")
+    with open(prom_config, "w") as f:
+        f.write("global:\n  scrape_interval: 1s\n  scrape_timeout: 1s\nscrape_configs:\n"
+                "  - job_name: flowspecd\n    static_configs:\n      - targets: ['127.0.0.1:9179']\n"
+                "  - job_name: flowspec-fwd\n    static_configs:\n      - targets: ['127.0.0.1:9180']\n")
+    key = "198.19.1.1/32;*;protocol =17;destination-port =5001;"
+    fwd_log = open(os.path.join(c.work, "flowspec-fwd.log"), "w")
+    prom_log = open(os.path.join(c.work, "prometheus.log"), "w")
+
+    def query(expr):
+        """Prometheus' value of expr (the first series), or None."""
+        url = "http://127.0.0.1:9090/api/v1/query?query=" + urllib.parse.quote(expr)
+        try:
+            result = json.loads(fetch(t, "r", url))["data"]["result"]
+        except (subprocess.CalledProcessError, ValueError, KeyError):
+            return None
+        return float(result[0]["value"][1]) if result else None
+
+    try:
+        with Topology("q") as t:
+            agent.proc = interop.Process("flowspecd", t.cmd("r", args.flowspecd, "--config", agent.config), c.work)
+            fwd = t.start("r", *c.fwd("--metrics-listen", "127.0.0.1:9180"), stdout=fwd_log, stderr=fwd_log)
+            prom = t.start("r", "prometheus", "--config.file", prom_config, "--storage.tsdb.path",
+                           os.path.join(c.work, "tsdb"), "--web.listen-address", "127.0.0.1:9090",
+                           stdout=prom_log, stderr=prom_log)
+            c.wait_for(lambda: query('sum(up{job=~"flowspecd|flowspec-fwd"})') == 2,
+                       "Prometheus scrapes both endpoints", 30)
+            gobgp = ["gobgp", "-u", "127.0.0.1", "-p", "50051", "global", "rib", "-a", "ipv4-flowspec"]
+            r = t.run("r", *gobgp, "add", "match", "destination", "198.19.1.1/32", "protocol", "udp",
+                      "destination-port", "==5001", "then", "discard", check=False)
+            c.check(r.returncode == 0, f"gobgp adds a discard through the agent's API ({r.stdout}{r.stderr})")
+            c.wait_for(lambda: key in agent.fsib(), "the rule is in the FSIB", 10)
+            c.wait_for(lambda: query(f'flowspec_fwd_rule_installed{{rule="{key}"}}') == 1,
+                       "Prometheus sees the rule installed by flowspec-fwd", 15)
+            c.check(query(f'flowspec_fwd_rule_packets_total{{rule="{key}"}}') == 0, "its packet counter starts at 0")
+            n = 20
+            for burst in (1, 2):
+                seen = c.traffic(t, [("198.19.1.1", 5001, n, 100, 200), ("198.19.1.1", 5002, n, 100, 200)], 0.5)
+                c.check(got(seen, "b", "198.19.1.1", 5001)["packets"] == 0 and
+                        got(seen, "b", "198.19.1.1", 5002)["packets"] == n, f"burst {burst}: the rule drops its flow")
+                c.wait_for(lambda: query(f'flowspec_fwd_rule_packets_total{{rule="{key}"}}') == burst * n,
+                           f"Prometheus sees the packet counter at {burst * n}", 15)
+                c.check(query(f'flowspec_fwd_rule_bytes_total{{rule="{key}"}}') == burst * n * 128,
+                        f"... and the bytes at {burst * n * 128}")
+            c.check((query('flowspecd_api_requests_total{method="AddPath"}') or 0) >= 1,
+                    "Prometheus sees the agent count the AddPath call")
+            c.check(query('flowspecd_fsib_rules') == 1,
+                    "... and the rule in its FSIB")
+            for port in (9179, 9180):
+                text = fetch(t, "r", f"http://127.0.0.1:{port}/metrics")
+                p = subprocess.run(["promtool", "check", "metrics"], input=text, capture_output=True, text=True)
+                c.check(p.returncode == 0, f"promtool check metrics accepts :{port} ({p.stdout}{p.stderr})")
+            r = t.run("r", *gobgp, "del", "match", "destination", "198.19.1.1/32", "protocol", "udp",
+                      "destination-port", "==5001", check=False)
+            c.wait_for(lambda: query(f'count(flowspec_fwd_rule_installed{{rule="{key}"}})') is None,
+                       "the deleted rule leaves flowspec-fwd's metrics", 15)
+            for p in (prom, fwd):
+                p.terminate()
+                p.wait(timeout=20)
+    except interop.Fail as e:
+        c.check(False, str(e))
+    finally:
+        agent.stop()
+        fwd_log.close()
+        prom_log.close()
+        c.close()
+    if c.failures:
+        print(f"logs: {c.work}")
+    return c.failures
+
+
 def main():
     ap = argparse.ArgumentParser()
-    ap.add_argument("case", choices=["rules", "police", "follow", "peer", "restart", "receive", "send"])
+    ap.add_argument("case", choices=["rules", "police", "follow", "peer", "restart", "controller", "receive", "send"])
     ap.add_argument("--fwd")
     ap.add_argument("--writer")
     ap.add_argument("--flowspecd")
@@ -682,6 +777,7 @@ def main():
             return SKIP
         args.pin_root = os.path.join(bpffs, "flowspec")
     cases = {"rules": case_rules, "police": case_police, "peer": case_peer, "restart": case_restart,
+             "controller": case_controller,
              "follow": case_follow_xdp if args.backend == "xdp" else case_follow}
     failures = cases[args.case](args)
     print(f"{args.case} ({args.backend}): {'FAILED: ' + '; '.join(failures) if failures else 'passed'}")

@@ -1,4 +1,5 @@
-// flowspec rule add ipv4|ipv6 MATCH... then ACTION...: originates a rule from the agent.
+// flowspec rule add ipv4|ipv6 MATCH... then ACTION... [--expires DURATION]: originates a rule
+// from the agent (for DURATION only, when given).
 // flowspec rule delete ipv4|ipv6 MATCH...: withdraws a rule added this way.
 // flowspec rule list [--json]: the rules the agent originates, from its configuration and
 // from this command, with their actions and whether each is the best path and in the FSIB.
@@ -40,6 +41,7 @@ void addRuleCommand(CLI::App& app, FlowspecTool::Options& options) {
    struct Args {
       std::string family;
       std::vector<std::string> words;
+      std::string expires;
    };
    auto args = std::make_shared<Args>();
    auto* add = rule->add_subcommand("add", "originate a rule: flowspec rule add ipv4|ipv6 MATCH... then ACTION...");
@@ -49,8 +51,10 @@ void addRuleCommand(CLI::App& app, FlowspecTool::Options& options) {
                "\nExample: flowspec rule add ipv4 destination 192.0.2.0/24 then rate-limit 125000 mark 10");
    add->add_option("family", args->family, "ipv4 or ipv6")->required()->check(CLI::IsMember({"ipv4", "ipv6"}));
    add->add_option("words", args->words, "MATCH... then ACTION...")->required();
+   add->add_option("--expires", args->expires,
+                   "the agent withdraws the rule after this long: seconds, or 90s, 15m, 2h, 1d, 1h30m");
    add->callback([args, &options] {
-      auto request = FlowspecTool::ruleAddRequest(args->family, args->words);
+      auto request = FlowspecTool::ruleAddRequest(args->family, args->words, args->expires);
       options.run = [request, &options] {
          if (!request) {
             std::cerr << "flowspec rule add: " << request.reason() << "\n" << kActionsHelp << '\n';

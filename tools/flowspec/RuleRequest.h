@@ -11,8 +11,10 @@ namespace FlowspecTool {
 
 // "rule add {JSON}" from the words after the family: the match is every word before "then",
 // the actions what follows it (grouped by their keywords). The reason, for a usage error,
-// when "then" is missing or either side is empty.
-Ovk::Result<std::string, std::string> ruleAddRequest(std::string const& family, std::vector<std::string> const& words);
+// when "then" is missing or either side is empty, or `expires` is not a lifetime
+// (Flowspecd::parseLifetime); an empty `expires` gives the rule no lifetime.
+Ovk::Result<std::string, std::string> ruleAddRequest(std::string const& family, std::vector<std::string> const& words,
+                                                     std::string const& expires = {});
 // "rule delete {JSON}" of the match words.
 std::string ruleDeleteRequest(std::string const& family, std::vector<std::string> const& words);
 
