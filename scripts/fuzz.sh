@@ -6,7 +6,7 @@
 # RFC 8654, a capture or the decode command can carry); FUZZ_MAX_LEN_<target> overrides it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-seconds="${FUZZ_SECONDS:-30}"
+seconds="${FUZZ_SECONDS:-15}"
 shopt -s nullglob
 ran=0
 for bin in build/fuzz/fuzz/*Fuzz; do

@@ -11,7 +11,7 @@ export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 
 echo "== fuzz targets (clang, ASan + UBSan, bounded)"
 # The NLRI parser is where a peer's bytes enter: it gets longer than the others.
-export FUZZ_SECONDS_FlowspecParseNlriFuzz="${FUZZ_SECONDS_FlowspecParseNlriFuzz:-90}"
+export FUZZ_SECONDS_FlowspecParseNlriFuzz="${FUZZ_SECONDS_FlowspecParseNlriFuzz:-60}"
 scripts/build.sh fuzz
 scripts/fuzz.sh
 
