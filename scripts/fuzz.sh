@@ -15,7 +15,7 @@ for bin in build/fuzz/fuzz/*Fuzz; do
   time="${!override:-$seconds}"
   case "$name" in
     FlowspecParseNlriFuzz|BgpUpdateDecoderFuzz|BgpMessageFuzz|BgpCaptureFuzz|OriginatedRuleFuzz|UnicastNlriFuzz) max_len=65535 ;;
-    ControlRequestFuzz|ApiPathFuzz) max_len=65536 ;;
+    ControlRequestFuzz|ApiPathFuzz|ImportPolicyFuzz) max_len=65536 ;;
     MetricsRequestFuzz) max_len=8192 ;;
     *) max_len=4096 ;;
   esac

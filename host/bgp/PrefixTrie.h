@@ -210,7 +210,7 @@ class PrefixTrie {
       T value{};
    };
 
-   static unsigned bit(Address const& a, unsigned i) { return (a[i / 8] >> (7 - i % 8)) & 1u; }
+   static unsigned bit(Address const& a, unsigned i) { return static_cast<unsigned>(a[i / 8] >> (7 - i % 8)) & 1u; }
    static Address masked(Address a, unsigned len) {
       if (len >= kMaxLen) return a;
       unsigned const whole = len / 8;

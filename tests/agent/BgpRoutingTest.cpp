@@ -222,7 +222,7 @@ std::vector<Bytes> manyRules(std::uint32_t first, std::uint32_t count) {
    for (std::uint32_t i = 0; i < count; i += 600) {
       std::string nlri;
       for (std::uint32_t n = first + i; n < first + std::min(count, i + 600); ++n) {
-         char b[16];
+         char b[24];
          std::snprintf(b, sizeof b, "0501180a%04x", n);
          nlri += b;
       }

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <initializer_list>
+#include <vector>
 #include <map>
 #include <optional>
 #include <string>
@@ -84,7 +84,7 @@ struct Env {
    Ovk::Ptr<RuleValidation> validation = Ovk::makePtr<RuleValidation>(unicast[false], unicast[true]);
 
    // Attributes with an AS_SEQUENCE of `path` (empty: an empty AS_PATH).
-   Ovk::Ptr<RtAttr const> attrs(std::initializer_list<std::uint32_t> path) {
+   Ovk::Ptr<RtAttr const> attrs(std::vector<std::uint32_t> const& path) {
       PathAttributesContents c;
       c.asPathLength = static_cast<std::uint32_t>(path.size());
       c.neighborAs = path.size() ? *path.begin() : 0;
@@ -97,7 +97,7 @@ struct Env {
       auto const p = *Ovnet::IpGenPrefix::parse(prefix);
       return unicastRouteKeyFactory(p)->dedupRouteKey(unicastKeys[p.af() == Ovnet::AddressFamily::ipv6].ptr());
    }
-   void route(char const* prefix, RibSource from, std::initializer_list<std::uint32_t> path) {
+   void route(char const* prefix, RibSource from, std::vector<std::uint32_t> const& path) {
       auto const k = unicastKey(prefix);
       tableOf(*k).pathIs(*k, from, attrs(path));
    }
@@ -118,7 +118,7 @@ struct Env {
       std::optional<Ovnet::IpGenPrefix> const p = *dest ? Ovnet::IpGenPrefix::parse(dest) : std::nullopt;
       return newRouteKey<RuleKey>(p, offset)->dedupRouteKey(ruleKeys.ptr());
    }
-   std::string judge(RouteKey const& rule, RibSource from, std::initializer_list<std::uint32_t> path) {
+   std::string judge(RouteKey const& rule, RibSource from, std::vector<std::uint32_t> const& path) {
       std::optional<ImportRefusal> const why = validation->judge(rule, attrs(path)->contents(), from);
       return why ? toStrep(*why) : "feasible";
    }
@@ -127,7 +127,7 @@ struct Env {
 struct Route {
    char const* prefix;
    char const* from; // "A", "A2", "B", "I", "I2"
-   std::initializer_list<std::uint32_t> path;
+   std::vector<std::uint32_t> path;
 };
 
 TEST(ValidationTest, DecisionTable) {
@@ -137,7 +137,7 @@ TEST(ValidationTest, DecisionTable) {
       char const* dest; // "" for none
       std::uint8_t offset;
       char const* from;
-      std::initializer_list<std::uint32_t> path;
+      std::vector<std::uint32_t> path;
       char const* outcome;
    };
    Row const rows[] = {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <sys/stat.h>
@@ -70,7 +71,7 @@ TEST(FileTrustTest, LinksAreRefusedOrFollowed) {
    std::ofstream(d.path + "/file") << "x";
    EXPECT_NE(pathTrustProblem(d.path + "/file/agent.sock").find("is not a directory"), std::string::npos);
    // A relative path is read from the working directory.
-   EXPECT_EQ(pathTrustProblem("agent.sock"), pathTrustProblem(std::string(::getcwd(nullptr, 0)) + "/agent.sock"));
+   EXPECT_EQ(pathTrustProblem("agent.sock"), pathTrustProblem(std::filesystem::current_path().string() + "/agent.sock"));
 }
 
 TEST(FileTrustTest, ADirectoryOfAnotherUserIsRefused) {
